@@ -1,0 +1,25 @@
+# SPDX-License-Identifier: BSD-3-Clause
+# Every package the project links, found once. packages.txt installs them.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(Protobuf REQUIRED)
+
+pkg_check_modules(DPDK REQUIRED IMPORTED_TARGET libdpdk)
+pkg_check_modules(URCU REQUIRED IMPORTED_TARGET liburcu-qsbr liburcu-cds)
+pkg_check_modules(GLOG REQUIRED IMPORTED_TARGET libglog)
+
+# Debian's libdpdk.pc carries -march=corei7, which comes last on the command line and would override
+# the baseline that OpenFlowHelpers.cmake sets.
+get_target_property(dpdk_options PkgConfig::DPDK INTERFACE_COMPILE_OPTIONS)
+list(FILTER dpdk_options EXCLUDE REGEX "^-march=")
+set_target_properties(PkgConfig::DPDK PROPERTIES INTERFACE_COMPILE_OPTIONS "${dpdk_options}")
+
+if(NOT BESS_CORE_DIR)
+  find_package(CLI11 REQUIRED)
+  find_package(fmt REQUIRED)
+  find_package(nlohmann_json REQUIRED)
+  pkg_check_modules(PCAP REQUIRED IMPORTED_TARGET libpcap)
+  if(BUILD_TESTING)
+    find_package(GTest REQUIRED)
+  endif()
+endif()

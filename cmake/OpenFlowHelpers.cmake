@@ -1,0 +1,60 @@
+# SPDX-License-Identifier: BSD-3-Clause
+# What every target of this project shares: language level, baseline processor, warnings, sanitizers.
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+# of_target(NAME): compile NAME as this project's own code. The processor baseline is the one that Debian's DPDK
+# itself needs (SSE4.2); wider code is chosen at run time, never here.
+function(of_target name)
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  set_target_properties(${name} PROPERTIES CXX_EXTENSIONS ON POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(${name} PRIVATE
+    -march=x86-64-v2 -Wall -Wextra -Wpedantic -Wno-gnu-zero-variadic-macro-arguments
+    $<$<BOOL:${OPENFLOW_WERROR}>:-Werror>)
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  of_sanitize(${name})
+endfunction()
+
+function(of_sanitize name)
+  if(OPENFLOW_SANITIZE)
+    target_compile_options(${name} PRIVATE -fsanitize=${OPENFLOW_SANITIZE} -fno-omit-frame-pointer
+                           -fno-sanitize-recover=all)
+    target_link_options(${name} PUBLIC -fsanitize=${OPENFLOW_SANITIZE})
+  endif()
+endfunction()
+
+# of_proto_library(NAME ROOT FILE...): a shared library of generated messages, importable by paths relative to
+# ROOT. It stays loaded once loaded: a descriptor that registers twice aborts the process.
+function(of_proto_library name root)
+  set(out ${CMAKE_CURRENT_BINARY_DIR}/${name})
+  file(MAKE_DIRECTORY ${out})
+  set(generated)
+  foreach(file IN LISTS ARGN)
+    string(REGEX REPLACE "\\.proto$" "" stem ${file})
+    add_custom_command(
+      OUTPUT ${out}/${stem}.pb.cc ${out}/${stem}.pb.h
+      COMMAND protobuf::protoc --cpp_out=${out} -I ${root} ${root}/${file}
+      DEPENDS ${root}/${file} VERBATIM)
+    list(APPEND generated ${out}/${stem}.pb.cc ${out}/${stem}.pb.h)
+  endforeach()
+  add_library(${name} SHARED ${generated})
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_include_directories(${name} SYSTEM PUBLIC $<BUILD_INTERFACE:${out}>)
+  target_link_libraries(${name} PUBLIC protobuf::libprotobuf)
+  target_link_options(${name} PRIVATE -Wl,-z,nodelete)
+  of_sanitize(${name})
+endfunction()
+
+# of_test(NAME SOURCES... [LIBS LIBS...] [LABELS ...]): one GoogleTest program and its ctest entry. A program is one
+# entry because most of them start the EAL, which is done once a process.
+function(of_test name)
+  cmake_parse_arguments(arg "" "" "LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  of_target(${name})
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600 LABELS "${arg_LABELS}")
+endfunction()
