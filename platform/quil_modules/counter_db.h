@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+namespace QuilModules {
+
+// One worker's counters. Only that worker adds; anyone may read meanwhile.
+class WorkerCounters {
+ public:
+  explicit WorkerCounters(uint32_t size)
+      : size_(size), counters_(new std::atomic<uint64_t>[size] {}) {}
+
+  // A counter that does not exist counts nothing.
+  void add(uint32_t id, uint64_t n) {
+    if (id < size_) {
+      // Not fetch_add: with one writer a plain addition is enough.
+      std::atomic<uint64_t>& counter = counters_[id];
+      counter.store(counter.load(std::memory_order_relaxed) + n,
+                    std::memory_order_relaxed);
+    }
+  }
+
+  // 0 for a counter that does not exist.
+  uint64_t read(uint32_t id) const {
+    return id < size_ ? counters_[id].load(std::memory_order_relaxed) : 0;
+  }
+
+  uint32_t size() const { return size_; }
+
+ private:
+  const uint32_t size_;
+  const std::unique_ptr<std::atomic<uint64_t>[]> counters_;
+};
+
+// The counters of all workers, by worker index. Made and destroyed on the
+// control thread; a worker reads its own entry, on the way of every packet.
+class CounterDb {
+ public:
+  static constexpr int kMaxWorkers = 16;
+
+  // Null when the worker has no counters or cannot exist.
+  WorkerCounters* operator[](int wid) const {
+    return wid >= 0 && wid < kMaxWorkers
+               ? workers_[wid].load(std::memory_order_acquire)
+               : nullptr;
+  }
+
+  // Gives worker `wid` counters, all zero. False, and nothing changed, when it
+  // has some already or cannot exist.
+  bool create(int wid, uint32_t numCounters);
+
+  // Takes them away, and waits until no worker can be using them.
+  void destroy(int wid);
+
+  // A counter over all workers; not a snapshot while they run.
+  uint64_t sum(uint32_t id) const;
+
+ private:
+  // Plain pointers, so that the database needs no destruction at exit, when
+  // workers may still run.
+  std::array<std::atomic<WorkerCounters*>, kMaxWorkers> workers_{};
+};
+
+extern CounterDb bessCounterDb;
+
+}  // namespace QuilModules
