@@ -275,22 +275,7 @@ Ring::Found Ring::copyRecord(uint64_t position, Record& record) const {
   return Found::kStatement;
 }
 
-std::vector<Entry> Ring::read() const {
-  std::vector<Entry> entries;
-  uint64_t position = 0;
-  for (;;) {
-    Reading reading = readSince(position);
-    std::move(reading.entries.begin(), reading.entries.end(),
-              std::back_inserter(entries));
-    // Over the unfinished statement in front of which the reading stopped.
-    position = reading.next + 1;
-    if (position > head_.load(std::memory_order_acquire)) {
-      return entries;
-    }
-  }
-}
-
-Reading Ring::readSince(uint64_t position) const {
+Reading Ring::walk(uint64_t position, bool skipUnfinished) const {
   const Clock clock(*this);
   const uint64_t head = head_.load(std::memory_order_acquire);
   const uint64_t oldest = head > numCells() ? head - numCells() : 0;
@@ -307,16 +292,23 @@ Reading Ring::readSince(uint64_t position) const {
         break;
       case Found::kUnfinished:
         // What has not come for half a turn was dropped: do not wait for it.
-        if (head - reading.next < numCells() / 2) {
+        if (!skipUnfinished && head - reading.next < numCells() / 2) {
           return reading;
         }
-        [[fallthrough]];
+        reading.next++;
+        break;
       case Found::kNothing:
         reading.next++;
         break;
     }
   }
   return reading;
+}
+
+std::vector<Entry> Ring::read() const { return walk(0, true).entries; }
+
+Reading Ring::readSince(uint64_t position) const {
+  return walk(position, false);
 }
 
 void write(const Site& site, std::span<const Argument> arguments) {

@@ -102,6 +102,7 @@ class Ring {
   Found copyCell(uint64_t position, uint64_t wantedState,
                  std::array<uint64_t, kCellWords>& words) const;
   Found copyRecord(uint64_t position, Record& record) const;
+  Reading walk(uint64_t position, bool skipUnfinished) const;
 
   const uint64_t mask_;
   const std::unique_ptr<Cell[]> cells_;

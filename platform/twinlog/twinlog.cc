@@ -59,7 +59,7 @@ void addStandardErrorSink() {
 }
 
 void writeText(const Ringlog::Site& site,
-               std::span<const Ringlog::Argument> arguments) {
+               std::span<const Ringlog::Argument> arguments) noexcept {
   if (inSink) {
     return;
   }

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <functional>
+#include <span>
 #include <string>
 
 #include "platform/mio/trace_handle.h"
@@ -22,7 +25,8 @@ struct Message {
 };
 
 // Gets the messages one at a time, on the thread that traces. What a sink
-// traces itself goes to the ring only. It must not add or remove sinks.
+// traces itself goes to the ring only. It must not throw, nor add or remove
+// sinks.
 using Sink = std::function<void(const Message&)>;
 using SinkId = unsigned;
 
@@ -37,8 +41,9 @@ void removeSink(SinkId id);
 // Puts the sink on standard error back.
 void addStandardErrorSink();
 
+// Formats a statement for the sinks. For TWINLOG_TRACE.
 void writeText(const Ringlog::Site& site,
-               std::span<const Ringlog::Argument> arguments);
+               std::span<const Ringlog::Argument> arguments) noexcept;
 
 template <size_t kPlaceholders, class... Args>
 void trace(const Mio::TraceHandle& handle, const Ringlog::Site& site,
