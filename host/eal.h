@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace bess {
+
+struct EalOptions {
+  // Memory for packets, classifiers and DPDK's heap. Without hugepages it is
+  // taken from the system as it is touched and cannot grow beyond this.
+  size_t memory_mb = 512;
+  bool hugepages = false;
+
+  // Let DPDK look for PCI devices. Without, only virtual ones can be used.
+  bool pci = false;
+
+  // Widest vector, in bits, that DPDK's libraries may use on processors that
+  // have it.
+  unsigned max_simd_bits = 512;
+
+  // Only errors on standard error.
+  bool quiet = true;
+
+  // Further arguments, as DPDK programs take them on their command line.
+  std::vector<std::string> extra_args;
+};
+
+// Starts DPDK's environment, once a process; later calls do nothing, whatever
+// their options. Answers an error text for a person, empty on success. The
+// calling thread becomes DPDK's main lcore but stays on the processors that it
+// may run on.
+std::string InitEal(const EalOptions& options = {});
+
+// Whether InitEal has succeeded.
+bool EalReady();
+
+}  // namespace bess
