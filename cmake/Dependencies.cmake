@@ -3,6 +3,7 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(Protobuf REQUIRED)
+find_package(fmt REQUIRED)
 
 pkg_check_modules(DPDK REQUIRED IMPORTED_TARGET libdpdk)
 pkg_check_modules(URCU REQUIRED IMPORTED_TARGET liburcu-qsbr liburcu-cds)
@@ -16,7 +17,6 @@ set_target_properties(PkgConfig::DPDK PROPERTIES INTERFACE_COMPILE_OPTIONS "${dp
 
 if(NOT BESS_CORE_DIR)
   find_package(CLI11 REQUIRED)
-  find_package(fmt REQUIRED)
   find_package(nlohmann_json REQUIRED)
   pkg_check_modules(PCAP REQUIRED IMPORTED_TARGET libpcap)
   if(BUILD_TESTING)

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// What a flow does to its packets, resolved once when the flow is added: one
+// bit an action, every argument in the form in which packets get it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+
+inline constexpr int kMaxOutputGates = 64;
+
+// Bit 0 is the lowest bit of the first byte.
+struct OfActionFields {
+  uint8_t setEthDst : 1;
+  uint8_t setEthSrc : 1;
+  uint8_t setVlanVid : 1;
+  uint8_t setVlanPcp : 1;
+  uint8_t setIpTos : 1;
+  uint8_t setIpv4Src : 1;
+  uint8_t setIpv4Dst : 1;
+  uint8_t setL4SrcPort : 1;
+  uint8_t setL4DstPort : 1;
+  uint8_t setIcmpType : 1;
+  uint8_t setIcmpCode : 1;
+  uint8_t setOutputAll : 1;    // to every listed gate but the in-port
+  uint8_t setOutputFlood : 1;  // the same
+  uint8_t setOutputPort : 1;   // to every listed gate
+  uint8_t setOutputInPort : 1;
+  uint8_t setOutputController : 1;
+  uint8_t setOutputDrop : 1;
+  uint8_t popVlan : 1;
+  uint8_t decTtl : 1;
+  uint8_t gotoTbl : 1;
+};
+static_assert(sizeof(OfActionFields) == 3);
+
+// Arguments; "network" ones are stored in network order, ready to be written.
+struct OfActionValues {
+  uint8_t ethDst[6];
+  uint8_t ethSrc[6];
+  uint16_t vlanVid;  // network
+  uint8_t vlanPcp;
+  uint8_t ipTos;
+  uint32_t ipv4Src;    // network
+  uint32_t ipv4Dst;    // network
+  uint16_t l4SrcPort;  // network
+  uint16_t l4DstPort;  // network
+  uint8_t icmpType;
+  uint8_t icmpCode;
+  uint8_t nextTbl;
+  bool outputControllerTrap;
+  uint8_t outputControllerReason;
+  uint8_t numOutputGates;
+  uint16_t ogate[kMaxOutputGates];  // host order, numOutputGates of them used
+};
+
+// Aligned to a cache line so that workers copy it with wide moves.
+struct alignas(64) OfFlowAction {
+  uint32_t priority;  // 0: no action matched
+  uint32_t packetCounterId;
+  uint32_t byteCounterId;
+  OfActionFields fields;
+  OfActionValues values;
+};
+static_assert(sizeof(OfFlowAction) == 192);
+static_assert(offsetof(OfFlowAction, fields) == 12);
+static_assert(offsetof(OfFlowAction, values) == 16);
+
+// For traces. One-byte arguments are printed as one character, and the bits of
+// setOutputAll and setOutputFlood are left out: readers of traces know it so.
+std::ostream& operator<<(std::ostream& out, const OfActionFields& fields);
+std::ostream& operator<<(std::ostream& out, const OfActionValues& values);
