@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Builds a classifier out of all flows of one table and family and publishes
+// it: build aside, exchange one pointer, retire the old one after a grace
+// period. The slot keeps what it has when a build fails.
+#include <fmt/core.h>
+#include <glog/logging.h>
+#include <rte_acl.h>
+#include <urcu-qsbr.h>
+#include <urcu/rculfhash.h>
+
+#include <cstring>
+#include <string>
+
+#include "modules/openflow/openflow.h"
+#include "modules/openflow/tables/acl_retire.h"
+#include "modules/openflow/trace.h"
+
+namespace {
+
+// "table3-7" or "table3-ipv6-8", by the slot's next free generation number. A
+// name can be taken by another instance's classifier or by a retired one that
+// still waits for its grace period; rte_acl_create would hand that one out.
+std::string nextAclCtxName(uint8_t tableId, bool ipv6,
+                           QuilModules::AclCtx* slot) {
+  std::string name;
+  do {
+    slot->generation++;
+    name = fmt::format("table{}-{}{}", tableId, ipv6 ? "ipv6-" : "",
+                       slot->generation);
+  } while (rte_acl_find_existing(name.c_str()) != nullptr);
+  return name;
+}
+
+// rte_acl takes priorities from 1 up. With a flow of priority 0 among them all
+// rules move up by one, so that their order stays; one at the top stays there.
+// Actions keep their flow's own priority, by which workers see the 0.
+template <typename FLOW_TYPE>
+void makeRoomForPriorityZero(FLOW_TYPE* rules, uint32_t numRules) {
+  for (uint32_t i = 0; i < numRules; i++) {
+    auto priority = static_cast<uint32_t>(rules[i].data.priority);
+    if (priority != RTE_ACL_MAX_PRIORITY) {
+      rules[i].data.priority = static_cast<int32_t>(priority + 1);
+    }
+  }
+}
+
+}  // namespace
+
+const rte_acl_config& OpenFlow::aclConfigOf(
+    quil::pb::OpenFlowType flowType) const {
+  return flowType == quil::pb::OPENFLOW_TYPE_IPV6 ? ipv6AclConfig_ : aclConfig_;
+}
+
+template <typename FLOW_TYPE>
+void OpenFlow::collectRules(FLOW_TYPE* rules,
+                            QuilModules::KoAclUserdata* userdata,
+                            OpenFlowInfo<FLOW_TYPE>* info) {
+  uint32_t n = 0;
+  bool priorityZero = false;
+  using Node = typename OpenFlowStore<FLOW_TYPE>::Node;
+  cds_lfht_iter iter;
+  for (Node* node = info->flows->first(&iter); node != nullptr;
+       node = info->flows->next(&iter)) {
+    if (n == info->numFlows) {
+      const std::string errMsg =
+          fmt::format(" Incorrect flow count for tableId {} flowType {}",
+                      info->tableId, static_cast<int>(info->flowType));
+      CHECK(false && errMsg.c_str()) << errMsg;
+    }
+    OpenFlowEntry<FLOW_TYPE>* entry = node->value;
+    FLOW_TYPE& rule = rules[n];
+    std::memcpy(&rule, &entry->rule, info->ruleSize);
+    rule.data.userdata = n + 1;  // 0 is what a lookup without a match answers
+    makeAclUserdata(&entry->action, &userdata[n + 1]);
+    priorityZero |= rule.data.priority == 0;
+    n++;
+  }
+  if (priorityZero) {
+    makeRoomForPriorityZero(rules, n);
+  }
+}
+
+template <typename FLOW_TYPE>
+int OpenFlow::programAcl(FLOW_TYPE* rules, QuilModules::KoAclUserdata* userdata,
+                         OpenFlowInfo<FLOW_TYPE>* info) {
+  const uint8_t tableId = info->tableId;
+  const bool ipv6 = info->flowType == quil::pb::OPENFLOW_TYPE_IPV6;
+  uint64_t* counters = tables_[tableId].counters;
+  OF_TRACE(kTraceStep, "programAcl tableId: %s, flowType: %s", tableId,
+           info->flowType);
+  if (info->aclCtx == nullptr) {
+    OF_TRACE(kTraceError,
+             "programAcl No acl slot bound for tableId: %s, flowType: %s",
+             tableId, info->flowType);
+    delete[] userdata;
+    return -1;
+  }
+  if (info->numFlows == 0) {
+    OF_TRACE(kTraceStep,
+             "programAcl No more flows for tableId: %s, flowType: %s", tableId,
+             info->flowType);
+    delete[] userdata;
+    return updateAclCtx(info->aclCtx, nullptr, nullptr, 0);
+  }
+
+  collectRules(rules, userdata, info);
+
+  const std::string name = nextAclCtxName(tableId, ipv6, info->aclCtx);
+  OF_TRACE(kTraceStep, "programAcl aclCtxName: %s, numFlows: %s", name,
+           info->numFlows);
+
+  rte_acl_param param = {};
+  param.name = name.c_str();
+  param.socket_id = SOCKET_ID_ANY;
+  param.rule_size =
+      ipv6 ? RTE_ACL_RULE_SZ(kNumIpv6Fields) : RTE_ACL_RULE_SZ(kNumIpv4Fields);
+  param.max_rule_num = info->numFlows;
+  rte_acl_ctx* ctx = rte_acl_create(&param);
+  if (ctx == nullptr) {
+    OF_TRACE(kTraceError,
+             "programAcl Failed to create rte acl context: %s for tableId: %s, "
+             "flowType: %s",
+             name, tableId, info->flowType);
+    counters[kAclCreateFailures]++;
+    return -1;
+  }
+
+  int rc = rte_acl_add_rules(ctx, reinterpret_cast<rte_acl_rule*>(rules),
+                             info->numFlows);
+  if (rc != 0) {
+    OF_TRACE(kTraceError,
+             "programAcl Failed to add acl rules for aclCtx: %s, tableId: %s, "
+             "flowType: %s, numFlows: %s error: %s",
+             name, tableId, info->flowType, info->numFlows, rc);
+    rte_acl_free(ctx);
+    counters[kAclAddRulesFailures]++;
+    return -1;
+  }
+
+  rc = rte_acl_build(ctx, &aclConfigOf(info->flowType));
+  if (rc != 0) {
+    OF_TRACE(kTraceError,
+             "programAcl Failed to build acl for tableId: %s, flowType: %s "
+             "error: %s",
+             tableId, info->flowType, rc);
+    rte_acl_free(ctx);
+    counters[kAclBuildFailures]++;
+    return -1;
+  }
+
+  rc = updateAclCtx(info->aclCtx, ctx, userdata, info->numFlows);
+  if (rc != 0) {
+    OF_TRACE(kTraceError,
+             "programAcl Failed to update acl context for tableId: %s, "
+             "flowType: %s error: %s",
+             tableId, info->flowType, rc);
+    rte_acl_free(ctx);
+    return -1;
+  }
+  return 0;
+}
+
+int OpenFlow::updateAclCtx(QuilModules::AclCtx* slot, rte_acl_ctx* ctx,
+                           QuilModules::KoAclUserdata* userdata,
+                           uint32_t numUserdata) {
+  OF_TRACE(kTraceStep,
+           "int OpenFlow::updateAclCtx(AclCtx*, rte_acl_ctx*, KoAclUserdata*, "
+           "unsigned int): ");
+  QuilModules::AclCtxData* data = nullptr;
+  if (ctx != nullptr) {
+    OF_TRACE(kTraceDump, "updateAclCtx Allocating new acl context user data");
+    data = new QuilModules::AclCtxData{ctx, userdata, numUserdata};
+  }
+
+  // Pairs with the rcu_dereference of lookupFlowAcl: whoever sees `data` sees
+  // the whole build.
+  QuilModules::AclCtxData* old = rcu_xchg_pointer(&slot->data, data);
+  if (old != nullptr) {
+    if (old->ctx == slot->freedCtx) {
+      old->ctx = nullptr;  // a DeInit has freed it already
+    }
+    auto* retire = new AclCtxRetire{old, kAclTarget, {}};
+    call_rcu(&retire->head, freeAcxAsync);
+  }
+  slot->freedCtx = nullptr;
+  return 0;
+}
+
+template int OpenFlow::programAcl(of_flow_acl_rule*,
+                                  QuilModules::KoAclUserdata*,
+                                  OpenFlowInfo<of_flow_acl_rule>*);
+template int OpenFlow::programAcl(of_flow_acl_rule_ipv6*,
+                                  QuilModules::KoAclUserdata*,
+                                  OpenFlowInfo<of_flow_acl_rule_ipv6>*);
