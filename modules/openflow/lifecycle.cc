@@ -58,7 +58,6 @@ void* OpenFlow::operator new(size_t size) {
 
 void OpenFlow::operator delete(void* object) { rte_free(object); }
 
-// The memory comes zeroed; a second zeroing would only cost.
 OpenFlow::OpenFlow() : Module() { max_allowed_workers_ = Worker::kMaxWorkers; }
 
 OpenFlow::~OpenFlow() = default;

@@ -160,7 +160,7 @@ class OpenFlow final : public Module {
   const rte_acl_config& aclConfigOf(quil::pb::OpenFlowType flowType) const;
 
   Mio::Ptr<QuilModules::AclDb> aclDb_;
-  rte_acl_config aclConfig_;
-  rte_acl_config ipv6AclConfig_;
-  OpenFlowTable tables_[kNumTables];
+  rte_acl_config aclConfig_ = {};
+  rte_acl_config ipv6AclConfig_ = {};
+  OpenFlowTable tables_[kNumTables] = {};
 };

@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: BSD-3-Clause
+#include <cstdint>
+#include <functional>
+
 #include "modules/openflow/openflow.h"
 
 namespace {
 
-constexpr gate_idx_t kNumGates = 8192;  // the host's maximum, both directions
+constexpr uint16_t kNumGates = 8192;  // the host's maximum, both directions
+
+// The host's THREAD_SAFE, wherever it declares the enumeration.
+constexpr auto kThreadSafe = static_cast<decltype(Command::mt_safe)>(1);
 
 // Announces the module class when the library is loaded and withdraws it when
 // the library is unloaded.
@@ -23,11 +29,11 @@ class OpenFlow_class {
 // All three commands may run while workers run the module.
 const Commands OpenFlow::cmds = {
     {"updateFlows", "OpenFlowUpdateFlowsArg",
-     MODULE_CMD_FUNC(&OpenFlow::updateFlows), Command::THREAD_SAFE},
+     MODULE_CMD_FUNC(&OpenFlow::updateFlows), kThreadSafe},
     {"setAclIds", "OpenFlowAclArg", MODULE_CMD_FUNC(&OpenFlow::setAclIds),
-     Command::THREAD_SAFE},
+     kThreadSafe},
     {"getStats", "OpenFlowGetStatsArg", MODULE_CMD_FUNC(&OpenFlow::getStats),
-     Command::THREAD_SAFE},
+     kThreadSafe},
 };
 
 // Behind `cmds`, which its constructor copies.
