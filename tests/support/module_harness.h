@@ -6,23 +6,25 @@
 // comes out - packets in order, metadata, counters, drops, traces - comes back
 // as plain values.
 //
-//     ModuleHarness harness;                       // starts the EAL at the
-//     first use in the process harness.addFlows(0, {Flow(1,
-//     10).ipProto(6).decTtl().output({2})}); RunResult result =
-//     harness.run({Frame::eth().ipv4(kSrc, kDst).tcp(7, 80)});
-//     EXPECT_EQ(result.gates[2].size(), 1u);
-//     EXPECT_EQ(result.drops, 1u);                 // the received packet; what
-//     leaves is a copy
+//     ModuleHarness harness;  // starts the EAL at the first use in the process
+//     harness.addFlows(0, {Flow(1, 10).ipProto(6).decTtl().output({2})});
+//     RunResult result = harness.run({Frame::eth().ipv4(a, b).tcp(7, 80)});
+//     EXPECT_EQ(result.gate(2).size(), 1u);
+//     EXPECT_EQ(result.drops, 1u);  // the received packet: outputs are copies
 //
 // From a project of your own:
 //
 //     add_subdirectory(path/to/this/repository openflow)
 //     target_link_libraries(my_test PRIVATE openflow_test_support)
 //
-// (tests/consumer is such a project.) The library does not depend on a test
-// framework; what cannot work throws std::runtime_error. One harness is used by
-// one thread at a time; several may live at once when they take different
-// classifier slots (Options::firstSlot).
+// (tests/consumer is such a project.) The target brings the module's objects
+// along; a program that loads the module as a plug-in links
+// openflow_plugin_test_support instead. The library does not depend on a test
+// framework: what cannot work throws std::runtime_error, what is misused
+// std::invalid_argument.
+//
+// A harness is used by one thread at a time, except for run(). Several may live
+// at once when they take different classifier slots (firstSlot).
 #pragma once
 
 #include <cstdint>
@@ -60,9 +62,9 @@ struct HarnessOptions {
   // Counters that every worker used by run() gets in the counter database.
   uint32_t numFlowCounters = 1024;
 
-  // Take the module from this shared library instead of the objects linked into
-  // the program. module() is then not available, and table counters are read by
-  // "getStats".
+  // Load the module from this shared library, unless that has happened already.
+  // For programs without the module's objects. module() is not available then,
+  // and table counters are read by "getStats".
   std::string pluginPath;
 };
 
@@ -98,11 +100,16 @@ class ModuleHarness {
                    Family family = Family::kIpv4);
   quil::pb::OpenFlowGetStatsRespArg stats(uint32_t tableId);
 
+  // Deletes every flow that came through this harness and has not been deleted
+  // since, in all tables.
+  void clearFlows();
+
   // ---- Packets.
 
   // Hands at most kMaxBatch packets to the module as one batch of worker `wid`
-  // and returns what happened. It may be called from any thread; the call
-  // counts as one pass of that worker (an RCU reader while it lasts).
+  // and returns what happened. The calling thread does that worker's work.
+  // Other threads may run batches of other workers meanwhile; growths and
+  // buffers of a result then include theirs.
   RunResult run(const std::vector<InputPacket>& packets, int wid = 0);
 
   // Growth of worker wid's counter since the harness was made.
@@ -141,44 +148,6 @@ class ModuleHarness {
   // Starts the EAL and the command thread if that has not happened yet; for
   // tests that need DPDK without a module.
   static void startEal();
-
- private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
-};
-
-// Trace texts that entered the in-memory ring since the object was made, oldest
-// first.
-class TraceMark {
- public:
-  TraceMark();
-
-  struct Entry {
-    unsigned level;
-    std::string text;
-  };
-
-  // Those of the module's facility; the level is what the statement was written
-  // with.
-  std::vector<Entry> entries(const std::string& facility = "OpenFlow") const;
-  std::vector<std::string> texts(unsigned level) const;
-  bool contains(const std::string& text) const;
-
- private:
-  uint64_t position_;
-};
-
-// Sends the module's trace statements of the levels in `mask` (bit n for level
-// n) to a list while it lives, as the text log would get them, and restores the
-// levels afterwards.
-class TextTrace {
- public:
-  explicit TextTrace(uint32_t mask);
-  ~TextTrace();
-  TextTrace(const TextTrace&) = delete;
-  TextTrace& operator=(const TextTrace&) = delete;
-
-  std::vector<std::string> lines() const;
 
  private:
   class Impl;

@@ -4,6 +4,7 @@
 // packet's bytes, its metadata block, and the shape of the buffer it lies in.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -56,8 +57,10 @@ inline constexpr size_t kDefaultHeadroom = 128;
 
 struct InputPacket {
   InputPacket() = default;
-  InputPacket(Bytes frame, MetadataBlock block = {})
-      : bytes(std::move(frame)), meta(block) {}
+  // From bytes, or from anything that turns into bytes, such as a Frame.
+  template <std::convertible_to<Bytes> Source>
+  InputPacket(const Source& frame, MetadataBlock block = {})
+      : bytes(frame), meta(block) {}
 
   Bytes bytes;
   MetadataBlock meta;
