@@ -1,0 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+// How often the program has taken memory from the heap with new.
+int countAllocations();

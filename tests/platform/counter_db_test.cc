@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "platform/quil_modules/counter_db.h"
+
+#include <gtest/gtest.h>
+#include <urcu-qsbr.h>
+
+#include <limits>
+#include <thread>
+
+namespace {
+
+using QuilModules::bessCounterDb;
+using QuilModules::CounterDb;
+using QuilModules::WorkerCounters;
+
+TEST(WorkerCounters, CountsWhatExistsAndNothingElse) {
+  WorkerCounters counters(8);
+  EXPECT_EQ(counters.size(), 8u);
+  counters.add(0, 1);
+  counters.add(7, 1500);
+  counters.add(7, 64);
+  counters.add(8, 1);
+  counters.add(std::numeric_limits<uint32_t>::max(), 1);
+  EXPECT_EQ(counters.read(0), 1u);
+  EXPECT_EQ(counters.read(7), 1564u);
+  for (uint32_t id = 1; id < 7; id++) {
+    EXPECT_EQ(counters.read(id), 0u);
+  }
+  EXPECT_EQ(counters.read(8), 0u);
+  EXPECT_EQ(counters.read(std::numeric_limits<uint32_t>::max()), 0u);
+}
+
+TEST(WorkerCounters, MayBeEmpty) {
+  WorkerCounters counters(0);
+  counters.add(0, 1);
+  EXPECT_EQ(counters.read(0), 0u);
+}
+
+TEST(CounterDb, HasNoCountersAtFirst) {
+  for (int wid = -1; wid <= 17; wid++) {
+    EXPECT_EQ(bessCounterDb[wid], nullptr) << wid;
+  }
+  EXPECT_EQ(bessCounterDb.sum(0), 0u);
+}
+
+TEST(CounterDb, HoldsSixteenWorkers) {
+  CounterDb db;
+  for (const int wid : {-1, 16, 1000, std::numeric_limits<int>::min()}) {
+    EXPECT_FALSE(db.create(wid, 4)) << wid;
+    EXPECT_EQ(db[wid], nullptr);
+    db.destroy(wid);
+  }
+  for (int wid = 0; wid < 16; wid++) {
+    EXPECT_TRUE(db.create(wid, 4));
+    ASSERT_NE(db[wid], nullptr);
+    EXPECT_EQ(db[wid]->size(), 4u);
+    db[wid]->add(3, 10);
+  }
+  EXPECT_EQ(db.sum(3), 160u);
+  EXPECT_EQ(db.sum(2), 0u);
+  EXPECT_EQ(db.sum(4), 0u);
+  for (int wid = 0; wid < 16; wid++) {
+    db.destroy(wid);
+    EXPECT_EQ(db[wid], nullptr);
+  }
+  EXPECT_EQ(db.sum(3), 0u);
+}
+
+TEST(CounterDb, CreatesOnlyOnce) {
+  CounterDb db;
+  EXPECT_TRUE(db.create(2, 4));
+  db[2]->add(0, 5);
+  EXPECT_FALSE(db.create(2, 100));
+  EXPECT_EQ(db[2]->size(), 4u);
+  EXPECT_EQ(db[2]->read(0), 5u);
+  db.destroy(2);
+  EXPECT_TRUE(db.create(2, 100));
+  EXPECT_EQ(db[2]->size(), 100u);
+  EXPECT_EQ(db[2]->read(0), 0u);
+  db.destroy(2);
+}
+
+// A worker looks its counters up for every batch; they go only between two.
+TEST(CounterDb, WaitsForTheWorkerBeforeItFrees) {
+  CounterDb db;
+  ASSERT_TRUE(db.create(1, 4));
+  uint64_t counted = 0;
+  std::thread worker([&] {
+    rcu_register_thread();
+    while (WorkerCounters* counters = db[1]) {
+      for (int packet = 0; packet < 32; packet++) {
+        counters->add(0, 1);
+      }
+      counted = counters->read(0);
+      rcu_quiescent_state();
+    }
+    rcu_unregister_thread();
+  });
+  rcu_thread_offline();
+  while (db.sum(0) < 10000) {
+    std::this_thread::yield();
+  }
+  rcu_thread_online();
+  db.destroy(1);
+  rcu_thread_offline();
+  worker.join();
+  rcu_thread_online();
+  EXPECT_GE(counted, 10000u);
+  EXPECT_EQ(counted % 32, 0u);
+}
+
+}  // namespace
