@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// The sub-commands. Each adds itself to the program's command line and, when
+// it was asked for, runs and leaves the exit status.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace ofswitch {
+
+void addCheckCommand(CLI::App* app, int* status);
+
+}  // namespace ofswitch

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/flow/flow_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <utility>
+
+#include "switch/flow/action_parser.h"
+#include "switch/flow/action_plan.h"
+#include "switch/flow/match_parser.h"
+#include "switch/flow/numbers.h"
+#include "switch/flow/refused.h"
+#include "switch/flow/unsupported.h"
+#include "switch/flow/words.h"
+
+namespace ofswitch {
+namespace {
+
+// What "ovs-ofctl dump-flows" prints about a flow's past.
+constexpr std::string_view kHistory[] = {"duration", "n_packets", "n_bytes",
+                                         "idle_age", "hard_age"};
+
+struct LineReader {
+  const FlowReaderOptions& options;
+  Flow flow;
+
+  // Takes a word that is about the flow itself; false for a match field.
+  bool takeOwnWord(const Word& word) {
+    if (word.key == "table") {
+      flow.table = static_cast<uint8_t>(tableNumber(word));
+    } else if (word.key == "priority") {
+      flow.priority = number16(word);
+    } else if (word.key == "cookie") {
+      flow.cookie = cookie(word);
+    } else if (word.key == "idle_timeout") {
+      flow.idleTimeout = timeout(word);
+    } else if (word.key == "hard_timeout") {
+      flow.hardTimeout = timeout(word);
+    } else if (const auto reason = unsupportedFlag(word.key)) {
+      refuse("{}: {}", word.text, *reason);
+    } else {
+      return std::ranges::find(kHistory, word.key) != std::end(kHistory);
+    }
+    return true;
+  }
+
+  static uint64_t tableNumber(const Word& word) {
+    const auto table = toNumber(word.value);
+    if (!table || *table >= kNumTables) {
+      refuse("{}: tables are numbers from 0 to {}", word.text, kNumTables - 1);
+    }
+    return *table;
+  }
+
+  static uint16_t number16(const Word& word) {
+    return static_cast<uint16_t>(parseNumber(word.value, 0xffff, word.text));
+  }
+
+  static uint64_t cookie(const Word& word) {
+    if (word.value.find('/') != std::string_view::npos) {
+      refuse("{}: a cookie mask selects flows, it cannot be added", word.text);
+    }
+    return parseNumber(word.value, ~uint64_t{0}, word.text);
+  }
+
+  uint16_t timeout(const Word& word) const {
+    const uint16_t seconds = number16(word);
+    if (seconds != 0 && !options.allowTimeouts) {
+      refuse(
+          "{}: a capture is replayed faster than its clock, so flows do not "
+          "expire; leave it out",
+          word.text);
+    }
+    return seconds;
+  }
+};
+
+// Where the action list begins: the word "actions=" or "action=".
+std::pair<std::string_view, std::string_view> splitActions(
+    std::string_view line) {
+  for (size_t at = line.find("action"); at != std::string_view::npos;
+       at = line.find("action", at + 1)) {
+    if (at != 0 &&
+        std::string_view(", \t").find(line[at - 1]) == std::string_view::npos) {
+      continue;
+    }
+    const std::string_view rest = line.substr(at);
+    for (const std::string_view name : {"actions=", "action="}) {
+      if (rest.starts_with(name)) {
+        return {line.substr(0, at), rest.substr(name.size())};
+      }
+    }
+  }
+  refuse("no actions; write actions=drop for a flow that drops");
+}
+
+// Names that begin a line of "dump-flows" output before its flows.
+bool isDumpHeading(std::string_view line) {
+  return line.starts_with("NXST_FLOW reply") ||
+         line.starts_with("OFPST_FLOW reply");
+}
+
+}  // namespace
+
+Flow FlowReader::readLine(std::string_view line) const {
+  const auto [head, actions] = splitActions(line);
+  LineReader reader{options_, {}};
+  std::vector<Word> fields;
+  std::set<std::string_view> seen;
+  for (const Word& word : splitWords(head)) {
+    if (!reader.takeOwnWord(word)) {
+      fields.push_back(word);
+    } else if (!seen.insert(word.key).second) {
+      refuse("{}: {} stands in the flow twice", word.text, word.key);
+    }
+  }
+  Flow flow = std::move(reader.flow);
+  flow.match = parseMatch(fields);
+  const bool isTableMiss = flow.priority == 0 && flow.match == Match{};
+  flow.actions = parseActions(
+      actions, flow.match,
+      isTableMiss ? ControllerReason::kNoMatch : ControllerReason::kAction);
+  flow.text = trim(line);
+  planActions(flow);
+  return flow;
+}
+
+FlowFile FlowReader::read(std::istream& in, const std::string& name) const {
+  FlowFile file;
+  file.name = name;
+  std::string text;
+  for (int number = 1; std::getline(in, text); number++) {
+    std::string_view line = text;
+    line = trim(line.substr(0, line.find('#')));
+    if (line.empty() || isDumpHeading(line)) continue;
+    try {
+      Flow flow = readLine(line);
+      flow.file = name;
+      flow.line = number;
+      file.flows.push_back(std::move(flow));
+    } catch (const Refused& refused) {
+      file.refusals.push_back({name, number, refused.what()});
+    }
+  }
+  if (in.bad()) file.refusals.push_back({name, 0, "cannot be read to its end"});
+  return file;
+}
+
+FlowFile FlowReader::read(const std::string& path) const {
+  std::ifstream in(path);
+  if (!in) {
+    FlowFile file;
+    file.name = path;
+    file.refusals.push_back(
+        {path, 0, fmt::format("cannot open: {}", std::strerror(errno))});
+    return file;
+  }
+  return read(in, path);
+}
+
+}  // namespace ofswitch
