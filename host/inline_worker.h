@@ -31,6 +31,7 @@ class InlineWorker {
 
  private:
   QsbrReader reader_;
+  QsbrOffline offline_;
   bool lcore_here_;
   Context context_;
 };

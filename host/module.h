@@ -27,7 +27,7 @@ inline constexpr task_id_t INVALID_TASK_ID = UINT16_MAX;
 // Whether a module can run with the workers it has been given.
 enum CheckConstraintResult {
   CHECK_OK = 0,
-  CHECK_NONFATAL_ERROR = 1,  // it can, but not as meant: logged
+  CHECK_NONFATAL_ERROR = 1,  // it can, but not as meant
   CHECK_FATAL_ERROR = 2,     // it cannot: workers are not started
 };
 
@@ -154,11 +154,10 @@ class alignas(64) Module {
     bool active = false;  // written on the command thread, workers paused
   };
 
-  void RemoveIGateIfUnused(gate_idx_t igate);
   void DropOverflow(Context* ctx, bess::Packet* pkt);
 
   std::string name_;
-  ModuleBuilder* builder_ = nullptr;
+  const ModuleBuilder* builder_ = nullptr;
   std::vector<bess::IGate*> igates_;
   std::vector<bess::OGate*> ogates_;
   std::vector<std::unique_ptr<Task>> tasks_;

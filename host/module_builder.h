@@ -53,6 +53,9 @@ class ModuleBuilder {
   gate_idx_t NumOGates() const { return ogates_; }
   const Commands& cmds() const { return cmds_; }
 
+  // The path of the plug-in that registered it; empty when none did.
+  const std::string& owner() const { return owner_; }
+
   // A new instance that is not initialised yet. The caller owns it and deletes
   // it through Module's destructor.
   Module* CreateModule(const std::string& name) const;
@@ -73,6 +76,8 @@ class ModuleBuilder {
  private:
   friend class Module;
 
+  void Forget(Module* module) const;
+
   std::function<Module*()> generator_;
   std::string class_name_;
   std::string name_template_;
@@ -81,7 +86,7 @@ class ModuleBuilder {
   gate_idx_t ogates_;
   Commands cmds_;
   module_init_func_t init_;
-  std::string owner_;  // path of the plug-in that registered it, or empty
+  std::string owner_;
   mutable std::vector<Module*> instances_;
 };
 

@@ -79,13 +79,16 @@ class Task {
   // The batch itself must last until the end of the task run.
   void AddToRun(bess::IGate* igate, bess::PacketBatch* batch);
 
-  // One complete run. Sets the context's task and clock; its `wid` says which
-  // worker this thread is (see inline_worker.h for threads that are not).
+  // One complete run: StartRun, RunTask, RunPending. The context's `wid` says
+  // which worker this thread is; see inline_worker.h for threads that are none.
   task_result RunOnce(Context* ctx);
 
-  // Only the part of a run behind RunTask: carries what is queued or waits in
-  // gates to its end and frees the dead batch. RunOnce begins with it when
-  // something was emitted outside of a run.
+  // Rewinds the task's memory, after carrying what was emitted outside of a run
+  // to its end, and sets the context's task and clock.
+  void StartRun(Context* ctx);
+
+  // Carries what is queued or waits in gates to its end, and frees the dead
+  // batch.
   void RunPending(Context* ctx);
 
   // Hands on what waits in gates: queues their batches, in the order in which
@@ -127,6 +130,7 @@ class Task {
   Module* module_;
   void* arg_;
   int wid_ = -1;
+  double ns_per_cycle_;
 
   int pbatch_idx_ = 0;
   int gate_batch_idx_ = 0;

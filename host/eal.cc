@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "eal.h"
+
+#include <pthread.h>
+#include <rte_eal.h>
+#include <rte_errno.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <mutex>
+
+namespace bess {
+namespace {
+
+std::mutex mutex;
+bool ready = false;
+
+// DPDK can be started only once, even when that failed.
+bool attempted = false;
+
+// Such as "0@(0,1,5)": one lcore, on every processor that the thread may use.
+// The lcores of workers come later, with their threads.
+std::string MainLcore(const cpu_set_t& cpus) {
+  std::string list;
+  for (int cpu = 0; cpu < CPU_SETSIZE; cpu++) {
+    if (CPU_ISSET(cpu, &cpus)) {
+      list += (list.empty() ? "" : ",") + std::to_string(cpu);
+    }
+  }
+  return "0@(" + list + ")";
+}
+
+std::vector<std::string> Arguments(const EalOptions& options,
+                                   const cpu_set_t& cpus) {
+  std::vector<std::string> args = {
+      "bess",
+      "--lcores",
+      MainLcore(cpus),
+      "-m",
+      std::to_string(options.memory_mb),
+      "--no-telemetry",
+      "--force-max-simd-bitwidth=" + std::to_string(options.max_simd_bits),
+  };
+  if (options.hugepages) {
+    args.push_back("--file-prefix=bess" + std::to_string(getpid()));
+  } else {
+    args.insert(args.end(), {"--no-huge", "--no-shconf"});
+  }
+  if (!options.pci) {
+    args.push_back("--no-pci");
+  }
+  if (options.quiet) {
+    args.push_back("--log-level=*:error");
+  }
+  args.insert(args.end(), options.extra_args.begin(), options.extra_args.end());
+  return args;
+}
+
+}  // namespace
+
+std::string InitEal(const EalOptions& options) {
+  const std::lock_guard lock(mutex);
+  if (ready) {
+    return "";
+  }
+  if (attempted) {
+    return "DPDK cannot be started a second time after a failure";
+  }
+  attempted = true;
+
+  cpu_set_t cpus;
+  if (const int error =
+          pthread_getaffinity_np(pthread_self(), sizeof(cpus), &cpus)) {
+    return std::string("cannot read the processor affinity: ") +
+           rte_strerror(error);
+  }
+  // DPDK keeps pointers into the arguments and permutes the array.
+  static std::vector<std::string> args;
+  static std::vector<char*> argv;
+  args = Arguments(options, cpus);
+  for (std::string& arg : args) {
+    argv.push_back(arg.data());
+  }
+  argv.push_back(nullptr);
+  if (rte_eal_init(static_cast<int>(args.size()), argv.data()) < 0) {
+    std::string text = "DPDK does not start with";
+    for (const std::string& arg : args) {
+      text += " " + arg;
+    }
+    text += std::string(": ") + rte_strerror(rte_errno);
+    if (rte_errno == ENOMEM) {
+      text += options.hugepages ? "; are there enough free hugepages?"
+                                : "; is there that much free memory?";
+    }
+    return text;
+  }
+  pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
+  ready = true;
+  return "";
+}
+
+bool EalReady() {
+  const std::lock_guard lock(mutex);
+  return ready;
+}
+
+}  // namespace bess
