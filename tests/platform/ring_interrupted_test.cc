@@ -1,16 +1,19 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // A writer that is stopped in the middle of a statement: its text begins in a
-// page that cannot be read, and what happens meanwhile is done by the handler
-// of the fault, which then makes the page readable and lets the writer go on.
+// page that cannot be read, and the handler of the fault holds it until the
+// test has done what it wants to do meanwhile, and made the page readable.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/ringlog/ring.h"
@@ -29,9 +32,10 @@ class RingInterrupted : public testing::Test {
                                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     memset(page_, 'p', pageSize_);
     mprotect(page_, pageSize_, PROT_NONE);
-    current_ = this;
+    stopped_ = false;
+    goOn_ = false;
     struct sigaction action {};
-    action.sa_handler = [](int) { current_->onFault(); };
+    action.sa_handler = holdWriter;
     sigaction(SIGSEGV, &action, &oldAction_);
   }
   ~RingInterrupted() override {
@@ -41,12 +45,19 @@ class RingInterrupted : public testing::Test {
 
   // Writes a number and 200 bytes of the page, three cells in all, and runs
   // `meanwhile` when the number is stored and the text is not.
-  void writeInterrupted(std::function<void()> meanwhile) {
-    meanwhile_ = std::move(meanwhile);
-    const std::array arguments{Argument::of(1),
-                               Argument::ofText(std::string_view(page_, 200))};
-    ring_.write(Ringlog::internSite("Test", 2, "f", "%s %s"), arguments);
-    EXPECT_EQ(meanwhile_, nullptr) << "it did not run";
+  void writeInterrupted(const std::function<void()>& meanwhile) {
+    std::thread writer([this] {
+      const std::array arguments{
+          Argument::of(1), Argument::ofText(std::string_view(page_, 200))};
+      ring_.write(Ringlog::internSite("Test", 2, "f", "%s %s"), arguments);
+    });
+    while (!stopped_) {
+      std::this_thread::yield();
+    }
+    meanwhile();
+    mprotect(page_, pageSize_, PROT_READ);
+    goOn_ = true;
+    writer.join();
   }
 
   void write(int number) {
@@ -67,19 +78,18 @@ class RingInterrupted : public testing::Test {
   const std::string interrupted_ = "1 " + std::string(200, 'p');
 
  private:
-  void onFault() {
-    if (meanwhile_ == nullptr) {
+  static void holdWriter(int) {
+    if (stopped_.exchange(true)) {
       abort();  // a fault of the test itself
     }
-    meanwhile_();
-    meanwhile_ = nullptr;
-    mprotect(page_, pageSize_, PROT_READ);
+    while (!goOn_) {
+    }
   }
 
-  static inline RingInterrupted* current_;
+  static inline std::atomic<bool> stopped_;
+  static inline std::atomic<bool> goOn_;
   size_t pageSize_;
   char* page_;
-  std::function<void()> meanwhile_;
   struct sigaction oldAction_;
 };
 
