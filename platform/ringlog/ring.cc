@@ -80,21 +80,18 @@ uint32_t threadId() {
 class Ring::CellWriter {
  public:
   CellWriter(const Ring& ring, uint64_t position)
-      : ring_(ring), position_(position), state_(kHead) {
+      : ring_(ring), position_(position) {
     claim();
   }
 
   void put(uint64_t word) {
-    if (next_ == kCellWords) {
+    if (next_ == cell_->words.end()) [[unlikely]] {
       publish();
       position_++;
       state_ = kMore;
       claim();
     }
-    if (cell_ != nullptr) {
-      cell_->words[next_].store(word, std::memory_order_release);
-    }
-    next_++;
+    next_++->store(word, std::memory_order_release);
   }
 
   void putText(std::string_view text) {
@@ -112,32 +109,30 @@ class Ring::CellWriter {
   }
 
   void publish() {
-    if (cell_ != nullptr) {
-      cell_->words[0].store(stateOf(position_, state_),
-                            std::memory_order_release);
-    }
+    cell_->words[0].store(stateOf(position_, state_),
+                          std::memory_order_release);
   }
 
  private:
-  // Leaves cell_ null when the cell belongs to someone else: to a later
+  // Takes the waste cell when the ring's belongs to someone else: to a later
   // position, or to a writer who was stopped in the middle of it.
   void claim() {
-    std::atomic<uint64_t>& state = ring_.cellAt(position_).words[0];
-    uint64_t seen = state.load(std::memory_order_relaxed);
+    Cell& cell = ring_.cellAt(position_);
+    uint64_t seen = cell.words[0].load(std::memory_order_relaxed);
     const bool free =
         (seen & kStateMask) != kWriting && (seen >> kStateBits) <= position_;
-    const bool claimed = free && state.compare_exchange_strong(
+    const bool claimed = free && cell.words[0].compare_exchange_strong(
                                      seen, stateOf(position_, kWriting),
                                      std::memory_order_relaxed);
-    cell_ = claimed ? &ring_.cellAt(position_) : nullptr;
-    next_ = 1;
+    cell_ = claimed ? &cell : &ring_.wasteCell();
+    next_ = cell_->words.begin() + 1;
   }
 
   const Ring& ring_;
   uint64_t position_;
-  State state_;
-  Cell* cell_ = nullptr;
-  size_t next_ = 1;
+  State state_ = kHead;
+  Cell* cell_;
+  std::atomic<uint64_t>* next_;
 };
 
 // A statement as copied out of its cells.
@@ -199,7 +194,7 @@ Ring& Ring::instance() {
 
 Ring::Ring(size_t cells)
     : mask_(std::bit_ceil(std::max(cells, kMaxCells)) - 1),
-      cells_(new Cell[mask_ + 1]{}),
+      cells_(new Cell[numCells() + 1]{}),
       startTsc_(__rdtsc()),
       startTime_(std::chrono::steady_clock::now()) {}
 
@@ -218,8 +213,10 @@ void Ring::write(const Site& site, std::span<const Argument> arguments) {
     cells += (words - kHeadWords + kMoreWords - 1) / kMoreWords;
   }
 
+  // Before the additions below, which the processor would wait for.
+  const uint64_t tsc = __rdtsc();
   CellWriter out(*this, head_.fetch_add(cells, std::memory_order_relaxed));
-  out.put(__rdtsc());
+  out.put(tsc);
   out.put(reinterpret_cast<uintptr_t>(&site));
   out.put(uint64_t{threadId()} << 32 | cells);
   out.put(kindsOf(arguments));

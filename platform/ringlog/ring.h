@@ -99,6 +99,8 @@ class Ring {
   enum class Found { kStatement, kNothing, kUnfinished };
 
   Cell& cellAt(uint64_t position) const { return cells_[position & mask_]; }
+  // Behind the others: where dropped words go. Never read.
+  Cell& wasteCell() const { return cells_[numCells()]; }
   Found copyCell(uint64_t position, uint64_t wantedState,
                  std::array<uint64_t, kCellWords>& words) const;
   Found copyRecord(uint64_t position, Record& record) const;

@@ -17,6 +17,9 @@ namespace {
 
 std::mutex mutex;
 
+// liburcu's own threads wait for grace periods, too.
+thread_local bool countSyncs = false;
+
 template <class F>
 F* next(const char* name) {
   return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
@@ -31,11 +34,13 @@ State& state() {
 
 Scope::Scope() {
   rcu_barrier();
+  countSyncs = true;
   state() = State{};
 }
 
 Scope::~Scope() {
   rcu_barrier();
+  countSyncs = false;
   state() = State{};
 }
 
@@ -46,6 +51,7 @@ int countFrees(const void* p) {
 
 }  // namespace Interposed
 
+using Interposed::countSyncs;
 using Interposed::mutex;
 using Interposed::next;
 using Interposed::state;
@@ -81,7 +87,9 @@ int cds_lfht_del(cds_lfht* table, cds_lfht_node* node) {
 }
 
 void urcu_qsbr_synchronize_rcu(void) {
-  state().syncs++;
+  if (countSyncs) {
+    state().syncs++;
+  }
   static auto* real =
       next<decltype(urcu_qsbr_synchronize_rcu)>("urcu_qsbr_synchronize_rcu");
   real();
