@@ -48,6 +48,22 @@ function(of_proto_library name root)
   of_sanitize(${name})
 endfunction()
 
+# of_grpc_library(NAME ROOT FILE...): the same for files with services: messages, and servers' and clients' side of
+# each service ("FILE.grpc.pb.h").
+function(of_grpc_library name root)
+  of_proto_library(${name} ${root} ${ARGN})
+  set(out ${CMAKE_CURRENT_BINARY_DIR}/${name})
+  foreach(file IN LISTS ARGN)
+    string(REGEX REPLACE "\\.proto$" "" stem ${file})
+    add_custom_command(
+      OUTPUT ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h
+      COMMAND protobuf::protoc --grpc_out=${out} --plugin=protoc-gen-grpc=${GRPC_CPP_PLUGIN} -I ${root} ${root}/${file}
+      DEPENDS ${root}/${file} VERBATIM)
+    target_sources(${name} PRIVATE ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h)
+  endforeach()
+  target_link_libraries(${name} PUBLIC PkgConfig::GRPC)
+endfunction()
+
 # of_test(NAME SOURCES... [LIBS LIBS...] [LABELS ...]): one GoogleTest program and its ctest entry. A program is one
 # entry because most of them start the EAL, which is done once a process.
 function(of_test name)

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// What a running switch is made of, as its configuration file says it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace ofswitch {
+
+struct PortConfig {
+  uint16_t number = 0;  // 1 to 8191; what flows call it
+  std::string name;     // "port1" unless given
+  std::string device;   // a PCI address, or a virtual device with arguments
+  uint16_t queues = 1;  // to receive from; a device may have fewer to send
+  uint16_t mtu = 1500;
+};
+
+struct SwitchConfig {
+  std::string file;  // where it was read
+
+  std::vector<PortConfig> ports;  // ascending by number
+  // The core of each worker; -1 leaves a worker to the system's scheduler.
+  std::vector<int> workers = {-1};
+
+  size_t memoryMb = 512;
+  bool hugepages = false;
+  size_t packetBuffers = 16383;
+
+  std::vector<std::string> flowFiles;  // loaded before the first packet
+  std::string module;                  // path; empty: where it is installed
+
+  std::string controlSocket = "/run/ofswitch/control.sock";
+  // Where else the control door listens; empty: nowhere.
+  std::string controlAddress;
+  std::string tlsCertificate;
+  std::string tlsKey;
+  std::string tlsClientCa;
+
+  std::string metricsAddress = "127.0.0.1:9469";  // empty: not served
+  std::string controllerCapture;  // pcap of what goes to the controller
+
+  // Trace levels that also go to standard error, by facility.
+  std::map<std::string, uint32_t> logLevels;
+
+  // Flow counters of a worker; each rule of the module takes two.
+  uint32_t counters = 1u << 20;
+};
+
+// The text is one line that names file and line and says what would be right.
+struct ConfigError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Reads a configuration file; paths in it are relative to its folder. Throws
+// ConfigError.
+SwitchConfig loadConfig(const std::string& path);
+
+// The same from text; `name` stands in errors.
+SwitchConfig parseConfig(const std::string& text, const std::string& name);
+
+}  // namespace ofswitch

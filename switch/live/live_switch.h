@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// A switch that runs: its ports, its workers, one OpenFlow module and the
+// operator's flows.
+//
+//   port1 (rx) --+                      +--> gate 1 --> port1 (tx)
+//   port2 (rx) --+--> module "openflow"-+--> gate 2 --> port2 (tx)
+//                                       +--> gate 0 --> "controller"
+//
+// Gate N leads to port N. Table t is bound to slots 2t and 2t + 1 of the
+// classifier database. What goes to the controller is counted, kept for the
+// log and, if configured, written to a capture file.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "switch.pb.h"
+#include "switch/flow/translator.h"
+#include "switch/live/config.h"
+
+namespace ofswitch {
+
+// Why a switch cannot start: one line for a person.
+struct StartError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// A request of an operator that is wrong: one line for a person. Nothing has
+// changed.
+struct BadRequest : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// One a process. Every function may be called from any thread but a worker;
+// they take their turn on the host's command thread and wait for it. Replies
+// are messages because each of their readers (the control socket, --json,
+// metrics) wants them so.
+class LiveSwitch {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Now = std::function<Clock::time_point()>;
+  // Called on the command thread; must not wait.
+  using Progress = std::function<void(const pb::FlowProgress&)>;
+  // Answers false when it has seen enough.
+  using FlowVisitor = std::function<bool(const pb::FlowEntry&)>;
+
+  // `now` is what timeouts and ages go by.
+  explicit LiveSwitch(SwitchConfig config, Now now = Clock::now);
+  // Stops.
+  ~LiveSwitch();
+  LiveSwitch(const LiveSwitch&) = delete;
+  LiveSwitch& operator=(const LiveSwitch&) = delete;
+
+  // Starts the environment, opens the ports, loads the flow files, then lets
+  // the workers run. Throws StartError, and has then undone what it did.
+  void start();
+
+  // Stops receiving, sends what was received, takes everything apart.
+  void stop();
+
+  bool running() const;
+  const SwitchConfig& config() const;
+
+  // Lines for an operator about the start that are no errors, e.g. what
+  // hugepages would gain.
+  std::vector<std::string> startNotes() const;
+
+  // Everything of `change` or nothing of it. Whatever is wrong with the request
+  // stands in the reply; this throws nothing. Returns after a grace period, so
+  // that packets received from now on meet the new flows.
+  pb::FlowChangeReply changeFlows(const pb::FlowChange& change,
+                                  const Progress& progress = {});
+
+  // Visits the flows that `filter` selects as they are at one moment. The
+  // visitor runs on the calling thread. Throws BadRequest.
+  void dumpFlows(const pb::FlowFilter& filter,
+                 const FlowVisitor& visitor) const;
+
+  // The same for one flow of the module, by the identifiers that the module
+  // knows; nothing for one that is gone. A guard answers its flow.
+  std::optional<pb::FlowEntry> flowById(uint32_t flowId) const;
+  std::optional<pb::FlowEntry> flowByCounter(uint32_t packetCounterId) const;
+
+  // All flows as one consistent picture, for who has to compare their matches.
+  std::vector<InstalledFlow> installedFlows() const;
+
+  pb::TablesReply tables(const pb::TablesRequest& request) const;
+  pb::PortsReply ports() const;
+  pb::StatsReply stats() const;
+
+  // Entries of the trace ring from `request.since()` on that it selects, and
+  // the position to go on from. Never waits; `follow` is the caller's.
+  struct LogReading {
+    std::vector<pb::LogEntry> entries;
+    uint64_t next = 0;
+  };
+  LogReading readLog(const pb::LogRequest& request) const;
+
+  // Answers the levels that hold afterwards. Throws BadRequest for a facility
+  // that does not exist.
+  pb::LogLevels setLogLevels(const pb::LogLevels& levels);
+
+  // The numbers of the connected output gates, ascending, gate 0 included.
+  std::vector<uint16_t> connectedGates() const;
+
+  // The name of the OpenFlow instance in the host's graph.
+  static constexpr const char* kModuleName = "openflow";
+
+  // Looks after idle and hard timeouts now; also done once a second.
+  void expireFlows();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ofswitch
