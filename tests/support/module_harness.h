@@ -65,7 +65,7 @@ struct HarnessOptions {
   // Load the module from this shared library, unless that has happened already.
   // For programs without the module's objects. module() is not available then,
   // and table counters are read by "getStats".
-  std::string pluginPath;
+  std::string pluginPath = {};
 };
 
 class ModuleHarness {

@@ -30,15 +30,27 @@ ReferencePacket ReferencePacket::copy() const {
   twin.fill_ = fill_;
   twin.isCopy_ = true;
   twin.buffer_.assign(kBufferSize, fill_);
-  twin.start_ = kDefaultHeadroom;
-  twin.firstLength_ = std::min(all.size(), kDataRoom);
+
+  // Full headroom, unless that alone would take a segment more.
+  size_t at = 0;
+  twin.segments_ = 0;
+  do {
+    const size_t left = all.size() - at;
+    const bool tight = left > kDataRoom && left <= kBufferSize;
+    const size_t start = tight ? kBufferSize - left : kDefaultHeadroom;
+    const size_t length = std::min(left, kBufferSize - start);
+    if (twin.segments_++ == 0) {
+      twin.start_ = start;
+      twin.firstLength_ = length;
+    }
+    twin.lastTailroom_ = kBufferSize - start - length;
+    at += length;
+  } while (at < all.size());
+
   const auto split = all.begin() + static_cast<ptrdiff_t>(twin.firstLength_);
   std::copy(all.begin(), split,
             twin.buffer_.begin() + static_cast<ptrdiff_t>(twin.start_));
   twin.rest_.assign(split, all.end());
-  twin.segments_ =
-      std::max<size_t>(1, (all.size() + kDataRoom - 1) / kDataRoom);
-  twin.lastTailroom_ = twin.segments_ * kDataRoom - all.size();
   return twin;
 }
 

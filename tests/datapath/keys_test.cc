@@ -1,0 +1,364 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// The lookup keys of frames. A row states what every field of both keys holds;
+// a flow that matches all fields of the key exactly then has to hit, and a flow
+// that differs in any one field has to miss.
+#include <functional>
+
+#include "tests/datapath/datapath_test.h"
+#include "tests/support/reference_keys.h"
+
+namespace openflow_test {
+namespace {
+
+// Layer 3 and 4 fields of one key.
+struct Layers {
+  uint8_t proto = 0;
+  uint8_t tos = 0;
+  uint8_t ttl = 0;
+  uint16_t l4Src = 0;
+  uint16_t l4Dst = 0;
+  uint8_t tcpFlags = 0;
+  uint8_t icmpType = 0;
+  uint8_t icmpCode = 0;
+};
+
+struct KeyFields {
+  uint16_t ethType = 0;
+  uint16_t vlanTci = 0;
+  Layers ipv4 = {};
+  uint32_t arpTpa = 0;
+  uint32_t ipv4Src = 0;
+  uint32_t ipv4Dst = 0;
+  Layers ipv6 = {};
+  Ip6 ipv6Src{};
+  Ip6 ipv6Dst{};
+  uint64_t metadata = 0;
+  Mac ethDst = kDstMac;
+  Mac ethSrc = kSrcMac;
+};
+
+struct KeyCase {
+  const char* name;
+  InputPacket packet;
+  KeyFields key;
+};
+
+void PrintTo(const KeyCase& row, std::ostream* out) { *out << row.packet; }
+
+// Matches exactly the packets that have this key in the family.
+Flow exactFlow(const KeyFields& key, Family family) {
+  const Layers& layers = family == Family::kIpv6 ? key.ipv6 : key.ipv4;
+  Flow flow(1, 10);
+  flow.ethDst(key.ethDst).ethSrc(key.ethSrc).ethType(key.ethType);
+  flow.vlanVid(key.vlanTci, 0xffff).metadata(key.metadata);
+  flow.ipProto(layers.proto).ipTos(layers.tos).ipTtl(layers.ttl);
+  flow.l4SrcPort(layers.l4Src).l4DstPort(layers.l4Dst);
+  flow.tcpFlags(layers.tcpFlags);
+  flow.icmpType(layers.icmpType).icmpCode(layers.icmpCode);
+  if (family == Family::kIpv6) {
+    flow.ipv6Src(key.ipv6Src).ipv6Dst(key.ipv6Dst);
+  } else {
+    flow.arpTpa(key.arpTpa).ipv4Src(key.ipv4Src).ipv4Dst(key.ipv4Dst);
+  }
+  return flow.counters(kPackets, kByteCount).output({2});
+}
+
+class Keys : public DataPath, public ::testing::WithParamInterface<KeyCase> {
+ protected:
+  void expectHit(Family family) {
+    add(0, {exactFlow(GetParam().key, family)}, family);
+    const OutputPacket out = runOne(GetParam().packet, 2);
+    EXPECT_EQ(out.bytes, GetParam().packet.bytes);
+    EXPECT_EQ(out.meta.flags, 0u);
+  }
+};
+
+TEST_P(Keys, Ipv4Key) { expectHit(Family::kIpv4); }
+
+TEST_P(Keys, Ipv6Key) { expectHit(Family::kIpv6); }
+
+const InputPacket withMetadata(Frame frame, MetadataBlock block) {
+  return InputPacket(frame, block);
+}
+
+const uint64_t kMetadata = 0x1122334455667788;
+
+const Frame kTcp4 = Frame::eth().ipv4(kIpA, kIpB).tcp(7, 80, 0x12);
+const Frame kTcp6 = Frame::eth().ipv6(kIp6A, kIp6B).tcp(7, 80, 0x12);
+
+// The key of kTcp4 with other layers.
+KeyFields key4(Layers layers) {
+  return {.ethType = 0x0800, .ipv4 = layers, .ipv4Src = kIpA, .ipv4Dst = kIpB};
+}
+
+KeyFields key6(Layers layers) {
+  return {
+      .ethType = 0x86dd, .ipv6 = layers, .ipv6Src = kIp6A, .ipv6Dst = kIp6B};
+}
+
+KeyFields tagged(KeyFields key, uint16_t tci) {
+  key.vlanTci = tci;
+  return key;
+}
+
+KeyFields marked(KeyFields key, uint64_t metadata) {
+  key.metadata = metadata;
+  return key;
+}
+
+const Layers kTcpLayers = {
+    .proto = 6, .ttl = 64, .l4Src = 7, .l4Dst = 80, .tcpFlags = 0x12};
+const Layers kUdpLayers = {.proto = 17, .ttl = 64, .l4Src = 7, .l4Dst = 80};
+
+// What lies behind a cut frame in its buffer.
+constexpr uint8_t kBehind = 0xee;
+
+const KeyCase kCutRows[] = {
+    {"CutBehindTcpPort", Frame(kTcp4).keep(14 + 20 + 2),
+     key4({.proto = 6,
+           .ttl = 64,
+           .l4Src = 7,
+           .l4Dst = 0xeeee,
+           .tcpFlags = kBehind})},
+    {"CutBehindTcpFlags", Frame(kTcp4).keep(14 + 20 + 14), key4(kTcpLayers)},
+    {"CutBehindIpv4Header", Frame(kTcp4).keep(14 + 20),
+     key4({.proto = 6,
+           .ttl = 64,
+           .l4Src = 0xeeee,
+           .l4Dst = 0xeeee,
+           .tcpFlags = kBehind})},
+    {"CutInIpv4Source",
+     Frame(kTcp4).keep(14 + 14),
+     {.ethType = 0x0800,
+      .ipv4 = {.proto = 6,
+               .ttl = 64,
+               .l4Src = 0xeeee,
+               .l4Dst = 0xeeee,
+               .tcpFlags = kBehind},
+      .ipv4Src = 0x0a00eeee,
+      .ipv4Dst = 0xeeeeeeee}},
+    {"CutInUdpPorts",
+     Frame::eth().ipv4(kIpA, kIpB).udp(7, 80).keep(14 + 20 + 3),
+     key4({.proto = 17, .ttl = 64, .l4Src = 7, .l4Dst = 0x00ee})},
+    {"CutBehindIcmpType",
+     Frame::eth().ipv4(kIpA, kIpB).icmp(8, 0).keep(14 + 20 + 1),
+     key4({.proto = 1, .ttl = 64, .icmpType = 8, .icmpCode = kBehind})},
+    {"CutInIpv6Destination",
+     Frame(kTcp6).keep(14 + 38),
+     {.ethType = 0x86dd,
+      .ipv6 = {.proto = 6,
+               .ttl = 64,
+               .l4Src = 0xeeee,
+               .l4Dst = 0xeeee,
+               .tcpFlags = kBehind},
+      .ipv6Src = kIp6A,
+      .ipv6Dst = ip6("2001:db8::eeee")}},
+    {"CutBehindTag", Frame::eth().vlan(5).ipv4(kIpA, kIpB).keep(16),
+     tagged({.ethType = 0xeeee}, 5)},
+    {"CutBehindSource", Frame(kTcp4).keep(12), {.ethType = 0xeeee}},
+    {"CutInArpTarget",
+     Frame::eth().arp(kIpA, ip4("10.0.0.7")).keep(14 + 26),
+     {.ethType = 0x0806, .arpTpa = 0x0a00eeee}},
+    {"OneByte",
+     Frame(kTcp4).keep(1),
+     {.ethType = 0xeeee,
+      .ethDst = mac("02:ee:ee:ee:ee:ee"),
+      .ethSrc = mac("ee:ee:ee:ee:ee:ee")}},
+    {"Empty",
+     InputPacket(Bytes{}),
+     {.ethType = 0xeeee,
+      .ethDst = mac("ee:ee:ee:ee:ee:ee"),
+      .ethSrc = mac("ee:ee:ee:ee:ee:ee")}},
+};
+
+const KeyCase kLayer2Rows[] = {
+    {"Untagged", kTcp4, key4(kTcpLayers)},
+    {"Tagged", Frame::eth().vlan(5).ipv4(kIpA, kIpB).tcp(7, 80, 0x12),
+     tagged(key4(kTcpLayers), 5)},
+    {"TaggedWithPriority",
+     Frame::eth().vlan(100, 5, true).ipv4(kIpA, kIpB).tcp(7, 80, 0x12),
+     tagged(key4(kTcpLayers), 0xb064)},
+    {"TwoTags", Frame::eth().vlan(5).vlan(6).ipv4(kIpA, kIpB).tcp(7, 80),
+     tagged({.ethType = 0x8100}, 5)},
+    {"ServiceTag",
+     Frame::eth().qinq(5).vlan(6).ipv4(kIpA, kIpB).tcp(7, 80),
+     {.ethType = 0x88a8}},
+    {"ServiceTagInside", Frame::eth().vlan(5).qinq(6).ipv4(kIpA, kIpB),
+     tagged({.ethType = 0x88a8}, 5)},
+    {"Snap", Frame::eth().snap().ipv4(kIpA, kIpB).tcp(7, 80, 0x12),
+     key4(kTcpLayers)},
+    {"SnapAnyControl",
+     Frame::eth().snap(0x7f).ipv4(kIpA, kIpB).tcp(7, 80, 0x12),
+     key4(kTcpLayers)},
+    {"SnapThenTag", Frame::eth().snap().vlan(5).ipv6(kIp6A, kIp6B).udp(7, 80),
+     tagged(key6(kUdpLayers), 5)},
+    {"SnapThenLength",
+     Frame::eth().snap().snap().ipv4(kIpA, kIpB).tcp(7, 80),
+     {.ethType = 20 + 20 + 8}},
+    {"SnapOtherOui", Frame::eth().snap(3, 0x0000f8).ipv4(kIpA, kIpB), {}},
+    {"SnapOuiFirstByte", Frame::eth().snap(3, 0x010000).ipv4(kIpA, kIpB), {}},
+    {"SnapOuiSecondByte", Frame::eth().snap(3, 0x000100).ipv4(kIpA, kIpB), {}},
+    {"LlcOnly", Frame::eth().llc(0x42, 0x42).payload(35), {}},
+    {"LlcHalfSnap", Frame::eth().llc(0xaa, 0xab, 0).payload(Bytes(40)), {}},
+    {"LlcOtherHalf", Frame::eth().llc(0xab, 0xaa, 0).payload(Bytes(40)), {}},
+    {"TagThenLength", Frame::eth().vlan(5).snap().ipv4(kIpA, kIpB).tcp(7, 80),
+     tagged({.ethType = 8 + 20 + 20}, 5)},
+    {"LargestLength", Frame::eth().ethType(0x05ff).payload(60), {}},
+    {"SmallestType",
+     Frame::eth().ethType(0x0600).payload(60),
+     {.ethType = 0x0600}},
+    {"LengthZero", Frame::eth().ethType(0).payload(60), {}},
+    {"UnknownType",
+     Frame::eth().ethType(0x88b5).payload(60),
+     {.ethType = 0x88b5}},
+    {"Arp",
+     Frame::eth().arp(kIpA, ip4("10.0.0.7")),
+     {.ethType = 0x0806, .arpTpa = 0x0a000007}},
+    {"ArpReplyTagged", Frame::eth().vlan(5).arp(kIpA, ip4("10.0.0.7"), 2),
+     tagged({.ethType = 0x0806, .arpTpa = 0x0a000007}, 5)},
+    {"ArpBehindSnap",
+     Frame::eth().snap().arp(kIpA, ip4("10.0.0.7")),
+     {.ethType = 0x0806, .arpTpa = 0x0a000007}},
+};
+
+const KeyCase kIpRows[] = {
+    {"Ipv4TosAndTtl", Frame(kTcp4).tos(0xb9).ttl(3),
+     key4({.proto = 6,
+           .tos = 0xb9,
+           .ttl = 3,
+           .l4Src = 7,
+           .l4Dst = 80,
+           .tcpFlags = 0x12})},
+    {"Ipv4Udp", Frame::eth().ipv4(kIpA, kIpB).udp(7, 80).payload(32),
+     key4(kUdpLayers)},
+    {"Ipv4Icmp", Frame::eth().ipv4(kIpA, kIpB).icmp(8, 3),
+     key4({.proto = 1, .ttl = 64, .icmpType = 8, .icmpCode = 3})},
+    {"Ipv4ProtocolOfIcmpv6", Frame::eth().ipv4(kIpA, kIpB).icmp(8, 3).proto(58),
+     key4({.proto = 58, .ttl = 64})},
+    {"Ipv4OtherProtocol", Frame::eth().ipv4(kIpA, kIpB).proto(47).payload(40),
+     key4({.proto = 47, .ttl = 64})},
+    {"Ipv4Options6", Frame(kTcp4).options(6), key4(kTcpLayers)},
+    {"Ipv4Options15", Frame(kTcp4).options(15), key4(kTcpLayers)},
+    {"Ipv4FirstFragment", Frame(kTcp4).fragment(0, true), key4(kTcpLayers)},
+    {"Ipv4LaterFragment", Frame(kTcp4).fragment(100, false), key4(kTcpLayers)},
+    {"Ipv4HeaderWords0", Frame(kTcp4).rawIhl(0),
+     key4({.proto = 6,
+           .ttl = 64,
+           .l4Src = 0x4000,
+           .l4Dst = 0x0028,
+           .tcpFlags = 0x00})},
+    {"Ipv4HeaderWords4", Frame(kTcp4).rawIhl(4),
+     key4({.proto = 6,
+           .ttl = 64,
+           .l4Src = 0x0a00,
+           .l4Dst = 0x0002,
+           .tcpFlags = 0x06})},
+    {"Ipv6Tcp", kTcp6, key6(kTcpLayers)},
+    {"Ipv6UdpTagged", Frame::eth().vlan(5).ipv6(kIp6A, kIp6B).udp(7, 80),
+     tagged(key6(kUdpLayers), 5)},
+    {"Ipv6ClassAndHops", Frame(kTcp6).tos(0xb9).ttl(3).flowLabel(0xfffff),
+     key6({.proto = 6,
+           .tos = 0xb9,
+           .ttl = 3,
+           .l4Src = 7,
+           .l4Dst = 80,
+           .tcpFlags = 0x12})},
+    {"Ipv6Icmp", Frame::eth().ipv6(kIp6A, kIp6B).icmp(128, 3),
+     key6({.proto = 58, .ttl = 64, .icmpType = 128, .icmpCode = 3})},
+    {"Ipv6ProtocolOfIcmp", Frame::eth().ipv6(kIp6A, kIp6B).icmp(8, 3).proto(1),
+     key6({.proto = 1, .ttl = 64})},
+    {"Ipv6HopByHop", Frame(kTcp6).hopByHop(), key6({.ttl = 64})},
+    {"MetadataValid",
+     withMetadata(kTcp4, MetadataBlock{}.withMetadata(kMetadata)),
+     marked(key4(kTcpLayers), kMetadata)},
+    {"MetadataValidIpv6",
+     withMetadata(kTcp6, MetadataBlock{}.withMetadata(kMetadata)),
+     marked(key6(kTcpLayers), kMetadata)},
+    {"MetadataNotValid",
+     withMetadata(kTcp4, MetadataBlock{.metadata = kMetadata}),
+     key4(kTcpLayers)},
+    {"MetadataOfLlcFrame",
+     withMetadata(Frame::eth().llc(0x42, 0x42).payload(40),
+                  MetadataBlock{}.withMetadata(kMetadata)),
+     marked({}, kMetadata)},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cut, Keys, ::testing::ValuesIn(kCutRows), rowName);
+INSTANTIATE_TEST_SUITE_P(Layer2, Keys, ::testing::ValuesIn(kLayer2Rows),
+                         rowName);
+INSTANTIATE_TEST_SUITE_P(Ip, Keys, ::testing::ValuesIn(kIpRows), rowName);
+
+// One field of a key, spoilt.
+struct SpoiltField {
+  const char* name;
+  std::function<void(KeyFields*)> spoil;
+  bool inIpv4 = true;
+  bool inIpv6 = true;
+};
+
+const SpoiltField kSpoiltFields[] = {
+    {"EthDstFirst", [](KeyFields* k) { k->ethDst[0] ^= 0x80; }},
+    {"EthDstLast", [](KeyFields* k) { k->ethDst[5] ^= 1; }},
+    {"EthSrcFirst", [](KeyFields* k) { k->ethSrc[0] ^= 0x80; }},
+    {"EthSrcLast", [](KeyFields* k) { k->ethSrc[5] ^= 1; }},
+    {"EthType", [](KeyFields* k) { k->ethType ^= 1; }},
+    {"VlanTciHigh", [](KeyFields* k) { k->vlanTci ^= 0x8000; }},
+    {"VlanTciLow", [](KeyFields* k) { k->vlanTci ^= 1; }},
+    {"Proto", [](KeyFields* k) { k->ipv4.proto ^= 1, k->ipv6.proto ^= 1; }},
+    {"Tos", [](KeyFields* k) { k->ipv4.tos ^= 1, k->ipv6.tos ^= 1; }},
+    {"Ttl", [](KeyFields* k) { k->ipv4.ttl ^= 1, k->ipv6.ttl ^= 1; }},
+    {"L4Src", [](KeyFields* k) { k->ipv4.l4Src ^= 1, k->ipv6.l4Src ^= 1; }},
+    {"L4Dst",
+     [](KeyFields* k) { k->ipv4.l4Dst ^= 0x100, k->ipv6.l4Dst ^= 0x100; }},
+    {"TcpFlags",
+     [](KeyFields* k) { k->ipv4.tcpFlags ^= 2, k->ipv6.tcpFlags ^= 2; }},
+    {"IcmpType",
+     [](KeyFields* k) { k->ipv4.icmpType ^= 1, k->ipv6.icmpType ^= 1; }},
+    {"IcmpCode",
+     [](KeyFields* k) { k->ipv4.icmpCode ^= 1, k->ipv6.icmpCode ^= 1; }},
+    {"MetadataLow", [](KeyFields* k) { k->metadata ^= 1; }},
+    {"MetadataHigh", [](KeyFields* k) { k->metadata ^= uint64_t{1} << 63; }},
+    {"ArpTpa", [](KeyFields* k) { k->arpTpa ^= 1; }, true, false},
+    {"Ipv4Src", [](KeyFields* k) { k->ipv4Src ^= 1; }, true, false},
+    {"Ipv4Dst", [](KeyFields* k) { k->ipv4Dst ^= 0x80000000; }, true, false},
+    {"Ipv6SrcFirst", [](KeyFields* k) { k->ipv6Src[0] ^= 1; }, false, true},
+    {"Ipv6SrcLast", [](KeyFields* k) { k->ipv6Src[15] ^= 1; }, false, true},
+    {"Ipv6DstMiddle", [](KeyFields* k) { k->ipv6Dst[7] ^= 1; }, false, true},
+    {"Ipv6DstLast", [](KeyFields* k) { k->ipv6Dst[15] ^= 1; }, false, true},
+};
+
+void PrintTo(const SpoiltField& field, std::ostream* out) {
+  *out << field.name;
+}
+
+class KeyField : public DataPath,
+                 public ::testing::WithParamInterface<SpoiltField> {
+ protected:
+  void expectMiss(const Frame& frame, KeyFields key, Family family) {
+    GetParam().spoil(&key);
+    add(0, {exactFlow(key, family)}, family);
+    const RunResult result = run({frame});
+    EXPECT_EQ(result.numEmitted(), 0u);
+    EXPECT_EQ(result.table(0).tableMisses, 1u);
+    EXPECT_EQ(result.drops, 1u);
+    EXPECT_TRUE(result.flowCounters.empty());
+  }
+};
+
+TEST_P(KeyField, IsCompared) {
+  if (GetParam().inIpv4) {
+    expectMiss(kTcp4, key4(kTcpLayers), Family::kIpv4);
+  }
+  if (GetParam().inIpv6) {
+    harness().clearFlows();
+    SetUp();
+    expectMiss(kTcp6, key6(kTcpLayers), Family::kIpv6);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, KeyField, ::testing::ValuesIn(kSpoiltFields),
+                         rowName);
+
+}  // namespace
+}  // namespace openflow_test
