@@ -133,15 +133,15 @@ quil::pb::OpenFlowAddFlow prefixPortFlow6(uint32_t i) {
   return flow;
 }
 
-Rig::Rig() : worker_((check({}), [] {
-                       bess::EalOptions options;
-                       options.memory_mb = 2048;
-                       if (auto error = bess::InitEal(options);
-                           !error.empty()) {
-                         die(error);
-                       }
-                       return 0;
-                     }())) {
+Rig::Rig()
+    : worker_((check({}), [] {
+        bess::EalOptions options;
+        options.memory_mb = 2048;
+        if (auto error = bess::InitEal(options); !error.empty()) {
+          die(error);
+        }
+        return 0;
+      }())) {
   static const bool registered = ModuleBuilder::RegisterModuleClass(
       [] { return new FreeingSink(); }, "FreeingSink", "FreeingSink",
       "frees packets", bess::MAX_GATES, 0, {},
@@ -217,8 +217,9 @@ uint64_t Rig::process(bess::PacketBatch* batch) {
   task_->StartRun(context());
   const uint64_t start = rte_rdtsc_precise();
   module_->ProcessBatch(context(), batch);
+  const uint64_t cycles = rte_rdtsc_precise() - start;
   task_->RunPending(context());
-  return rte_rdtsc_precise() - start;
+  return cycles;
 }
 
 const rte_acl_ctx* Rig::classifier(uint32_t slot) {

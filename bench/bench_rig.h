@@ -52,7 +52,8 @@ class Rig {
   // Fills `batch` with the next 32 of `frames`.
   void fill(const std::vector<FrameBytes>& frames, bess::PacketBatch* batch);
 
-  // Cycles that the module and the sink behind it take for the batch.
+  // Cycles that the module takes for the batch, which it frees; what it emits
+  // is freed behind it.
   uint64_t process(bess::PacketBatch* batch);
 
   // The classifier that a table's slot publishes; null if none.

@@ -28,10 +28,10 @@ std::vector<bench::FrameBytes> frames(int families, uint32_t flows) {
   for (uint32_t i = 0; i < count; i++) {
     const uint32_t flow = (i * 2654435761u >> 4) % flows;
     const bool ipv6 = families == kIpv6Only || (families == kBoth && i % 2);
-    made.push_back(ipv6 ? bench::ipv6Frame(bench::flowDst(flow),
-                                           bench::flowPort(flow))
-                        : bench::ipv4Frame(bench::flowDst(flow) | (i & 0xff),
-                                           bench::flowPort(flow)));
+    made.push_back(
+        ipv6 ? bench::ipv6Frame(bench::flowDst(flow), bench::flowPort(flow))
+             : bench::ipv4Frame(bench::flowDst(flow) | (i & 0xff),
+                                bench::flowPort(flow)));
   }
   return made;
 }

@@ -134,20 +134,20 @@ class OpenFlow final : public Module {
  private:
   friend struct OpenFlowPeer;  // tests look inside through it
 
-  // Fills the priority of every packet's slot, 0 for no match, and the whole
-  // action of those that matched. Non-zero: the batch must be dropped.
+  // Finds each packet's action, null for none. Non-zero: the batch must be
+  // dropped.
   int lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
-                    OfFlowAction* ipv4Actions, OfFlowAction* ipv6Actions);
+                    const OfFlowAction** actions);
 
   // Sends the copies that `action` asks for; the packet itself stays.
   void outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
                     const OfFlowAction& action,
                     bess::PacketBatch** tableBatches);
+  void emitCopy(Context* ctx, const bess::Packet* packet, uint16_t gate);
   void outputController(Context* ctx, bess::Packet* packet,
                         const OfFlowAction& action, uint16_t inPortGate);
   void gotoTable(Context* ctx, uint8_t tableId, bess::Packet* packet,
                  uint8_t nextTable, bess::PacketBatch** tableBatches);
-  void emitCopy(Context* ctx, const bess::Packet* packet, uint16_t gate);
 
   // Copies every stored rule into `rules`, numbered from 1 in walk order, and a
   // copy of its action into `userdata`. More flows than info->numFlows is

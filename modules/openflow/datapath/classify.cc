@@ -2,20 +2,20 @@
 //
 // One lookup of a whole batch: keys of every packet, one classification a
 // family, and the matched flows' actions.
+//
+// Actions are referred to, not copied: a published record and its actions are
+// never written again, and a worker reports no quiescent state before its batch
+// is done, so they outlive the pass whatever the control thread does.
 #include <glog/logging.h>
 #include <rte_acl.h>
 #include <rte_prefetch.h>
 #include <urcu-qsbr.h>
-
-#include <algorithm>
 
 #include "modules/openflow/datapath/build_key.h"
 #include "modules/openflow/datapath/packet_metadata.h"
 #include "modules/openflow/openflow.h"
 
 namespace {
-
-constexpr int kPrefetchAhead = 4;
 
 // Each key starts on a cache line of its own.
 template <typename Key>
@@ -31,23 +31,12 @@ struct Lookup {
   uint32_t results[bess::PacketBatch::kMaxBurst];
 };
 
-void prefetchPacket(const bess::Packet* packet) {
-  rte_prefetch0(packetMetadata(packet));
-  rte_prefetch0(packet->head_data<const uint8_t*>());
-}
-
 template <bool kIpv4, bool kIpv6>
 void buildBatchKeys(const bess::PacketBatch& batch, Lookup<OfIpv4Key>* ipv4,
                     Lookup<OfIpv6Key>* ipv6) {
   const int cnt = batch.cnt();
   bess::Packet* const* packets = batch.pkts();
-  for (int i = 0; i < std::min(cnt, kPrefetchAhead); i++) {
-    prefetchPacket(packets[i]);
-  }
   for (int i = 0; i < cnt; i++) {
-    if (i + kPrefetchAhead < cnt) {
-      prefetchPacket(packets[i + kPrefetchAhead]);
-    }
     const FrameWindow frame(*packets[i]);
     buildKeys<kIpv4, kIpv6>(frame.bytes(),
                             flowMetadata(*packetMetadata(packets[i])),
@@ -65,23 +54,61 @@ int classify(const rte_acl_ctx* ctx, int cnt, Lookup<Key>* lookup) {
                           static_cast<uint32_t>(cnt), 1);
 }
 
-// Copies the action of every match. A match of a flow whose action could not
-// be allocated has no action to copy, and faults here.
-void copyActions(const QuilModules::KoAclUserdata* userdata,
-                 const uint32_t* results, int cnt, OfFlowAction* actions) {
+// Starts the loads of what the results select, one level after the other: a
+// large table's userdata and actions lie anywhere in memory.
+void prefetchActions(const QuilModules::AclCtxData& data,
+                     const uint32_t* results, int cnt) {
   for (int i = 0; i < cnt; i++) {
-    if (results[i] != 0) {
-      actions[i] =
-          *static_cast<const OfFlowAction*>(userdata[results[i]].action);
-    }
+    rte_prefetch0(&data.userdata[results[i]].action);
+  }
+  for (int i = 0; i < cnt; i++) {
+    rte_prefetch0(data.userdata[results[i]].action);
+  }
+}
+
+// The action of a match; null for none. A match of a flow whose action could
+// not be allocated has none either, and faults when its priority is read.
+const OfFlowAction* matchedAction(const QuilModules::AclCtxData& data,
+                                  uint32_t result, uint32_t* priority) {
+  if (result == 0) {
+    *priority = 0;
+    return nullptr;
+  }
+  const auto* action =
+      static_cast<const OfFlowAction*>(data.userdata[result].action);
+  *priority = action->priority;
+  return action;
+}
+
+// The action of the higher priority, the IPv6 one of two equal ones; null when
+// neither family matched with a priority above 0.
+void chooseActions(const QuilModules::AclCtxData& data4,
+                   const uint32_t* results4,
+                   const QuilModules::AclCtxData& data6,
+                   const uint32_t* results6, int cnt,
+                   const OfFlowAction** actions) {
+  for (int i = 0; i < cnt; i++) {
+    uint32_t priority4;
+    uint32_t priority6;
+    const OfFlowAction* ipv4 = matchedAction(data4, results4[i], &priority4);
+    const OfFlowAction* ipv6 = matchedAction(data6, results6[i], &priority6);
+    actions[i] = priority4 > priority6 ? ipv4 : priority6 != 0 ? ipv6 : nullptr;
+  }
+}
+
+void chooseActions(const QuilModules::AclCtxData& data, const uint32_t* results,
+                   int cnt, const OfFlowAction** actions) {
+  for (int i = 0; i < cnt; i++) {
+    uint32_t priority;
+    const OfFlowAction* action = matchedAction(data, results[i], &priority);
+    actions[i] = priority != 0 ? action : nullptr;
   }
 }
 
 }  // namespace
 
 int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
-                            OfFlowAction* ipv4Actions,
-                            OfFlowAction* ipv6Actions) {
+                            const OfFlowAction** actions) {
   OpenFlowTable& table = tables_[tableId];
   const bess::PacketBatch& batch = *tableBatches[tableId];
   const int cnt = batch.cnt();
@@ -128,15 +155,19 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
     }
   }
 
-  for (int i = 0; i < cnt; i++) {
-    ipv4Actions[i].priority = 0;
-    ipv6Actions[i].priority = 0;
-  }
   if (data4 != nullptr) {
-    copyActions(data4->userdata, lookup4.results, cnt, ipv4Actions);
+    prefetchActions(*data4, lookup4.results, cnt);
   }
   if (data6 != nullptr) {
-    copyActions(data6->userdata, lookup6.results, cnt, ipv6Actions);
+    prefetchActions(*data6, lookup6.results, cnt);
+  }
+  if (data6 == nullptr) {
+    chooseActions(*data4, lookup4.results, cnt, actions);
+  } else if (data4 == nullptr) {
+    chooseActions(*data6, lookup6.results, cnt, actions);
+  } else {
+    chooseActions(*data4, lookup4.results, *data6, lookup6.results, cnt,
+                  actions);
   }
   return 0;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
-// Where packets go. Every output is a copy of the rewritten packet; a copy that
-// the packet pool cannot give is left out, and the others still go.
+// The outputs that do more to their copy than send it: to the controller, and
+// on to a later table.
 #include <cstring>
 
 #include "modules/openflow/datapath/packet_metadata.h"
@@ -60,45 +60,6 @@ void appendTrailer(bess::Packet* copy) {
 }
 
 }  // namespace
-
-void OpenFlow::emitCopy(Context* ctx, const bess::Packet* packet,
-                        uint16_t gate) {
-  bess::Packet* copy = bess::Packet::copy(packet);
-  if (copy != nullptr) [[likely]] {
-    EmitPacket(ctx, copy, gate);
-  }
-}
-
-void OpenFlow::outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
-                            const OfFlowAction& action,
-                            bess::PacketBatch** tableBatches) {
-  const OfActionFields& fields = action.fields;
-  const OfActionValues& values = action.values;
-  const auto inPortGate =
-      static_cast<uint16_t>(inPort(*packetMetadata(packet)));
-
-  if (fields.setOutputAll | fields.setOutputFlood) {
-    for (int j = 0; j < values.numOutputGates; j++) {
-      if (values.ogate[j] != inPortGate) {
-        emitCopy(ctx, packet, values.ogate[j]);
-      }
-    }
-  }
-  if (fields.setOutputPort) {
-    for (int j = 0; j < values.numOutputGates; j++) {
-      emitCopy(ctx, packet, values.ogate[j]);
-    }
-  }
-  if (fields.setOutputInPort) {
-    emitCopy(ctx, packet, inPortGate);
-  }
-  if (fields.setOutputController) {
-    outputController(ctx, packet, action, inPortGate);
-  }
-  if (fields.gotoTbl) {
-    gotoTable(ctx, tableId, packet, values.nextTbl, tableBatches);
-  }
-}
 
 void OpenFlow::outputController(Context* ctx, bess::Packet* packet,
                                 const OfFlowAction& action,

@@ -13,16 +13,6 @@
 
 namespace {
 
-// The action of the higher priority, the IPv6 one of two equal ones; null when
-// neither family matched.
-const OfFlowAction* chooseAction(const OfFlowAction& ipv4,
-                                 const OfFlowAction& ipv6) {
-  if (ipv4.priority > ipv6.priority) {
-    return &ipv4;
-  }
-  return ipv6.priority != 0 ? &ipv6 : nullptr;
-}
-
 bool hasOutput(const OfActionFields& fields) {
   return fields.setOutputAll | fields.setOutputFlood | fields.setOutputPort |
          fields.setOutputInPort | fields.setOutputController |
@@ -31,12 +21,55 @@ bool hasOutput(const OfActionFields& fields) {
 
 }  // namespace
 
+// Every output is a copy of the rewritten packet. One that the packet pool
+// cannot give is left out, and the others still go.
+inline void OpenFlow::emitCopy(Context* ctx, const bess::Packet* packet,
+                               uint16_t gate) {
+  bess::Packet* copy = bess::Packet::copy(packet);
+  if (copy != nullptr) [[likely]] {
+    EmitPacket(ctx, copy, gate);
+  }
+}
+
+inline void OpenFlow::outputPacket(Context* ctx, uint8_t tableId,
+                                   bess::Packet* packet,
+                                   const OfFlowAction& action,
+                                   bess::PacketBatch** tableBatches) {
+  const OfActionFields& fields = action.fields;
+  const OfActionValues& values = action.values;
+  const auto inPortGate =
+      static_cast<uint16_t>(inPort(*packetMetadata(packet)));
+
+  if (fields.setOutputAll | fields.setOutputFlood) {
+    for (int j = 0; j < values.numOutputGates; j++) {
+      if (values.ogate[j] != inPortGate) {
+        emitCopy(ctx, packet, values.ogate[j]);
+      }
+    }
+  }
+  if (fields.setOutputPort) {
+    for (int j = 0; j < values.numOutputGates; j++) {
+      emitCopy(ctx, packet, values.ogate[j]);
+    }
+  }
+  if (fields.setOutputInPort) {
+    emitCopy(ctx, packet, inPortGate);
+  }
+  if (fields.setOutputController) {
+    outputController(ctx, packet, action, inPortGate);
+  }
+  if (fields.gotoTbl) {
+    gotoTable(ctx, tableId, packet, values.nextTbl, tableBatches);
+  }
+}
+
 void OpenFlow::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   bess::PacketBatch* tableBatches[kNumTables] = {};
   const int cnt = batch->cnt();
   bess::Packet** packets = batch->pkts();
   for (int i = 0; i < cnt; i++) {
     rte_prefetch0(packetMetadata(packets[i]));
+    rte_prefetch0(packets[i]->head_data<const uint8_t*>());
   }
   for (int i = 0; i < cnt; i++) {
     const OfPacketMetadata& block = *packetMetadata(packets[i]);
@@ -64,10 +97,8 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
   OpenFlowTable& table = tables_[tableId];
   bess::PacketBatch* batch = tableBatches[tableId];
 
-  OfFlowAction ipv4Actions[bess::PacketBatch::kMaxBurst];
-  OfFlowAction ipv6Actions[bess::PacketBatch::kMaxBurst];
-  if (lookupFlowAcl(tableId, tableBatches, ipv4Actions, ipv6Actions) != 0)
-      [[unlikely]] {
+  const OfFlowAction* actions[bess::PacketBatch::kMaxBurst];
+  if (lookupFlowAcl(tableId, tableBatches, actions) != 0) [[unlikely]] {
     bess::Packet::Free(batch);
     batch->clear();
     table.counters[kBatchDrops]++;
@@ -79,7 +110,7 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
   const int cnt = batch->cnt();
   for (int i = 0; i < cnt; i++) {
     bess::Packet* packet = batch->pkts()[i];
-    const OfFlowAction* action = chooseAction(ipv4Actions[i], ipv6Actions[i]);
+    const OfFlowAction* action = actions[i];
     if (action == nullptr) {
       table.counters[kTableMisses]++;
       DropPacket(ctx, packet);
