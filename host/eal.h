@@ -24,7 +24,7 @@ struct EalOptions {
   bool quiet = true;
 
   // Further arguments, as DPDK programs take them on their command line.
-  std::vector<std::string> extra_args;
+  std::vector<std::string> extra_args = {};
 };
 
 // Starts DPDK's environment, once a process; later calls do nothing, whatever

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "inline_worker.h"
+
+#include <gtest/gtest.h>
+#include <rte_lcore.h>
+#include <urcu-qsbr.h>
+
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+#include "probe.h"
+
+namespace {
+
+using bess::InlineWorker;
+using bess::PacketBatch;
+
+class InlineWorkerTest : public HostTest {};
+
+TEST_F(InlineWorkerTest, GivesTheThreadAnLcoreForAsLongAsItLives) {
+  std::thread([] {
+    EXPECT_EQ(rte_lcore_id(), LCORE_ID_ANY);
+    {
+      const InlineWorker worker(5);
+      EXPECT_NE(rte_lcore_id(), LCORE_ID_ANY);
+      EXPECT_TRUE(Worker::Exists(5));
+    }
+    EXPECT_EQ(rte_lcore_id(), LCORE_ID_ANY);
+    EXPECT_FALSE(Worker::Exists(5));
+  }).join();
+}
+
+TEST_F(InlineWorkerTest, IsOnlineOnlyInsideARun) {
+  Probe* probe = MakeProbe("probe");
+  bool online = false;
+  bool running = false;
+  probe->on_run = [&](Context*, PacketBatch*) {
+    online = rcu_read_ongoing();
+    running = Worker::IsRunning(2);
+  };
+  std::thread([&] {
+    {
+      InlineWorker worker(2);
+      EXPECT_FALSE(rcu_read_ongoing());
+      worker.Run(probe->task());
+      EXPECT_FALSE(rcu_read_ongoing());
+      EXPECT_FALSE(Worker::IsRunning(2));
+    }
+    EXPECT_FALSE(rcu_read_ongoing());
+  }).join();
+  EXPECT_TRUE(online);
+  EXPECT_TRUE(running);
+}
+
+TEST_F(InlineWorkerTest, LeavesAReaderAsItWas) {
+  const bess::QsbrReader reader;
+  ASSERT_TRUE(rcu_read_ongoing());
+  {
+    const InlineWorker worker(2);
+    EXPECT_FALSE(rcu_read_ongoing());
+  }
+  EXPECT_TRUE(rcu_read_ongoing());
+}
+
+TEST_F(InlineWorkerTest, AnIndexBelongsToOne) {
+  const InlineWorker worker(3);
+  EXPECT_THROW(InlineWorker(3), std::runtime_error);
+  EXPECT_EQ(Worker::Add(3), "worker 3 exists already");
+  EXPECT_THROW(InlineWorker(16), std::runtime_error);
+  EXPECT_THROW(InlineWorker(-1), std::runtime_error);
+  ASSERT_EQ(Worker::Add(4), "");
+  EXPECT_THROW(InlineWorker(4), std::runtime_error);
+}
+
+TEST_F(InlineWorkerTest, RunsABatchThroughAGate) {
+  Probe* probe = MakeProbe("probe");
+  Probe* entry = MakeProbe("entry");
+  Sink* sink = MakeSink("sink");
+  Connect(entry, 0, probe, 6);
+  Connect(probe, 0, sink, 0);
+  probe->on_batch = [&](Context* ctx, PacketBatch* batch) {
+    EXPECT_EQ(ctx->current_igate, 6);
+    EXPECT_EQ(ctx->wid, 9);
+    for (int i = 0; i < batch->cnt(); i++) {
+      probe->EmitPacket(ctx, batch->pkts()[i], 0);
+    }
+  };
+  InlineWorker worker(9);
+  for (int round = 0; round < 3; round++) {
+    PacketBatch batch;
+    batch.clear();
+    batch.add(MakePacket("a"));
+    batch.add(MakePacket("b"));
+    worker.Run(entry->task(), probe->igates()[6], &batch);
+    EXPECT_EQ(Texts(sink->Take()), (std::vector<std::string>{"a", "b"}));
+  }
+}
+
+TEST_F(InlineWorkerTest, CommandsThatAreNotThreadSafeWorkBetweenRuns) {
+  Probe* probe = MakeProbe("probe");
+  InlineWorker worker(0);
+  ASSERT_EQ(Worker::AttachTasks(probe, 0), "");
+  worker.Run(probe->task());
+  EXPECT_EQ(bess::RunModuleCommand("probe", "unsafe").error().code(), 0);
+}
+
+}  // namespace

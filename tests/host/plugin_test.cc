@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "plugin.h"
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "probe.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+const ModuleBuilder* Find(const std::string& name) {
+  const auto& builders = ModuleBuilder::all_module_builders();
+  const auto it = builders.find(name);
+  return it != builders.end() ? &it->second : nullptr;
+}
+
+bool InMemory(const char* path) {
+  void* handle = dlopen(path, RTLD_NOW | RTLD_NOLOAD);
+  if (handle != nullptr) {
+    dlclose(handle);
+  }
+  return handle != nullptr;
+}
+
+class PluginTest : public HostTest {};
+
+TEST_F(PluginTest, LoadsUnloadsAndLoadsAgain) {
+  for (int round = 0; round < 3; round++) {
+    ASSERT_EQ(bess::LoadPlugin(GOOD_PLUGIN), "");
+    ASSERT_NE(Find("Good"), nullptr);
+    EXPECT_EQ(Find("Good")->help_text(), "comes and goes");
+    const auto plugins = bess::ListPlugins();
+    ASSERT_EQ(plugins.size(), 1u);
+    EXPECT_EQ(plugins[0].path, std::filesystem::canonical(GOOD_PLUGIN));
+    EXPECT_THAT(plugins[0].classes, ElementsAre("Good"));
+    EXPECT_EQ(bess::CreateModule("Good", "g").response.error().code(), 0);
+    EXPECT_EQ(bess::DestroyModule("g").error().code(), 0);
+    ASSERT_EQ(bess::UnloadPlugin(GOOD_PLUGIN), "");
+    EXPECT_EQ(Find("Good"), nullptr);
+    EXPECT_FALSE(InMemory(GOOD_PLUGIN));
+    EXPECT_TRUE(bess::ListPlugins().empty());
+  }
+}
+
+TEST_F(PluginTest, InstancesKeepIt) {
+  ASSERT_EQ(bess::LoadPlugin(GOOD_PLUGIN), "");
+  bess::CreateModule("Good", "one");
+  bess::CreateModule("Good", "two");
+  EXPECT_THAT(bess::UnloadPlugin(GOOD_PLUGIN),
+              HasSubstr("good_plugin.so: is in use by module one, two"));
+  EXPECT_NE(Find("Good"), nullptr);
+  EXPECT_TRUE(InMemory(GOOD_PLUGIN));
+  bess::DestroyModule("one");
+  bess::DestroyModule("two");
+  EXPECT_EQ(bess::UnloadPlugin(GOOD_PLUGIN), "");
+}
+
+TEST_F(PluginTest, WaitsForItsDeferredCode) {
+  for (int round = 0; round < 5; round++) {
+    ASSERT_EQ(bess::LoadPlugin(GOOD_PLUGIN), "");
+    bess::CreateModule("Good", "g");
+    EXPECT_EQ(bess::RunModuleCommand("g", "defer").error().code(), 0);
+    bess::DestroyModule("g");
+    ASSERT_EQ(bess::UnloadPlugin(GOOD_PLUGIN), "");
+  }
+}
+
+TEST_F(PluginTest, TwiceIsRefusedHoweverItIsWritten) {
+  ASSERT_EQ(bess::LoadPlugin(GOOD_PLUGIN), "");
+  EXPECT_THAT(bess::LoadPlugin(GOOD_PLUGIN), HasSubstr("is loaded already"));
+  const std::filesystem::path path(GOOD_PLUGIN);
+  const auto detour = path.parent_path() / "." / path.filename();
+  EXPECT_THAT(bess::LoadPlugin(detour), HasSubstr("is loaded already"));
+  EXPECT_EQ(bess::UnloadPlugin(GOOD_PLUGIN), "");
+  EXPECT_THAT(bess::UnloadPlugin(GOOD_PLUGIN), HasSubstr("is not loaded"));
+}
+
+TEST_F(PluginTest, ATakenClassNameIsRefusedAndItsOwnerUnharmed) {
+  ASSERT_EQ(bess::LoadPlugin(GOOD_PLUGIN), "");
+  EXPECT_THAT(bess::LoadPlugin(TWIN_PLUGIN),
+              HasSubstr("module class Good is registered already"));
+  ASSERT_NE(Find("Good"), nullptr);
+  EXPECT_EQ(Find("Good")->help_text(), "comes and goes");
+  EXPECT_FALSE(InMemory(TWIN_PLUGIN));
+  EXPECT_EQ(bess::UnloadPlugin(GOOD_PLUGIN), "");
+  // Alone it is welcome.
+  EXPECT_EQ(bess::LoadPlugin(TWIN_PLUGIN), "");
+  EXPECT_EQ(Find("Good")->help_text(), "the other one");
+  EXPECT_EQ(bess::UnloadPlugin(TWIN_PLUGIN), "");
+}
+
+TEST_F(PluginTest, WhatIsNoPluginIsRefused) {
+  EXPECT_THAT(bess::LoadPlugin("/nowhere/none.so"),
+              HasSubstr("/nowhere/none.so: cannot open shared object file"));
+  EXPECT_THAT(bess::LoadPlugin("/etc/passwd"), HasSubstr("/etc/passwd"));
+  EXPECT_THAT(bess::LoadPlugin(EMPTY_PLUGIN),
+              HasSubstr("registers no module class"));
+  EXPECT_FALSE(InMemory(EMPTY_PLUGIN));
+  EXPECT_TRUE(bess::ListPlugins().empty());
+}
+
+}  // namespace
