@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -60,6 +61,13 @@ class OGate : public Gate {
     Task* task = nullptr;
     Pending* next = nullptr;  // in the task's list
     IGate* igate = nullptr;
+    std::atomic<uint64_t> packets = 0;  // handed on; only the worker writes
+
+    void Count(int n) {
+      packets.store(
+          packets.load(std::memory_order_relaxed) + static_cast<uint64_t>(n),
+          std::memory_order_relaxed);
+    }
   };
 
   OGate(Module* module, gate_idx_t idx, IGate* igate)
@@ -75,6 +83,16 @@ class OGate : public Gate {
   Module* next() const { return igate_->module(); }
 
   Pending* pending(int wid) { return &pending_[wid]; }
+
+  // Packets that have been handed on since the gate was linked, by all workers.
+  // Counted by the batch, so that it costs a packet nothing.
+  uint64_t packets() const {
+    uint64_t sum = 0;
+    for (const Pending& slot : pending_) {
+      sum += slot.packets.load(std::memory_order_relaxed);
+    }
+    return sum;
+  }
 
  private:
   IGate* igate_;

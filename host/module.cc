@@ -40,7 +40,9 @@ void Module::RunChooseModule(Context* ctx, gate_idx_t ogate,
   }
   const int wid = ctx->wid;
   CHECK(wid < MAX_WORKERS && wid >= 0);
-  ctx->task->FlushGate(ogates_[ogate]->pending(wid));
+  OGate::Pending* slot = ogates_[ogate]->pending(wid);
+  ctx->task->FlushGate(slot);
+  slot->Count(batch->cnt());
   ctx->task->AddToRun(ogates_[ogate]->igate(), batch);
 }
 

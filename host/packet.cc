@@ -2,6 +2,7 @@
 #include "packet.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 namespace bess {
@@ -34,7 +35,18 @@ class SegmentReader {
   uint32_t offset_ = 0;
 };
 
+std::atomic<uint64_t> failed_copies_of_all_threads = 0;
+
 }  // namespace
+
+Packet* Packet::CopyFailed() {
+  failed_copies_of_all_threads.fetch_add(1, std::memory_order_relaxed);
+  return nullptr;
+}
+
+uint64_t Packet::failed_copies() {
+  return failed_copies_of_all_threads.load(std::memory_order_relaxed);
+}
 
 Packet* Packet::CopyChained(const Packet* src) {
   rte_mempool* pool = src->mbuf_.pool;
@@ -46,7 +58,7 @@ Packet* Packet::CopyChained(const Packet* src) {
     rte_mbuf* segment = rte_pktmbuf_alloc(pool);
     if (segment == nullptr) {
       rte_pktmbuf_free(first);
-      return nullptr;
+      return CopyFailed();
     }
     *link = segment;
     link = &segment->next;

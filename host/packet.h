@@ -145,6 +145,9 @@ class alignas(64) Packet {
   // Null when the pool is dry; nothing is then held.
   static Packet* copy(const Packet* src);
 
+  // How often copy() found the pool dry, since the start of the process.
+  static uint64_t failed_copies();
+
   static void Free(Packet* pkt) { rte_pktmbuf_free(&pkt->mbuf_); }
   static void Free(Packet** pkts, size_t cnt) {
     rte_pktmbuf_free_bulk(reinterpret_cast<rte_mbuf**>(pkts),
@@ -167,6 +170,7 @@ class alignas(64) Packet {
   }
 
   static Packet* CopyChained(const Packet* src);
+  static Packet* CopyFailed();  // counts; answers null
 
   static constexpr bool LayoutHolds() {
     static_assert(alignof(Packet) == 64);
@@ -201,7 +205,7 @@ inline Packet* Packet::copy(const Packet* src) {
   // A free mbuf already has one reference, one segment and no successor.
   rte_mbuf* mbuf = rte_mbuf_raw_alloc(src->mbuf_.pool);
   if (mbuf == nullptr) [[unlikely]] {
-    return nullptr;
+    return CopyFailed();
   }
   mbuf->data_off = kHeadroom;
   mbuf->port = src->mbuf_.port;

@@ -53,6 +53,7 @@ PacketBatch* Task::StartGateBatch(OGate::Pending* slot) {
 
 void Task::FlushGate(OGate::Pending* slot) {
   if (slot->batch != nullptr) {
+    slot->Count(slot->batch->cnt());
     slot->task->AddToRun(slot->igate, slot->batch);
     slot->batch = nullptr;
   }
