@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "modules/flow_hash.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/frame.h"
+
+namespace openflow_test {
+namespace {
+
+uint32_t hashOf(const Frame& frame) {
+  const Bytes bytes = frame.bytes();
+  return bess::FlowHash(bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
+
+const uint32_t kA = ip4("10.0.0.1");
+const uint32_t kB = ip4("10.0.0.2");
+const Ip6 kA6 = ip6("2001:db8::1");
+const Ip6 kB6 = ip6("2001:db8::2");
+
+TEST(FlowHash, SameForAllFramesOfAFlow) {
+  EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).tcp(7, 80).payload("a")),
+            hashOf(Frame::eth().ipv4(kA, kB).tcp(7, 80, 0x02).payload("bc")));
+  EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).udp(7, 80)),
+            hashOf(Frame::eth().vlan(5).ipv4(kA, kB).udp(7, 80)));
+  EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).udp(7, 80)),
+            hashOf(Frame::eth().ipv4(kA, kB).options(8).udp(7, 80)));
+}
+
+TEST(FlowHash, DiffersBetweenFlows) {
+  const uint32_t hash = hashOf(Frame::eth().ipv4(kA, kB).tcp(7, 80));
+  EXPECT_NE(hash, hashOf(Frame::eth().ipv4(kA, kB).tcp(8, 80)));
+  EXPECT_NE(hash, hashOf(Frame::eth().ipv4(kA, kB).udp(7, 80)));
+  EXPECT_NE(hash, hashOf(Frame::eth().ipv4(kB, kA).tcp(7, 80)));
+  EXPECT_NE(hashOf(Frame::eth().ipv6(kA6, kB6).tcp(7, 80)),
+            hashOf(Frame::eth().ipv6(kA6, kB6).tcp(7, 81)));
+  EXPECT_NE(hashOf(Frame::eth().arp(kA, kB)),
+            hashOf(Frame::eth(kSrcMac, kDstMac).arp(kA, kB)));
+}
+
+TEST(FlowHash, FragmentsStayTogether) {
+  EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).fragment(0, true).udp(7, 80)),
+            hashOf(Frame::eth().ipv4(kA, kB).fragment(64, false).udp(1, 2)));
+}
+
+// Read with a sanitizer: nothing beyond the frame is touched.
+TEST(FlowHash, TakesFramesCutAnywhere) {
+  for (const Frame& frame :
+       {Frame::eth().vlan(1).ipv4(kA, kB).tcp(7, 80),
+        Frame::eth().qinq(1).vlan(2).ipv6(kA6, kB6).udp(7, 80)}) {
+    const Bytes whole = frame.bytes();
+    for (size_t len = 0; len <= whole.size(); len++) {
+      const Bytes bytes(whole.begin(), whole.begin() + static_cast<long>(len));
+      EXPECT_EQ(bess::FlowHash(bytes.data(), static_cast<uint32_t>(len)),
+                bess::FlowHash(bytes.data(), static_cast<uint32_t>(len)));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace openflow_test
