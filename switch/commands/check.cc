@@ -1,14 +1,20 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
-// ofswitch check: would these flow files be taken?
+// ofswitch check: would these flow files be taken? Reads and translates them
+// as "replay" does, and runs nothing.
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "switch/commands/commands.h"
+#include "switch/flow/command_list.h"
 #include "switch/flow/flow_printer.h"
 #include "switch/flow/flow_reader.h"
 #include "switch/flow/translator.h"
@@ -23,28 +29,168 @@ struct CheckOptions {
   bool verbose = false;
 };
 
-int check(const CheckOptions& options) {
-  std::vector<Flow> flows;
+struct CheckResult {
+  size_t flows = 0;     // lines accepted
+  size_t commands = 0;  // JSON commands accepted
   std::vector<Diagnostic> refusals;
-  for (const std::string& path : options.files) {
-    FlowFile file = FlowReader().read(path);
-    std::ranges::move(file.flows, std::back_inserter(flows));
-    std::ranges::move(file.refusals, std::back_inserter(refusals));
+  std::vector<Diagnostic> notes;
+};
+
+template <class T>
+void append(std::vector<T> from, std::vector<T>* to) {
+  std::ranges::move(from, std::back_inserter(*to));
+}
+
+// Reads every file, so that one run shows every refusal.
+CheckResult readAll(const std::vector<std::string>& paths,
+                    std::vector<Flow>* flows, IdAllocator* ids) {
+  CheckResult result;
+  CommandListReader commands;
+  for (const std::string& path : paths) {
+    if (path.ends_with(".json")) {
+      CommandList list = commands.read(path);
+      reserveIds(list, ids);
+      result.commands += list.commands.size();
+      append(std::move(list.refusals), &result.refusals);
+    } else {
+      FlowFile file = FlowReader().read(path);
+      append(std::move(file.flows), flows);
+      append(std::move(file.refusals), &result.refusals);
+    }
   }
-  for (const Diagnostic& refusal : refusals) {
+  return result;
+}
+
+const char* familyName(quil::pb::OpenFlowType family) {
+  return family == quil::pb::OPENFLOW_TYPE_IPV6 ? "ipv6" : "ipv4";
+}
+
+void printFlow(const InstalledFlow& installed) {
+  const Flow& flow = installed.flow;
+  if (installed.isTableMiss) {
+    fmt::print("table {}: has no flow, everything that enters it is dropped\n",
+               flow.table);
+    return;
+  }
+  fmt::print("{}:{}: {} priority {}: {}\n", flow.file, flow.line,
+             familyName(installed.rule.family), installed.rule.priority,
+             flowText(flow));
+  for (const InstalledRule& guard : installed.guards) {
+    fmt::print("{}:{}: {} priority {}: guard: {},actions=drop\n", flow.file,
+               flow.line, familyName(guard.family), guard.priority,
+               matchText(guard.match));
+  }
+}
+
+nlohmann::json toJson(const std::vector<Diagnostic>& diagnostics) {
+  nlohmann::json array = nlohmann::json::array();
+  for (const Diagnostic& one : diagnostics) {
+    array.push_back(
+        {{"file", one.file}, {"line", one.line}, {"reason", one.reason}});
+  }
+  return array;
+}
+
+nlohmann::json toJson(const InstalledFlow& installed) {
+  nlohmann::json guards = nlohmann::json::array();
+  for (const InstalledRule& guard : installed.guards) {
+    guards.push_back({{"family", familyName(guard.family)},
+                      {"modulePriority", guard.priority},
+                      {"match", matchText(guard.match)}});
+  }
+  return {{"file", installed.flow.file},
+          {"line", installed.flow.line},
+          {"flow", flowText(installed.flow)},
+          {"family", familyName(installed.rule.family)},
+          {"modulePriority", installed.rule.priority},
+          {"tableMiss", installed.isTableMiss},
+          {"guards", guards}};
+}
+
+void printJson(const CheckResult& result, const FlowTranslator& translator,
+               bool verbose) {
+  nlohmann::json report = {{"flows", result.flows},
+                           {"commands", result.commands},
+                           {"refused", result.refusals.size()},
+                           {"refusals", toJson(result.refusals)},
+                           {"notes", toJson(result.notes)}};
+  if (verbose) {
+    report["installed"] = nlohmann::json::array();
+    for (const InstalledFlow* flow : translator.installed()) {
+      report["installed"].push_back(toJson(*flow));
+    }
+  }
+  // File names and flow lines may be any bytes.
+  fmt::print("{}\n", report.dump(2, ' ', false,
+                                 nlohmann::json::error_handler_t::replace));
+}
+
+void printText(const CheckResult& result, const FlowTranslator& translator,
+               bool verbose) {
+  for (const Diagnostic& refusal : result.refusals) {
     fmt::print(stderr, "{}\n", refusal.text());
   }
-  fmt::print("{} flows accepted, {} refused\n", flows.size(), refusals.size());
-  return refusals.empty() ? 0 : 1;
+  for (const Diagnostic& note : result.notes) {
+    fmt::print(stderr, "{}:{}: note: {}\n", note.file, note.line, note.reason);
+  }
+  if (verbose) {
+    for (const InstalledFlow* flow : translator.installed()) printFlow(*flow);
+  }
+  if (result.commands != 0) {
+    fmt::print("{} flows and {} commands accepted, {} refused\n", result.flows,
+               result.commands, result.refusals.size());
+  } else {
+    fmt::print("{} flows accepted, {} refused\n", result.flows,
+               result.refusals.size());
+  }
+}
+
+int check(const CheckOptions& options) {
+  IdAllocator ids;
+  std::vector<Flow> flows;
+  CheckResult result = readAll(options.files, &flows, &ids);
+  SwitchPorts ports = options.ports;
+  std::ranges::sort(ports);
+  if (ports.empty()) ports = portsNamedBy(flows);
+
+  FlowTranslator translator(std::move(ports), &ids);
+  Translation translation = translator.add(flows);
+  result.flows = flows.size() - translation.refusals.size();
+  append(std::move(translation.refusals), &result.refusals);
+  append(std::move(translation.notes), &result.notes);
+
+  if (options.json) {
+    printJson(result, translator, options.verbose);
+  } else {
+    printText(result, translator, options.verbose);
+  }
+  return result.refusals.empty() ? 0 : 1;
 }
 
 }  // namespace
 
 void addCheckCommand(CLI::App* app, int* status) {
   CLI::App* command = app->add_subcommand(
-      "check", "Tell for each line of flow files whether it would be taken");
+      "check",
+      "Read flow files as replay would, and tell what would be refused");
+  command->footer(
+      "Refused lines go to standard error with the reason. The exit status is "
+      "0 when every line is accepted.");
   auto options = std::make_shared<CheckOptions>();
-  command->add_option("FLOWS", options->files, "Flow text files")->required();
+  command
+      ->add_option("FLOWS", options->files,
+                   "Flow text files, or .json command lists")
+      ->required();
+  command
+      ->add_option("--ports", options->ports,
+                   "The switch's ports, which all and flood reach (default: "
+                   "every port that a flow names)")
+      ->delimiter(',')
+      ->check(CLI::Range(1u, kMaxPort));
+  command->add_flag("--json", options->json, "Print the result as JSON");
+  command->add_flag("-v,--verbose", options->verbose,
+                    "Also print each flow in normal form, with the module's "
+                    "family and priority");
   command->callback([options, status] { *status = check(*options); });
 }
 
