@@ -21,10 +21,10 @@ namespace {
 struct Builder {
   const Match& match;
   ControllerReason plainReason;
-  std::vector<Action> actions;
+  ParsedActions parsed;
 
   void add(ActionKind kind, uint64_t value = 0) {
-    actions.push_back({kind, value});
+    parsed.actions.push_back({kind, value});
   }
 };
 
@@ -145,7 +145,7 @@ void decTtl(Builder* b, const Word& word) {
 }
 
 void setField(Builder* b, const Word& word) {
-  b->actions.push_back(parseSetField(word, b->match));
+  b->parsed.actions.push_back(parseSetField(word, b->match));
 }
 
 void drop(Builder* b, const Word&) { b->add(ActionKind::kDrop); }
@@ -157,7 +157,7 @@ void maxLength(const Word& word, std::string_view text) {
   if (parseNumber(text, 0xffff, word.text) != 0xffff) {
     refuse(
         "{}: the controller always gets the whole frame here; write "
-        "max_len=65535",
+        "controller(max_len=65535)",
         word.text);
   }
 }
@@ -307,16 +307,19 @@ void addWord(Builder* b, const Word& word) {
 }
 
 void parseInto(Builder* b, std::string_view text) {
-  for (const Word& word : splitWords(text)) addWord(b, word);
+  for (const Word& word : splitWords(text)) {
+    addWord(b, word);
+    b->parsed.words.resize(b->parsed.actions.size(), word.text);
+  }
 }
 
 }  // namespace
 
-std::vector<Action> parseActions(std::string_view text, const Match& match,
-                                 ControllerReason plainReason) {
+ParsedActions parseActions(std::string_view text, const Match& match,
+                           ControllerReason plainReason) {
   Builder b{match, plainReason, {}};
   parseInto(&b, text);
-  return std::move(b.actions);
+  return std::move(b.parsed);
 }
 
 std::vector<std::string_view> actionWords() {

@@ -17,13 +17,16 @@ enum class Tag { kUnknown, kPresent, kAbsent };
 // Walks the list and keeps what the packet looks like at each step.
 class Planner {
  public:
-  explicit Planner(const Flow& flow)
+  Planner(const Flow& flow, std::span<const std::string_view> words)
       : flow_(flow),
+        words_(words),
         tag_(flow.match.isTagged() ? Tag::kPresent : Tag::kUnknown) {}
 
   ActionPlan run() {
-    for (const Action& action : flow_.actions) {
-      word_ = actionText(action, flow_.match);
+    for (size_t i = 0; i < flow_.actions.size(); i++) {
+      const Action& action = flow_.actions[i];
+      word_ = words_.empty() ? actionText(action, flow_.match)
+                             : std::string(words_[i]);
       if (plan_.nextTable) {
         refuse("{}: nothing may follow goto_table", word_);
       }
@@ -60,7 +63,7 @@ class Planner {
         break;
       case ActionKind::kDrop:
         if (flow_.actions.size() != 1) {
-          refuse("drop: no other action may stand beside it");
+          refuse("{}: no other action may stand beside it", word_);
         }
         plan_.drop = true;
         break;
@@ -92,9 +95,10 @@ class Planner {
       sentWord_ = word_;
     } else if (*sent_ != now) {
       refuse(
-          "{}: the module rewrites a packet before all of its outputs, and "
-          "{} would send other bytes; put the outputs together",
-          word_, sentWord_);
+          "{}: the module does all rewrites before the first output, so {} "
+          "would send the rewritten packet too; move what follows {} to a "
+          "later table (goto_table)",
+          word_, sentWord_, sentWord_);
     }
   }
 
@@ -126,7 +130,7 @@ class Planner {
         pushVlan();
         break;
       case ActionKind::kEditVlanVid:
-        needsTag("mod_vlan_vid");
+        needsTag("mod_vlan_vid:VID");
         [[fallthrough]];
       case ActionKind::kSetVlanVid:
         now_.vlanVid = static_cast<uint16_t>(action.value);
@@ -134,7 +138,7 @@ class Planner {
         pcpNeedsTag_ = false;
         break;
       case ActionKind::kEditVlanPcp:
-        needsTag("mod_vlan_vid:VID first, then mod_vlan_pcp");
+        needsTag("mod_vlan_vid:VID,mod_vlan_pcp:PRIORITY");
         [[fallthrough]];
       case ActionKind::kSetVlanPcp:
         setVlanPcp(static_cast<uint8_t>(action.value));
@@ -175,7 +179,7 @@ class Planner {
         break;
       case ActionKind::kDecTtl:
         needsKnownL3();
-        if (now_.decTtl) refuse("dec_ttl: the module decrements once only");
+        if (now_.decTtl) refuse("{}: the module decrements once only", word_);
         now_.decTtl = true;
         break;
       default:
@@ -184,11 +188,12 @@ class Planner {
   }
 
   void popVlan() {
-    if (now_.popVlan) refuse("strip_vlan: the module removes one tag only");
+    if (now_.popVlan) refuse("{}: the module removes one tag only", word_);
     if (now_.vlanVid || now_.vlanPcp) {
       refuse(
-          "strip_vlan: the module removes the tag before it writes one; put "
-          "strip_vlan first, or leave the VLAN rewrites before it out");
+          "{}: the module removes the tag before it writes one; put "
+          "strip_vlan first, or leave the VLAN rewrites before it out",
+          word_);
     }
     if (l3Rewritten_ && flow_.match.ethType.any()) refuseHiddenL3();
     now_.popVlan = true;
@@ -200,8 +205,9 @@ class Planner {
   void pushVlan() {
     if (tag_ != Tag::kAbsent) {
       refuse(
-          "push_vlan: the module keeps one tag, and the frame may have one "
-          "already; write mod_vlan_vid:VID to tag an untagged frame");
+          "{}: the module keeps one tag, and the frame may have one "
+          "already; write mod_vlan_vid:VID to tag an untagged frame",
+          word_);
     }
     now_.vlanVid = 0;
     tag_ = Tag::kPresent;
@@ -241,6 +247,7 @@ class Planner {
   }
 
   const Flow& flow_;
+  std::span<const std::string_view> words_;
   Tag tag_;
   Rewrites now_;
   std::optional<uint8_t> dscp_;
@@ -257,6 +264,9 @@ class Planner {
 
 }  // namespace
 
-ActionPlan planActions(const Flow& flow) { return Planner(flow).run(); }
+ActionPlan planActions(const Flow& flow,
+                       std::span<const std::string_view> words) {
+  return Planner(flow, words).run();
+}
 
 }  // namespace ofswitch

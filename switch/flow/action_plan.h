@@ -9,6 +9,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
+#include <string_view>
 #include <vector>
 
 #include "switch/flow/flow.h"
@@ -51,7 +53,9 @@ struct ActionPlan {
   std::optional<uint8_t> nextTable;
 };
 
-// Throws Refused.
-ActionPlan planActions(const Flow& flow);
+// Throws Refused. `words` are the flow's actions as someone wrote them, for
+// the message; without them it shows their normal form.
+ActionPlan planActions(const Flow& flow,
+                       std::span<const std::string_view> words = {});
 
 }  // namespace ofswitch

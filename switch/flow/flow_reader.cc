@@ -120,11 +120,12 @@ Flow FlowReader::readLine(std::string_view line) const {
   Flow flow = std::move(reader.flow);
   flow.match = parseMatch(fields);
   const bool isTableMiss = flow.priority == 0 && flow.match == Match{};
-  flow.actions = parseActions(
+  ParsedActions parsed = parseActions(
       actions, flow.match,
       isTableMiss ? ControllerReason::kNoMatch : ControllerReason::kAction);
+  flow.actions = std::move(parsed.actions);
+  planActions(flow, parsed.words);
   flow.text = trim(line);
-  planActions(flow);
   return flow;
 }
 

@@ -14,14 +14,15 @@ void UpdateBatch::put(uint8_t table, const InstalledRule& rule,
   add.set_priority(rule.priority);
   add.set_packetcounterid(rule.packetCounterId);
   add.set_bytecounterid(rule.byteCounterId);
-  changes_[{table, rule.family}].adds[rule.flowId] = std::move(add);
+  Change& change = changes_[{table, rule.family}];
+  change.adds[rule.flowId] = std::move(add);
+  change.deletes.erase(rule.flowId);
 }
 
 void UpdateBatch::remove(uint8_t table, const InstalledRule& rule) {
   Change& change = changes_[{table, rule.family}];
-  if (change.adds.erase(rule.flowId) == 0) {
-    change.deletes.insert(rule.flowId);
-  }
+  change.adds.erase(rule.flowId);
+  change.deletes.insert(rule.flowId);
 }
 
 std::vector<TableUpdate> UpdateBatch::take() {
@@ -34,7 +35,8 @@ std::vector<TableUpdate> UpdateBatch::take() {
 }
 
 void UpdateBatch::split(uint8_t table, quil::pb::OpenFlowType family,
-                        Change* change, std::vector<TableUpdate>* updates) {
+                        Change* change,
+                        std::vector<TableUpdate>* updates) const {
   const auto start = [&] {
     TableUpdate* update = &updates->emplace_back();
     update->set_tableid(table);
@@ -44,7 +46,7 @@ void UpdateBatch::split(uint8_t table, quil::pb::OpenFlowType family,
   if (change->adds.empty() && change->deletes.empty()) return;
   TableUpdate* update = start();
   for (auto& [flowId, add] : change->adds) {
-    if (update->adds_size() == kMaxAddsPerUpdate) update = start();
+    if (update->adds_size() == maxAdds_) update = start();
     *update->add_adds() = std::move(add);
   }
   for (const uint32_t flowId : change->deletes) {

@@ -23,6 +23,8 @@ using TableUpdate = quil::pb::OpenFlowUpdateFlowsArg;
 // classifier build. Only updates that are too large for one are split.
 class UpdateBatch {
  public:
+  explicit UpdateBatch(int maxAdds = kMaxAddsPerUpdate) : maxAdds_(maxAdds) {}
+
   // Adds the rule, or changes the one with its identifier.
   void put(uint8_t table, const InstalledRule& rule, quil::pb::OfAction action);
   void remove(uint8_t table, const InstalledRule& rule);
@@ -31,16 +33,18 @@ class UpdateBatch {
   std::vector<TableUpdate> take();
 
  private:
-  // What one table and family gains and loses, by flow identifier: a rule
-  // that is put twice is sent once.
+  // What one table and family gains and loses, by flow identifier; each stands
+  // on one side, wherever the last call put it. The module ignores the delete
+  // of a rule that it does not have.
   struct Change {
     std::map<uint32_t, quil::pb::OpenFlowAddFlow> adds;
     std::set<uint32_t> deletes;
   };
 
-  static void split(uint8_t table, quil::pb::OpenFlowType family,
-                    Change* change, std::vector<TableUpdate>* updates);
+  void split(uint8_t table, quil::pb::OpenFlowType family, Change* change,
+             std::vector<TableUpdate>* updates) const;
 
+  int maxAdds_;
   std::map<std::pair<uint8_t, quil::pb::OpenFlowType>, Change> changes_;
 };
 

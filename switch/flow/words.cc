@@ -27,7 +27,7 @@ size_t wordEnd(std::string_view text, size_t begin) {
     }
   }
   if (depth != 0) {
-    refuse("{}: \"(\" without \")\"", text.substr(begin, at - begin));
+    refuse("{}: \"(\" without \")\"", trim(text.substr(begin, at - begin)));
   }
   return at;
 }
