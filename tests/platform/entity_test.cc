@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <utility>
@@ -170,6 +171,35 @@ TEST_F(EntityTest, ThreadsShareOneSingleton) {
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(alive, 0);
   EXPECT_EQ(Entity::singletonExists("fought for"), nullptr);
+}
+
+// While one singleton is being made, which holds the registry, the last
+// reference to another goes: that one is at its end, and cannot be forgotten
+// yet.
+TEST_F(EntityTest, ASingletonAtItsEndIsNotHandedOut) {
+  Ptr<Entity> ending = Entity::singletonIs(thing_, "ending");
+  Ptr<Entity> younger;
+  std::thread last;
+  const Entity::Type type = {
+      "Maker", [&] {
+        last = std::thread([&] { ending.reset(); });
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (Entity::singletonExists("ending") &&
+               std::chrono::steady_clock::now() < deadline) {
+          std::this_thread::yield();
+        }
+        EXPECT_EQ(Entity::singletonExists("ending"), nullptr);
+        EXPECT_EQ(alive, 1) << "it is not destroyed yet";
+        younger = Entity::singletonIs(thing_, "ending");
+        EXPECT_EQ(alive, 2);
+        return Ptr<Entity>(new Thing);
+      }};
+  const Ptr<Entity> maker = Entity::singletonIs(type, "maker");
+  last.join();
+  EXPECT_EQ(alive, 2);
+  // The older one has not taken the name with it.
+  EXPECT_EQ(Entity::singletonExists("ending"), younger);
 }
 
 TEST_F(EntityTest, ANameBelongsToOneType) {

@@ -294,6 +294,42 @@ TEST(Ring, AReaderSeesOnlyWholeStatementsWhileTheRingTurns) {
   EXPECT_GE(last.count(), 10u);
 }
 
+// Statements of one cell, so that nothing but the cell's own state tells that
+// it was overwritten while it was being copied.
+TEST(Ring, ACellIsNeverAMixtureOfTwoStatements) {
+  Ring ring(64);
+  const Site& site =
+      Ringlog::internSite("Test", 2, "f", "%s %s %s %s %s %s %s %s");
+  std::atomic<bool> done{false};
+  std::vector<std::thread> writers;
+  for (unsigned w = 0; w < 2; w++) {
+    writers.emplace_back([&, w] {
+      for (uint64_t i = w; !done; i += 2) {
+        write(ring, site, i, i, i, i, i, i, i, i);
+      }
+    });
+  }
+  size_t whole = 0;
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+  while (std::chrono::steady_clock::now() < deadline) {
+    for (const Entry& entry : ring.read()) {
+      const std::string number = entry.text.substr(0, entry.text.find(' '));
+      std::string expected = number;
+      for (int i = 1; i < 8; i++) {
+        expected += " " + number;
+      }
+      ASSERT_EQ(entry.text, expected);
+      whole++;
+    }
+  }
+  done = true;
+  for (std::thread& writer : writers) {
+    writer.join();
+  }
+  EXPECT_GT(whole, 0u);
+}
+
 TEST(Ring, TheProcessHasOne) {
   EXPECT_EQ(&Ring::instance(), &Ring::instance());
   EXPECT_EQ(Ring::instance().numCells(), Ring::kDefaultCells);
