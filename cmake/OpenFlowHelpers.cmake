@@ -52,6 +52,7 @@ function(of_proto_library name root)
   target_include_directories(${name} SYSTEM PUBLIC $<BUILD_INTERFACE:${out}>)
   target_link_libraries(${name} PUBLIC protobuf::libprotobuf)
   target_link_options(${name} PRIVATE -Wl,-z,nodelete)
+  target_compile_options(${name} PRIVATE -g0)  # nobody steps through generated code
   of_sanitize(${name})
 endfunction()
 
