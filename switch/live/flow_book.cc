@@ -112,7 +112,7 @@ void FlowBook::commit(Plan plan, Time now) {
       const bool keep = step.after != nullptr && step.keepCounts;
       retire(*step.before, old.end, step.after.get(),
              keep ? old.carried : nullptr);
-      if (!step.before->isTableMiss) numFlows_[step.before->flow.table]--;
+      count(*step.before, -1);
       if (step.after == nullptr) {
         entries_.erase(entry);
         continue;
@@ -123,13 +123,23 @@ void FlowBook::commit(Plan plan, Time now) {
       target.carried = std::make_shared<FlowCounts>();
       target.packetsSeen = 0;
     }
-    if (!step.after->isTableMiss) numFlows_[step.after->flow.table]++;
+    count(*step.after, 1);
     if (step.before == nullptr) target.order = nextOrder_++;
     target.installed = std::move(step.after);
     target.end = step.end;
     target.added = now;
     target.lastUsed = now;
   }
+}
+
+void FlowBook::count(const InstalledFlow& flow, int sign) {
+  const auto countRule = [&](const InstalledRule& rule) {
+    numRules_[flow.flow.table][rule.family == quil::pb::OPENFLOW_TYPE_IPV6] +=
+        sign;
+  };
+  countRule(flow.rule);
+  std::ranges::for_each(flow.guards, countRule);
+  if (!flow.isTableMiss) numFlows_[flow.flow.table] += sign;
 }
 
 void FlowBook::cancel(Plan plan) {

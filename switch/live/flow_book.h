@@ -119,6 +119,10 @@ class FlowBook {
   // The operator's flows of one table, or of all.
   size_t numFlows(uint8_t table) const { return numFlows_[table]; }
   size_t numFlows() const;
+  // Rules of the module in one table and family, for guards and misses, too.
+  size_t numRules(uint8_t table, bool ipv6) const {
+    return numRules_[table][ipv6];
+  }
 
   // All packets that rules have matched since the start, by table and end,
   // those of rules that are gone included.
@@ -146,6 +150,7 @@ class FlowBook {
   };
   class Planner;
 
+  void count(const InstalledFlow& flow, int sign);
   FlowCounts countsOf(const Entry& entry) const;
   View viewOf(const Entry& entry) const;
   template <class Predicate>
@@ -158,6 +163,7 @@ class FlowBook {
   IdPool flowIds_;
   std::unordered_map<std::string, Entry> entries_;
   size_t numFlows_[kNumTables] = {};
+  size_t numRules_[kNumTables][2] = {};
   std::vector<Retired> retired_;
   Matched past_;
   uint64_t nextOrder_ = 0;
