@@ -9,5 +9,6 @@
 namespace ofswitch {
 
 void addCheckCommand(CLI::App* app, int* status);
+void addReplayCommand(CLI::App* app, int* status);
 
 }  // namespace ofswitch
