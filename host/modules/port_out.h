@@ -5,6 +5,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "module.h"
@@ -46,7 +47,11 @@ class PortOut final : public Module {
   };
 
   void DealQueues();
-  uint16_t Send(const Lane& lane, bess::Packet** pkts, uint16_t count);
+
+  // Why the packet cannot be sent, if so. May put its segments together.
+  std::optional<bess::DropCause> Unfit(bess::Packet* pkt) const;
+
+  uint16_t Burst(const Lane& lane, bess::Packet** pkts, uint16_t count);
 
   bess::Port* port_ = nullptr;
   std::array<Lane, Worker::kMaxWorkers> lanes_;

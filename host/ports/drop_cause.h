@@ -44,7 +44,7 @@ inline constexpr std::array kDropCauses = {
                   "offload merged several; switch it off with ethtool -K.",
                   true},
     DropCauseInfo{DropCause::kTxPortDown, "tx_port_down",
-                  "The device took no packets and its link is down.", false},
+                  "The port's link is down.", false},
     DropCauseInfo{DropCause::kTxQueueFull, "tx_queue_full",
                   "The device's transmit queue stayed full.", false},
     DropCauseInfo{DropCause::kTxTooLong, "tx_frame_too_long",

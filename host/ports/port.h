@@ -12,6 +12,13 @@
 #include "ports/port_stats.h"
 #include "worker.h"
 
+namespace bess::internal {
+struct DeviceString;
+class EthDevice;
+class KernelInterface;
+class PacketSockets;
+}  // namespace bess::internal
+
 namespace bess {
 
 struct PortOptions {
@@ -23,8 +30,9 @@ struct PortOptions {
   uint32_t number = 0;
 
   // How many queues are wished for. Port::rx_queues() and tx_queues() tell how
-  // many there are: as many as the device has at most, and all of them where a
-  // device spreads packets over all of its queues.
+  // many there are: no more than the device has, all of them where a device
+  // spreads packets over all that it has, and as many of one kind as of the
+  // other where a device wants that.
   uint16_t rx_queues = 1;
   uint16_t tx_queues = 1;
 
@@ -91,13 +99,17 @@ class Port {
   // The longest frame, without its 802.1Q tag, that the port sends.
   uint32_t max_frame() const { return mtu() + kHeaderLen; }
 
-  // The longest frame that is taken for one that came over the wire.
-  uint32_t max_received_frame() const { return max_received_frame_; }
+  // The longest frame that can have come over the wire. What is longer was
+  // merged from several by the interface and is cut off.
+  uint32_t max_received_frame() const {
+    return cuts_frames_ ? max_frame() + 2 * kTagLen : UINT32_MAX;
+  }
 
-  // Reads link and MTU again, for the data path to know. Call it now and then.
+  // Reads link and MTU again, for the data path to know. Ports that were opened
+  // by name are refreshed ten times a second.
   void Refresh();
 
-  // What Refresh has last seen.
+  // What Refresh has last seen. Nothing is sent while the link is down.
   bool link_up() const { return link_up_.load(std::memory_order_relaxed); }
 
   PortStats stats() const;
@@ -119,30 +131,41 @@ class Port {
   uint16_t max_segments() const { return max_segments_; }
 
  private:
-  class Setup;
-
-  // What the device itself has counted.
+  // What the device and its interface have counted.
   struct DeviceCounts {
     uint64_t missed = 0;
     uint64_t no_buffer = 0;
     uint64_t rx_errors = 0;
     uint64_t tx_errors = 0;
   };
+
+  void Open();
+  void ChooseQueues(const internal::DeviceString& device);
+  uint16_t ChooseMtu(const internal::DeviceString& device);
   DeviceCounts ReadDevice() const;
 
   const std::string name_;
-  const PortOptions options_;
+  PortOptions options_;
   std::string driver_;
   uint16_t id_ = 0;
   uint16_t rx_queues_ = 0;
   uint16_t tx_queues_ = 0;
   uint16_t max_segments_ = 1;
-  uint32_t max_received_frame_ = UINT32_MAX;
-  uint32_t interface_ = 0;  // the kernel's number of it, if it is one
+  uint16_t max_mtu_ = UINT16_MAX;
+  bool cuts_frames_ = false;
+  bool refusals_are_errors_ = false;
   std::atomic<uint16_t> mtu_ = 0;
   std::atomic<bool> link_up_ = false;
+
   std::vector<bool> receive_claimed_;
   bool send_claimed_ = false;
+
+  std::unique_ptr<internal::EthDevice> eth_;
+  // Of devices that are the kernel's interfaces.
+  std::unique_ptr<internal::KernelInterface> interface_;
+  std::unique_ptr<internal::PacketSockets> sockets_;
+
+  DeviceCounts before_;  // counted when the port was opened
   std::array<PortCounters, Worker::kMaxWorkers> counters_;
 };
 

@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "modules/port_out.h"
+
+#include <rte_ethdev.h>
+#include <rte_pause.h>
+#include <sched.h>
+
+#include <cstring>
+
+#include "internal/registered_class.h"
+
+using bess::DropCause;
+using bess::Packet;
+using bess::PacketBatch;
+using bess::Port;
+using bess::PortCounters;
+
+const Commands PortOut::cmds;
+
+namespace {
+
+const bess::internal::RegisteredClass<PortOut> port_out_class(
+    "PortOut", "port_out", "sends packets from a port");
+
+// Held while a burst is sent from a queue that several workers have. A holder
+// that shares its core with the next one has to get on first.
+class QueueLock {
+ public:
+  explicit QueueLock(rte_spinlock_t* lock) : lock_(lock) {
+    for (int tries = 1; rte_spinlock_trylock(lock_) == 0; tries++) {
+      if (tries % kSpins == 0) {
+        sched_yield();
+      } else {
+        rte_pause();
+      }
+    }
+  }
+  ~QueueLock() { rte_spinlock_unlock(lock_); }
+  QueueLock(const QueueLock&) = delete;
+  QueueLock& operator=(const QueueLock&) = delete;
+
+ private:
+  static constexpr int kSpins = 256;
+  rte_spinlock_t* lock_;
+};
+
+// The longest frame that is sent: devices allow for one 802.1Q tag.
+uint32_t MaxLength(const Packet* pkt, uint32_t max_frame) {
+  constexpr uint8_t kTag[] = {0x81, 0x00};
+  constexpr uint16_t kEtherType = 12;
+  const bool tagged =
+      memcmp(pkt->head_data<const uint8_t*>(kEtherType), kTag, 2) == 0;
+  return max_frame + (tagged ? Port::kTagLen : 0);
+}
+
+}  // namespace
+
+PortOut::PortOut() { max_allowed_workers_ = Worker::kMaxWorkers; }
+
+CommandResponse PortOut::Init(const bess::pb::PortOutArg& arg) {
+  Port* port = bess::FindPort(arg.port());
+  if (port == nullptr) {
+    return CommandFailure(ENODEV, "there is no port '%s'", arg.port().c_str());
+  }
+  if (!port->ClaimSend()) {
+    return CommandFailure(EBUSY, "another module sends from port '%s'",
+                          arg.port().c_str());
+  }
+  port_ = port;
+  queue_locks_ = std::make_unique<rte_spinlock_t[]>(port->tx_queues());
+  DealQueues();
+  return CommandSuccess();
+}
+
+void PortOut::DeInit() { port_->ReleaseSend(); }
+
+int PortOut::OnEvent(bess::Event event) {
+  if (event != bess::Event::PreResume) {
+    return -ENOTSUP;
+  }
+  DealQueues();
+  return 0;
+}
+
+// Workers that are not known to run this module must take turns with all
+// others, so that packets from outside the graph's tasks do no harm either.
+void PortOut::DealQueues() {
+  const int workers = num_active_workers();
+  const uint16_t queues = port_->tx_queues();
+  int rank = 0;
+  for (int wid = 0; wid < Worker::kMaxWorkers; wid++) {
+    const bool active = is_active_worker(wid);
+    lanes_[wid] = {
+        .queue = static_cast<uint16_t>((active ? rank++ : wid) % queues),
+        .shared = !active || workers > queues};
+  }
+}
+
+std::optional<DropCause> PortOut::Unfit(Packet* pkt) const {
+  const auto len = static_cast<uint32_t>(pkt->total_len());
+  if (len < Port::kHeaderLen) [[unlikely]] {
+    return DropCause::kTxTooShort;
+  }
+  const uint32_t max_frame = port_->max_frame();
+  if (len > max_frame && len > MaxLength(pkt, max_frame)) [[unlikely]] {
+    return DropCause::kTxTooLong;
+  }
+  if (pkt->nb_segs() > port_->max_segments() &&
+      rte_pktmbuf_linearize(pkt->mbuf()) != 0) [[unlikely]] {
+    return DropCause::kTxTooManySegments;
+  }
+  return std::nullopt;
+}
+
+uint16_t PortOut::Burst(const Lane& lane, Packet** pkts, uint16_t count) {
+  rte_mbuf** mbufs = reinterpret_cast<rte_mbuf**>(pkts);
+  if (!lane.shared) {
+    return rte_eth_tx_burst(port_->id(), lane.queue, mbufs, count);
+  }
+  const QueueLock lock(&queue_locks_[lane.queue]);
+  return rte_eth_tx_burst(port_->id(), lane.queue, mbufs, count);
+}
+
+void PortOut::ProcessBatch(Context* ctx, PacketBatch* batch) {
+  PortCounters* counters = port_->counters(ctx->wid);
+  PortCounters::Add(counters->tx_entered, static_cast<uint64_t>(batch->cnt()));
+
+  Packet* fit[PacketBatch::kMaxBurst];
+  uint64_t bytes[PacketBatch::kMaxBurst + 1];  // of the packets before
+  bytes[0] = 0;
+  uint16_t count = 0;
+  const bool up = port_->link_up();
+  for (int i = 0; i < batch->cnt(); i++) {
+    Packet* pkt = batch->pkts()[i];
+    const auto cause = up ? Unfit(pkt) : DropCause::kTxPortDown;
+    if (cause.has_value()) [[unlikely]] {
+      counters->Drop(*cause);
+      DropPacket(ctx, pkt);
+      continue;
+    }
+    fit[count] = pkt;
+    bytes[count + 1] = bytes[count] + static_cast<uint64_t>(pkt->total_len());
+    count++;
+  }
+
+  const Lane& lane = lanes_[ctx->wid];
+  uint16_t sent = 0;
+  for (int tries = 0; sent < count && tries <= kRetries; tries++) {
+    sent += Burst(lane, fit + sent, count - sent);
+  }
+  PortCounters::Add(counters->tx_packets, sent);
+  PortCounters::Add(counters->tx_bytes, bytes[sent]);
+  for (uint16_t i = sent; i < count; i++) {
+    counters->Drop(DropCause::kTxQueueFull);
+    DropPacket(ctx, fit[i]);
+  }
+}
+
+std::string PortOut::GetDesc() const { return port_->name(); }

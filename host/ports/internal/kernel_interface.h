@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace bess::internal {
+
+// The kernel's side of a device that is one of its network interfaces: what the
+// device's driver does not tell. An interface that has moved to another network
+// namespace tells nothing.
+class KernelInterface {
+ public:
+  // `index` as the kernel numbers interfaces.
+  explicit KernelInterface(unsigned index);
+
+  const std::string& name() const { return name_; }
+
+  // Switched on and with a carrier.
+  std::optional<bool> up() const;
+
+  // In Mb/s; none when there is no such thing.
+  std::optional<uint32_t> speed() const;
+
+  std::optional<unsigned> mtu() const;
+  // Answers an errno value, 0 on success.
+  int set_mtu(unsigned mtu) const;
+
+  // Packets that the kernel was given to send and dropped, since construction.
+  uint64_t tx_dropped() const;
+
+ private:
+  uint64_t ReadTxDropped() const;
+
+  std::string name_;
+  uint64_t tx_dropped_before_;
+};
+
+// This process's packet sockets on one interface: those of its driver.
+class PacketSockets {
+ public:
+  explicit PacketSockets(unsigned index);
+
+  size_t count() const { return fds_.size(); }
+
+  // Keeps frames that the kernel itself sends on the interface from being
+  // received. Answers an errno value, 0 on success.
+  int IgnoreOutgoing() const;
+
+  // Frames that came while a receive ring was full, since construction. The
+  // kernel forgets them when asked. Any thread.
+  uint64_t Missed();
+
+ private:
+  std::vector<int> fds_;
+  std::mutex mutex_;
+  uint64_t missed_ = 0;
+};
+
+}  // namespace bess::internal
