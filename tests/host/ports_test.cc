@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+
+#include "modules/port_metadata.h"
+#include "port_harness.h"
+#include "ports/port.h"
+
+namespace {
+
+using bess::DropCause;
+using bess::Packet;
+using bess::Port;
+using bess::PortMetadata;
+using bess::PortOptions;
+using bess::PortStats;
+using testing::HasSubstr;
+
+PortMetadata MetadataOf(const Sink::Captured& captured) {
+  PortMetadata block;
+  memcpy(&block, captured.metadata.data(), sizeof(block));
+  return block;
+}
+
+TEST(DropCauses, HaveNamesAndSentencesOfTheirOwn) {
+  std::set<std::string> names;
+  std::set<std::string> sentences;
+  for (const bess::DropCauseInfo& info : bess::kDropCauses) {
+    EXPECT_EQ(std::string(info.name).starts_with("rx_"), info.receive);
+    EXPECT_TRUE(std::string(info.sentence).ends_with(".")) << info.name;
+    names.insert(info.name);
+    sentences.insert(info.sentence);
+  }
+  EXPECT_EQ(names.size(), bess::kNumDropCauses);
+  EXPECT_EQ(sentences.size(), bess::kNumDropCauses);
+}
+
+class RingPortTest : public PortTest {};
+
+TEST_F(RingPortTest, SendsAndReceivesTheBytes) {
+  Port* port = Open("loop", {.device = "net_ring0", .number = 7});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->driver(), "net_ring");
+  EXPECT_EQ(port->mtu(), 1500);
+  EXPECT_TRUE(port->link().up);
+  EXPECT_TRUE(port->link_up());
+  const Sender sender = Send(port);
+  const Receiver receiver = Receive(port);
+  Push(sender, MakeFrame(60, 1));
+  Push(sender, MakeFrame(1514, 2));
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 2u);
+  EXPECT_EQ(captured[0].bytes, MakeFrame(60, 1));
+  EXPECT_EQ(captured[1].bytes, MakeFrame(1514, 2));
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.tx_entered, 2u);
+  EXPECT_EQ(stats.tx_packets, 2u);
+  EXPECT_EQ(stats.tx_bytes, 1574u);
+  EXPECT_EQ(stats.rx_received, 2u);
+  EXPECT_EQ(stats.rx_packets, 2u);
+  EXPECT_EQ(stats.rx_bytes, 1574u);
+  ExpectClosed(port);
+}
+
+TEST_F(RingPortTest, MarksPacketsWithThePortAndNothingElse) {
+  Port* port = Open("loop", {.device = "net_ring0", .number = 70000});
+  const Sender sender = Send(port);
+  const Receiver receiver = Receive(port);
+  // The ring hands over the sender's own packet, metadata and all.
+  Packet* pkt = MakePacket(MakeFrame(60));
+  memset(pkt->metadata<char*>(), 0xff, Packet::kMetadataSize);
+  pkt->set_tag(99);
+  ASSERT_TRUE(sender.source->Push(pkt));
+  worker()->Run(sender.task());
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 1u);
+  const PortMetadata block = MetadataOf(captured[0]);
+  EXPECT_EQ(block.flags,
+            PortMetadata::kMetadataValid | PortMetadata::kInPortValid);
+  EXPECT_EQ(block.in_port, 70000u);
+  EXPECT_EQ(block.metadata, 70000u);
+  EXPECT_EQ(captured[0].tag, 0u);
+}
+
+TEST_F(RingPortTest, CountsWhatAFullQueueDoesNotTake) {
+  Port* port = Open("loop", {.device = "net_ring0"});
+  const Sender sender = Send(port);
+  Push(sender, MakeFrame(60), 3000);
+  // The driver's rings hold 1023 packets.
+  PortStats stats = port->stats();
+  EXPECT_EQ(stats.tx_entered, 3000u);
+  EXPECT_EQ(stats.tx_packets, 1023u);
+  EXPECT_EQ(stats.tx_bytes, 1023u * 60);
+  EXPECT_EQ(stats.drop(DropCause::kTxQueueFull), 3000u - 1023);
+  EXPECT_EQ(sender.out->deadends(0), 3000u - 1023);
+  ExpectClosed(port);
+
+  const Receiver receiver = Receive(port);
+  EXPECT_EQ(Pull(receiver).size(), 1023u);
+  stats = port->stats();
+  EXPECT_EQ(stats.rx_packets, 1023u);
+  EXPECT_EQ(stats.rx_received, 1023u);
+  Push(sender, MakeFrame(60), 5);
+  EXPECT_EQ(port->stats().tx_packets, 1028u);
+  ExpectClosed(port);
+}
+
+TEST_F(RingPortTest, RefusesFramesOfTheWrongLengthOneByOne) {
+  Port* port = Open("loop", {.device = "net_ring0"});
+  const Sender sender = Send(port);
+  const Receiver receiver = Receive(port);
+  Push(sender, MakeFrame(13));
+  Push(sender, MakeFrame(14));
+  Push(sender, MakeFrame(1514));
+  Push(sender, MakeFrame(1515));
+  Push(sender, MakeFrame(1518, 0, true));
+  Push(sender, MakeFrame(1519, 0, true));
+  std::vector<size_t> lengths;
+  for (const auto& captured : Pull(receiver)) {
+    lengths.push_back(captured.bytes.size());
+  }
+  EXPECT_THAT(lengths, testing::ElementsAre(14, 1514, 1518));
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.drop(DropCause::kTxTooShort), 1u);
+  EXPECT_EQ(stats.drop(DropCause::kTxTooLong), 2u);
+  EXPECT_EQ(stats.tx_packets, 3u);
+  ExpectClosed(port);
+}
+
+TEST_F(RingPortTest, CarriesJumboFramesInSegments) {
+  Port* port = Open("loop", {.device = "net_ring0", .mtu = 9000});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->mtu(), 9000);
+  EXPECT_EQ(port->max_frame(), 9014u);
+  const Sender sender = Send(port);
+  const Receiver receiver = Receive(port);
+  Push(sender, MakeFrame(9014, 5));
+  Push(sender, MakeFrame(9015, 5));
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(captured[0].segments, 5);
+  EXPECT_EQ(captured[0].bytes, MakeFrame(9014, 5));
+  EXPECT_EQ(port->stats().drop(DropCause::kTxTooLong), 1u);
+  EXPECT_EQ(port->stats().rx_bytes, 9014u);
+  ExpectClosed(port);
+}
+
+TEST_F(RingPortTest, StartsCleanWhenOpenedAgain) {
+  for (int round = 0; round < 3; round++) {
+    Port* port = Open("loop", {.device = "net_ring0"});
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(port->stats().tx_entered, 0u);
+    const Receiver receiver = Receive(port);
+    EXPECT_EQ(Pull(receiver).size(), 0u) << "left over from the last round";
+    Push(Send(port), MakeFrame(60), 100);
+    EXPECT_EQ(port->stats().tx_packets, 100u);
+    EXPECT_THAT(bess::ClosePort("loop"), HasSubstr("in use"));
+    bess::DestroyAllModules();
+    EXPECT_EQ(bess::ClosePort("loop"), "");
+    EXPECT_EQ(bess::FindPort("loop"), nullptr);
+  }
+}
+
+TEST_F(RingPortTest, KeepsQueuesApart) {
+  Port* port = Open("loop", {.device = "net_ring0", .rx_queues = 3});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->rx_queues(), 3);
+  EXPECT_EQ(port->tx_queues(), 3);
+  const Sender sender = Send(port);
+  const Receiver first = Receive(port, 0);
+  const Receiver second = Receive(port, 1);
+  Push(sender, MakeFrame(60), 4);  // worker 0, so from queue 0
+  EXPECT_EQ(Pull(first).size(), 4u);
+  EXPECT_EQ(Pull(second).size(), 0u);
+}
+
+class NullPortTest : public PortTest {};
+
+TEST_F(NullPortTest, ReceivesFullBatchesForever) {
+  Port* port = Open("null", {.device = "net_null0,size=100", .number = 3});
+  ASSERT_NE(port, nullptr);
+  const Receiver receiver = Receive(port);
+  for (int i = 0; i < 10; i++) {
+    const task_result result = worker()->Run(receiver.task());
+    EXPECT_FALSE(result.block);
+    EXPECT_EQ(result.packets, 32u);
+    EXPECT_EQ(result.bits, 32u * 100 * 8);
+  }
+  EXPECT_EQ(port->stats().rx_packets, 320u);
+  EXPECT_EQ(port->stats().rx_bytes, 32000u);
+  EXPECT_EQ(receiver.sink->Take().size(), 320u);
+  ExpectClosed(port);
+}
+
+TEST_F(NullPortTest, TakesEverything) {
+  Port* port = Open("null", {.device = "net_null0"});
+  Push(Send(port), MakeFrame(60), 5000);
+  EXPECT_EQ(port->stats().tx_packets, 5000u);
+  ExpectClosed(port);
+}
+
+}  // namespace
