@@ -76,7 +76,8 @@ void releaseUserdata(AclCtxData* data, unsigned target);
 //
 // Slots belong to the database. When the last reference to it goes, they stay
 // readable until the next database is made: that one starts with empty slots,
-// and frees what the old ones still hold after a grace period.
+// and frees what the old ones still hold after a grace period. Databases are
+// made on the command thread, which may wait.
 class AclDb : public Mio::Entity {
  public:
   static const Mio::Entity::Type& entityType();
