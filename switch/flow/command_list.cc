@@ -45,8 +45,7 @@ class ListReader {
 
   CommandList run() {
     if (const auto error = findJsonError(text_)) {
-      refuseAt(text_.substr(std::min(error->offset, text_.size())),
-               error->reason);
+      refuseAt(text_.substr(error->offset), error->reason);
       return std::move(list_);
     }
     const size_t begin = text_.find_first_not_of(" \t\r\n");

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include <fmt/format.h>
-
 #include <string>
 
 namespace ofswitch {
@@ -13,10 +11,8 @@ struct Diagnostic {
   int line = 0;
   std::string reason;
 
-  std::string text() const {
-    return line == 0 ? fmt::format("{}: {}", file, reason)
-                     : fmt::format("{}:{}: {}", file, line, reason);
-  }
+  // "flows.txt:12: reason", on one line and safe to show.
+  std::string text() const;
 
   bool operator==(const Diagnostic&) const = default;
 };

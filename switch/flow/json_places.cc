@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/flow/json_places.h"
 
+#include <fmt/format.h>
+
 #include <nlohmann/json.hpp>
 
 namespace ofswitch {
@@ -24,11 +26,10 @@ struct ErrorFinder : nlohmann::json_sax<nlohmann::json> {
   bool end_object() override { return true; }
   bool start_array(size_t) override { return true; }
   bool end_array() override { return true; }
-  bool parse_error(size_t position, const std::string& token,
+  bool parse_error(size_t position, const std::string&,
                    const nlohmann::json::exception&) override {
-    error = {position == 0 ? 0 : position - 1,
-             token.empty() ? "not JSON: the text ends too early"
-                           : "not JSON: cannot read on at \"" + token + "\""};
+    // The position counts the characters read, the wrong one included.
+    error = {position == 0 ? 0 : position - 1, ""};
     return false;
   }
 };
@@ -70,6 +71,14 @@ size_t valueEnd(std::string_view text, size_t at) {
 std::optional<JsonError> findJsonError(std::string_view text) {
   ErrorFinder finder;
   nlohmann::json::sax_parse(text.begin(), text.end(), &finder);
+  if (!finder.error) return std::nullopt;
+  JsonError& error = *finder.error;
+  if (error.offset >= text.size()) {
+    error = {text.size(), "not JSON: the text ends too early"};
+  } else {
+    error.reason = fmt::format("not JSON: unexpected \"{}\"",
+                               text.substr(error.offset, 1));
+  }
   return finder.error;
 }
 

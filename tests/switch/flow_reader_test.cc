@@ -90,6 +90,12 @@ TEST(FlowReader, ShowsEveryRefusal) {
           "flows.txt:3: unknown action \"otput\", did you mean \"output\"?"}));
 }
 
+TEST(FlowReader, ShowsNoControlCharacters) {
+  EXPECT_EQ(
+      texts(readText("\x1b[2J=1,actions=drop\n").refusals),
+      (std::vector<std::string>{"flows.txt:1: unknown field \"\\x1b[2J\""}));
+}
+
 TEST(FlowReader, NamesAFileThatItCannotOpen) {
   const FlowFile file = FlowReader().read("/nonexistent/flows.txt");
   EXPECT_EQ(texts(file.refusals),
