@@ -202,4 +202,100 @@ TEST_F(NullPortTest, TakesEverything) {
   ExpectClosed(port);
 }
 
+class PcapPortTest : public PortTest {
+ protected:
+  PcapPortTest() : path_(testing::TempDir() + "ports_test.pcap") {}
+  ~PcapPortTest() override { remove(path_.c_str()); }
+
+  // Sends the frames to the file.
+  void Record(const std::vector<std::string>& frames) {
+    Port* port =
+        Open("recorder", {.device = "net_pcap0,tx_pcap=" + path_, .mtu = 9000});
+    ASSERT_NE(port, nullptr);
+    const Sender sender = Send(port);
+    for (const std::string& frame : frames) {
+      Push(sender, frame);
+    }
+    EXPECT_EQ(port->stats().tx_packets, frames.size());
+    ExpectClosed(port);
+    bess::DestroyAllModules();
+    ASSERT_EQ(bess::ClosePort("recorder"), "");
+  }
+
+  const std::string path_;
+};
+
+TEST_F(PcapPortTest, ReadsBackWhatItWrote) {
+  Record({MakeFrame(60, 1), MakeFrame(9014, 2), MakeFrame(2048, 3),
+          MakeFrame(2049, 4)});
+  Port* port = Open("player", {.device = "net_pcap1,rx_pcap=" + path_});
+  ASSERT_NE(port, nullptr);
+  const auto captured = Pull(Receive(port));
+  ASSERT_EQ(captured.size(), 4u);
+  EXPECT_EQ(captured[0].bytes, MakeFrame(60, 1));
+  EXPECT_EQ(captured[1].bytes, MakeFrame(9014, 2));
+  EXPECT_EQ(captured[1].segments, 5);
+  EXPECT_EQ(captured[2].bytes, MakeFrame(2048, 3));
+  EXPECT_EQ(captured[2].segments, 1);
+  EXPECT_EQ(captured[3].bytes, MakeFrame(2049, 4));
+  EXPECT_EQ(port->stats().rx_bytes, 60u + 9014 + 2048 + 2049);
+  ExpectClosed(port);
+}
+
+TEST_F(PcapPortTest, PlaysForeverWhenAskedTo) {
+  Record({MakeFrame(60, 1), MakeFrame(70, 2), MakeFrame(80, 3)});
+  Port* port =
+      Open("player", {.device = "net_pcap1,infinite_rx=1,rx_pcap=" + path_});
+  ASSERT_NE(port, nullptr);
+  const Receiver receiver = Receive(port);
+  for (int i = 0; i < 100; i++) {
+    EXPECT_FALSE(worker()->Run(receiver.task()).block);
+  }
+  const auto captured = receiver.sink->Take();
+  ASSERT_EQ(captured.size(), 3200u);
+  for (size_t i = 0; i < captured.size(); i++) {
+    const auto seed = static_cast<uint8_t>(i % 3);
+    ASSERT_EQ(captured[i].bytes, MakeFrame(60 + 10 * seed, seed + 1)) << i;
+  }
+  ExpectClosed(port);
+}
+
+TEST_F(PcapPortTest, CountsFramesThatFoundNoBuffer) {
+  Record(std::vector<std::string>(200, MakeFrame(60)));
+  bess::PacketPool small(63, 0);
+  Port* port =
+      Open("player", {.device = "net_pcap1,rx_pcap=" + path_, .pool = &small});
+  ASSERT_NE(port, nullptr);
+  const Receiver receiver = Receive(port);
+  std::vector<Packet*> held;
+  while (Packet* pkt = small.Alloc()) {
+    held.push_back(pkt);
+  }
+  for (int i = 0; i < 10; i++) {
+    worker()->Run(receiver.task());
+  }
+  const PortStats starved = port->stats();
+  EXPECT_EQ(starved.rx_packets, 0u);
+  EXPECT_GT(starved.drop(DropCause::kRxNoBuffer), 0u);
+  Packet::Free(held.data(), held.size());
+  const size_t received = Pull(receiver).size();
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.rx_packets, received);
+  EXPECT_EQ(stats.rx_received, 200u) << "all that the file holds";
+  ExpectClosed(port);
+  bess::DestroyAllModules();
+  EXPECT_EQ(bess::ClosePort("player"), "");
+}
+
+TEST_F(PcapPortTest, CanBeOpenedAgain) {
+  for (int round = 0; round < 3; round++) {
+    Record({MakeFrame(60, 1), MakeFrame(61, 2)});
+    Port* port = Open("player", {.device = "net_pcap0,rx_pcap=" + path_});
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(Pull(Receive(port)).size(), 2u);
+    bess::DestroyAllModules();
+    ASSERT_EQ(bess::ClosePort("player"), "");
+  }
+}
+
 }  // namespace

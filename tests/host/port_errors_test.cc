@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// What people read when a port does not open.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "port_harness.h"
+
+namespace {
+
+using bess::PortOptions;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct Refused {
+  const char* name;
+  PortOptions options;
+  std::vector<const char*> texts;
+};
+
+class PortErrorsTest : public PortTest,
+                       public testing::WithParamInterface<Refused> {};
+
+TEST_P(PortErrorsTest, SaysWhatIsWrongAndWhatWouldBeRight) {
+  const std::string error = bess::OpenPort("p1", GetParam().options);
+  EXPECT_THAT(error, StartsWith("port 'p1', device '" +
+                                GetParam().options.device + "': "));
+  for (const char* text : GetParam().texts) {
+    EXPECT_THAT(error, HasSubstr(text));
+  }
+  EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+  EXPECT_EQ(bess::FindPort("p1"), nullptr);
+  RecordProperty("error", error);
+}
+
+const Refused kRefused[] = {
+    {"NoDevice", {.device = ""}, {"no device is named", "net_af_packet0,"}},
+    {"UnknownDriver",
+     {.device = "net_foo0"},
+     {"no driver of that name", "0000:03:00.0", "net_tap0", "net_memif0"}},
+    {"MisspeltDriver", {.device = "net_afpacket0,iface=lo"}, {"no driver"}},
+    {"LongName",
+     {.device = "net_null" + std::string(80, '1')},
+     {"longer than 63 characters"}},
+    {"UnknownArgument",
+     {.device = "net_null0,sise=64"},
+     {"unknown argument 'sise': net_null takes size,copy,no-rx"}},
+    {"PartOfAnArgument",
+     {.device = "net_null0,siz=64"},
+     {"unknown argument 'siz'"}},
+    {"EmptyArgument", {.device = "net_null0,"}, {"unknown argument ''"}},
+    {"ArgumentWithoutValue",
+     {.device = "net_null0,size"},
+     {"argument 'size' has no value: write size=..."}},
+    {"FramesBeyondTheBuffer",
+     {.device = "net_null0,size=9000"},
+     {"size=9000", "14 to 2048 bytes"}},
+    {"NoSuchInterface",
+     {.device = "net_af_packet0,iface=nope0"},
+     {"there is no network interface 'nope0'; there are ", "lo"}},
+    {"NoInterfaceNamed",
+     {.device = "net_af_packet0"},
+     {"no interface is named: write net_af_packet0,iface=eth1"}},
+    {"NoSuchInterfaceToCaptureFrom",
+     {.device = "net_pcap0,rx_iface=nope0"},
+     {"there is no network interface 'nope0'"}},
+    {"NoSuchCapture",
+     {.device = "net_pcap0,rx_pcap=/nonexistent/in.pcap"},
+     {"cannot read '/nonexistent/in.pcap': No such file or directory"}},
+    {"CaptureIsADirectory",
+     {.device = "net_pcap0,rx_pcap=/tmp"},
+     {"cannot read '/tmp': it is a directory"}},
+    {"NoFolderForCapture",
+     {.device = "net_pcap0,tx_pcap=/nonexistent/out.pcap"},
+     {"cannot make '/nonexistent/out.pcap': No such file or directory"}},
+    {"NothingToCapture", {.device = "net_pcap0"}, {"nothing to read from"}},
+    {"NoSuchPciDevice",
+     {.device = "0000:fe:1f.7"},
+     {"there is no PCI device at 0000:fe:1f.7", "dpdk-devbind.py --status"}},
+    {"MtuTooSmall",
+     {.device = "net_null0", .mtu = 67},
+     {"the MTU must be at least 68"}},
+    {"JumboFramesOnMemif",
+     {.device = "net_memif0,role=server,id=5", .mtu = 9000},
+     {"MTU 9000", "net_memif carries at most 1500 bytes"}},
+    {"FramesLongerThanACapture",
+     {.device = "net_pcap0,tx_pcap=/dev/null", .mtu = 9601},
+     {"MTU 9601", "at most 9600 bytes"}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Devices, PortErrorsTest, testing::ValuesIn(kRefused),
+                         [](const auto& row) { return row.param.name; });
+
+class PortOpeningTest : public PortTest {};
+
+TEST_F(PortOpeningTest, RefusesNamesThatAreTakenOrMissing) {
+  ASSERT_NE(Open("a", {.device = "net_null0"}), nullptr);
+  EXPECT_EQ(bess::OpenPort("a", {.device = "net_null1"}),
+            "port 'a' exists already");
+  EXPECT_EQ(bess::OpenPort("", {.device = "net_null1"}), "a port needs a name");
+  EXPECT_EQ(bess::OpenPort("b", {.device = "net_null0,size=70"}),
+            "port 'b', device 'net_null0,size=70': the device is open already");
+  EXPECT_EQ(bess::ClosePort("b"), "there is no port 'b'");
+  EXPECT_EQ(bess::ListPorts().size(), 1u);
+}
+
+TEST_F(PortOpeningTest, QuotesTheDriver) {
+  const std::string path = testing::TempDir() + "no_capture";
+  std::ofstream(path) << "this is no capture";
+  const std::string error = Failure({.device = "net_pcap0,rx_pcap=" + path});
+  remove(path.c_str());
+  EXPECT_THAT(error, HasSubstr("the driver refuses it: "));
+  EXPECT_THAT(error, HasSubstr("unknown file format"));
+}
+
+TEST_F(PortOpeningTest, WorksAfterARefusal) {
+  EXPECT_NE(Failure({.device = "net_null0", .mtu = 3}), "");
+  EXPECT_EQ(Failure({.device = "net_null0"}), "");
+  EXPECT_EQ(bess::ClosePort("p"), "");
+}
+
+TEST_F(PortOpeningTest, TellsDevicesOnPciFromOthers) {
+  EXPECT_TRUE(bess::Port::IsPci("0000:03:00.0"));
+  EXPECT_TRUE(bess::Port::IsPci("03:00.0"));
+  EXPECT_TRUE(bess::Port::IsPci("0000:03:00.0,representor=0"));
+  EXPECT_FALSE(bess::Port::IsPci("net_null0"));
+  EXPECT_FALSE(bess::Port::IsPci(""));
+}
+
+// A person without the permission must learn how to get it.
+TEST_F(PortOpeningTest, NamesTheMissingCapability) {
+  if (geteuid() != 0) {
+    EXPECT_THAT(Failure({.device = "net_af_packet0,iface=lo"}),
+                HasSubstr("CAP_NET_RAW"));
+    return;
+  }
+  EXPECT_EXIT(
+      {
+        if (setresuid(65534, 65534, 65534) != 0) {
+          _exit(2);
+        }
+        fprintf(
+            stderr, "%s\n",
+            bess::OpenPort("p", {.device = "net_af_packet0,iface=lo"}).c_str());
+        _exit(0);
+      },
+      testing::ExitedWithCode(0),
+      "a packet socket needs the capability CAP_NET_RAW: run as root, or "
+      "once: setcap cap_net_admin,cap_net_raw=ep .*host_ports_test");
+}
+
+class PortModulesTest : public PortTest {
+ protected:
+  template <typename Arg>
+  static bess::pb::Error Make(const std::string& class_name, const Arg& arg) {
+    google::protobuf::Any any;
+    any.PackFrom(arg);
+    return bess::CreateModule(class_name, "", any).response.error();
+  }
+  static bess::pb::PortInArg In(const std::string& port, uint32_t queue) {
+    bess::pb::PortInArg arg;
+    arg.set_port(port);
+    arg.set_queue(queue);
+    return arg;
+  }
+  static bess::pb::PortOutArg Out(const std::string& port) {
+    bess::pb::PortOutArg arg;
+    arg.set_port(port);
+    return arg;
+  }
+};
+
+TEST_F(PortModulesTest, RefusePortsAndQueuesThatAreMissing) {
+  Open("p", {.device = "net_null0", .rx_queues = 2});
+  EXPECT_EQ(Make("PortIn", In("q", 0)).errmsg(), "there is no port 'q'");
+  EXPECT_EQ(Make("PortOut", Out("q")).errmsg(), "there is no port 'q'");
+  const bess::pb::Error error = Make("PortIn", In("p", 2));
+  EXPECT_EQ(error.code(), EINVAL);
+  EXPECT_EQ(error.errmsg(), "queue 2: port 'p' has 2 to receive from");
+}
+
+TEST_F(PortModulesTest, HaveQueuesToThemselves) {
+  Open("p", {.device = "net_null0", .rx_queues = 2});
+  EXPECT_EQ(Make("PortIn", In("p", 1)).code(), 0);
+  EXPECT_EQ(Make("PortIn", In("p", 0)).code(), 0);
+  EXPECT_EQ(Make("PortOut", Out("p")).code(), 0);
+  EXPECT_EQ(Make("PortIn", In("p", 1)).code(), EBUSY);
+  EXPECT_EQ(Make("PortOut", Out("p")).code(), EBUSY);
+  EXPECT_EQ(bess::ClosePort("p"), "port 'p' is in use by modules");
+  bess::DestroyAllModules();
+  EXPECT_EQ(Make("PortIn", In("p", 1)).code(), 0);
+}
+
+}  // namespace
