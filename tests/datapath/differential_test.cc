@@ -95,6 +95,7 @@ TEST_P(Differential, ShortestFramesWithoutController) {
     add.mutable_action()->mutable_fields()->clear_setoutputcontroller();
   }
   update(arg);
+  flows = arg.ShortDebugString();
   RandomPacketOptions packets;
   packets.truncate = true;
   packets.startTables = 1;

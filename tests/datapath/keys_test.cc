@@ -1,42 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
-// The lookup keys of frames. A row states what every field of both keys holds;
-// a flow that matches all fields of the key exactly then has to hit, and a flow
-// that differs in any one field has to miss.
-#include <functional>
-
-#include "tests/datapath/datapath_test.h"
+// The lookup keys of frames. A row states what every field of both keys holds:
+// their bytes, and the flow that matches all their fields exactly.
+#include "modules/openflow/datapath/build_key.h"
+#include "tests/datapath/key_fields.h"
 #include "tests/support/reference_keys.h"
 
 namespace openflow_test {
 namespace {
-
-// Layer 3 and 4 fields of one key.
-struct Layers {
-  uint8_t proto = 0;
-  uint8_t tos = 0;
-  uint8_t ttl = 0;
-  uint16_t l4Src = 0;
-  uint16_t l4Dst = 0;
-  uint8_t tcpFlags = 0;
-  uint8_t icmpType = 0;
-  uint8_t icmpCode = 0;
-};
-
-struct KeyFields {
-  uint16_t ethType = 0;
-  uint16_t vlanTci = 0;
-  Layers ipv4 = {};
-  uint32_t arpTpa = 0;
-  uint32_t ipv4Src = 0;
-  uint32_t ipv4Dst = 0;
-  Layers ipv6 = {};
-  Ip6 ipv6Src{};
-  Ip6 ipv6Dst{};
-  uint64_t metadata = 0;
-  Mac ethDst = kDstMac;
-  Mac ethSrc = kSrcMac;
-};
 
 struct KeyCase {
   const char* name;
@@ -45,24 +16,6 @@ struct KeyCase {
 };
 
 void PrintTo(const KeyCase& row, std::ostream* out) { *out << row.packet; }
-
-// Matches exactly the packets that have this key in the family.
-Flow exactFlow(const KeyFields& key, Family family) {
-  const Layers& layers = family == Family::kIpv6 ? key.ipv6 : key.ipv4;
-  Flow flow(1, 10);
-  flow.ethDst(key.ethDst).ethSrc(key.ethSrc).ethType(key.ethType);
-  flow.vlanVid(key.vlanTci, 0xffff).metadata(key.metadata);
-  flow.ipProto(layers.proto).ipTos(layers.tos).ipTtl(layers.ttl);
-  flow.l4SrcPort(layers.l4Src).l4DstPort(layers.l4Dst);
-  flow.tcpFlags(layers.tcpFlags);
-  flow.icmpType(layers.icmpType).icmpCode(layers.icmpCode);
-  if (family == Family::kIpv6) {
-    flow.ipv6Src(key.ipv6Src).ipv6Dst(key.ipv6Dst);
-  } else {
-    flow.arpTpa(key.arpTpa).ipv4Src(key.ipv4Src).ipv4Dst(key.ipv4Dst);
-  }
-  return flow.counters(kPackets, kByteCount).output({2});
-}
 
 class Keys : public DataPath, public ::testing::WithParamInterface<KeyCase> {
  protected:
@@ -74,6 +27,27 @@ class Keys : public DataPath, public ::testing::WithParamInterface<KeyCase> {
   }
 };
 
+TEST_P(Keys, Bytes) {
+  const InputPacket& packet = GetParam().packet;
+  Bytes frame = packet.bytes;
+  frame.resize(std::max(frame.size(), kFrameWindow), packet.fill);
+  const bool valid = packet.meta.flags & MetadataBlock::kMetadataValid;
+  Bytes ipv4(sizeof(OfIpv4Key), 0x5a), ipv6(sizeof(OfIpv6Key), 0x5a);
+  buildKeys<true, true>(frame.data(), valid ? packet.meta.metadata : 0,
+                        reinterpret_cast<OfIpv4Key*>(ipv4.data()),
+                        reinterpret_cast<OfIpv6Key*>(ipv6.data()));
+  EXPECT_EQ(hexDump(ipv4), hexDump(ipv4KeyBytes(GetParam().key)));
+  EXPECT_EQ(hexDump(ipv6), hexDump(ipv6KeyBytes(GetParam().key)));
+}
+
+TEST_P(Keys, BytesOfTheTwin) {
+  const ReferenceKeys keys = referenceKeys(ReferencePacket(GetParam().packet));
+  EXPECT_EQ(hexDump({keys.ipv4.begin(), keys.ipv4.end()}),
+            hexDump(ipv4KeyBytes(GetParam().key)));
+  EXPECT_EQ(hexDump({keys.ipv6.begin(), keys.ipv6.end()}),
+            hexDump(ipv6KeyBytes(GetParam().key)));
+}
+
 TEST_P(Keys, Ipv4Key) { expectHit(Family::kIpv4); }
 
 TEST_P(Keys, Ipv6Key) { expectHit(Family::kIpv6); }
@@ -83,19 +57,6 @@ const InputPacket withMetadata(Frame frame, MetadataBlock block) {
 }
 
 const uint64_t kMetadata = 0x1122334455667788;
-
-const Frame kTcp4 = Frame::eth().ipv4(kIpA, kIpB).tcp(7, 80, 0x12);
-const Frame kTcp6 = Frame::eth().ipv6(kIp6A, kIp6B).tcp(7, 80, 0x12);
-
-// The key of kTcp4 with other layers.
-KeyFields key4(Layers layers) {
-  return {.ethType = 0x0800, .ipv4 = layers, .ipv4Src = kIpA, .ipv4Dst = kIpB};
-}
-
-KeyFields key6(Layers layers) {
-  return {
-      .ethType = 0x86dd, .ipv6 = layers, .ipv6Src = kIp6A, .ipv6Dst = kIp6B};
-}
 
 KeyFields tagged(KeyFields key, uint16_t tci) {
   key.vlanTci = tci;
@@ -107,8 +68,6 @@ KeyFields marked(KeyFields key, uint64_t metadata) {
   return key;
 }
 
-const Layers kTcpLayers = {
-    .proto = 6, .ttl = 64, .l4Src = 7, .l4Dst = 80, .tcpFlags = 0x12};
 const Layers kUdpLayers = {.proto = 17, .ttl = 64, .l4Src = 7, .l4Dst = 80};
 
 // What lies behind a cut frame in its buffer.
@@ -288,77 +247,6 @@ INSTANTIATE_TEST_SUITE_P(Cut, Keys, ::testing::ValuesIn(kCutRows), rowName);
 INSTANTIATE_TEST_SUITE_P(Layer2, Keys, ::testing::ValuesIn(kLayer2Rows),
                          rowName);
 INSTANTIATE_TEST_SUITE_P(Ip, Keys, ::testing::ValuesIn(kIpRows), rowName);
-
-// One field of a key, spoilt.
-struct SpoiltField {
-  const char* name;
-  std::function<void(KeyFields*)> spoil;
-  bool inIpv4 = true;
-  bool inIpv6 = true;
-};
-
-const SpoiltField kSpoiltFields[] = {
-    {"EthDstFirst", [](KeyFields* k) { k->ethDst[0] ^= 0x80; }},
-    {"EthDstLast", [](KeyFields* k) { k->ethDst[5] ^= 1; }},
-    {"EthSrcFirst", [](KeyFields* k) { k->ethSrc[0] ^= 0x80; }},
-    {"EthSrcLast", [](KeyFields* k) { k->ethSrc[5] ^= 1; }},
-    {"EthType", [](KeyFields* k) { k->ethType ^= 1; }},
-    {"VlanTciHigh", [](KeyFields* k) { k->vlanTci ^= 0x8000; }},
-    {"VlanTciLow", [](KeyFields* k) { k->vlanTci ^= 1; }},
-    {"Proto", [](KeyFields* k) { k->ipv4.proto ^= 1, k->ipv6.proto ^= 1; }},
-    {"Tos", [](KeyFields* k) { k->ipv4.tos ^= 1, k->ipv6.tos ^= 1; }},
-    {"Ttl", [](KeyFields* k) { k->ipv4.ttl ^= 1, k->ipv6.ttl ^= 1; }},
-    {"L4Src", [](KeyFields* k) { k->ipv4.l4Src ^= 1, k->ipv6.l4Src ^= 1; }},
-    {"L4Dst",
-     [](KeyFields* k) { k->ipv4.l4Dst ^= 0x100, k->ipv6.l4Dst ^= 0x100; }},
-    {"TcpFlags",
-     [](KeyFields* k) { k->ipv4.tcpFlags ^= 2, k->ipv6.tcpFlags ^= 2; }},
-    {"IcmpType",
-     [](KeyFields* k) { k->ipv4.icmpType ^= 1, k->ipv6.icmpType ^= 1; }},
-    {"IcmpCode",
-     [](KeyFields* k) { k->ipv4.icmpCode ^= 1, k->ipv6.icmpCode ^= 1; }},
-    {"MetadataLow", [](KeyFields* k) { k->metadata ^= 1; }},
-    {"MetadataHigh", [](KeyFields* k) { k->metadata ^= uint64_t{1} << 63; }},
-    {"ArpTpa", [](KeyFields* k) { k->arpTpa ^= 1; }, true, false},
-    {"Ipv4Src", [](KeyFields* k) { k->ipv4Src ^= 1; }, true, false},
-    {"Ipv4Dst", [](KeyFields* k) { k->ipv4Dst ^= 0x80000000; }, true, false},
-    {"Ipv6SrcFirst", [](KeyFields* k) { k->ipv6Src[0] ^= 1; }, false, true},
-    {"Ipv6SrcLast", [](KeyFields* k) { k->ipv6Src[15] ^= 1; }, false, true},
-    {"Ipv6DstMiddle", [](KeyFields* k) { k->ipv6Dst[7] ^= 1; }, false, true},
-    {"Ipv6DstLast", [](KeyFields* k) { k->ipv6Dst[15] ^= 1; }, false, true},
-};
-
-void PrintTo(const SpoiltField& field, std::ostream* out) {
-  *out << field.name;
-}
-
-class KeyField : public DataPath,
-                 public ::testing::WithParamInterface<SpoiltField> {
- protected:
-  void expectMiss(const Frame& frame, KeyFields key, Family family) {
-    GetParam().spoil(&key);
-    add(0, {exactFlow(key, family)}, family);
-    const RunResult result = run({frame});
-    EXPECT_EQ(result.numEmitted(), 0u);
-    EXPECT_EQ(result.table(0).tableMisses, 1u);
-    EXPECT_EQ(result.drops, 1u);
-    EXPECT_TRUE(result.flowCounters.empty());
-  }
-};
-
-TEST_P(KeyField, IsCompared) {
-  if (GetParam().inIpv4) {
-    expectMiss(kTcp4, key4(kTcpLayers), Family::kIpv4);
-  }
-  if (GetParam().inIpv6) {
-    harness().clearFlows();
-    SetUp();
-    expectMiss(kTcp6, key6(kTcpLayers), Family::kIpv6);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(All, KeyField, ::testing::ValuesIn(kSpoiltFields),
-                         rowName);
 
 }  // namespace
 }  // namespace openflow_test

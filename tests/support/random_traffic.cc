@@ -269,17 +269,23 @@ InputPacket randomPacket(Random* random, const RandomPacketOptions& options) {
   packet.fill = static_cast<uint8_t>(random->bits());
 
   if (options.truncate) {
-    // The headers the module looks at lie in the buffer, data or not.
     if (random->oneIn(2)) {
       packet.bytes.resize(
           random->below(static_cast<uint32_t>(packet.bytes.size()) + 1));
     }
     packet.bytes.resize(std::max(packet.bytes.size(), options.minLength));
-    const size_t needed = std::max(packet.bytes.size(), kRoomForHeaders);
-    packet.headroom =
-        random->oneIn(2)
-            ? random->below(8)
-            : random->below(static_cast<uint32_t>(kBufferSize - needed + 1));
+    const auto spare = static_cast<uint32_t>(kBufferSize - packet.bytes.size());
+    switch (random->below(3)) {
+      case 0:
+        packet.headroom = random->below(8);
+        break;
+      case 1:
+        packet.headroom = spare - random->below(100);
+        break;
+      default:
+        packet.headroom = random->below(spare + 1);
+        break;
+    }
     return packet;
   }
 

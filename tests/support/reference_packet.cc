@@ -8,12 +8,16 @@ namespace {
 
 constexpr size_t kDataRoom = kBufferSize - kDefaultHeadroom;
 
+// Zero bytes behind a buffer, for headers that would reach beyond it.
+constexpr size_t kBeyond = 256;
+
 }  // namespace
 
 ReferencePacket::ReferencePacket(const InputPacket& input)
     : meta(input.meta), start_(input.headroom), fill_(input.fill) {
   const size_t firstRoom = kBufferSize - input.headroom;
   buffer_.assign(kBufferSize, input.fill);
+  buffer_.resize(kBufferSize + kBeyond);
   firstLength_ = input.segments.empty()
                      ? std::min(input.bytes.size(), firstRoom)
                      : input.segments.front();
@@ -30,6 +34,7 @@ ReferencePacket ReferencePacket::copy() const {
   twin.fill_ = fill_;
   twin.isCopy_ = true;
   twin.buffer_.assign(kBufferSize, fill_);
+  twin.buffer_.resize(kBufferSize + kBeyond);
 
   // Full headroom, unless that alone would take a segment more.
   size_t at = 0;
@@ -56,13 +61,11 @@ ReferencePacket ReferencePacket::copy() const {
 
 uint8_t ReferencePacket::get(size_t offset) const {
   if (isCopy_ && offset >= firstLength_) readGarbage_ = true;
-  const size_t at = start_ + offset;
-  return at < buffer_.size() ? buffer_[at] : fill_;
+  return buffer_.at(start_ + offset);
 }
 
 void ReferencePacket::set(size_t offset, uint8_t value) {
-  const size_t at = start_ + offset;
-  if (at < buffer_.size()) buffer_[at] = value;
+  buffer_.at(start_ + offset) = value;
 }
 
 uint16_t ReferencePacket::get16(size_t offset) const {

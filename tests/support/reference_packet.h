@@ -29,7 +29,7 @@ class ReferencePacket {
   size_t lastTailroom() const { return lastTailroom_; }
 
   // Bytes counted from the start of the data, whether or not the data reaches
-  // that far.
+  // that far. Beyond the buffer they are zero until set, and go nowhere.
   uint8_t get(size_t offset) const;
   void set(size_t offset, uint8_t value);
   uint16_t get16(size_t offset) const;
