@@ -162,6 +162,30 @@ TEST_F(EdgeFrames, NoTailroom) {
   runAll(packets, 2);
 }
 
+// Headers that would reach beyond the buffer are read as zeros there.
+TEST_F(EdgeFrames, CutAtEveryByteAtTheBuffersEnd) {
+  add(0, {rewriteIp().popVlan().setVlanVid(100).setVlanPcp(5).output({2})});
+  for (const Frame& whole : kWholeFrames) {
+    std::vector<InputPacket> packets;
+    for (size_t length = 0; length <= Bytes(whole).size(); length++) {
+      packets.emplace_back(Frame(whole).keep(length));
+      packets.back().headroom = kBufferSize - packets.back().bytes.size();
+    }
+    runAll(packets, 2);
+  }
+}
+
+TEST_F(EdgeFrames, ShortestFrameThatCanBeTagged) {
+  add(0, {Flow(1, 10).setVlanVid(100).output({2})});
+  const Frame frame = Frame::eth().ethType(0x88b5);
+  for (const size_t length : {13, 14}) {
+    InputPacket packet(Frame(frame).keep(length));
+    packet.headroom = kBufferSize - length;
+    EXPECT_EQ(runOne(packet, 2).bytes,
+              length == 14 ? Bytes(Frame(frame).vlan(100)) : packet.bytes);
+  }
+}
+
 TEST_F(EdgeFrames, WholeBuffer) {
   add(0, {Flow(1, 10).decTtl().output({2}).trap(4)});
   InputPacket packet(tcpFrame().payload(kBufferSize - 54));

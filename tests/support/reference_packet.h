@@ -26,6 +26,8 @@ class ReferencePacket {
   size_t length() const { return firstLength_ + rest_.size(); }
   size_t firstLength() const { return firstLength_; }
   size_t headroom() const { return start_; }
+  // From the start of the data to the end of its buffer.
+  size_t bufferBytes() const { return kBufferSize - start_; }
   size_t lastTailroom() const { return lastTailroom_; }
 
   // Bytes counted from the start of the data, whether or not the data reaches

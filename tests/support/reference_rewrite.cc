@@ -17,12 +17,16 @@ bool tagged(const Packet& packet) { return packet.get16(kType) == 0x8100; }
 
 void popVlan(Packet* packet) {
   const bool hasTag = tagged(*packet) || packet->get16(kType) == 0x88a8;
-  if (!hasTag || packet->firstLength() < 4) return;
+  // The MACs move up to byte 16, which the buffer may not have.
+  if (!hasTag || packet->firstLength() < 4 || packet->bufferBytes() < 16) {
+    return;
+  }
   for (size_t i = 12; i-- > 0;) packet->set(i + 4, packet->get(i));
   packet->removeFront(4);
 }
 
 void setVlanVid(Packet* packet, uint16_t vid) {
+  if (packet->bufferBytes() < (tagged(*packet) ? 16u : 14u)) return;
   if (tagged(*packet)) {
     const unsigned kept = packet->get16(kType + 2) & 0xf000;
     packet->set16(kType + 2, static_cast<uint16_t>(kept | vid));

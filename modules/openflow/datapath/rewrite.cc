@@ -194,11 +194,15 @@ void popVlan(bess::Packet* packet) {
 
 // `vid` is in network order and used with all its 16 bits.
 void setVlanVid(bess::Packet* packet, uint16_t vid) {
-  if (bufferBytes(*packet) < kTaggedL2Size) {
+  const size_t available = bufferBytes(*packet);
+  if (available < kEthHeaderSize) {
     return;
   }
   auto* frame = packet->head_data<uint8_t*>();
   if (load16(frame + kEthTypeOffset) == kEthTypeVlan) {
+    if (available < kTaggedL2Size) {
+      return;
+    }
     uint8_t* tci = frame + kEthHeaderSize;
     const auto kept = static_cast<uint8_t>(tci[0] & 0xf0);  // PCP and DEI
     storeRaw16(tci, vid);
