@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Lookups that fail for a whole batch: the library refuses to classify, or a
+// published record is not what it has to be.
+#include <dlfcn.h>
+#include <rte_acl.h>
+
+#include "tests/datapath/datapath_test.h"
+#include "tests/support/openflow_peer.h"
+
+namespace {
+
+// Counts down to the call that fails; 0 for none.
+int failingCall = 0;
+
+}  // namespace
+
+// The program's own version of the library's function.
+extern "C" int rte_acl_classify(const rte_acl_ctx* ctx, const uint8_t** data,
+                                uint32_t* results, uint32_t num,
+                                uint32_t categories) {
+  using Classify = decltype(&rte_acl_classify);
+  static const auto real =
+      reinterpret_cast<Classify>(dlsym(RTLD_NEXT, "rte_acl_classify"));
+  if (failingCall > 0 && --failingCall == 0) return -EINVAL;
+  return real(ctx, data, results, num, categories);
+}
+
+namespace openflow_test {
+namespace {
+
+class LookupFailure : public DataPath {
+ protected:
+  void TearDown() override { failingCall = 0; }
+
+  // Both families classify in table 0, which sends everything to gate 1.
+  void addBoth() {
+    add(0, {Flow(1, 10).counters(kPackets, kByteCount).output({1})});
+    add(0, {Flow(1, 5).output({2})}, Family::kIpv6);
+  }
+
+  void expectBatchDropped(int call) {
+    SCOPED_TRACE(call);
+    failingCall = call;
+    const RunResult result =
+        harness().run(std::vector<InputPacket>(7, tcpFrame()));
+    EXPECT_EQ(failingCall, 0) << "the call was not made";
+    EXPECT_EQ(result.numEmitted(), 0u);
+    EXPECT_EQ(result.table(0).classifyErrors, 1u);
+    EXPECT_EQ(result.table(0).batchDrops, 1u);
+    EXPECT_EQ(result.table(0).tableMisses, 0u);
+    EXPECT_EQ(result.drops, 0u);
+    EXPECT_TRUE(result.flowCounters.empty());
+    EXPECT_EQ(result.leakedPackets, 0);
+  }
+};
+
+TEST_F(LookupFailure, OfTheIpv4Classifier) {
+  addBoth();
+  expectBatchDropped(1);
+}
+
+TEST_F(LookupFailure, OfTheIpv6Classifier) {
+  addBoth();
+  expectBatchDropped(2);
+}
+
+TEST_F(LookupFailure, NextBatchIsNotAffected) {
+  addBoth();
+  expectBatchDropped(1);
+  runOne(tcpFrame(), 1);
+}
+
+// One call for each family, whatever the number of packets.
+TEST_F(LookupFailure, FamiliesAreClassifiedOnceEach) {
+  addBoth();
+  failingCall = 3;
+  run(std::vector<InputPacket>(kMaxBatch, tcpFrame()));
+  EXPECT_EQ(failingCall, 1);
+}
+
+TEST_F(LookupFailure, FamilyWithoutClassifierIsNotClassified) {
+  add(0, {Flow(1, 5).output({2})}, Family::kIpv6);
+  failingCall = 2;
+  run({tcpFrame()});
+  EXPECT_EQ(failingCall, 1);
+}
+
+TEST_F(LookupFailure, OtherTablesGoOn) {
+  addBoth();
+  add(1, {Flow(1, 10).output({3})});
+  failingCall = 1;
+  const RunResult result = harness().run(
+      {tcpFrame(), InputPacket(tcpFrame(), MetadataBlock{}.withStartTable(1))});
+  EXPECT_EQ(result.gate(3).size(), 1u);
+  EXPECT_EQ(result.numEmitted(), 1u);
+  EXPECT_EQ(result.table(0).classifyErrors, 1u);
+  EXPECT_EQ(result.drops, 1u);
+}
+
+using LookupDeathTest = LookupFailure;
+
+TEST_F(LookupDeathTest, PublishedIpv6RecordNeedsAClassifier) {
+  addBoth();
+  QuilModules::AclCtx* slot =
+      OpenFlowPeer::table(harness().module(), 0).ipv6.aclCtx;
+  rte_acl_ctx* ctx = slot->data->ctx;
+  slot->data->ctx = nullptr;
+  EXPECT_DEATH(harness().run({tcpFrame()}), "acx6");
+  slot->data->ctx = ctx;
+}
+
+}  // namespace
+}  // namespace openflow_test
