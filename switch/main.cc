@@ -8,12 +8,15 @@
 #include "switch/commands/commands.h"
 
 int main(int argc, char** argv) {
-  CLI::App app("Packets through OpenFlow tables: check flows, replay captures.",
-               "ofswitch");
+  CLI::App app(
+      "Packets through OpenFlow tables: check flows, replay captures, run a "
+      "switch.",
+      "ofswitch");
   app.require_subcommand(1);
   int status = 0;
   ofswitch::addCheckCommand(&app, &status);
   ofswitch::addReplayCommand(&app, &status);
+  ofswitch::addRunCommand(&app, &status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

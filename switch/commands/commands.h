@@ -10,5 +10,6 @@ namespace ofswitch {
 
 void addCheckCommand(CLI::App* app, int* status);
 void addReplayCommand(CLI::App* app, int* status);
+void addRunCommand(CLI::App* app, int* status);
 
 }  // namespace ofswitch

@@ -18,7 +18,7 @@ struct PortConfig {
   std::string name;     // "port1" unless given
   std::string device;   // a PCI address, or a virtual device with arguments
   uint16_t queues = 1;  // to receive from; a device may have fewer to send
-  uint16_t mtu = 1500;
+  uint16_t mtu = 0;     // 0: as the device has it
 };
 
 struct SwitchConfig {

@@ -57,8 +57,8 @@ class LiveSwitch {
   LiveSwitch(const LiveSwitch&) = delete;
   LiveSwitch& operator=(const LiveSwitch&) = delete;
 
-  // Starts the environment, opens the ports, loads the flow files, then lets
-  // the workers run. Throws StartError, and has then undone what it did.
+  // Once. Starts the environment, opens the ports, loads the flow files, then
+  // lets the workers run. Throws StartError, and has then undone what it did.
   void start();
 
   // Stops receiving, sends what was received, takes everything apart.
@@ -92,7 +92,7 @@ class LiveSwitch {
 
   pb::TablesReply tables(const pb::TablesRequest& request) const;
   pb::PortsReply ports() const;
-  pb::StatsReply stats() const;
+  pb::StatsReply stats(const pb::StatsRequest& request = {}) const;
 
   // Entries of the trace ring from `request.since()` on that it selects, and
   // the position to go on from. Never waits; `follow` is the caller's.

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// ofswitch run: the switch itself, in the foreground until it is told to stop.
+#include <fmt/core.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "switch/commands/commands.h"
+#include "switch/live/config.h"
+#include "switch/live/live_switch.h"
+
+namespace ofswitch {
+namespace {
+
+struct RunOptions {
+  std::string config = "/etc/ofswitch/switch.yaml";
+  bool check = false;
+};
+
+// The signals that end the switch. Blocked before any thread is made, so that
+// only this one takes them.
+sigset_t stopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  return signals;
+}
+
+std::string plural(size_t count, const char* word) {
+  return fmt::format("{} {}{}", count, word, count == 1 ? "" : "s");
+}
+
+std::string workersText(const SwitchConfig& config) {
+  std::string cores;
+  for (const int core : config.workers) {
+    if (core >= 0)
+      cores += fmt::format("{}{}", cores.empty() ? "" : ", ", core);
+  }
+  std::string text = plural(config.workers.size(), "worker");
+  return cores.empty() ? text : text + fmt::format(" on core {}", cores);
+}
+
+void printSummary(const LiveSwitch& live) {
+  const SwitchConfig& config = live.config();
+  for (const std::string& note : live.startNotes()) {
+    fmt::print("note: {}\n", note);
+  }
+  const pb::PortsReply ports = live.ports();
+  for (const pb::Port& port : ports.ports()) {
+    if (port.port() == 0) continue;
+    fmt::print("port {} {}: {} ({}), {}, {}, MTU {}, link {}\n", port.port(),
+               port.name(), port.device(), port.driver(), port.mac(),
+               plural(port.rx_queues(), "queue"), port.mtu(),
+               port.link_up() ? "up" : "down");
+  }
+  fmt::print("running: {}, {}, {}\n", plural(config.ports.size(), "port"),
+             workersText(config), plural(live.stats().flows(), "flow"));
+  std::fflush(stdout);
+}
+
+void printEnd(const pb::StatsReply& stats) {
+  uint64_t dropped = 0;
+  for (const pb::DropCause& cause : stats.drops()) dropped += cause.packets();
+  fmt::print("stopped: {} packets received, {} sent, {} dropped\n",
+             stats.packets_received(), stats.packets_sent(), dropped);
+}
+
+int run(const RunOptions& options) {
+  const SwitchConfig config = loadConfig(options.config);
+  if (options.check) {
+    fmt::print("{}: {}, {}\n", options.config,
+               plural(config.ports.size(), "port"), workersText(config));
+    return 0;
+  }
+  const sigset_t signals = stopSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  LiveSwitch live(config);
+  live.start();
+  printSummary(live);
+  int signal = 0;
+  sigwait(&signals, &signal);
+  const pb::StatsReply stats = live.stats();
+  live.stop();
+  printEnd(stats);
+  return 0;
+}
+
+}  // namespace
+
+void addRunCommand(CLI::App* app, int* status) {
+  CLI::App* command =
+      app->add_subcommand("run", "Run the switch until SIGTERM or Ctrl-C");
+  auto options = std::make_shared<RunOptions>();
+  command
+      ->add_option("-c,--config", options->config,
+                   "Configuration file (examples/switch.yaml explains all)")
+      ->capture_default_str();
+  command->add_flag("--check", options->check,
+                    "Only say whether the configuration can be read");
+  command->callback([options, status] { *status = run(*options); });
+}
+
+}  // namespace ofswitch

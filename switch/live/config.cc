@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/live/config.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "switch/flow/flow.h"
+#include "switch/live/yaml_section.h"
+
+namespace ofswitch {
+namespace {
+
+constexpr unsigned kMaxWorkers = 16;
+constexpr unsigned kMaxCore = 1023;
+constexpr unsigned kMaxLevel = 31;
+
+// Of the longest jumbo frames that network cards know.
+constexpr unsigned kMaxMtu = 9710;
+
+void readPort(YamlSection& section, SwitchConfig* config) {
+  PortConfig port;
+  if (!section.has("number")) section.fail("a port needs a number");
+  if (!section.has("device")) {
+    section.fail(
+        "a port needs a device, such as 0000:03:00.0 or "
+        "net_af_packet0,iface=eth1");
+  }
+  section.number("number", 1, kMaxPort, &port.number);
+  section.text("device", &port.device);
+  port.name = fmt::format("port{}", port.number);
+  section.text("name", &port.name);
+  section.number("queues", 1, 64, &port.queues);
+  section.number("mtu", 68, kMaxMtu, &port.mtu);
+  for (const PortConfig& other : config->ports) {
+    if (other.number == port.number) {
+      section.fail(fmt::format("port {} is there twice", port.number));
+    }
+    if (other.name == port.name) {
+      section.fail(fmt::format("two ports have the name \"{}\"", port.name));
+    }
+  }
+  if (port.name.empty() || port.name.find_first_not_of(
+                               "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQR"
+                               "STUVWXYZ0123456789_.-") != std::string::npos) {
+    section.fail(
+        fmt::format("\"{}\": a name is made of letters, digits, \"_\", \".\" "
+                    "and \"-\"",
+                    port.name));
+  }
+  config->ports.push_back(std::move(port));
+}
+
+// "workers: 2" leaves their cores to the system, "workers: [2, 3]" pins them.
+void readWorkers(YamlSection& file, SwitchConfig* config) {
+  file.each("workers", [&](const YAML::Node& node) {
+    config->workers.clear();
+    if (node.IsScalar()) {
+      config->workers.assign(file.toNumber(node, "workers", 1, kMaxWorkers),
+                             -1);
+      return;
+    }
+    if (!node.IsSequence()) {
+      file.failAt(node, "workers: must be a number, or a list of cores");
+    }
+    std::set<int> seen;
+    for (const YAML::Node& item : node) {
+      const auto core =
+          static_cast<int>(file.toNumber(item, "workers", 0, kMaxCore));
+      if (!seen.insert(core).second) {
+        file.failAt(item, fmt::format("workers: core {} is there twice", core));
+      }
+      config->workers.push_back(core);
+    }
+    if (config->workers.empty() || config->workers.size() > kMaxWorkers) {
+      file.failAt(node,
+                  fmt::format("workers: must be 1 to {} cores", kMaxWorkers));
+    }
+  });
+}
+
+void readControl(YamlSection& control, SwitchConfig* config) {
+  control.text("socket", &config->controlSocket);
+  control.text("address", &config->controlAddress);
+  control.section("tls", [&](YamlSection& tls) {
+    tls.text("certificate", &config->tlsCertificate);
+    tls.text("key", &config->tlsKey);
+    tls.text("client_ca", &config->tlsClientCa);
+    const bool all = !config->tlsCertificate.empty() &&
+                     !config->tlsKey.empty() && !config->tlsClientCa.empty();
+    if (!all) {
+      tls.fail("control.tls: needs certificate, key and client_ca");
+    }
+  });
+}
+
+void readMemory(YamlSection& memory, SwitchConfig* config) {
+  memory.number("mb", 64, 1u << 20, &config->memoryMb);
+  memory.flag("hugepages", &config->hugepages);
+  memory.number("buffers", 511, (1u << 24) - 1, &config->packetBuffers);
+}
+
+void readMetrics(YamlSection& file, SwitchConfig* config) {
+  file.each("metrics", [&](const YAML::Node& node) {
+    const std::string text = file.toText(node, "metrics");
+    config->metricsAddress = text == "false" ? "" : text;
+  });
+}
+
+void readLog(YamlSection& log, SwitchConfig* config) {
+  for (const std::string& facility : log.keys()) {
+    unsigned level = 0;
+    const char* key = facility.c_str();
+    log.each(key, [&](const YAML::Node& node) {
+      level = static_cast<unsigned>(log.toNumber(node, key, 0, kMaxLevel));
+    });
+    config->logLevels[facility] =
+        static_cast<uint32_t>((uint64_t{2} << level) - 1);
+  }
+}
+
+// Paths are meant from the folder of the file.
+void resolve(const std::filesystem::path& folder, std::string* path) {
+  if (!path->empty()) *path = (folder / *path).lexically_normal();
+}
+
+SwitchConfig read(const YAML::Node& root, const std::string& name) {
+  SwitchConfig config;
+  config.file = name;
+  YamlSection file(root, name, "");
+  file.sections("ports", [&](YamlSection& port) { readPort(port, &config); });
+  readWorkers(file, &config);
+  file.section("memory",
+               [&](YamlSection& memory) { readMemory(memory, &config); });
+  file.texts("flows", &config.flowFiles);
+  file.section("control",
+               [&](YamlSection& control) { readControl(control, &config); });
+  readMetrics(file, &config);
+  file.section("controller", [&](YamlSection& controller) {
+    controller.text("capture", &config.controllerCapture);
+  });
+  // The keys of this one are a person's, so that nothing in it is unknown.
+  file.each("log", [&](const YAML::Node& node) {
+    YamlSection log(node, name, "log");
+    readLog(log, &config);
+  });
+  file.text("module", &config.module);
+  file.number("counters", 1024, 1u << 28, &config.counters);
+  file.finish();
+
+  std::ranges::sort(config.ports, {}, &PortConfig::number);
+  const auto folder = std::filesystem::path(name).parent_path();
+  for (std::string& path : config.flowFiles) resolve(folder, &path);
+  resolve(folder, &config.controllerCapture);
+  resolve(folder, &config.controlSocket);
+  resolve(folder, &config.tlsCertificate);
+  resolve(folder, &config.tlsKey);
+  resolve(folder, &config.tlsClientCa);
+  resolve(folder, &config.module);
+  return config;
+}
+
+}  // namespace
+
+SwitchConfig parseConfig(const std::string& text, const std::string& name) {
+  try {
+    return read(YAML::Load(text), name);
+  } catch (const YAML::Exception& error) {
+    throw ConfigError(
+        fmt::format("{}:{}: {}", name, error.mark.line + 1, error.msg));
+  }
+}
+
+SwitchConfig loadConfig(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) {
+    throw ConfigError(
+        fmt::format("{}: cannot open: {}", path, std::strerror(errno)));
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) {
+    throw ConfigError(fmt::format("{}: cannot read", path));
+  }
+  return parseConfig(text.str(), path);
+}
+
+}  // namespace ofswitch

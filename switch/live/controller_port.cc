@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/live/controller_port.h"
+
+#include <fmt/format.h>
+#include <rte_errno.h>
+#include <rte_ring.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <string_view>
+#include <vector>
+
+#include "modules/capture_writer.h"
+#include "platform/mio/mio.h"
+#include "platform/twinlog/twinlog.h"
+
+namespace ofswitch {
+namespace {
+
+constexpr unsigned kQueueLength = 4096;
+constexpr auto kWriterSleep = std::chrono::milliseconds(5);
+// Bytes of a frame that the log shows.
+constexpr size_t kShownBytes = 64;
+// The header that the module puts in front of a frame; its reason.
+constexpr int kHeaderLen = 22;
+constexpr int kReasonOffset = 17;
+
+const Mio::TraceHandle trace("Controller", 0);
+
+void add(std::atomic<uint64_t>* counter, uint64_t n) {
+  counter->store(counter->load(std::memory_order_relaxed) + n,
+                 std::memory_order_relaxed);
+}
+
+void tracePacket(const bess::Packet& pkt) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  const auto* bytes = pkt.head_data<const uint8_t*>();
+  std::array<char, 2 * kShownBytes> hex;
+  const bool hasHeader = pkt.head_len() >= kHeaderLen && bytes[13] == 0x31;
+  const unsigned reason = hasHeader ? bytes[kReasonOffset] : 0;
+  const int skip = hasHeader ? kHeaderLen : 0;
+  const size_t shown =
+      std::min(kShownBytes, static_cast<size_t>(pkt.head_len() - skip));
+  for (size_t i = 0; i < shown; i++) {
+    hex[2 * i] = kDigits[bytes[skip + i] >> 4];
+    hex[2 * i + 1] = kDigits[bytes[skip + i] & 15];
+  }
+  TWINLOG_TRACE(trace, 2, "packet for the controller: reason %s, %s bytes: %s",
+                reason, pkt.total_len() - skip,
+                std::string_view(hex.data(), 2 * shown));
+}
+
+const bool registered = ModuleBuilder::RegisterModuleClass(
+    [] { return new ControllerPort; }, ControllerPort::kClassName, "controller",
+    "takes what flows send to the controller", 1, 0, {},
+    MODULE_INIT_FUNC(&Module::Init));
+
+}  // namespace
+
+ControllerPort::ControllerPort() { max_allowed_workers_ = Worker::kMaxWorkers; }
+
+ControllerPort::~ControllerPort() { stopCapture(); }
+
+void ControllerPort::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
+  PerWorker& mine = workers_[ctx->wid];
+  uint64_t bytes = 0;
+  for (int i = 0; i < batch->cnt(); i++) {
+    const bess::Packet& pkt = *batch->pkts()[i];
+    bytes += static_cast<uint64_t>(pkt.total_len());
+    tracePacket(pkt);
+  }
+  const auto count = static_cast<unsigned>(batch->cnt());
+  add(&mine.packets, count);
+  add(&mine.bytes, bytes);
+  unsigned taken = 0;
+  if (queue_ != nullptr) {
+    taken = rte_ring_enqueue_burst(
+        queue_, reinterpret_cast<void**>(batch->pkts()), count, nullptr);
+    add(&mine.notCaptured, count - taken);
+  }
+  bess::Packet::Free(batch->pkts() + taken, count - taken);
+  batch->clear();
+}
+
+std::string ControllerPort::startCapture(const std::string& path) {
+  if (const std::string error = bess::CaptureWriter(path).error();
+      !error.empty()) {
+    return error;
+  }
+  queue_ = rte_ring_create(fmt::format("capture-{}", name()).c_str(),
+                           kQueueLength, SOCKET_ID_ANY, RING_F_SC_DEQ);
+  if (queue_ == nullptr) {
+    return fmt::format("{}: no memory for a queue of packets: {}", path,
+                       rte_strerror(rte_errno));
+  }
+  stop_ = false;
+  writer_ = std::thread([this, path] { writeCapture(path); });
+  return "";
+}
+
+void ControllerPort::writeCapture(const std::string& path) {
+  bess::CaptureWriter writer(path);
+  std::vector<uint8_t> frame;
+  for (;;) {
+    // Read before the queue: what was queued before the stop is written.
+    const bool last = stop_.load(std::memory_order_acquire);
+    void* pointers[32];
+    const unsigned count =
+        rte_ring_dequeue_burst(queue_, pointers, 32, nullptr);
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    for (unsigned i = 0; i < count; i++) {
+      auto* pkt = static_cast<bess::Packet*>(pointers[i]);
+      frame.clear();
+      for (const bess::Packet* segment = pkt; segment != nullptr;
+           segment = segment->next()) {
+        const auto* data = segment->head_data<const uint8_t*>();
+        frame.insert(frame.end(), data, data + segment->head_len());
+      }
+      writer.Write(static_cast<uint64_t>(
+                       std::chrono::duration_cast<std::chrono::nanoseconds>(now)
+                           .count()),
+                   frame.data(), static_cast<uint32_t>(frame.size()));
+      bess::Packet::Free(pkt);
+    }
+    if (count > 0) continue;
+    writer.Flush();
+    if (last) break;
+    std::this_thread::sleep_for(kWriterSleep);
+  }
+  error_ = writer.error();
+}
+
+std::string ControllerPort::stopCapture() {
+  if (!writer_.joinable()) return "";
+  stop_.store(true, std::memory_order_release);
+  writer_.join();
+  rte_ring_free(queue_);
+  queue_ = nullptr;
+  return error_;
+}
+
+ControllerPort::Counts ControllerPort::counts() const {
+  Counts counts;
+  for (const PerWorker& worker : workers_) {
+    counts.packets += worker.packets.load(std::memory_order_relaxed);
+    counts.bytes += worker.bytes.load(std::memory_order_relaxed);
+    counts.notCaptured += worker.notCaptured.load(std::memory_order_relaxed);
+  }
+  return counts;
+}
+
+}  // namespace ofswitch

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/live/log_report.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <string_view>
+
+#include "platform/mio/mio.h"
+#include "platform/ringlog/ringlog.h"
+#include "switch/flow/suggest.h"
+#include "switch/live/live_switch.h"
+
+namespace ofswitch {
+namespace {
+
+// Who traces in this process.
+constexpr std::string_view kFacilities[] = {"OpenFlow", "Controller"};
+
+pb::LogEntry logEntry(const Ringlog::Entry& entry) {
+  pb::LogEntry message;
+  message.set_position(entry.position);
+  message.set_time_ns(static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(
+          entry.time.time_since_epoch())
+          .count()));
+  message.set_thread(entry.thread);
+  message.set_facility(entry.facility);
+  message.set_level(entry.level);
+  message.set_text(entry.text);
+  message.set_function(entry.function);
+  return message;
+}
+
+}  // namespace
+
+uint64_t readLogEntries(const pb::LogRequest& request,
+                        std::vector<pb::LogEntry>* entries) {
+  const Ringlog::Reading reading =
+      Ringlog::Ring::instance().readSince(request.since());
+  std::vector<const Ringlog::Entry*> selected;
+  for (const Ringlog::Entry& entry : reading.entries) {
+    if (entry.level <= request.max_level() &&
+        (request.facility().empty() || entry.facility == request.facility())) {
+      selected.push_back(&entry);
+    }
+  }
+  const size_t wanted = request.last() == 0
+                            ? selected.size()
+                            : std::min<size_t>(request.last(), selected.size());
+  for (size_t i = selected.size() - wanted; i < selected.size(); i++) {
+    entries->push_back(logEntry(*selected[i]));
+  }
+  return reading.next;
+}
+
+pb::LogLevels applyLogLevels(const pb::LogLevels& levels) {
+  for (const auto& [facility, mask] : levels.levels()) {
+    if (std::ranges::find(kFacilities, facility) == std::end(kFacilities)) {
+      throw BadRequest(fmt::format("nothing logs as \"{}\"{}", facility,
+                                   suggest(facility, kFacilities)));
+    }
+  }
+  for (const auto& [facility, mask] : levels.levels()) {
+    Mio::setTraceLevels(facility, mask);
+  }
+  pb::LogLevels current;
+  for (const std::string_view facility : kFacilities) {
+    const std::string name(facility);
+    (*current.mutable_levels())[name] = Mio::traceLevels(name);
+  }
+  return current;
+}
+
+}  // namespace ofswitch

@@ -1,0 +1,248 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/live/switch_graph.h"
+
+#include <fmt/format.h>
+#include <urcu-qsbr.h>
+
+#include <algorithm>
+#include <ranges>
+#include <stdexcept>
+
+#include "control.h"
+#include "eal.h"
+#include "graph.h"
+#include "packet_pool.h"
+#include "pb/port_msg.pb.h"
+#include "platform/quil_modules/counter_db.h"
+#include "plugin.h"
+#include "switch/live/live_switch.h"
+#include "switch/replay/module_path.h"
+
+namespace ofswitch {
+namespace {
+
+using QuilModules::bessCounterDb;
+
+constexpr const char* kSwitch = LiveSwitch::kModuleName;
+constexpr char kController[] = "controller";
+
+void require(const std::string& error) {
+  if (!error.empty()) throw StartError(error);
+}
+
+void require(const CommandResponse& response, const std::string& what) {
+  if (response.error().code() != 0) {
+    throw StartError(fmt::format("{}: {}", what, response.error().errmsg()));
+  }
+}
+
+google::protobuf::Any packed(const google::protobuf::Message& message) {
+  google::protobuf::Any any;
+  any.PackFrom(message);
+  return any;
+}
+
+Module* make(const std::string& className, const std::string& name,
+             const google::protobuf::Any& arg = {}) {
+  const bess::CreateResult made = bess::CreateModule(className, name, arg);
+  require(made.response, name);
+  return made.module;
+}
+
+}  // namespace
+
+SwitchGraph::~SwitchGraph() {
+  stopWorkers();
+  bess::DestroyAllModules();
+  for (const std::string& name : std::views::reverse(opened_)) {
+    bess::ClosePort(name);
+  }
+  bess::ControlThread::Instance().Run([this] {
+    for (const SwitchWorker& worker : workers_) {
+      bessCounterDb.destroy(worker.wid);
+    }
+  });
+  if (!plugin_.empty()) bess::UnloadPlugin(plugin_);
+}
+
+void SwitchGraph::makeOutputs() {
+  startEnvironment();
+  makeModule();
+  openPorts();
+  makeController();
+}
+
+void SwitchGraph::startEnvironment() {
+  bess::EalOptions options;
+  options.memory_mb = config_.memoryMb;
+  options.hugepages = config_.hugepages;
+  options.pci = std::ranges::any_of(config_.ports, [](const PortConfig& port) {
+    return bess::Port::IsPci(port.device);
+  });
+  require(bess::InitEal(options));
+  bess::PacketPool::MakeDefault(config_.packetBuffers);
+  try {
+    bess::PacketPool::Default();
+  } catch (const std::runtime_error& error) {
+    throw StartError(fmt::format(
+        "{} packet buffers: {}; raise memory.mb or lower memory.buffers",
+        config_.packetBuffers, error.what()));
+  }
+  if (!config_.hugepages) {
+    notes_.push_back(fmt::format(
+        "memory without hugepages: table lookups and packet copies miss the "
+        "processor's TLB more often than they need to; \"sysctl -w "
+        "vm.nr_hugepages={}\" and \"memory: {{hugepages: true}}\" give them "
+        "2 MiB pages",
+        (config_.memoryMb + 1) / 2));
+  }
+  failedCopiesBefore_ = bess::Packet::failed_copies();
+}
+
+void SwitchGraph::makeModule() {
+  std::string path;
+  try {
+    path = findModule(config_.module);
+  } catch (const std::runtime_error& error) {
+    throw StartError(error.what());
+  }
+  require(bess::LoadPlugin(path));
+  plugin_ = path;
+  module_ = make("OpenFlow", kSwitch);
+  for (uint32_t table = 0; table < kNumTables; table++) {
+    quil::pb::OpenFlowAclArg binding;
+    binding.set_tableid(table);
+    binding.set_aclid(2 * table);
+    binding.set_ipv6aclid(2 * table + 1);
+    require(bess::RunModuleCommand(kSwitch, "setAclIds", packed(binding)),
+            fmt::format("table {}", table));
+  }
+}
+
+void SwitchGraph::openPorts() {
+  for (const PortConfig& config : config_.ports) {
+    bess::PortOptions options;
+    options.device = config.device;
+    options.number = config.number;
+    options.rx_queues = config.queues;
+    options.tx_queues = static_cast<uint16_t>(config_.workers.size());
+    options.mtu = config.mtu;
+    if (const std::string error = bess::OpenPort(config.name, options);
+        !error.empty()) {
+      throw StartError(fmt::format("port {}: {}", config.number, error));
+    }
+    opened_.push_back(config.name);
+    SwitchPort port{&config, bess::FindPort(config.name)};
+    if (port.port->rx_queues() != config.queues) {
+      notes_.push_back(fmt::format(
+          "port {}: {} receive queues instead of {}, as the device has it",
+          config.number, port.port->rx_queues(), config.queues));
+    }
+    ports_.push_back(port);
+    bess::pb::PortOutArg arg;
+    arg.set_port(config.name);
+    const std::string name = config.name + "_out";
+    make("PortOut", name, packed(arg));
+    require(bess::ConnectModules(kSwitch, config.number, name, 0), name);
+  }
+}
+
+void SwitchGraph::makeController() {
+  controller_ = static_cast<ControllerPort*>(
+      make(ControllerPort::kClassName, kController));
+  require(bess::ConnectModules(kSwitch, 0, kController, 0), kController);
+  if (!config_.controllerCapture.empty()) {
+    std::string error;
+    bess::ControlThread::Instance().Run(
+        [&] { error = controller_->startCapture(config_.controllerCapture); });
+    require(error);
+  }
+}
+
+void SwitchGraph::startWorkers() {
+  for (size_t i = 0; i < config_.workers.size(); i++) {
+    SwitchWorker worker{static_cast<int>(i), config_.workers[i], {}};
+    require(Worker::Add(worker.wid, worker.core));
+    workers_.push_back(worker);
+    bess::ControlThread::Instance().Run(
+        [&] { bessCounterDb.create(worker.wid, config_.counters); });
+  }
+  makeInputs();
+  require(Worker::ResumeAll());
+}
+
+// Queues are dealt out to the workers one by one, so that the queues of one
+// port land on different workers.
+void SwitchGraph::makeInputs() {
+  size_t next = 0;
+  for (const SwitchPort& port : ports_) {
+    for (uint32_t queue = 0; queue < port.port->rx_queues(); queue++) {
+      bess::pb::PortInArg arg;
+      arg.set_port(port.config->name);
+      arg.set_queue(queue);
+      Module* input =
+          make("PortIn", fmt::format("{}_in{}", port.config->name, queue),
+               packed(arg));
+      require(bess::ConnectModules(input->name(), 0, kSwitch, 0),
+              input->name());
+      SwitchWorker& worker = workers_[next++ % workers_.size()];
+      require(Worker::AttachTasks(input, worker.wid));
+      worker.tasks.push_back(
+          fmt::format("{} queue {}", port.config->name, queue));
+    }
+  }
+}
+
+void SwitchGraph::stopWorkers() {
+  Worker::PauseAll();
+  for (const SwitchWorker& worker : workers_) Worker::Stop(worker.wid);
+  if (controller_ != nullptr) {
+    bess::ControlThread::Instance().Run([this] { controller_->stopCapture(); });
+  }
+}
+
+ModuleDoor SwitchGraph::door() {
+  return {[this](const TableUpdate& one) { return update(one); },
+          [] { synchronize_rcu(); }};
+}
+
+quil::pb::OpenFlowGetStatsRespArg SwitchGraph::tableStats(uint8_t table) const {
+  quil::pb::OpenFlowGetStatsArg arg;
+  arg.set_tableid(table);
+  quil::pb::OpenFlowGetStatsRespArg stats;
+  bess::RunModuleCommand(kSwitch, "getStats", packed(arg))
+      .data()
+      .UnpackTo(&stats);
+  return stats;
+}
+
+// The module answers only that it failed; its counters tell where.
+std::string SwitchGraph::update(const TableUpdate& update) const {
+  const auto table = static_cast<uint8_t>(update.tableid());
+  const quil::pb::OpenFlowGetStatsRespArg before = tableStats(table);
+  const CommandResponse response =
+      bess::RunModuleCommand(kSwitch, "updateFlows", packed(update));
+  if (response.error().code() == 0) return "";
+  const quil::pb::OpenFlowGetStatsRespArg after = tableStats(table);
+  if (after.aclbuildfailures() > before.aclbuildfailures()) {
+    return "its classifier could not be built, usually for lack of memory "
+           "(memory.mb)";
+  }
+  if (after.acladdrulesfailures() > before.acladdrulesfailures()) {
+    return "the classifier library refused its flows";
+  }
+  if (after.aclcreatefailures() > before.aclcreatefailures()) {
+    return "there is no memory for a classifier of so many flows (memory.mb)";
+  }
+  if (after.updatefailures() > before.updatefailures()) {
+    return "there is no memory for its flows (memory.mb)";
+  }
+  return fmt::format("{} (code {})", response.error().errmsg(),
+                     response.error().code());
+}
+
+uint64_t SwitchGraph::failedCopies() const {
+  return bess::Packet::failed_copies() - failedCopiesBefore_;
+}
+
+}  // namespace ofswitch
