@@ -82,4 +82,8 @@ function(of_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 600 LABELS "${arg_LABELS}")
+  if(OPENFLOW_SANITIZE MATCHES thread)
+    set_property(TEST ${name} APPEND PROPERTY
+      ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/tsan.supp")
+  endif()
 endfunction()

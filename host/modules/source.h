@@ -27,7 +27,7 @@ class Source final : public Module {
   bool Push(bess::Packet* pkt);
 
   // Packets that wait.
-  unsigned waiting() const { return rte_ring_count(ring_); }
+  unsigned waiting() const;
 
  private:
   void FreeRing();

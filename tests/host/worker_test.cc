@@ -43,6 +43,12 @@ int AnyCore() {
   return -1;
 }
 
+// Stops all workers at the end of its scope. Declared behind everything that a
+// module's function refers to.
+struct StopWorkers {
+  ~StopWorkers() { Worker::StopAll(); }
+};
+
 class WorkerTest : public HostTest {};
 
 TEST_F(WorkerTest, StartsPaused) {
@@ -90,6 +96,7 @@ TEST_F(WorkerTest, RunsItsTasksWhereItSays) {
   int cpus = 0;
   int cpu = -1;
   bool online = false;
+  const StopWorkers stop;
   probe->on_run = [&](Context* ctx, PacketBatch*) {
     if (done) {
       return;
@@ -118,6 +125,7 @@ TEST_F(WorkerTest, PauseWaitsForTheTaskRun) {
   ASSERT_EQ(Worker::Add(0), "");
   Probe* probe = MakeProbe("probe");
   std::atomic<bool> inside = false;
+  const StopWorkers stop;
   probe->on_run = [&](Context*, PacketBatch*) {
     inside = true;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -161,6 +169,7 @@ TEST_F(WorkerTest, IsQuiescentBetweenRunsAndNeverInside) {
   Probe* probe = MakeProbe("probe");
   std::atomic<bool> inside = false;
   std::atomic<bool> release = false;
+  const StopWorkers stop;
   probe->on_run = [&](Context*, PacketBatch*) {
     if (!release) {
       inside = true;
@@ -313,6 +322,7 @@ TEST_F(WorkerTest, TheGraphMayChangeWhileWorkersRun) {
   ASSERT_EQ(Worker::Add(0), "");
   Probe* probe = MakeProbe("probe");
   Sink* sink = MakeSink("sink");
+  const StopWorkers stop;
   probe->on_run = [&](Context* ctx, PacketBatch*) {
     for (gate_idx_t gate = 0; gate < 4; gate++) {
       probe->EmitPacket(ctx, MakePacket("x"), gate);
