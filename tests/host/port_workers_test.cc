@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Ports run by worker threads.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "port_harness.h"
+
+namespace {
+
+using bess::DropCause;
+using bess::Port;
+using bess::PortStats;
+
+class PortWorkersTest : public PortTest {
+ protected:
+  ~PortWorkersTest() override { Worker::StopAll(); }
+
+  // A source that worker `wid` runs, in front of `out`.
+  static Source* Feed(const PortOut* out, int wid) {
+    auto* source = static_cast<Source*>(bess::CreateModule("Source").module);
+    EXPECT_EQ(
+        bess::ConnectModules(source->name(), 0, out->name(), 0).error().code(),
+        0);
+    EXPECT_EQ(Worker::Add(wid), "");
+    EXPECT_EQ(Worker::AttachTasks(source, wid), "");
+    return source;
+  }
+
+  // Waits until `done`, for ten seconds at most.
+  template <typename F>
+  static bool Eventually(F done) {
+    for (int i = 0; i < 10000 && !done(); i++) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return done();
+  }
+};
+
+TEST_F(PortWorkersTest, EachHasAQueueWhereThereAreEnough) {
+  Port* port = Open("loop", {.device = "net_ring0", .tx_queues = 3});
+  ASSERT_EQ(port->tx_queues(), 3);
+  const Sender sender = Send(port);
+  bess::DestroyModule(sender.source->name());
+  // Their indexes need not be those of the queues.
+  Source* sources[] = {Feed(sender.out, 2), Feed(sender.out, 5),
+                       Feed(sender.out, 11)};
+  std::vector<Receiver> receivers;
+  for (uint16_t queue = 0; queue < 3; queue++) {
+    receivers.push_back(Receive(port, queue));
+  }
+  for (int i = 0; i < 3; i++) {
+    for (int n = 0; n < 100 * (i + 1); n++) {
+      ASSERT_TRUE(sources[i]->Push(MakePacket(MakeFrame(60))));
+    }
+  }
+  ASSERT_EQ(Worker::ResumeAll(), "");
+  ASSERT_TRUE(Eventually([&] { return port->stats().tx_packets == 600; }));
+  Worker::PauseAll();
+  EXPECT_EQ(Pull(receivers[0]).size(), 100u);
+  EXPECT_EQ(Pull(receivers[1]).size(), 200u);
+  EXPECT_EQ(Pull(receivers[2]).size(), 300u);
+  ExpectClosed(port);
+}
+
+TEST_F(PortWorkersTest, TakeTurnsWhereThereAreFewerQueues) {
+  // Writers that do not take turns tear each other's records apart.
+  const std::string path = testing::TempDir() + "port_workers_test.pcap";
+  Port* file =
+      Open("file", {.device = "net_pcap0,tx_pcap=" + path, .tx_queues = 2});
+  ASSERT_EQ(file->tx_queues(), 1);
+  const Sender sender = Send(file);
+  bess::DestroyModule(sender.source->name());
+  Port* null = Open("null", {.device = "net_null0,size=60", .rx_queues = 2});
+  for (uint16_t wid = 0; wid < 2; wid++) {
+    const Receiver generator = Receive(null, wid);
+    bess::DestroyModule(generator.sink->name());
+    bess::ConnectModules(generator.in->name(), 0, sender.out->name(), 0);
+    ASSERT_EQ(Worker::Add(wid), "");
+    ASSERT_EQ(Worker::AttachTasks(generator.in, wid), "");
+  }
+  ASSERT_EQ(Worker::ResumeAll(), "");
+  ASSERT_TRUE(Eventually([&] { return file->stats().tx_packets > 200000; }));
+  Worker::PauseAll();
+
+  const PortStats sent = file->stats();
+  EXPECT_EQ(sent.tx_entered, null->stats().rx_packets);
+  EXPECT_EQ(sent.tx_packets, sent.tx_entered);
+  ExpectClosed(file);
+  bess::DestroyAllModules();
+  ASSERT_EQ(bess::ClosePort("file"), "");
+
+  Port* back = Open("back", {.device = "net_pcap1,rx_pcap=" + path});
+  const Receiver reader = Receive(back);
+  bess::DestroyModule(reader.sink->name());
+  bess::InlineWorker inline_worker(3);
+  while (!inline_worker.Run(reader.task()).block) {
+  }
+  EXPECT_EQ(back->stats().rx_packets, sent.tx_packets);
+  EXPECT_EQ(back->stats().rx_bytes, sent.tx_packets * 60);
+  remove(path.c_str());
+}
+
+}  // namespace
