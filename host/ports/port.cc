@@ -80,8 +80,8 @@ void Port::Open() {
     sockets_->IgnoreOutgoing();
     cuts_frames_ = true;
   }
-  refusals_are_errors_ =
-      device.driver != nullptr && device.driver->refusals_are_errors;
+  errors_are_no_losses_ =
+      device.driver != nullptr && device.driver->errors_are_no_losses;
   if (eth_->sends_chains()) {
     const uint16_t most = info.tx_desc_lim.nb_seg_max;
     max_segments_ = most != 0 ? most : UINT16_MAX;
@@ -193,7 +193,11 @@ PortLink Port::link() const {
 }
 
 void Port::Refresh() {
-  link_up_.store(link().up, std::memory_order_relaxed);
+  const bool up = link().up;
+  if (up && !link_up() && sockets_ != nullptr) {
+    sockets_->SendWaiting();
+  }
+  link_up_.store(up, std::memory_order_relaxed);
   uint16_t mtu = 0;
   if (interface_ != nullptr) {
     mtu = static_cast<uint16_t>(
@@ -211,11 +215,10 @@ Port::DeviceCounts Port::ReadDevice() const {
       .missed = stats.imissed,
       .no_buffer = stats.rx_nombuf,
       .rx_errors = stats.ierrors,
-      .tx_errors = refusals_are_errors_ ? 0 : stats.oerrors,
+      .tx_errors = errors_are_no_losses_ ? 0 : stats.oerrors,
   };
   if (sockets_ != nullptr) {
     counts.missed += sockets_->Missed();
-    counts.tx_errors += interface_->tx_dropped();
   }
   return counts;
 }

@@ -153,7 +153,7 @@ class Port {
   uint16_t max_segments_ = 1;
   uint16_t max_mtu_ = UINT16_MAX;
   bool cuts_frames_ = false;
-  bool refusals_are_errors_ = false;
+  bool errors_are_no_losses_ = false;
   std::atomic<uint16_t> mtu_ = 0;
   std::atomic<bool> link_up_ = false;
 

@@ -24,8 +24,9 @@ struct VirtualDriver {
   // It carries packets of several segments without offering to.
   bool chains = false;
 
-  // What it counts as failed it has not taken.
-  bool refusals_are_errors = false;
+  // What it counts as failed is not lost: it did not take the packet, or it
+  // tries again.
+  bool errors_are_no_losses = false;
 
   // It keeps packets beyond the closing of the device.
   bool keeps_packets = false;

@@ -2,6 +2,7 @@
 #include "ports/internal/kernel_interface.h"
 
 #include <linux/ethtool.h>
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -13,8 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <iterator>
 
 namespace bess::internal {
 namespace {
@@ -36,34 +36,9 @@ int Ask(const std::string& name, unsigned long what, ifreq* request) {
   return error;
 }
 
-// A column of the interface's line in the kernel's table of counters, from 0.
-std::optional<uint64_t> ReadCounter(const std::string& name, int column) {
-  std::ifstream table("/proc/thread-self/net/dev");
-  for (std::string line; std::getline(table, line);) {
-    const size_t colon = line.find(':');
-    const size_t start = line.find_first_not_of(' ');
-    if (colon == std::string::npos || start > colon ||
-        line.compare(start, colon - start, name) != 0) {
-      continue;
-    }
-    std::istringstream numbers(line.substr(colon + 1));
-    uint64_t value = 0;
-    for (int i = 0; i <= column; i++) {
-      numbers >> value;
-    }
-    if (numbers) {
-      return value;
-    }
-  }
-  return std::nullopt;
-}
-
-constexpr int kTxDroppedColumn = 11;
-
 }  // namespace
 
-KernelInterface::KernelInterface(unsigned index)
-    : name_(NameOf(index)), tx_dropped_before_(ReadTxDropped()) {}
+KernelInterface::KernelInterface(unsigned index) : name_(NameOf(index)) {}
 
 std::optional<bool> KernelInterface::up() const {
   ifreq request = {};
@@ -101,15 +76,6 @@ int KernelInterface::set_mtu(unsigned mtu) const {
   return Ask(name_, SIOCSIFMTU, &request);
 }
 
-uint64_t KernelInterface::ReadTxDropped() const {
-  return ReadCounter(name_, kTxDroppedColumn).value_or(0);
-}
-
-uint64_t KernelInterface::tx_dropped() const {
-  const uint64_t now = ReadTxDropped();
-  return now > tx_dropped_before_ ? now - tx_dropped_before_ : 0;
-}
-
 PacketSockets::PacketSockets(unsigned index) {
   std::error_code error;
   for (const auto& entry :
@@ -125,15 +91,33 @@ PacketSockets::PacketSockets(unsigned index) {
   }
 }
 
+// By a filter: sockets that share an interface's frames among each other cannot
+// be told to with PACKET_IGNORE_OUTGOING.
 int PacketSockets::IgnoreOutgoing() const {
-  const int on = 1;
+  sock_filter steps[] = {
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS,
+               static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+      BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
+  };
+  const sock_fprog filter = {.len = std::size(steps), .filter = steps};
   for (int fd : fds_) {
-    if (setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof(on)) <
+    if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) <
         0) {
       return errno;
     }
   }
   return 0;
+}
+
+void PacketSockets::SendWaiting() const {
+  for (int fd : fds_) {
+    int past_failure = 0;
+    socklen_t len = sizeof(past_failure);
+    getsockopt(fd, SOL_SOCKET, SO_ERROR, &past_failure, &len);
+    sendto(fd, nullptr, 0, MSG_DONTWAIT, nullptr, 0);
+  }
 }
 
 uint64_t PacketSockets::Missed() {

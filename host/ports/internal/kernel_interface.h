@@ -29,14 +29,8 @@ class KernelInterface {
   // Answers an errno value, 0 on success.
   int set_mtu(unsigned mtu) const;
 
-  // Packets that the kernel was given to send and dropped, since construction.
-  uint64_t tx_dropped() const;
-
  private:
-  uint64_t ReadTxDropped() const;
-
   std::string name_;
-  uint64_t tx_dropped_before_;
 };
 
 // This process's packet sockets on one interface: those of its driver.
@@ -49,6 +43,10 @@ class PacketSockets {
   // Keeps frames that the kernel itself sends on the interface from being
   // received. Answers an errno value, 0 on success.
   int IgnoreOutgoing() const;
+
+  // Sends what was handed over while the interface was down. Without, it goes
+  // with the next packet but one: the kernel reports the past failure first.
+  void SendWaiting() const;
 
   // Frames that came while a receive ring was full, since construction. The
   // kernel forgets them when asked. Any thread.
