@@ -89,10 +89,13 @@ PortTest::Sender PortTest::Send(const Port* port) {
 }
 
 void PortTest::Push(const Sender& sender, const std::string& frame, int count) {
-  for (int i = 0; i < count; i++) {
-    ASSERT_TRUE(sender.source->Push(MakePacket(frame)));
-  }
-  while (!worker()->Run(sender.task()).block) {
+  constexpr int kAtOnce = 4000;
+  for (int left = count; left > 0; left -= kAtOnce) {
+    for (int i = 0; i < std::min(left, kAtOnce); i++) {
+      ASSERT_TRUE(sender.source->Push(MakePacket(frame)));
+    }
+    while (!worker()->Run(sender.task()).block) {
+    }
   }
 }
 

@@ -1,0 +1,381 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Ports that are network interfaces of the kernel. They live in a network
+// namespace of the test's own, for which it needs to be root, or a kernel that
+// lets users make namespaces.
+#include <glog/logging.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "eal.h"
+#include "network_namespace.h"
+#include "port_harness.h"
+
+namespace {
+
+using bess::DropCause;
+using bess::Port;
+using bess::PortStats;
+using testing::HasSubstr;
+
+std::string no_namespace;
+
+class InterfaceTest : public PortTest {
+ protected:
+  void SetUp() override {
+    if (!no_namespace.empty()) {
+      GTEST_SKIP() << no_namespace;
+    }
+  }
+
+  // Waits until the port has seen its link go up or down.
+  static bool LinkGoes(const Port* port, bool up) {
+    for (int i = 0; i < 500 && port->link_up() != up; i++) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return port->link_up() == up;
+  }
+};
+
+// A cable between "left", which the ports use, and "right".
+class VethTest : public InterfaceTest {
+ protected:
+  void SetUp() override {
+    InterfaceTest::SetUp();
+    if (!IsSkipped()) {
+      Ip("link add left type veth peer name right");
+      Ip("link set left up");
+      Ip("link set right up");
+    }
+  }
+  void TearDown() override {
+    if (!IsSkipped()) {
+      Ip("link del left");
+    }
+  }
+
+  Port* OpenLeft(const std::string& args = "") {
+    return Open("left", {.device = "net_af_packet0,iface=left" + args});
+  }
+};
+
+TEST_F(VethTest, ReceivesWhatComesOverTheCable) {
+  Port* port = OpenLeft();
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->driver(), "net_af_packet");
+  EXPECT_EQ(port->mtu(), 1500);
+  EXPECT_TRUE(port->link().up);
+  EXPECT_EQ(port->link().mbps, 10000u);
+  const Receiver receiver = Receive(port);
+  RawSocket right("right");
+  const std::vector<std::string> frames = {
+      MakeFrame(14), MakeFrame(60, 1), MakeFrame(1514, 2),
+      MakeFrame(64, 3, true), MakeFrame(1518, 4, true)};
+  for (const std::string& frame : frames) {
+    ASSERT_TRUE(right.Send(frame));
+  }
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), frames.size());
+  uint64_t bytes = 0;
+  for (size_t i = 0; i < frames.size(); i++) {
+    EXPECT_EQ(captured[i].bytes, frames[i]) << i;
+    bytes += frames[i].size();
+  }
+  EXPECT_EQ(port->stats().rx_received, frames.size());
+  EXPECT_EQ(port->stats().rx_bytes, bytes);
+  ExpectClosed(port);
+}
+
+TEST_F(VethTest, SendsWhatFitsAndNamesWhatDoesNot) {
+  Port* port = OpenLeft();
+  const Sender sender = Send(port);
+  RawSocket right("right");
+  const std::vector<std::string> frames = {
+      MakeFrame(14), MakeFrame(60, 1), MakeFrame(1514, 2),
+      MakeFrame(64, 3, true), MakeFrame(1518, 4, true)};
+  Push(sender, MakeFrame(13));
+  Push(sender, MakeFrame(1515));
+  for (const std::string& frame : frames) {
+    Push(sender, frame);
+  }
+  Push(sender, MakeFrame(1519, 0, true));
+  for (const std::string& frame : frames) {
+    EXPECT_EQ(right.Receive(), frame);
+  }
+  EXPECT_EQ(right.Receive(), std::nullopt);
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.tx_packets, frames.size());
+  EXPECT_EQ(stats.drop(DropCause::kTxTooShort), 1u);
+  EXPECT_EQ(stats.drop(DropCause::kTxTooLong), 2u);
+  ExpectClosed(port);
+}
+
+TEST_F(VethTest, SendsPacketsOfSeveralSegments) {
+  Port* port = OpenLeft();
+  const Sender sender = Send(port);
+  RawSocket right("right");
+  const std::string frame = MakeFrame(1000, 9);
+  ASSERT_TRUE(sender.source->Push(MakePacket(frame, 300)));
+  worker()->Run(sender.task());
+  EXPECT_EQ(right.Receive(), frame);
+}
+
+TEST_F(VethTest, CountsWhatCameWhileItsRingWasFull) {
+  Port* port = OpenLeft();
+  const Receiver receiver = Receive(port);
+  RawSocket right("right");
+  constexpr uint64_t kFrames = 5000;
+  for (uint64_t i = 0; i < kFrames; i++) {
+    ASSERT_TRUE(right.Send(MakeFrame(60)));
+  }
+  const uint64_t received = Pull(receiver).size();
+  const PortStats stats = port->stats();
+  EXPECT_LT(received, kFrames) << "the ring was not full";
+  EXPECT_EQ(stats.rx_packets, received);
+  EXPECT_EQ(stats.drop(DropCause::kRxMissed), kFrames - received);
+  EXPECT_EQ(stats.rx_received, kFrames);
+  ExpectClosed(port);
+}
+
+TEST_F(VethTest, SendsNoLessThanItSays) {
+  Port* port = OpenLeft();
+  const Sender sender = Send(port);
+  const uint64_t before = ReceivedBy("right");
+  Push(sender, MakeFrame(60), 50000);
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.tx_entered, 50000u);
+  EXPECT_EQ(ReceivedBy("right") - before, stats.tx_packets);
+  ExpectClosed(port);
+}
+
+TEST_F(VethTest, DoesNotReceiveWhatTheKernelSends) {
+  Port* port = OpenLeft();
+  const Receiver receiver = Receive(port);
+  RawSocket right("right");
+  RawSocket kernel("left");
+  ASSERT_TRUE(kernel.Send(MakeFrame(60, 1)));
+  EXPECT_EQ(right.Receive(), MakeFrame(60, 1));
+  EXPECT_EQ(Pull(receiver).size(), 0u);
+  EXPECT_EQ(port->stats().rx_received, 0u);
+}
+
+TEST_F(VethTest, DropsFramesThatTheInterfaceMerged) {
+  Port* port = OpenLeft();
+  const Receiver receiver = Receive(port);
+  RawSocket right("right");
+  ASSERT_TRUE(right.SendUncut(9000));
+  ASSERT_TRUE(right.Send(MakeFrame(60, 1)));
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(captured[0].bytes, MakeFrame(60, 1));
+  EXPECT_EQ(port->stats().drop(DropCause::kRxTooLong), 1u);
+  EXPECT_EQ(port->stats().rx_received, 2u);
+  ExpectClosed(port);
+}
+
+class VethLinkTest : public VethTest,
+                     public testing::WithParamInterface<const char*> {};
+
+TEST_P(VethLinkTest, SendsNothingWhileTheLinkIsDown) {
+  const std::string end = GetParam();
+  Port* port = OpenLeft();
+  const Sender sender = Send(port);
+  const uint64_t before = ReceivedBy("right");
+  Push(sender, MakeFrame(60), 3);
+  EXPECT_EQ(port->stats().tx_packets, 3u);
+
+  Ip("link set " + end + " down");
+  // The port may not have noticed yet. What it hands over then waits.
+  Push(sender, MakeFrame(60), 5);
+  ASSERT_TRUE(LinkGoes(port, false));
+  EXPECT_FALSE(port->link().up);
+  ExpectClosed(port);
+  const uint64_t dropped = port->stats().drop(DropCause::kTxPortDown);
+  Push(sender, MakeFrame(60), 7);
+  EXPECT_EQ(port->stats().drop(DropCause::kTxPortDown) - dropped, 7u);
+
+  Ip("link set " + end + " up");
+  ASSERT_TRUE(LinkGoes(port, true));
+  EXPECT_EQ(ReceivedBy("right") - before, port->stats().tx_packets);
+  Push(sender, MakeFrame(60));
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.tx_packets + stats.drop(DropCause::kTxPortDown), 16u);
+  EXPECT_EQ(ReceivedBy("right") - before, stats.tx_packets);
+  ExpectClosed(port);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, VethLinkTest, testing::Values("left", "right"),
+                         [](const auto& row) { return row.param; });
+
+TEST_F(VethTest, ReadsAllQueues) {
+  Port* port = OpenLeft(",qpairs=3");
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->rx_queues(), 3);
+  EXPECT_EQ(port->tx_queues(), 3);
+  RawSocket right("right");
+  // Flows are dealt out by their addresses and ports.
+  for (char flow = 0; flow < 64; flow++) {
+    std::string frame = MakeFrame(60);
+    frame.replace(12, 2, "\x08\x00", 2);
+    frame.replace(14, 20,
+                  std::string("\x45\0\0\x2e\0\0\0\0\x40\x11\0\0\x0a\0\0"
+                              "\x01\x0a\0\0\x02",
+                              20));
+    frame[35] = flow;  // source port
+    ASSERT_TRUE(right.Send(frame));
+  }
+  size_t received = 0;
+  int queues = 0;
+  for (uint16_t queue = 0; queue < 3; queue++) {
+    const size_t here = Pull(Receive(port, queue)).size();
+    received += here;
+    queues += here > 0;
+  }
+  EXPECT_EQ(received, 64u);
+  EXPECT_GT(queues, 1);
+  EXPECT_EQ(port->stats().rx_received, 64u);
+}
+
+TEST_F(VethTest, RefusesFramesThatItsRingCannotHold) {
+  Ip("link set left mtu 9000");
+  const std::string error = Failure({.device = "net_af_packet0,iface=left"});
+  EXPECT_THAT(error, HasSubstr("MTU 9000: net_af_packet carries at most 1959 "
+                               "bytes behind the Ethernet header"));
+  EXPECT_THAT(error, HasSubstr("; ip link set dev left mtu 1959"));
+  Ip("link set dev left mtu 1959");
+  Ip("link set dev right mtu 1959");
+  Port* port = OpenLeft();
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->mtu(), 1959);
+  const Receiver receiver = Receive(port);
+  RawSocket right("right");
+  ASSERT_TRUE(right.Send(MakeFrame(1973, 3)));
+  ASSERT_TRUE(right.Send(MakeFrame(1977, 4, true)));
+  Push(Send(port), MakeFrame(1973, 5));
+  EXPECT_EQ(right.Receive(), MakeFrame(1973, 5));
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 2u);
+  EXPECT_EQ(captured[0].bytes, MakeFrame(1973, 3));
+  EXPECT_EQ(captured[1].bytes, MakeFrame(1977, 4, true));
+}
+
+TEST_F(VethTest, SetsTheMtuWhenAskedTo) {
+  Port* port =
+      Open("left", {.device = "net_af_packet0,iface=left", .mtu = 1400});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->mtu(), 1400);
+  const Sender sender = Send(port);
+  Push(sender, MakeFrame(1414));
+  Push(sender, MakeFrame(1415));
+  EXPECT_EQ(port->stats().tx_packets, 1u);
+  EXPECT_EQ(port->stats().drop(DropCause::kTxTooLong), 1u);
+  Ip("link set left mtu 1500");
+  port->Refresh();
+  EXPECT_EQ(port->mtu(), 1500);
+}
+
+TEST_F(VethTest, CanBeOpenedAgain) {
+  for (int round = 0; round < 3; round++) {
+    Port* port = OpenLeft();
+    ASSERT_NE(port, nullptr);
+    RawSocket right("right");
+    Push(Send(port), MakeFrame(60, 1));
+    EXPECT_EQ(right.Receive(), MakeFrame(60, 1));
+    ASSERT_TRUE(right.Send(MakeFrame(60, 2)));
+    EXPECT_EQ(Pull(Receive(port)).size(), 1u);
+    bess::DestroyAllModules();
+    ASSERT_EQ(bess::ClosePort("left"), "");
+  }
+}
+
+class TapTest : public InterfaceTest {};
+
+TEST_F(TapTest, IsAnInterfaceAsLongAsItIsOpen) {
+  for (int round = 0; round < 2; round++) {
+    Port* port = Open("tap", {.device = "net_tap0,iface=tap0"});
+    ASSERT_NE(port, nullptr);
+    EXPECT_NE(if_nametoindex("tap0"), 0u);
+    ASSERT_TRUE(LinkGoes(port, true));
+    RawSocket kernel("tap0");
+    const Sender sender = Send(port);
+    Push(sender, MakeFrame(60, 1));
+    Push(sender, MakeFrame(1515, 1));
+    Push(sender, MakeFrame(1518, 2, true));
+    EXPECT_EQ(kernel.Receive(), MakeFrame(60, 1));
+    EXPECT_EQ(kernel.Receive(), MakeFrame(1518, 2, true));
+    ASSERT_TRUE(kernel.Send(MakeFrame(1514, 3)));
+    const auto captured = Pull(Receive(port));
+    ASSERT_EQ(captured.size(), 1u);
+    EXPECT_EQ(captured[0].bytes, MakeFrame(1514, 3));
+    EXPECT_EQ(port->stats().tx_packets, 2u);
+    EXPECT_EQ(port->stats().drop(DropCause::kTxTooLong), 1u);
+    ExpectClosed(port);
+    bess::DestroyAllModules();
+    ASSERT_EQ(bess::ClosePort("tap"), "");
+    EXPECT_EQ(if_nametoindex("tap0"), 0u);
+  }
+}
+
+TEST_F(TapTest, CountsWhatADownInterfaceDoesNotTake) {
+  Port* port = Open("tap", {.device = "net_tap0,iface=tap0"});
+  ASSERT_TRUE(LinkGoes(port, true));
+  const Sender sender = Send(port);
+  Ip("link set tap0 down");
+  Push(sender, MakeFrame(60), 40);
+  ASSERT_TRUE(LinkGoes(port, false));
+  Push(sender, MakeFrame(60), 2);
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.tx_packets, 0u);
+  EXPECT_GE(stats.drop(DropCause::kTxPortDown), 2u);
+  EXPECT_EQ(
+      stats.drop(DropCause::kTxPortDown) + stats.drop(DropCause::kTxQueueFull),
+      42u);
+  ExpectClosed(port);
+}
+
+TEST_F(TapTest, HasAsManyQueuesAsAskedFor) {
+  Port* port = Open(
+      "tap", {.device = "net_tap0,iface=tap0", .rx_queues = 2, .tx_queues = 3});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->rx_queues(), 3);
+  EXPECT_EQ(port->tx_queues(), 3);
+}
+
+TEST_F(TapTest, SurvivesBeingMovedToAnotherNamespace) {
+  Port* port = Open("tap", {.device = "net_tap0,iface=tap0"});
+  ASSERT_TRUE(LinkGoes(port, true));
+  const OtherNamespace other;
+  const std::string pid = std::to_string(other.pid());
+  Ip("link set tap0 netns " + pid);
+  const std::string in_other = "nsenter -t " + pid + " -n ip link set tap0 up";
+  ASSERT_EQ(system(in_other.c_str()), 0);
+  port->Refresh();
+  EXPECT_TRUE(port->link_up());
+  EXPECT_EQ(port->mtu(), 1500);
+  Push(Send(port), MakeFrame(60), 10);
+  EXPECT_EQ(port->stats().tx_packets, 10u);
+  ExpectClosed(port);
+}
+
+TEST_F(TapTest, RefusesMtusBeyondItsLimit) {
+  EXPECT_THAT(Failure({.device = "net_tap0,iface=tap0", .mtu = 9000}),
+              HasSubstr("MTU 9000: net_tap carries at most 1504 bytes"));
+  EXPECT_EQ(if_nametoindex("tap0"), 0u);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  google::InitGoogleLogging(argv[0]);
+  no_namespace = EnterNetworkNamespace();
+  if (const std::string error = bess::InitEal({.memory_mb = 256});
+      !error.empty()) {
+    fprintf(stderr, "%s\n", error.c_str());
+    return 1;
+  }
+  return RUN_ALL_TESTS();
+}
