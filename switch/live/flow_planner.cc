@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/live/flow_planner.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <functional>
 #include <utility>

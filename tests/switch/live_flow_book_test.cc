@@ -1,0 +1,329 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "switch/live/flow_book.h"
+#include "tests/switch/live_book.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char kThree[] =
+    "table=0,priority=10,in_port=1,actions=output:2\n"
+    "table=0,priority=10,in_port=2,actions=goto_table:3\n"
+    "table=3,priority=5,ipv6,actions=output:1\n";
+
+TEST(FlowBook, AddsOneBuildATableAndFamilyLaterTablesFirst) {
+  BookBench bench;
+  const pb::FlowChangeReply reply = bench.add(kThree);
+  EXPECT_TRUE(reply.applied());
+  EXPECT_EQ(reply.added(), 3);
+  EXPECT_EQ(reply.changed() + reply.removed() + reply.unchanged(), 0);
+  // Table 3 has its flow in IPv6 and its miss flow in IPv4.
+  ASSERT_EQ(reply.builds_size(), 3);
+  EXPECT_EQ(reply.builds(0).table(), 3);
+  EXPECT_FALSE(reply.builds(0).ipv6());
+  EXPECT_EQ(reply.builds(1).table(), 3);
+  EXPECT_TRUE(reply.builds(1).ipv6());
+  EXPECT_EQ(reply.builds(2).table(), 0);
+  EXPECT_EQ(reply.builds(2).adds(), 3);  // two flows and the miss flow
+  EXPECT_EQ(reply.builds(2).flows(), 3);
+  EXPECT_EQ(bench.module.gracePeriods, 1);
+  EXPECT_THAT(bench.texts(),
+              ElementsAre("table=0,priority=10,in_port=1,actions=output:2",
+                          "table=0,priority=10,in_port=2,actions=goto_table:3",
+                          "table=3,priority=5,ipv6,actions=output:1"));
+}
+
+TEST(FlowBook, ManyFlowsAreOneBuild) {
+  BookBench bench;
+  std::string text;
+  for (int i = 0; i < 400; i++) {
+    text += fmt::format("tcp,tp_dst={},actions=output:1\n", i);
+  }
+  const pb::FlowChangeReply reply = bench.add(text);
+  ASSERT_EQ(reply.builds_size(), 1);
+  EXPECT_EQ(reply.builds(0).adds(), 401);
+}
+
+TEST(FlowBook, RefusesMoreFlowsThanCountersWithoutTakingAny) {
+  BookBench bench;
+  std::string text;
+  for (int i = 0; i < 500; i++) {
+    text += fmt::format("tcp,tp_dst={},actions=output:1\n", i);
+  }
+  const uint32_t available = bench.counters.available();
+  const FlowBook::Plan plan = bench.book.planAdd(BookBench::flows(text), false);
+  ASSERT_THAT(plan.refusals, SizeIs(1));
+  EXPECT_EQ(plan.refusals[0].text(),
+            "test:468: no counters are left for this flow: 999 are free; raise "
+            "\"counters\" in the configuration");
+  EXPECT_THAT(plan.updates, IsEmpty());
+  EXPECT_EQ(bench.counters.available(), available);
+}
+
+TEST(FlowBook, DeletesEarlierTablesFirst) {
+  BookBench bench;
+  bench.add(kThree);
+  const pb::FlowChangeReply reply = bench.remove("");
+  EXPECT_EQ(reply.removed(), 3);
+  ASSERT_EQ(reply.builds_size(), 2);
+  EXPECT_EQ(reply.builds(0).table(), 0);
+  EXPECT_EQ(reply.builds(0).deletes(), 2);
+  EXPECT_EQ(reply.builds(1).table(), 3);
+  EXPECT_TRUE(reply.builds(1).ipv6());
+  EXPECT_EQ(reply.builds(1).flows(), 0);
+  EXPECT_THAT(bench.texts(), IsEmpty());
+  // What is still on its way to table 3 must be counted.
+  EXPECT_THAT(bench.book.select({}, true), SizeIs(2));
+}
+
+TEST(FlowBook, AddingAgainChangesNothingInTheModule) {
+  BookBench bench;
+  bench.add(kThree);
+  bench.now += std::chrono::seconds(5);
+  const pb::FlowChangeReply reply = bench.add(kThree);
+  EXPECT_TRUE(reply.applied());
+  EXPECT_EQ(reply.unchanged(), 3);
+  EXPECT_EQ(reply.builds_size(), 0);
+  EXPECT_EQ(bench.only("in_port=1").added, bench.now);
+}
+
+TEST(FlowBook, ReplacedFlowKeepsIdentifierAndCounts) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  const InstalledRule before = bench.only("in_port=1").installed->rule;
+  bench.hit(before, 60);
+  bench.hit(before, 1500);
+  const pb::FlowChangeReply reply = bench.add("in_port=1,actions=output:3");
+  EXPECT_EQ(reply.changed(), 1);
+  ASSERT_EQ(reply.builds_size(), 1);
+  EXPECT_EQ(reply.builds(0).adds(), 1);
+  EXPECT_EQ(reply.builds(0).deletes(), 0);
+  const FlowBook::View after = bench.only("in_port=1");
+  EXPECT_EQ(after.installed->rule.flowId, before.flowId);
+  EXPECT_NE(after.installed->rule.packetCounterId, before.packetCounterId);
+  EXPECT_EQ(after.counts.packets, 2);
+  EXPECT_EQ(after.counts.bytes, 1560);
+  bench.hit(after.installed->rule, 100);
+  EXPECT_EQ(bench.only("in_port=1").counts.packets, 3);
+}
+
+TEST(FlowBook, ResetCountsStartsAnewWithoutTheOldFlowsLastPackets) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  const InstalledRule before = bench.only("in_port=1").installed->rule;
+  bench.hit(before);
+  FlowBook::Plan plan =
+      bench.book.planAdd(BookBench::flows("in_port=1,actions=output:2"), true);
+  bench.hit(before);  // until the new classifier is published
+  const pb::FlowChangeReply reply = bench.make(std::move(plan));
+  EXPECT_EQ(reply.builds_size(), 1);
+  EXPECT_EQ(bench.only("in_port=1").counts.packets, 0);
+  // They are not lost for the account.
+  EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kSent}}]), 2);
+}
+
+TEST(FlowBook, CookieAloneIsNoBuild) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  const InstalledRule before = bench.only("in_port=1").installed->rule;
+  const pb::FlowChangeReply reply =
+      bench.add("cookie=7,in_port=1,actions=output:2");
+  EXPECT_EQ(reply.changed(), 1);
+  EXPECT_EQ(reply.builds_size(), 0);
+  EXPECT_EQ(bench.only("cookie=7/-1").installed->rule, before);
+}
+
+TEST(FlowBook, GuardsFollowTheirFlow) {
+  BookBench bench;
+  bench.add("ip,actions=dec_ttl,output:2");
+  const FlowBook::View view = bench.only("ip");
+  ASSERT_THAT(view.installed->guards, SizeIs(1));
+  bench.hit(view.installed->rule);
+  bench.hit(view.installed->guards[0]);
+  EXPECT_EQ(bench.only("ip").counts.packets, 2);
+  EXPECT_EQ(bench.only("ip").counts.ttlExpired, 1);
+  EXPECT_EQ(bench.book.findByFlowId(view.installed->guards[0].flowId)
+                ->installed->rule.flowId,
+            view.installed->rule.flowId);
+
+  const pb::FlowChangeReply reply = bench.add("ip,actions=output:2");
+  ASSERT_EQ(reply.builds_size(), 1);
+  EXPECT_EQ(reply.builds(0).adds(), 1);
+  EXPECT_EQ(reply.builds(0).deletes(), 1);
+  EXPECT_THAT(bench.only("ip").installed->guards, IsEmpty());
+  EXPECT_EQ(bench.only("ip").counts.packets, 2);
+  EXPECT_EQ(bench.only("ip").counts.ttlExpired, 1);
+  EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kTtlExpired}}]), 1);
+
+  EXPECT_EQ(bench.remove("").builds(0).deletes(), 1);
+}
+
+TEST(FlowBook, NumbersRestUntilAGracePeriodHasPassed) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  const InstalledRule gone = bench.only("in_port=1").installed->rule;
+  bench.book.commit(bench.book.planDelete({FlowFilter{}}), bench.now);
+  bench.hit(gone);  // by a worker that still sees it
+  bench.book.commit(
+      bench.book.planAdd(BookBench::flows("in_port=2,actions=drop"), false),
+      bench.now);
+  const InstalledRule other = bench.only("in_port=2").installed->rule;
+  EXPECT_NE(other.flowId, gone.flowId);
+  EXPECT_NE(other.packetCounterId, gone.packetCounterId);
+  bench.hit(gone);
+  bench.book.releaseRetired();
+  EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kSent}}]), 2);
+
+  bench.book.commit(
+      bench.book.planAdd(BookBench::flows("in_port=3,actions=drop"), false),
+      bench.now);
+  const FlowBook::View again = bench.only("in_port=3");
+  EXPECT_EQ(again.installed->rule.flowId, gone.flowId);
+  EXPECT_EQ(again.counts.packets, 0);  // although its counters have counted
+}
+
+TEST(FlowBook, ReplaceSendsTheDifferenceOnly) {
+  BookBench bench;
+  bench.add(kThree);
+  bench.now += std::chrono::seconds(9);
+  const pb::FlowChangeReply reply = bench.replace(
+      "table=0,priority=10,in_port=1,actions=output:2\n"  // as it was
+      "table=0,priority=10,in_port=2,actions=output:3\n"  // changed
+      "table=3,priority=6,ipv6,actions=output:1\n");      // new for old
+  EXPECT_EQ(reply.added(), 1);
+  EXPECT_EQ(reply.changed(), 1);
+  EXPECT_EQ(reply.removed(), 1);
+  EXPECT_EQ(reply.unchanged(), 1);
+  ASSERT_EQ(reply.builds_size(), 2);
+  EXPECT_EQ(reply.builds(0).adds(), 1);
+  EXPECT_EQ(reply.builds(0).deletes(), 1);
+  EXPECT_EQ(reply.builds(1).adds(), 1);
+  EXPECT_EQ(reply.builds(1).deletes(), 0);
+  // What stays keeps its age.
+  EXPECT_EQ(bench.only("in_port=1").added, bench.now - std::chrono::seconds(9));
+  EXPECT_EQ(bench.only("in_port=2").added, bench.now);
+  EXPECT_EQ(bench.replace(kThree).unchanged(), 1);
+}
+
+TEST(FlowBook, LastOfEqualsWinsAndIsNamed) {
+  BookBench bench;
+  FlowBook::Plan plan =
+      bench.book.planAdd(BookBench::flows("in_port=1,actions=output:2\n"
+                                          "in_port=1,actions=output:3\n"),
+                         false);
+  ASSERT_THAT(plan.notes, SizeIs(1));
+  EXPECT_EQ(plan.notes[0].text(),
+            "test:1: replaced by test:2, which has the same table, priority "
+            "and match");
+  EXPECT_EQ(bench.make(std::move(plan)).added(), 1);
+  EXPECT_THAT(bench.texts(), ElementsAre("table=0,priority=32768,in_port=1,"
+                                         "actions=output:3"));
+}
+
+struct FilterCase {
+  const char* name;
+  const char* filter;
+  bool strict;
+  std::vector<int> selected;  // of kFilterFlows, by line
+};
+
+constexpr const char* kFilterFlows[] = {
+    "table=0,priority=7,cookie=0x11,tcp,nw_dst=10.1.0.0/16,actions=output:2",
+    "table=0,priority=7,cookie=0x12,ip,nw_dst=10.0.0.0/8,actions=output:1",
+    "table=0,priority=9,cookie=0x21,ip,nw_dst=10.0.0.0/8,actions=controller",
+    "table=1,priority=7,ip,nw_dst=10.0.0.0/8,actions=drop",
+    "table=1,in_port=3,actions=output:2,output:1",
+};
+
+const FilterCase kFilterCases[] = {
+    {"Everything", "", false, {0, 1, 2, 3, 4}},
+    {"Table", "table=1", false, {3, 4}},
+    {"NarrowerMatches", "ip,nw_dst=10.0.0.0/8", false, {0, 1, 2, 3}},
+    {"ProtocolNarrows", "tcp", false, {0}},
+    {"NotTheWider", "ip,nw_dst=10.1.0.0/16", false, {0}},
+    {"OtherAddress", "ip,nw_dst=11.0.0.0/8", false, {}},
+    {"Cookie", "cookie=0x11/-1", false, {0}},
+    {"CookieMask", "cookie=0x10/0xf0", false, {0, 1}},
+    {"CookieBitsOutsideTheMask", "cookie=0x1f/0xf0", false, {0, 1}},
+    {"OutPort", "out_port=2", false, {0, 4}},
+    {"OutController", "out_port=controller", false, {2}},
+    {"Strict", "table=0,priority=7,ip,nw_dst=10.0.0.0/8", true, {1}},
+    {"StrictInAllTables", "priority=7,ip,nw_dst=10.0.0.0/8", true, {1, 3}},
+    {"StrictDefaultPriority", "in_port=3", true, {4}},
+    {"StrictOtherPriority", "priority=3,in_port=3", true, {}},
+    {"StrictCookieMustFit",
+     "cookie=0x99/-1,priority=7,ip,nw_dst=10.0.0.0/8",
+     true,
+     {}},
+};
+
+class Filters : public testing::TestWithParam<FilterCase> {};
+
+TEST_P(Filters, DeleteAndListTheSame) {
+  BookBench bench;
+  std::string text;
+  for (const char* flow : kFilterFlows) text += std::string(flow) + "\n";
+  bench.add(text);
+  std::vector<int> listed;
+  for (const FlowBook::View& view : bench.book.select(
+           parseFlowFilter(GetParam().filter, GetParam().strict), false)) {
+    listed.push_back(view.installed->flow.line - 1);
+  }
+  EXPECT_THAT(listed, testing::UnorderedElementsAreArray(GetParam().selected));
+  const pb::FlowChangeReply reply =
+      bench.remove(GetParam().filter, GetParam().strict);
+  EXPECT_EQ(reply.removed(), GetParam().selected.size());
+  EXPECT_THAT(bench.texts(), SizeIs(5 - GetParam().selected.size()));
+  for (const FlowBook::View& view : bench.book.select({}, false)) {
+    EXPECT_THAT(GetParam().selected,
+                testing::Not(testing::Contains(view.installed->flow.line - 1)));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, Filters, testing::ValuesIn(kFilterCases),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(FlowBook, HardTimeoutCountsFromInstallation) {
+  BookBench bench;
+  bench.add("hard_timeout=10,in_port=1,actions=output:2");
+  bench.now += std::chrono::milliseconds(9999);
+  bench.hit(bench.only("in_port=1").installed->rule);
+  EXPECT_THAT(bench.book.planExpiry(bench.now).steps, IsEmpty());
+  bench.now += std::chrono::milliseconds(1);
+  FlowBook::Plan plan = bench.book.planExpiry(bench.now);
+  EXPECT_EQ(plan.expiredHard, 1);
+  EXPECT_EQ(plan.expiredIdle, 0);
+  EXPECT_EQ(bench.make(std::move(plan)).removed(), 1);
+  EXPECT_THAT(bench.texts(), IsEmpty());
+}
+
+TEST(FlowBook, IdleTimeoutCountsFromTheLastPacket) {
+  BookBench bench;
+  bench.add("idle_timeout=3,ip,actions=dec_ttl,output:2");
+  const auto view = bench.only("ip");
+  for (int second = 0; second < 20; second++) {
+    bench.now += std::chrono::seconds(1);
+    // A packet that the guard drops has used the flow, too.
+    if (second % 2 == 0) {
+      bench.hit(view.installed->guards[0]);
+    }
+    EXPECT_THAT(bench.book.planExpiry(bench.now).steps, IsEmpty()) << second;
+  }
+  EXPECT_EQ(bench.only("ip").lastUsed, bench.now - std::chrono::seconds(1));
+  bench.now += std::chrono::seconds(2);
+  FlowBook::Plan plan = bench.book.planExpiry(bench.now);
+  EXPECT_EQ(plan.expiredIdle, 1);
+  EXPECT_EQ(plan.expiredHard, 0);
+  bench.make(std::move(plan));
+  EXPECT_THAT(bench.texts(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace ofswitch

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "switch/live/flow_programmer.h"
+#include "tests/switch/live_book.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::SizeIs;
+
+TEST(FlowProgrammer, FailedBuildLeavesEverythingAsItWas) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2\ntable=3,in_port=1,actions=drop");
+  const FakeModule::Tables before = bench.module.published;
+  const std::vector<std::string> flows = bench.texts();
+  const uint32_t counters = bench.counters.available();
+
+  // Table 5 is built and published, table 3 as well, table 0 fails.
+  bench.module.failures = {bench.module.builds + 2};
+  const pb::FlowChangeReply reply = bench.add(
+      "in_port=1,actions=goto_table:5\n"
+      "in_port=2,actions=output:1\n"
+      "table=3,in_port=1,actions=output:3\n"
+      "table=5,in_port=1,actions=output:3\n");
+  EXPECT_FALSE(reply.applied());
+  EXPECT_EQ(reply.failure(),
+            "table 0 IPv4: no memory; all flows are as they were");
+  EXPECT_EQ(reply.added() + reply.changed() + reply.removed(), 0);
+  ASSERT_EQ(reply.builds_size(), 6);
+  EXPECT_EQ(reply.builds(2).failure(), "no memory");
+  EXPECT_FALSE(reply.builds(2).is_inverse());
+  // The other way round: table 0 first, so that nothing is sent to table 5
+  // when its flows go.
+  EXPECT_TRUE(reply.builds(3).is_inverse());
+  EXPECT_EQ(reply.builds(3).table(), 0);
+  EXPECT_EQ(reply.builds(4).table(), 3);
+  EXPECT_EQ(reply.builds(5).table(), 5);
+
+  EXPECT_EQ(bench.module.published, before);
+  EXPECT_EQ(bench.module.store, before);
+  EXPECT_EQ(bench.texts(), flows);
+  EXPECT_EQ(bench.counters.available(), counters);
+  EXPECT_TRUE(bench.add("in_port=2,actions=output:1").applied());
+}
+
+TEST(FlowProgrammer, PacketsOfAFailedChangeAreAccountedFor) {
+  BookBench bench;
+  FlowBook::Plan plan = bench.book.planAdd(
+      BookBench::flows("in_port=1,actions=goto_table:5\n"
+                       "table=5,in_port=1,actions=output:3\n"),
+      false);
+  InstalledRule published;
+  for (const FlowBook::Step& step : plan.steps) {
+    if (step.after->flow.table == 5) published = step.after->rule;
+  }
+  bench.hit(published);  // while table 0 is built
+  bench.module.failures = {1};
+  EXPECT_FALSE(bench.make(std::move(plan)).applied());
+  EXPECT_EQ(bench.book.matched().size(), 1);
+}
+
+TEST(FlowProgrammer, MendsWhatCouldNotBeUndone) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2\ntable=3,in_port=1,actions=drop");
+  const FakeModule::Tables before = bench.module.published;
+  const int next = bench.module.builds;
+  bench.module.failures = {next + 1, next + 3, next + 4};
+  const pb::FlowChangeReply reply = bench.add(
+      "in_port=1,actions=output:3\ntable=3,in_port=1,actions=output:3\n");
+  EXPECT_EQ(reply.failure(),
+            "table 0 IPv4: no memory; undoing it failed in table 3 IPv4, which "
+            "is tried again every second");
+  EXPECT_NE(bench.module.published, before);
+  EXPECT_EQ(bench.module.store, before);
+  EXPECT_FALSE(bench.programmer.mend());
+  EXPECT_NE(bench.module.published, before);
+  EXPECT_TRUE(bench.programmer.mend());
+  EXPECT_EQ(bench.module.published, before);
+}
+
+TEST(FlowProgrammer, TellsItsProgressAndRemembersItsBuilds) {
+  BookBench bench;
+  std::vector<std::string> steps;
+  pb::FlowChangeReply reply;
+  bench.programmer.make(
+      bench.book.planAdd(BookBench::flows("in_port=1,actions=output:2\n"
+                                          "table=4,ipv6,actions=output:2\n"),
+                         false),
+      bench.now,
+      [&](const pb::FlowProgress& step) {
+        steps.push_back(
+            fmt::format("{}/{} {}", step.done(), step.total(), step.step()));
+      },
+      &reply);
+  EXPECT_THAT(steps, testing::ElementsAre(
+                         "0/2 table 4 IPv6: 1 flows to add, 0 to remove",
+                         "1/2 table 0 IPv4: 2 flows to add, 0 to remove"));
+  const BuildHistory& history = bench.programmer.history(0, false);
+  EXPECT_EQ(history.builds, 1);
+  EXPECT_EQ(history.failures, 0);
+  EXPECT_EQ(history.total, history.last);
+  EXPECT_EQ(reply.builds(1).time_ns(),
+            static_cast<uint64_t>(history.last.count()));
+  EXPECT_EQ(reply.build_time_ns(),
+            reply.builds(0).time_ns() + reply.builds(1).time_ns());
+}
+
+// Random changes, some of which fail: what the module has is always what a
+// module has that got the flows of the book at once.
+TEST(FlowProgrammer, ModuleAndBookNeverDisagree) {
+  std::mt19937 random(7);
+  const auto below = [&](int n) {
+    return static_cast<int>(random() % static_cast<unsigned>(n));
+  };
+  const auto randomFlow = [&] {
+    const int table = below(4);
+    const char* matches[] = {"in_port=1", "ip", "ipv6", "tcp,tp_dst=80"};
+    const std::string actions[] = {
+        "drop", "output:1", "dec_ttl,output:2",
+        fmt::format("goto_table:{}", table + 1 + below(3)), "all"};
+    return fmt::format("table={},priority={},cookie={},{},actions={}\n", table,
+                       below(3), below(2), matches[below(4)],
+                       actions[below(5)]);
+  };
+  BookBench bench;
+  bench.add("");
+  int failed = 0;
+  for (int round = 0; round < 300; round++) {
+    const FakeModule::Tables before = bench.module.published;
+    const std::vector<std::string> texts = bench.texts();
+    if (below(3) == 0)
+      bench.module.failures.insert(bench.module.builds + below(3));
+    std::string text;
+    for (int i = below(6); i >= 0; i--) text += randomFlow();
+    const int what = below(4);
+    const pb::FlowChangeReply reply =
+        what == 0   ? bench.replace(text)
+        : what == 1 ? bench.remove(fmt::format("table={}", below(4)))
+        : what == 2 ? bench.remove("out_port=1")
+                    : bench.add(text, below(2) == 0);
+    bench.module.failures.clear();
+    if (!reply.applied()) {
+      failed++;
+      EXPECT_EQ(bench.module.published, before) << round;
+      EXPECT_EQ(bench.texts(), texts) << round;
+    }
+    EXPECT_EQ(bench.module.published, bench.module.store) << round;
+    std::map<std::pair<uint32_t, int>, size_t> rules;
+    for (const FlowBook::View& view : bench.book.select({}, true)) {
+      const InstalledFlow& flow = *view.installed;
+      rules[{flow.flow.table, flow.rule.family}]++;
+      for (const InstalledRule& guard : flow.guards) {
+        rules[{flow.flow.table, guard.family}]++;
+      }
+    }
+    for (const auto& [place, flows] : bench.module.published) {
+      EXPECT_EQ(rules[place], flows.size()) << round;
+      EXPECT_EQ(bench.book.numRules(static_cast<uint8_t>(place.first),
+                                    place.second == 1),
+                flows.size())
+          << round;
+    }
+  }
+  EXPECT_GT(failed, 20);
+}
+
+}  // namespace
+}  // namespace ofswitch
