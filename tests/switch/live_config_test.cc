@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "switch/live/config.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(Config, DefaultsForEveryKey) {
+  const SwitchConfig config = parseConfig("", "/etc/ofswitch/switch.yaml");
+  EXPECT_THAT(config.ports, IsEmpty());
+  EXPECT_THAT(config.workers, ElementsAre(-1));
+  EXPECT_EQ(config.memoryMb, 512);
+  EXPECT_FALSE(config.hugepages);
+  EXPECT_EQ(config.packetBuffers, 16383);
+  EXPECT_THAT(config.flowFiles, IsEmpty());
+  EXPECT_EQ(config.module, "");
+  EXPECT_EQ(config.controlSocket, "/run/ofswitch/control.sock");
+  EXPECT_EQ(config.controlAddress, "");
+  EXPECT_EQ(config.metricsAddress, "127.0.0.1:9469");
+  EXPECT_EQ(config.controllerCapture, "");
+  EXPECT_THAT(config.logLevels, IsEmpty());
+  EXPECT_EQ(config.counters, 1u << 20);
+}
+
+TEST(Config, TakesEveryKey) {
+  const SwitchConfig config = parseConfig(R"(
+ports:
+  - {number: 7, device: "net_tap0,iface=tap0", name: uplink, queues: 2, mtu: 9000}
+  - number: 2
+    device: 0000:03:00.0
+workers: [2, 3]
+memory: {mb: 2048, hugepages: true, buffers: 65535}
+flows: [flows.txt, /srv/more.txt]
+control:
+  socket: door.sock
+  address: 0.0.0.0:9470
+  tls: {certificate: c.pem, key: /k.pem, client_ca: ca.pem}
+metrics: false
+controller: {capture: controller.pcap}
+log: {OpenFlow: 2, Controller: 0}
+module: lib.so
+counters: 4096
+)",
+                                          "/etc/ofswitch/switch.yaml");
+  ASSERT_EQ(config.ports.size(), 2);
+  EXPECT_EQ(config.ports[0].number, 2);
+  EXPECT_EQ(config.ports[0].name, "port2");
+  EXPECT_EQ(config.ports[0].device, "0000:03:00.0");
+  EXPECT_EQ(config.ports[0].queues, 1);
+  EXPECT_EQ(config.ports[0].mtu, 0);
+  EXPECT_EQ(config.ports[1].number, 7);
+  EXPECT_EQ(config.ports[1].name, "uplink");
+  EXPECT_EQ(config.ports[1].device, "net_tap0,iface=tap0");
+  EXPECT_EQ(config.ports[1].queues, 2);
+  EXPECT_EQ(config.ports[1].mtu, 9000);
+  EXPECT_THAT(config.workers, ElementsAre(2, 3));
+  EXPECT_EQ(config.memoryMb, 2048);
+  EXPECT_TRUE(config.hugepages);
+  EXPECT_EQ(config.packetBuffers, 65535);
+  EXPECT_THAT(config.flowFiles,
+              ElementsAre("/etc/ofswitch/flows.txt", "/srv/more.txt"));
+  EXPECT_EQ(config.controlSocket, "/etc/ofswitch/door.sock");
+  EXPECT_EQ(config.controlAddress, "0.0.0.0:9470");
+  EXPECT_EQ(config.tlsCertificate, "/etc/ofswitch/c.pem");
+  EXPECT_EQ(config.tlsKey, "/k.pem");
+  EXPECT_EQ(config.tlsClientCa, "/etc/ofswitch/ca.pem");
+  EXPECT_EQ(config.metricsAddress, "");
+  EXPECT_EQ(config.controllerCapture, "/etc/ofswitch/controller.pcap");
+  EXPECT_EQ(config.logLevels.at("OpenFlow"), 7u);
+  EXPECT_EQ(config.logLevels.at("Controller"), 1u);
+  EXPECT_EQ(config.module, "/etc/ofswitch/lib.so");
+  EXPECT_EQ(config.counters, 4096);
+}
+
+TEST(Config, WorkersByNumber) {
+  EXPECT_THAT(parseConfig("workers: 3", "s.yaml").workers,
+              ElementsAre(-1, -1, -1));
+}
+
+struct ErrorCase {
+  const char* name;
+  const char* yaml;
+  const char* error;
+};
+
+const ErrorCase kErrorCases[] = {
+    {"UnknownKey", "memory: {mb: 512}\nprots: []\n",
+     "s.yaml:2: unknown key \"prots\", did you mean \"ports\"?"},
+    {"UnknownKeyInSection", "memory:\n  hugepage: true\n",
+     "s.yaml:2: unknown key \"memory.hugepage\", did you mean "
+     "\"hugepages\"?"},
+    {"UnknownKeyInPort", "ports:\n  - number: 1\n    device: d\n    speed: 3\n",
+     "s.yaml:4: unknown key \"ports.speed\""},
+    {"KeyTwice", "workers: 1\nworkers: 2\n",
+     "s.yaml:2: workers is there twice"},
+    {"NoNumber", "ports:\n  - device: net_null0\n",
+     "s.yaml:2: a port needs a number"},
+    {"NoDevice", "ports:\n  - number: 1\n",
+     "s.yaml:2: a port needs a device, such as 0000:03:00.0 or "
+     "net_af_packet0,iface=eth1"},
+    {"PortZero", "ports:\n  - {number: 0, device: d}\n",
+     "s.yaml:2: ports.number: \"0\" is not a number from 1 to 8191"},
+    {"PortTwice", "ports:\n- {number: 1, device: a}\n- {number: 1, device: b}",
+     "s.yaml:3: port 1 is there twice"},
+    {"NameTwice",
+     "ports:\n- {number: 1, device: a, name: x}\n- {number: 2, device: b, "
+     "name: x}",
+     "s.yaml:3: two ports have the name \"x\""},
+    {"NameNoWord", "ports:\n- {number: 1, device: a, name: \"a b\"}",
+     "s.yaml:2: \"a b\": a name is made of letters, digits, \"_\", \".\" and "
+     "\"-\""},
+    {"NotANumber", "memory: {mb: lots}",
+     "s.yaml:1: memory.mb: \"lots\" is not a number from 64 to 1048576"},
+    {"NotABool", "memory: {hugepages: maybe}",
+     "s.yaml:1: memory.hugepages: \"maybe\" is neither true nor false"},
+    {"ListForValue", "module: [a]", "s.yaml:1: module: must be one value"},
+    {"ValueForList", "ports: 3", "s.yaml:1: ports: must be a list"},
+    {"ValueForSection", "\nmemory: 3",
+     "s.yaml:2: memory: must hold keys and values"},
+    {"ListForFile", "- a", "s.yaml:1: the file must hold keys and values"},
+    {"NoWorkers", "workers: []", "s.yaml:1: workers: must be 1 to 16 cores"},
+    {"ManyWorkers", "workers: 17",
+     "s.yaml:1: workers: \"17\" is not a number from 1 to 16"},
+    {"CoreTwice", "workers: [2, 2]",
+     "s.yaml:1: workers: core 2 is there twice"},
+    {"HalfTls", "control:\n  tls:\n    key: k.pem",
+     "s.yaml:3: control.tls: needs certificate, key and client_ca"},
+    {"LogLevel", "log: {OpenFlow: 32}",
+     "s.yaml:1: log.OpenFlow: \"32\" is not a number from 0 to 31"},
+    {"BrokenYaml", "ports: [\n", "s.yaml:2: end of sequence flow not found"},
+};
+
+class ConfigErrors : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(ConfigErrors, NameFileLineAndReason) {
+  try {
+    parseConfig(GetParam().yaml, "s.yaml");
+    FAIL() << "was taken";
+  } catch (const ConfigError& error) {
+    EXPECT_STREQ(error.what(), GetParam().error);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ConfigErrors, testing::ValuesIn(kErrorCases),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(Config, MissingFile) {
+  try {
+    loadConfig("/nowhere/switch.yaml");
+    FAIL() << "was taken";
+  } catch (const ConfigError& error) {
+    EXPECT_STREQ(error.what(),
+                 "/nowhere/switch.yaml: cannot open: No such file or "
+                 "directory");
+  }
+}
+
+// The example says what every key's default is.
+TEST(Config, ExampleNamesEveryKeyWithItsDefault) {
+  const std::string path = SOURCE_DIR "/examples/switch.yaml";
+  EXPECT_EQ(loadConfig(path).ports.size(), 2);
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  for (const char* line :
+       {"# workers: 1\n", "#   mb: 512 ", "#   hugepages: false ",
+        "#   buffers: 16383 ", "#   socket: /run/ofswitch/control.sock ",
+        "# metrics: 127.0.0.1:9469\n", "# counters: 1048576\n"}) {
+    EXPECT_NE(text.str().find(line), std::string::npos) << line;
+  }
+}
+
+}  // namespace
+}  // namespace ofswitch
