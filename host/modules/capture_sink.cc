@@ -110,6 +110,12 @@ void CaptureSink::Spool(Lane* lane, const Record& record) {
       fwrite(&record, sizeof(record), 1, lane->spool.get()) != 1 ||
       fwrite(lane->buffer.data() + record.at, 1, record.len,
              lane->spool.get()) != record.len) {
+    Fail(lane);
+  }
+}
+
+void CaptureSink::Fail(Lane* lane) {
+  if (lane->error.empty()) {
     lane->error = fmt::format("{}: {}", path_, strerror(errno));
   }
 }
@@ -125,7 +131,7 @@ void CaptureSink::MergeSpools() {
       return true;
     }
     if (ferror(file)) {
-      reader->lane->error = fmt::format("{}: {}", path_, strerror(errno));
+      Fail(reader->lane);
     }
     return false;
   };
@@ -133,6 +139,9 @@ void CaptureSink::MergeSpools() {
   std::vector<Reader> readers;
   for (Lane& lane : lanes_) {
     if (lane.spool != nullptr) {
+      if (fflush(lane.spool.get()) != 0) {
+        Fail(&lane);
+      }
       rewind(lane.spool.get());
       Reader reader{&lane, {}};
       if (advance(&reader)) {
@@ -149,7 +158,7 @@ void CaptureSink::MergeSpools() {
     bytes.resize(first->next.len);
     if (fread(bytes.data(), 1, bytes.size(), first->lane->spool.get()) !=
         bytes.size()) {
-      first->lane->error = fmt::format("{}: {}", path_, strerror(errno));
+      Fail(first->lane);  // cut, because writing it failed
       readers.erase(first);
       continue;
     }

@@ -66,6 +66,7 @@ class CaptureSink final : public Module {
             const CaptureSource::Origin& origin);
   void EndBurst(Lane* lane);
   void Spool(Lane* lane, const Record& record);
+  void Fail(Lane* lane);  // with errno; the first failure counts
   void MergeSpools();
   bess::CaptureWriter& Writer();
 
