@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// The program "ofswitch replay" with what cannot work: one line that says what
+// and where, an exit status of 1, and nothing half done.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/switch/replay_command.h"
+
+namespace openflow_test {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::SizeIs;
+using testing::StartsWith;
+
+Frame udp(uint16_t port) {
+  return Frame::eth().ipv4(ip4("10.0.0.1"), ip4("10.0.0.2")).udp(5, port);
+}
+
+struct ErrorCase {
+  const char* name;
+  const char* arguments;
+  const char* error;
+};
+
+class ReplayErrors : public ReplayCommand,
+                     public testing::WithParamInterface<ErrorCase> {
+ protected:
+  void SetUp() override {
+    write("good.txt", "actions=output:2\n");
+    write("bad.txt", "\nnw_dts=10.0.0.1,actions=output:2\n");
+    write("bad.json", R"([{"updateFlows": {"tableId": 32}}])");
+    write("broken.json", "[\n");
+    capture("in.pcap", {row(1, udp(1))});
+    write("raw.pcap", captureBytes({}, CaptureFormat::kPcapNano, kLinkRaw));
+    write("text.pcap", "no capture at all, only text");
+  }
+};
+
+TEST_P(ReplayErrors, OneLineSaysWhatAndWhere) {
+  replay(GetParam().arguments);
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stderr_, std::string(GetParam().error) + "\n");
+  EXPECT_EQ(stdout_, "");
+  EXPECT_TRUE(stats_.is_null());
+  EXPECT_FALSE(exists("out/port-2.pcap"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Arguments, ReplayErrors,
+    testing::Values(
+        ErrorCase{"MissingCapture", "--flows good.txt --in 1=none.pcap",
+                  "none.pcap: No such file or directory"},
+        ErrorCase{"NoCapture", "--flows good.txt --in 1=text.pcap",
+                  "text.pcap: unknown file format"},
+        ErrorCase{"NoEthernet", "--flows good.txt --in 1=raw.pcap",
+                  "raw.pcap: link type RAW: only Ethernet captures can be "
+                  "read"},
+        ErrorCase{"NoPort", "--flows good.txt --in in.pcap",
+                  "--in in.pcap: must be PORT=FILE"},
+        ErrorCase{"PortZero", "--flows good.txt --in 0=in.pcap",
+                  "--in 0=in.pcap: port must be 1 to 8191"},
+        ErrorCase{"PortTooLarge", "--flows good.txt --in 8192=in.pcap",
+                  "--in 8192=in.pcap: port must be 1 to 8191"},
+        ErrorCase{"PortNoNumber", "--flows good.txt --in x1=in.pcap",
+                  "--in x1=in.pcap: port must be 1 to 8191"},
+        ErrorCase{"MissingFlows", "--flows none.txt --in 1=in.pcap",
+                  "none.txt: cannot open: No such file or directory"},
+        ErrorCase{"BadFlow", "--flows good.txt bad.txt --in 1=in.pcap",
+                  "bad.txt:2: unknown field \"nw_dts\", did you mean "
+                  "\"nw_dst\"?"},
+        ErrorCase{"BadCommand", "--flows bad.json --in 1=in.pcap",
+                  "bad.json:1: command 0: updateFlows: tableId: 32 must be "
+                  "below 32"},
+        ErrorCase{"OutDirUnderAFile",
+                  "--flows good.txt --in 1=in.pcap --out-dir good.txt/out",
+                  "--out-dir good.txt/out: Not a directory"},
+        ErrorCase{"OutDirUnwritable",
+                  "--flows good.txt --in 1=in.pcap --out-dir /proc",
+                  "--out-dir /proc: No such file or directory"},
+        ErrorCase{"MissingModule",
+                  "--flows good.txt --in 1=in.pcap --module none.so",
+                  "none.so: No such file or directory"},
+        ErrorCase{"StatsOverInput",
+                  "--flows good.txt --in 1=in.pcap --stats in.pcap",
+                  "in.pcap: is read, and would be overwritten"}),
+    [](const auto& one) { return one.param.name; });
+
+TEST_F(ReplayErrors, AllThatIsWrongIsShownAtOnce) {
+  replay("--flows bad.txt bad.json --in 1=none.pcap 2=raw.pcap");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(stderr_, HasSubstr("none.pcap: "));
+  EXPECT_THAT(stderr_, HasSubstr("raw.pcap: "));
+  EXPECT_THAT(stderr_, HasSubstr("bad.txt:2: "));
+  EXPECT_THAT(stderr_, HasSubstr("bad.json:1: "));
+  EXPECT_EQ(std::count(stderr_.begin(), stderr_.end(), '\n'), 4);
+}
+
+TEST_F(ReplayErrors, AModuleThatIsNoneIsRefused) {
+  write("not.so", "no library");
+  replay("--flows good.txt --in 1=in.pcap --module not.so");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(stderr_, HasSubstr("not.so"));
+  EXPECT_EQ(std::count(stderr_.begin(), stderr_.end(), '\n'), 1) << stderr_;
+  EXPECT_EQ(stdout_, "");
+}
+
+TEST_F(ReplayErrors, TheEnvironmentNamesTheModule) {
+  replay("--flows good.txt --in 1=in.pcap", "OFSWITCH_MODULE=gone.so");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stderr_, "gone.so: No such file or directory\n");
+}
+
+TEST_F(ReplayErrors, ACutCaptureIsReplayedAsFarAsItGoes) {
+  const std::string whole =
+      captureBytes({row(1, udp(1)), row(2, udp(2)), row(3, udp(3))});
+  write("cut.pcap", whole.substr(0, whole.size() - 7));
+  capture("more.pcap", {row(4, udp(4))});
+  replay("--flows good.txt --in 1=cut.pcap 3=more.pcap --out-dir out");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(stderr_, StartsWith("cut.pcap: after packet 2: truncated"));
+  EXPECT_EQ(std::count(stderr_.begin(), stderr_.end(), '\n'), 1) << stderr_;
+  EXPECT_THAT(written("out/port-2.pcap"), SizeIs(3));
+  EXPECT_TRUE(account("nothingLost"));
+  EXPECT_EQ(port(1)["packetsIn"], 2);
+}
+
+TEST_F(ReplayErrors, CutFramesAreReplayedAndMentioned) {
+  capture("snap.pcap",
+          {{1, text(udp(1).bytes()).substr(0, 40), 1000}, row(2, udp(2))});
+  replay("--flows good.txt --in 1=snap.pcap --out-dir out");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(stderr_,
+            "snap.pcap: 1 packets were captured without their ends, and "
+            "replayed so\n");
+  EXPECT_EQ(written("out/port-2.pcap")[0].bytes.size(), 40u);
+}
+
+TEST_F(ReplayErrors, AStatsFileThatCannotBeWrittenIsAnError) {
+  std::filesystem::create_symlink("/dev/full", folder_ / "full");
+  replay("--flows good.txt --in 1=in.pcap --stats full");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stderr_, "full: No space left on device\n");
+}
+
+// A limit on the size of files stands for a full disk.
+TEST_F(ReplayErrors, AnOutputThatCannotBeWrittenIsAnError) {
+  std::vector<CaptureRow> rows;
+  for (uint64_t i = 0; i < 2000; i++) rows.push_back(row(i, udp(1)));
+  capture("many.pcap", rows);
+  for (const std::string workers : {"1", "2"}) {
+    replay(
+        "--flows good.txt --in 1=many.pcap --out-dir out --workers " + workers,
+        "trap '' XFSZ && ulimit -f 64 &&");
+    EXPECT_EQ(status_, 1);
+    // DPDK, too, has something to say about the limit.
+    EXPECT_THAT(stderr_, EndsWith("out/port-2.pcap: File too large\n"));
+    EXPECT_TRUE(account("nothingLost"));
+    EXPECT_EQ(port(2)["packetsOut"], 2000);
+  }
+}
+
+TEST_F(ReplayErrors, UnknownOptionsAreRefused) {
+  replay("--flows good.txt --in 1=in.pcap --workers 17");
+  EXPECT_NE(status_, 0);
+  EXPECT_THAT(stderr_, HasSubstr("--workers"));
+  replay("--flows good.txt --in 1=in.pcap --ports 8192");
+  EXPECT_NE(status_, 0);
+  EXPECT_THAT(stderr_, HasSubstr("--ports"));
+}
+
+}  // namespace
+}  // namespace openflow_test
