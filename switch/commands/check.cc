@@ -18,6 +18,7 @@
 #include "switch/flow/flow_printer.h"
 #include "switch/flow/flow_reader.h"
 #include "switch/flow/translator.h"
+#include "switch/replay/progress.h"
 
 namespace ofswitch {
 namespace {
@@ -53,7 +54,11 @@ CheckResult readAll(const std::vector<std::string>& paths,
       result.commands += list.commands.size();
       append(std::move(list.refusals), &result.refusals);
     } else {
-      FlowFile file = FlowReader().read(path);
+      Progress progress("reading " + path);
+      FlowFile file =
+          FlowReader({.progress = [&progress](uint64_t done, uint64_t total) {
+            progress.show(done, total);
+          }}).read(path);
       append(std::move(file.flows), flows);
       append(std::move(file.refusals), &result.refusals);
     }

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
+#include <system_error>
 #include <utility>
 
 #include "switch/flow/action_parser.h"
@@ -130,10 +132,21 @@ Flow FlowReader::readLine(std::string_view line) const {
 }
 
 FlowFile FlowReader::read(std::istream& in, const std::string& name) const {
+  return read(in, name, 0);
+}
+
+FlowFile FlowReader::read(std::istream& in, const std::string& name,
+                          uint64_t total) const {
+  constexpr int kLinesPerProgress = 1024;
   FlowFile file;
   file.name = name;
+  uint64_t done = 0;
   std::string text;
   for (int number = 1; std::getline(in, text); number++) {
+    done += text.size() + 1;
+    if (options_.progress && number % kLinesPerProgress == 0) {
+      options_.progress(done, total);
+    }
     std::string_view line = text;
     line = trim(line.substr(0, line.find('#')));
     if (line.empty() || isDumpHeading(line)) continue;
@@ -151,6 +164,8 @@ FlowFile FlowReader::read(std::istream& in, const std::string& name) const {
 }
 
 FlowFile FlowReader::read(const std::string& path) const {
+  std::error_code noSize;
+  const uintmax_t size = std::filesystem::file_size(path, noSize);
   std::ifstream in(path);
   if (!in) {
     FlowFile file;
@@ -159,7 +174,7 @@ FlowFile FlowReader::read(const std::string& path) const {
         {path, 0, fmt::format("cannot open: {}", std::strerror(errno))});
     return file;
   }
-  return read(in, path);
+  return read(in, path, noSize ? 0 : size);
 }
 
 }  // namespace ofswitch

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <istream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "switch/flow/diagnostic.h"
@@ -24,13 +27,16 @@ struct FlowFile {
 struct FlowReaderOptions {
   // Whether flows may expire. Where nothing runs in real time they may not.
   bool allowTimeouts = false;
+  // Called now and then while a file is read, with bytes done and in all.
+  std::function<void(uint64_t done, uint64_t total)> progress = {};
 };
 
 // Reads flows in the syntax of ovs-ofctl(8), one a line; '#' starts a
 // comment. A flow is taken only if the module can do exactly what it says.
 class FlowReader {
  public:
-  explicit FlowReader(FlowReaderOptions options = {}) : options_(options) {}
+  explicit FlowReader(FlowReaderOptions options = {})
+      : options_(std::move(options)) {}
 
   FlowFile read(const std::string& path) const;
   FlowFile read(std::istream& in, const std::string& name) const;
@@ -39,6 +45,9 @@ class FlowReader {
   Flow readLine(std::string_view line) const;
 
  private:
+  FlowFile read(std::istream& in, const std::string& name,
+                uint64_t total) const;
+
   FlowReaderOptions options_;
 };
 

@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "switch/flow/action_parser.h"
@@ -94,6 +97,28 @@ TEST(FlowReader, ShowsNoControlCharacters) {
   EXPECT_EQ(
       texts(readText("\x1b[2J=1,actions=drop\n").refusals),
       (std::vector<std::string>{"flows.txt:1: unknown field \"\\x1b[2J\""}));
+}
+
+TEST(FlowReader, TellsHowFarItIs) {
+  const std::string path = testing::TempDir() + "/flow_reader_progress.txt";
+  std::string text;
+  for (int i = 0; i < 2500; i++) text += "actions=drop\n";
+  std::ofstream(path) << text;
+  std::vector<std::pair<uint64_t, uint64_t>> steps;
+  const FlowFile file =
+      FlowReader({.progress = [&](uint64_t done, uint64_t total) {
+        steps.emplace_back(done, total);
+      }}).read(path);
+  std::remove(path.c_str());
+  EXPECT_EQ(file.flows.size(), 2500u);
+  EXPECT_EQ(steps, (std::vector<std::pair<uint64_t, uint64_t>>{
+                       {1024 * 13, 2500 * 13}, {2048 * 13, 2500 * 13}}));
+}
+
+TEST(FlowReader, RefusesAFolder) {
+  const FlowFile file = FlowReader().read("/tmp");
+  EXPECT_EQ(texts(file.refusals),
+            (std::vector<std::string>{"/tmp: cannot be read to its end"}));
 }
 
 TEST(FlowReader, NamesAFileThatItCannotOpen) {
