@@ -22,8 +22,11 @@ constexpr unsigned kQueueLength = 4096;
 constexpr auto kWriterSleep = std::chrono::milliseconds(5);
 // Bytes of a frame that the log shows.
 constexpr size_t kShownBytes = 64;
-// The header that the module puts in front of a frame; its reason.
-constexpr int kHeaderLen = 22;
+// What the module puts around a frame for the controller.
+constexpr uint32_t kHeaderLen = 22;
+constexpr uint32_t kTrailerLen = 4;
+constexpr int kMarkOffset = 13;
+constexpr uint8_t kMark = 0x31;
 constexpr int kReasonOffset = 17;
 
 const Mio::TraceHandle trace("Controller", 0);
@@ -33,21 +36,37 @@ void add(std::atomic<uint64_t>* counter, uint64_t n) {
                  std::memory_order_relaxed);
 }
 
+// The frame inside a packet for the controller.
+struct Punted {
+  unsigned reason = 0;
+  uint32_t skip = 0;    // bytes in front of the frame
+  uint32_t length = 0;  // of the frame
+};
+
+Punted unwrap(const bess::Packet& pkt) {
+  const auto total = static_cast<uint32_t>(pkt.total_len());
+  const auto* bytes = pkt.head_data<const uint8_t*>();
+  if (pkt.data_len() < kHeaderLen || total < kHeaderLen + kTrailerLen ||
+      bytes[kMarkOffset] != kMark) {
+    return {0, 0, total};  // there was no room for the header
+  }
+  return {bytes[kReasonOffset], kHeaderLen, total - kHeaderLen - kTrailerLen};
+}
+
 void tracePacket(const bess::Packet& pkt) {
   constexpr char kDigits[] = "0123456789abcdef";
-  const auto* bytes = pkt.head_data<const uint8_t*>();
+  const Punted punted = unwrap(pkt);
+  const auto* bytes = pkt.head_data<const uint8_t*>() + punted.skip;
   std::array<char, 2 * kShownBytes> hex;
-  const bool hasHeader = pkt.head_len() >= kHeaderLen && bytes[13] == 0x31;
-  const unsigned reason = hasHeader ? bytes[kReasonOffset] : 0;
-  const int skip = hasHeader ? kHeaderLen : 0;
   const size_t shown =
-      std::min(kShownBytes, static_cast<size_t>(pkt.head_len() - skip));
+      std::min({kShownBytes, size_t{punted.length},
+                static_cast<size_t>(pkt.data_len() - punted.skip)});
   for (size_t i = 0; i < shown; i++) {
-    hex[2 * i] = kDigits[bytes[skip + i] >> 4];
-    hex[2 * i + 1] = kDigits[bytes[skip + i] & 15];
+    hex[2 * i] = kDigits[bytes[i] >> 4];
+    hex[2 * i + 1] = kDigits[bytes[i] & 15];
   }
   TWINLOG_TRACE(trace, 2, "packet for the controller: reason %s, %s bytes: %s",
-                reason, pkt.total_len() - skip,
+                punted.reason, punted.length,
                 std::string_view(hex.data(), 2 * shown));
 }
 
@@ -117,10 +136,11 @@ void ControllerPort::writeCapture(const std::string& path) {
         const auto* data = segment->head_data<const uint8_t*>();
         frame.insert(frame.end(), data, data + segment->head_len());
       }
+      const Punted punted = unwrap(*pkt);
       writer.Write(static_cast<uint64_t>(
                        std::chrono::duration_cast<std::chrono::nanoseconds>(now)
                            .count()),
-                   frame.data(), static_cast<uint32_t>(frame.size()));
+                   frame.data() + punted.skip, punted.length);
       bess::Packet::Free(pkt);
     }
     if (count > 0) continue;

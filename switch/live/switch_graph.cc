@@ -127,10 +127,7 @@ void SwitchGraph::openPorts() {
     options.rx_queues = config.queues;
     options.tx_queues = static_cast<uint16_t>(config_.workers.size());
     options.mtu = config.mtu;
-    if (const std::string error = bess::OpenPort(config.name, options);
-        !error.empty()) {
-      throw StartError(fmt::format("port {}: {}", config.number, error));
-    }
+    require(bess::OpenPort(config.name, options));
     opened_.push_back(config.name);
     SwitchPort port{&config, bess::FindPort(config.name)};
     if (port.port->rx_queues() != config.queues) {

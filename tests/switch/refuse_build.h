@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+namespace ofswitch {
+
+// Makes the classifier library refuse one build of this process: the one after
+// `successes` more. No flow text makes it do so, a full memory does.
+class RefuseBuild {
+ public:
+  explicit RefuseBuild(int successes);
+  ~RefuseBuild();
+};
+
+}  // namespace ofswitch

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "tests/captures/capture_files.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using openflow_test::ScratchDir;
+using testing::HasSubstr;
+using Clock = std::chrono::steady_clock;
+
+// `ofswitch run` as a process of its own.
+class RunningSwitch {
+ public:
+  RunningSwitch(const std::string& config, const std::string& log) : log_(log) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int fd = open(log.c_str(), O_WRONLY | O_APPEND);
+      dup2(fd, STDOUT_FILENO);
+      dup2(fd, STDERR_FILENO);
+      execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), nullptr);
+      _exit(127);
+    }
+  }
+  ~RunningSwitch() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  std::string log() const { return openflow_test::readFile(log_); }
+
+  bool waitFor(const std::string& text) const {
+    const auto deadline = Clock::now() + 20s;
+    while (Clock::now() < deadline) {
+      if (log().find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(10ms);
+    }
+    return false;
+  }
+
+  // Sends the signal, if any, and answers the exit status.
+  int end(int signal) {
+    if (signal != 0) kill(pid_, signal);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  std::string log_;
+  pid_t pid_ = -1;
+};
+
+class RunCommand : public testing::Test {
+ protected:
+  std::string write(const std::string& name, const std::string& text) {
+    openflow_test::writeFile(dir_ / name, text);
+    return dir_ / name;
+  }
+
+  ScratchDir dir_;
+};
+
+constexpr char kConfig[] =
+    "ports:\n"
+    "  - {number: 1, device: net_null0}\n"
+    "  - {number: 2, device: net_null1}\n"
+    "workers: 2\n"
+    "memory: {mb: 256}\n"
+    "flows: flows.txt\n"
+    "control: {socket: control.sock}\n"
+    "metrics: false\n";
+
+TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
+  write("flows.txt",
+        "in_port=1,actions=output:2\nin_port=2,actions=output:1\n");
+  const std::string config = write("switch.yaml", kConfig);
+  for (const int signal : {SIGTERM, SIGINT}) {
+    RunningSwitch process(config, dir_ / "log");
+    ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 2 flows\n"))
+        << process.log();
+    std::this_thread::sleep_for(100ms);
+    const auto start = Clock::now();
+    EXPECT_EQ(process.end(signal), 0);
+    EXPECT_LT(Clock::now() - start, 2s);
+    const std::string log = process.log();
+    EXPECT_THAT(log, HasSubstr("note: memory without hugepages: "));
+    EXPECT_THAT(log, HasSubstr("port 1 port1: net_null0 (net_null), "));
+    unsigned long received = 0;
+    unsigned long sent = 0;
+    unsigned long dropped = 0;
+    ASSERT_EQ(sscanf(log.c_str() + log.rfind("stopped: "),
+                     "stopped: %lu packets received, %lu sent, %lu dropped",
+                     &received, &sent, &dropped),
+              3)
+        << log;
+    EXPECT_GT(received, 0);
+    EXPECT_EQ(received, sent + dropped);
+  }
+}
+
+TEST_F(RunCommand, RefusesWhatItCannotStart) {
+  const std::string config = write("switch.yaml", "prots: []\n");
+  RunningSwitch process(config, dir_ / "log");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_EQ(process.log(), "ofswitch: " + config +
+                               ":1: unknown key \"prots\", did you mean "
+                               "\"ports\"?\n");
+}
+
+TEST_F(RunCommand, RefusesBadFlowsBeforeAnythingStarts) {
+  const std::string flows =
+      write("flows.txt", "in_port=1,actions=output:2\nnonsense\n");
+  const std::string config = write("switch.yaml", kConfig);
+  RunningSwitch process(config, dir_ / "log");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_EQ(process.log(), "ofswitch: " + flows +
+                               ":2: no actions; write actions=drop for a flow "
+                               "that drops\n");
+}
+
+}  // namespace
