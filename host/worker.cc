@@ -209,6 +209,10 @@ std::vector<int> Worker::List() {
   return wids;
 }
 
+void Worker::SetLongestIdleSleep(std::chrono::microseconds longest) {
+  bess::internal::longest_idle_sleep.store(longest, std::memory_order_relaxed);
+}
+
 uint64_t Worker::Runs(int wid) {
   if (!InRange(wid)) {
     return 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -47,6 +48,13 @@ class Worker {
 
   // Indexes of all workers, ascending.
   static std::vector<int> List();
+
+  // A worker whose tasks have had nothing to do for a while sleeps, at first
+  // for a few microseconds, then longer and longer up to this; the first packet
+  // ends it. Zero: workers never sleep and take up their processors. At any
+  // time.
+  static constexpr std::chrono::microseconds kDefaultIdleSleep{200};
+  static void SetLongestIdleSleep(std::chrono::microseconds longest);
 
   // Task runs that the worker has completed since it was added.
   static uint64_t Runs(int wid);

@@ -4,21 +4,26 @@
 #include <pthread.h>
 #include <rte_errno.h>
 #include <rte_lcore.h>
+#include <sys/prctl.h>
 #include <urcu-qsbr.h>
 
 #include <chrono>
 #include <stdexcept>
 
+#include "internal/idle_backoff.h"
 #include "qsbr.h"
 
 namespace bess::internal {
 namespace {
 
-// After so many rounds in which no task had work, sleep for so long.
-constexpr int kIdleRounds = 256;
-constexpr std::chrono::microseconds kIdleSleep{50};
+// How late a sleeping worker may wake up, in nanoseconds. The kernel's usual 50
+// microseconds would make every short sleep a long one.
+constexpr unsigned long kTimerSlack = 1000;
 
 }  // namespace
+
+std::atomic<std::chrono::microseconds> longest_idle_sleep =
+    Worker::kDefaultIdleSleep;
 
 WorkerThread::WorkerThread(int wid, int core) : wid_(wid), core_(core) {
   context_.wid = wid;
@@ -63,6 +68,7 @@ void WorkerThread::WaitUntilPaused() {
 
 std::string WorkerThread::SetUp() {
   pthread_setname_np(pthread_self(), ("worker" + std::to_string(wid_)).c_str());
+  prctl(PR_SET_TIMERSLACK, kTimerSlack);
   const std::string who = "worker " + std::to_string(wid_);
   if (core_ != Worker::kNoCore) {
     cpu_set_t cpus;
@@ -97,7 +103,7 @@ void WorkerThread::Main() {
     return;
   }
   const QsbrReader reader;
-  int idle_rounds = 0;
+  IdleBackoff backoff;
   for (;;) {
     if (wish_.load(std::memory_order_acquire) != Wish::kRun || tasks_.empty()) {
       WaitForWork();
@@ -106,10 +112,13 @@ void WorkerThread::Main() {
       }
       continue;
     }
-    idle_rounds = RunRound() ? 0 : idle_rounds + 1;
-    if (idle_rounds >= kIdleRounds) {
+    const bool worked = RunRound();
+    const auto sleep = backoff.AfterRound(
+        worked, std::chrono::nanoseconds(context_.current_ns),
+        longest_idle_sleep.load(std::memory_order_relaxed));
+    if (sleep.count() > 0) {
       const QsbrOffline offline;
-      std::this_thread::sleep_for(kIdleSleep);
+      std::this_thread::sleep_for(sleep);
     }
   }
   rte_thread_unregister();

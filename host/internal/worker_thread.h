@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -58,6 +59,9 @@ class WorkerThread {
   std::atomic<uint64_t> runs_ = 0;
   std::thread thread_;
 };
+
+// See Worker::SetLongestIdleSleep.
+extern std::atomic<std::chrono::microseconds> longest_idle_sleep;
 
 // The worker at that index, or null. For the command thread.
 WorkerThread* GetWorkerThread(int wid);
