@@ -40,12 +40,13 @@ class ReplayCommand : public testing::Test {
   // report. `before` stands in front of the program's name.
   void replay(const std::string& arguments, const std::string& before = "") {
     std::filesystem::remove(folder_ / "stats.json");
-    const std::string command =
-        "cd " + folder_.path().string() + " && " + before +
-        " " OFSWITCH " replay " + arguments +
-        (arguments.find("--stats") == std::string::npos ? " --stats stats.json"
-                                                        : "") +
-        " > stdout 2> stderr";
+    const std::string folder = folder_.path().string();
+    std::string command =
+        "cd " + folder + " && " + before + " " OFSWITCH " replay " + arguments;
+    if (arguments.find("--stats") == std::string::npos) {
+      command += " --stats " + folder + "/stats.json";
+    }
+    command += " > " + folder + "/stdout 2> " + folder + "/stderr";
     const int status = std::system(command.c_str());
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     stdout_ = readFile(folder_ / "stdout");
