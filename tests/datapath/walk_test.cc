@@ -2,8 +2,6 @@
 //
 // The sweep over the tables: start tables, misses, counters of tables, flows
 // and workers.
-#include <thread>
-
 #include "tests/datapath/datapath_test.h"
 
 namespace openflow_test {
@@ -195,30 +193,6 @@ TEST_F(Walk, EveryWorkerHasItsOwnCounters) {
   EXPECT_EQ(harness().flowCounter(20, 3), 1u);
   EXPECT_EQ(harness().flowCounter(20, 15), 1u);
   EXPECT_EQ(harness().flowCounter(21, 3), 54u);
-}
-
-// Two workers run the same table at once; each one's packets and flow counts
-// are exact.
-TEST_F(Walk, TwoWorkersAtOnce) {
-  constexpr int kRuns = 200;
-  add(0, {any().counters(30, 31).output({1}).gotoTable(1)});
-  add(1, {any().counters(32, 33).decTtl().output({2})});
-  const std::vector<InputPacket> packets(kMaxBatch, tcpFrame());
-  const auto work = [&](int wid) {
-    for (int i = 0; i < kRuns; i++) {
-      const RunResult result = harness().run(packets, wid);
-      ASSERT_EQ(result.gate(1).size(), kMaxBatch);
-      ASSERT_EQ(result.gate(2).size(), kMaxBatch);
-      ASSERT_EQ(result.drops, 2 * kMaxBatch);
-    }
-  };
-  std::thread other(work, 5);
-  work(4);
-  other.join();
-  for (const int wid : {4, 5}) {
-    EXPECT_EQ(harness().flowCounter(30, wid), kRuns * kMaxBatch);
-    EXPECT_EQ(harness().flowCounter(33, wid), kRuns * kMaxBatch * 54);
-  }
 }
 
 // ---- Flows change between batches.
