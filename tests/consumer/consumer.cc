@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
-// A first test against the module, without a test framework: a TCP packet is routed, everything else is dropped.
+// A first test against the module, without a test framework: a TCP packet is
+// routed, everything else is dropped.
 #include <iostream>
 
 #include "tests/support/frame.h"
@@ -10,8 +11,8 @@ using namespace openflow_test;
 
 int main() {
   ModuleHarness harness;
-  harness.addFlows(0, {Flow(1, 10).ipProto(6).decTtl().output({2}),
-                       Flow(2, 1).drop()});
+  harness.addFlows(
+      0, {Flow(1, 10).ipProto(6).decTtl().output({2}), Flow(2, 1).drop()});
 
   const uint32_t client = ip4("10.0.0.1"), server = ip4("10.0.0.2");
   const RunResult result =
