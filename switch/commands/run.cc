@@ -85,9 +85,7 @@ int run(const RunOptions& options) {
   printSummary(live);
   int signal = 0;
   sigwait(&signals, &signal);
-  const pb::StatsReply stats = live.stats();
-  live.stop();
-  printEnd(stats);
+  printEnd(live.stop());
   return 0;
 }
 

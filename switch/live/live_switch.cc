@@ -93,8 +93,8 @@ class LiveSwitch::Impl {
     ticker_ = std::thread([this] { tick(); });
   }
 
-  void stop() {
-    if (!running_.exchange(false)) return;
+  pb::StatsReply stop() {
+    if (!running_.exchange(false)) return final_;
     {
       const std::lock_guard lock(tickMutex_);
       stopping_ = true;
@@ -102,8 +102,13 @@ class LiveSwitch::Impl {
     tickWake_.notify_all();
     ticker_.join();
     // From here on requests find nothing to talk to.
-    onControl([this] { programmer_.reset(); });
+    onControl([this] {
+      Worker::PauseAll();
+      final_ = stats(false);
+      programmer_.reset();
+    });
     graph_.reset();
+    return final_;
   }
 
   pb::FlowChangeReply change(const pb::FlowChange& change,
@@ -244,6 +249,7 @@ class LiveSwitch::Impl {
   uint64_t changes_ = 0;
   uint64_t expiredIdle_ = 0;
   uint64_t expiredHard_ = 0;
+  pb::StatsReply final_;
 
   std::thread ticker_;
   std::mutex tickMutex_;
@@ -257,7 +263,7 @@ LiveSwitch::LiveSwitch(SwitchConfig config, Now now)
 LiveSwitch::~LiveSwitch() { stop(); }
 
 void LiveSwitch::start() { impl_->start(); }
-void LiveSwitch::stop() { impl_->stop(); }
+pb::StatsReply LiveSwitch::stop() { return impl_->stop(); }
 bool LiveSwitch::running() const { return impl_->running_; }
 const SwitchConfig& LiveSwitch::config() const { return impl_->config_; }
 

@@ -61,8 +61,9 @@ class LiveSwitch {
   // lets the workers run. Throws StartError, and has then undone what it did.
   void start();
 
-  // Stops receiving, sends what was received, takes everything apart.
-  void stop();
+  // Stops receiving, sends what was received, takes everything apart. Answers
+  // the final statistics, which are exact.
+  pb::StatsReply stop();
 
   bool running() const;
   const SwitchConfig& config() const;

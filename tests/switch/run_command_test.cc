@@ -24,14 +24,15 @@ using Clock = std::chrono::steady_clock;
 class RunningSwitch {
  public:
   RunningSwitch(const std::string& config, const std::string& log) : log_(log) {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_ = fork();
     if (pid_ == 0) {
-      const int fd = open(log.c_str(), O_WRONLY | O_APPEND);
       dup2(fd, STDOUT_FILENO);
       dup2(fd, STDERR_FILENO);
       execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), nullptr);
       _exit(127);
     }
+    close(fd);
   }
   ~RunningSwitch() {
     if (pid_ > 0) {
