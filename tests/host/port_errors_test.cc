@@ -3,9 +3,14 @@
 // What people read when a port does not open.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstddef>
+#include <cstring>
 #include <fstream>
 
 #include "port_harness.h"
@@ -115,6 +120,7 @@ TEST_F(PortOpeningTest, QuotesTheDriver) {
   remove(path.c_str());
   EXPECT_THAT(error, HasSubstr("the driver refuses it: "));
   EXPECT_THAT(error, HasSubstr("unknown file format"));
+  EXPECT_EQ(Failure({.device = "net_pcap0,tx_pcap=/dev/null"}), "");
 }
 
 TEST_F(PortOpeningTest, WorksAfterARefusal) {
@@ -129,6 +135,32 @@ TEST_F(PortOpeningTest, TellsDevicesOnPciFromOthers) {
   EXPECT_TRUE(bess::Port::IsPci("0000:03:00.0,representor=0"));
   EXPECT_FALSE(bess::Port::IsPci("net_null0"));
   EXPECT_FALSE(bess::Port::IsPci(""));
+}
+
+TEST_F(PortOpeningTest, RefusesASocketThatAnotherProcessHas) {
+  const std::string name = "ports_test" + std::to_string(getpid());
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path + 1, name.data(), name.size());
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  const auto len =
+      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), len), 0);
+  ASSERT_EQ(listen(fd, 1), 0);
+  // Only a child holds it from here on.
+  const pid_t child = fork();
+  if (child == 0) {
+    pause();
+    _exit(0);
+  }
+  close(fd);
+  const PortOptions options = {.device =
+                                   "net_memif0,role=server,socket=" + name};
+  EXPECT_THAT(Failure(options),
+              HasSubstr("another process listens at socket '" + name + "'"));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(Failure(options), "");
 }
 
 // A person without the permission must learn how to get it.

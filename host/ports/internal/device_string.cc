@@ -39,7 +39,8 @@ constexpr std::array kVirtualDrivers = {
     VirtualDriver{.name = "net_memif",
                   .example = "net_memif0,role=client,socket=/run/memif.sock",
                   .keys = "id role bsize rsize socket socket-abstract mac "
-                          "zero-copy secret "},
+                          "zero-copy secret ",
+                  .socket = "/run/memif.sock"},
     VirtualDriver{.name = "net_ring",
                   .example = "net_ring0",
                   .keys = "nodeaction ",
@@ -132,6 +133,9 @@ std::string CheckVirtual(const DeviceString& device) {
              " bytes";
     }
   }
+  if (std::string error = CheckListen(device.ListensAt()); !error.empty()) {
+    return error;
+  }
   return CheckFiles(device);
 }
 
@@ -176,6 +180,20 @@ const std::string* DeviceString::Find(std::string_view key) const {
     }
   }
   return nullptr;
+}
+
+UnixAddress DeviceString::ListensAt() const {
+  if (driver == nullptr || driver->socket.empty()) {
+    return {};
+  }
+  const std::string* role = Find("role");
+  if (role == nullptr || (*role != "server" && *role != "master")) {
+    return {};
+  }
+  const std::string* socket = Find("socket");
+  const std::string* abstract = Find("socket-abstract");
+  return {.name = socket != nullptr ? *socket : std::string(driver->socket),
+          .abstract = abstract == nullptr || *abstract != "no"};
 }
 
 unsigned long DeviceString::Number(std::string_view key,

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "ports/internal/unix_socket.h"
+
 namespace bess::internal {
 
 // What is known of a virtual driver beyond what it tells DPDK.
@@ -31,6 +33,10 @@ struct VirtualDriver {
   // It keeps packets beyond the closing of the device.
   bool keeps_packets = false;
 
+  // Where it listens for peers unless told otherwise. It gives that up only
+  // some time after it was closed.
+  std::string_view socket = {};
+
   // Its devices are network interfaces of the kernel.
   bool interface = false;
 
@@ -53,6 +59,9 @@ struct DeviceString {
 
   // The value of an argument, null when there is none.
   const std::string* Find(std::string_view key) const;
+
+  // Where the device waits for its peers.
+  UnixAddress ListensAt() const;
 
   // The value of an argument as a number.
   unsigned long Number(std::string_view key, unsigned long otherwise) const;

@@ -46,7 +46,8 @@ std::string ProbeFailure(const DeviceString& device, int code,
 
 }  // namespace
 
-EthDevice::EthDevice(const DeviceString& device) : device_(device) {
+EthDevice::EthDevice(const DeviceString& device)
+    : device_(device), socket_(device.ListensAt()) {
   const DpdkLogCapture log;
   if (rte_eth_dev_get_port_by_name(device.name.c_str(), &id_) == 0) {
     throw std::runtime_error("the device is open already");

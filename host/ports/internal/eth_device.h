@@ -9,6 +9,7 @@
 #include "packet_pool.h"
 #include "ports/internal/device_string.h"
 #include "ports/internal/dpdk_log.h"
+#include "ports/internal/unix_socket.h"
 
 namespace bess::internal {
 
@@ -50,6 +51,7 @@ class EthDevice {
   void Drain();
 
   const DeviceString device_;
+  const ListeningSocket socket_;
   uint16_t id_ = 0;
   uint16_t rx_queues_ = 0;
   bool started_ = false;
