@@ -90,7 +90,7 @@ const Refused kRefused[] = {
      {.device = "net_null0", .mtu = 67},
      {"the MTU must be at least 68"}},
     {"JumboFramesOnMemif",
-     {.device = "net_memif0,role=server,id=5", .mtu = 9000},
+     {.device = "net_memif0,role=client", .mtu = 9000},
      {"MTU 9000", "net_memif carries at most 1500 bytes"}},
     {"FramesLongerThanACapture",
      {.device = "net_pcap0,tx_pcap=/dev/null", .mtu = 9601},
@@ -138,7 +138,9 @@ TEST_F(PortOpeningTest, TellsDevicesOnPciFromOthers) {
 }
 
 TEST_F(PortOpeningTest, RefusesASocketThatAnotherProcessHas) {
-  const std::string name = "ports_test" + std::to_string(getpid());
+  static int round = 0;
+  const std::string name =
+      "ports_test" + std::to_string(getpid()) + "." + std::to_string(round++);
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path + 1, name.data(), name.size());

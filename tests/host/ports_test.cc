@@ -313,8 +313,8 @@ class MemifPortTest : public PortTest {
 };
 
 TEST_F(MemifPortTest, JoinsTwoPortsAsOftenAsTheyAreOpened) {
-  const std::string socket =
-      ",socket-abstract=no,socket=" + testing::TempDir() + "ports_test.sock";
+  const std::string path = testing::TempDir() + "ports_test.sock";
+  const std::string socket = ",socket-abstract=no,socket=" + path;
   for (int round = 0; round < 2; round++) {
     Port* server =
         Open("server", {.device = "net_memif0,role=server" + socket});
@@ -344,6 +344,7 @@ TEST_F(MemifPortTest, JoinsTwoPortsAsOftenAsTheyAreOpened) {
     bess::DestroyAllModules();
     ASSERT_EQ(bess::ClosePort("client"), "");
     ASSERT_EQ(bess::ClosePort("server"), "");
+    EXPECT_NE(access(path.c_str(), F_OK), 0) << path << " was left over";
   }
 }
 
@@ -353,6 +354,7 @@ TEST_F(MemifPortTest, ReplacesTheSocketOfADeadProcess) {
   address.sun_family = AF_UNIX;
   ASSERT_LT(path.size(), sizeof(address.sun_path));
   memcpy(address.sun_path, path.data(), path.size());
+  remove(path.c_str());
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
             0);
@@ -369,7 +371,7 @@ TEST_F(MemifPortTest, TellsWhenAnAbstractSocketCannotBeUsedAgain) {
   static int round = 0;
   const PortOptions options = {
       .device = "net_memif0,role=server,socket=ports_test_once" +
-                std::to_string(round++)};
+                std::to_string(getpid()) + "." + std::to_string(round++)};
   EXPECT_EQ(Failure(options), "");
   EXPECT_EQ(bess::ClosePort("p"), "");
   EXPECT_THAT(Failure(options),

@@ -33,7 +33,10 @@ bool IsOurs(const std::string& inode) {
   return false;
 }
 
+// Another process counts for more: this one may still hold what a driver has
+// forgotten.
 Listener FindListener(const std::string& address) {
+  Listener found = Listener::kNone;
   std::ifstream table("/proc/net/unix");
   for (std::string line; std::getline(table, line);) {
     std::istringstream words(line);
@@ -50,10 +53,13 @@ Listener FindListener(const std::string& address) {
       path.erase(path.find_last_not_of('@') + 1);
     }
     if (flags == kAccepts && path == address) {
-      return IsOurs(inode) ? Listener::kThisProcess : Listener::kOtherProcess;
+      if (!IsOurs(inode)) {
+        return Listener::kOtherProcess;
+      }
+      found = Listener::kThisProcess;
     }
   }
-  return Listener::kNone;
+  return found;
 }
 
 }  // namespace
@@ -80,23 +86,31 @@ std::string CheckListen(const UnixAddress& address) {
 }
 
 ListeningSocket::ListeningSocket(const UnixAddress& address)
-    : name_(address.name) {
-  if (name_.empty()) {
-    return;
+    : address_(address) {
+  if (!address_.name.empty()) {
+    RemoveFile();
+    const std::lock_guard lock(mutex);
+    listening.insert(address_.name);
   }
-  std::error_code error;
-  if (!address.abstract && std::filesystem::is_socket(name_, error) &&
-      FindListener(name_) == Listener::kNone) {
-    std::filesystem::remove(name_, error);
-  }
-  const std::lock_guard lock(mutex);
-  listening.insert(name_);
 }
 
 ListeningSocket::~ListeningSocket() {
-  const std::lock_guard lock(mutex);
-  if (const auto found = listening.find(name_); found != listening.end()) {
-    listening.erase(found);
+  if (!address_.name.empty()) {
+    {
+      const std::lock_guard lock(mutex);
+      listening.erase(listening.find(address_.name));
+    }
+    RemoveFile();
+  }
+}
+
+// Unless somebody needs it.
+void ListeningSocket::RemoveFile() const {
+  std::error_code error;
+  if (!address_.abstract && !IsListening(address_.name) &&
+      std::filesystem::is_socket(address_.name, error) &&
+      FindListener(address_.name) != Listener::kOtherProcess) {
+    std::filesystem::remove(address_.name, error);
   }
 }
 

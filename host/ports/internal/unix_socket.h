@@ -16,7 +16,7 @@ struct UnixAddress {
 std::string CheckListen(const UnixAddress& address);
 
 // The use of an address by a device while it lives. Clears away the file that a
-// process left there when it died.
+// process left there when it died, and the one that the driver leaves there.
 class ListeningSocket {
  public:
   explicit ListeningSocket(const UnixAddress& address);
@@ -25,7 +25,9 @@ class ListeningSocket {
   ListeningSocket& operator=(const ListeningSocket&) = delete;
 
  private:
-  const std::string name_;
+  void RemoveFile() const;
+
+  const UnixAddress address_;
 };
 
 }  // namespace bess::internal
