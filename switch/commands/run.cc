@@ -3,11 +3,14 @@
 // ofswitch run: the switch itself, in the foreground until it is told to stop.
 #include <fmt/core.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "switch/commands/commands.h"
 #include "switch/live/config.h"
@@ -15,6 +18,8 @@
 
 namespace ofswitch {
 namespace {
+
+constexpr auto kStopTime = std::chrono::milliseconds(1800);
 
 struct RunOptions {
   std::string config = "/etc/ofswitch/switch.yaml";
@@ -70,6 +75,16 @@ void printEnd(const pb::StatsReply& stats) {
              stats.packets_received(), stats.packets_sent(), dropped);
 }
 
+// A classifier that is being built cannot be interrupted and may take longer
+// than whoever stops the switch waits.
+void exitInTime() {
+  std::thread([] {
+    std::this_thread::sleep_for(kStopTime);
+    fmt::print(stderr, "ofswitch: stopped while flows were being changed\n");
+    _exit(0);
+  }).detach();
+}
+
 int run(const RunOptions& options) {
   const SwitchConfig config = loadConfig(options.config);
   if (options.check) {
@@ -85,6 +100,7 @@ int run(const RunOptions& options) {
   printSummary(live);
   int signal = 0;
   sigwait(&signals, &signal);
+  exitInTime();
   printEnd(live.stop());
   return 0;
 }

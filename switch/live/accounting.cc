@@ -11,7 +11,8 @@ namespace {
 
 class Accountant {
  public:
-  explicit Accountant(const SwitchCounts& counts) : counts_(counts) {}
+  Accountant(const SwitchCounts& counts, MissingPackets* missing)
+      : counts_(counts), missing_(*missing) {}
 
   SwitchAccount make() {
     account_.exact = counts_.exact;
@@ -80,7 +81,6 @@ class Accountant {
     for (const auto& [where, packets] : counts_.matched) {
       const auto& [number, end] = where;
       TableAccount& table = account_.tables[number];
-      ends_[number] += packets;
       if (end.kind != Kind::kMissed) table.matched += packets;
       switch (end.kind) {
         case Kind::kSent:
@@ -104,6 +104,9 @@ class Accountant {
           break;
       }
     }
+    for (const auto& [where, packets] : counts_.matchedLater) {
+      ends_[where.first] += packets;
+    }
     for (uint8_t number = 0; number < kNumTables; number++) {
       const uint64_t misses = counts_.tables[number].tablemisses();
       ends_[number] += misses;
@@ -111,21 +114,32 @@ class Accountant {
     }
   }
 
+  // What is certain to be missing: all of it in an exact reading, otherwise at
+  // least the difference, because its second side was read later.
+  uint64_t settle(uint64_t* known, uint64_t difference) const {
+    *known = counts_.exact ? difference : std::max(*known, difference);
+    return *known;
+  }
+
   // Packets that should have been looked up and were not.
   void closeTable(uint8_t number) {
     TableAccount& table = account_.tables[number];
+    uint64_t difference = 0;
     if (ends_[number] > table.entered) {
       disagree("table {}: {} packets entered, but {} accounted for", number,
                table.entered, ends_[number]);
-      return;
+    } else if (counts_.exact || number != 0) {
+      // What table 0 has yet to look up is still coming from the ports.
+      difference = table.entered - ends_[number];
     }
-    const uint64_t lost = table.entered - ends_[number];
-    if (lost == 0 || !counts_.exact) return;
+    const uint64_t lost = settle(&missing_.inTable[number], difference);
     if (counts_.tables[number].batchdrops() > 0) {
       drop(&table, SwitchDrop::kLookupFailed, lost);
     } else if (number == 0) {
-      disagree("table 0: {} of {} packets are not accounted for", lost,
-               table.entered);
+      if (lost > 0) {
+        disagree("table 0: {} of {} packets are not accounted for", lost,
+                 table.entered);
+      }
     } else {
       drop(&table, SwitchDrop::kNoBufferForTable, lost);
       notCopied_ += lost;
@@ -165,12 +179,14 @@ class Accountant {
                counts_.deadEnds);
     }
     const uint64_t unconnected =
-        counts_.deadEnds - std::min(handled, counts_.deadEnds);
-    if (counts_.exact) drop(nullptr, SwitchDrop::kNoSuchPort, unconnected);
-    account_.copiesOutput = handedOn_ + (counts_.exact ? unconnected : 0);
+        settle(&missing_.atGates,
+               counts_.deadEnds - std::min(handled, counts_.deadEnds));
+    drop(nullptr, SwitchDrop::kNoSuchPort, unconnected);
+    account_.copiesOutput = handedOn_ + unconnected;
   }
 
   const SwitchCounts& counts_;
+  MissingPackets& missing_;
   SwitchAccount account_;
   std::array<uint64_t, kNumTables> ends_ = {};  // rules' and misses'
   uint64_t handedOn_ = 0;                       // to ports and controller
@@ -179,8 +195,9 @@ class Accountant {
 
 }  // namespace
 
-SwitchAccount makeSwitchAccount(const SwitchCounts& counts) {
-  return Accountant(counts).make();
+SwitchAccount makeSwitchAccount(const SwitchCounts& counts,
+                                MissingPackets* missing) {
+  return Accountant(counts, missing).make();
 }
 
 pb::DropCause dropCause(SwitchDrop cause, uint64_t packets) {

@@ -41,6 +41,8 @@ struct SwitchCounts {
   ControllerPort::Counts controller;
   uint64_t controllerGatePackets = 0;
   FlowBook::Matched matched;
+  // Read again after a grace period; the same if exact.
+  FlowBook::Matched matchedLater;
   std::array<quil::pb::OpenFlowGetStatsRespArg, kNumTables> tables;
   uint64_t deadEnds = 0;      // of the module
   uint64_t failedCopies = 0;  // of the host's packets
@@ -70,7 +72,17 @@ struct SwitchAccount {
   std::vector<std::string> discrepancies;  // sentences; none if it closes
 };
 
-SwitchAccount makeSwitchAccount(const SwitchCounts& counts);
+// Drops that nobody counts, but that are missing in the sums. While packets
+// are under way a difference of sums is uncertain by those; kept over readings,
+// what is certain never shrinks.
+struct MissingPackets {
+  std::array<uint64_t, kNumTables> inTable = {};
+  uint64_t atGates = 0;
+};
+
+// `missing` is what earlier readings of the same switch have found.
+SwitchAccount makeSwitchAccount(const SwitchCounts& counts,
+                                MissingPackets* missing);
 
 pb::DropCause dropCause(SwitchDrop cause, uint64_t packets);
 pb::DropCause dropCause(const bess::DropCauseInfo& cause, uint64_t packets,

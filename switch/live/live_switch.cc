@@ -88,7 +88,7 @@ class LiveSwitch::Impl {
       throw;
     }
     started_ = std::chrono::steady_clock::now();
-    notes_ = graph_->notes();
+    std::ranges::copy(graph_->notes(), std::back_inserter(notes_));
     running_ = true;
     ticker_ = std::thread([this] { tick(); });
   }
@@ -141,13 +141,22 @@ class LiveSwitch::Impl {
     programmer_->mend();
   }
 
+  pb::TablesReply tables(bool all) {
+    const SwitchCounts counts = readCounts(*graph_, book_);
+    return tablesReply(counts, makeSwitchAccount(counts, &missing_), book_,
+                       *programmer_, all);
+  }
+
   pb::StatsReply stats(bool pause) {
     pb::StatsReply reply;
     if (programmer_ == nullptr) return reply;
-    if (pause) Worker::PauseAll();
+    // Who has paused them meanwhile wants them to stay so.
+    const bool resume =
+        pause && std::ranges::any_of(Worker::List(), Worker::IsRunning);
+    if (resume) Worker::PauseAll();
     const SwitchCounts counts = readCounts(*graph_, book_);
-    if (pause) Worker::ResumeAll();
-    reply = statsReply(counts, *graph_);
+    if (resume) Worker::ResumeAll();
+    reply = statsReply(counts, makeSwitchAccount(counts, &missing_), *graph_);
     reply.set_time_ns(
         nsOf(std::chrono::system_clock::now().time_since_epoch()));
     reply.set_uptime_ns(nsOf(std::chrono::steady_clock::now() - started_));
@@ -189,6 +198,7 @@ class LiveSwitch::Impl {
     onControl([&] {
       FlowBook::Plan plan = book_.planAdd(flows, false);
       addRefusals(plan.refusals, reply.mutable_refusals());
+      for (const Diagnostic& note : plan.notes) notes_.push_back(note.text());
       if (plan.refusals.empty()) {
         programmer_->make(std::move(plan), now_(), {}, &reply);
       }
@@ -249,6 +259,7 @@ class LiveSwitch::Impl {
   uint64_t changes_ = 0;
   uint64_t expiredIdle_ = 0;
   uint64_t expiredHard_ = 0;
+  MissingPackets missing_;
   pb::StatsReply final_;
 
   std::thread ticker_;
@@ -322,8 +333,7 @@ std::vector<InstalledFlow> LiveSwitch::installedFlows() const {
 pb::TablesReply LiveSwitch::tables(const pb::TablesRequest& request) const {
   return Impl::onControl([&]() -> pb::TablesReply {
     if (impl_->programmer_ == nullptr) return {};
-    return tablesReply(readCounts(*impl_->graph_, impl_->book_), impl_->book_,
-                       *impl_->programmer_, request.all());
+    return impl_->tables(request.all());
   });
 }
 

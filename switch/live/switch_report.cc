@@ -89,13 +89,17 @@ SwitchCounts readCounts(const SwitchGraph& graph, const FlowBook& book) {
     counted.stats = port.port->stats();
     after += counted.stats.rx_packets;
   }
+  // What was on its way between two tables has arrived when they are read
+  // again.
+  synchronize_rcu();
+  counts.matchedLater = book.matched();
   counts.exact = before == after;
   return counts;
 }
 
-pb::TablesReply tablesReply(const SwitchCounts& counts, const FlowBook& book,
+pb::TablesReply tablesReply(const SwitchCounts& counts,
+                            const SwitchAccount& account, const FlowBook& book,
                             const FlowProgrammer& programmer, bool all) {
-  const SwitchAccount account = makeSwitchAccount(counts);
   pb::TablesReply reply;
   for (uint8_t number = 0; number < kNumTables; number++) {
     const TableAccount& counted = account.tables[number];
@@ -157,8 +161,8 @@ pb::PortsReply portsReply(const SwitchGraph& graph) {
 }
 
 pb::StatsReply statsReply(const SwitchCounts& counts,
+                          const SwitchAccount& account,
                           const SwitchGraph& graph) {
-  const SwitchAccount account = makeSwitchAccount(counts);
   pb::StatsReply reply;
   reply.set_packets_received(account.received);
   reply.set_packets_forwarded(account.forwarded);

@@ -16,10 +16,13 @@ namespace ofswitch {
 // whether it caught a moment without packets.
 SwitchCounts readCounts(const SwitchGraph& graph, const FlowBook& book);
 
-pb::TablesReply tablesReply(const SwitchCounts& counts, const FlowBook& book,
+pb::TablesReply tablesReply(const SwitchCounts& counts,
+                            const SwitchAccount& account, const FlowBook& book,
                             const FlowProgrammer& programmer, bool all);
 pb::PortsReply portsReply(const SwitchGraph& graph);
 // The part of the statistics that the account and the graph know.
-pb::StatsReply statsReply(const SwitchCounts& counts, const SwitchGraph& graph);
+pb::StatsReply statsReply(const SwitchCounts& counts,
+                          const SwitchAccount& account,
+                          const SwitchGraph& graph);
 
 }  // namespace ofswitch

@@ -181,6 +181,35 @@ TEST(LiveSwitch, FlowsChangeUnderTrafficOfTwoWorkersAndNothingIsLost) {
   EXPECT_EQ(ended, stats.packets_received());
 }
 
+TEST(LiveSwitch, TenThousandFlowsAreOneBuildATableAndFamily) {
+  LiveBench bench({.counters = 1u << 16});
+  std::string text;
+  for (int i = 0; i < 10000; i++) {
+    text += fmt::format("table={},tcp,nw_dst=10.0.{}.{},actions=output:3\n",
+                        i % 2, i / 256, i % 256);
+  }
+  const pb::FlowChangeReply reply = bench.add(text);
+  EXPECT_TRUE(reply.applied()) << reply.failure();
+  EXPECT_EQ(reply.added(), 10000);
+  ASSERT_EQ(reply.builds_size(), 2);
+  EXPECT_EQ(reply.builds(0).adds(), 5000);
+  EXPECT_EQ(reply.builds(1).adds(), 5000);
+  bench.receive(1,
+                Frame::eth().ipv4(ip4("10.9.9.9"), ip4("10.0.3.2")).tcp(5, 6));
+  EXPECT_EQ(bench.settled().packets_sent(), 1);
+  EXPECT_EQ(bench.entries("table=0,ip,nw_dst=10.0.3.2")[0].n_packets(), 1);
+
+  // One more, one less: the difference is all that is sent.
+  const pb::FlowChangeReply difference = bench.change(
+      pb::FLOW_OPERATION_REPLACE,
+      text.substr(text.find('\n') + 1) + "table=0,arp,actions=drop\n");
+  EXPECT_EQ(difference.unchanged(), 9999);
+  ASSERT_EQ(difference.builds_size(), 1);
+  EXPECT_EQ(difference.builds(0).adds(), 1);
+  EXPECT_EQ(difference.builds(0).deletes(), 1);
+  EXPECT_EQ(difference.builds(0).flows(), 5001);
+}
+
 TEST(LiveSwitch, FailedBuildChangesNothingForPackets) {
   LiveBench bench({.flows = kPolicy});
   const std::vector<pb::FlowEntry> before = bench.entries();
