@@ -6,7 +6,9 @@
 #include <rte_malloc.h>
 #include <urcu-qsbr.h>
 
+#include <atomic>
 #include <cstddef>
+#include <thread>
 
 #include "modules/openflow/tables/acl_retire.h"
 #include "tests/control/control_test.h"
@@ -87,6 +89,61 @@ TEST_P(Retirement, SeveralGenerationsLiveAtOnce) {
   EXPECT_NE(rte_acl_find_existing(contextName(5).c_str()), nullptr);
 }
 
+// A worker's view while updates come in: classifier and actions are of one
+// update.
+TEST_P(Retirement, ReadersSeeOneGenerationAtATime) {
+  const auto flows = [&](uint32_t version) {
+    return message()
+        .add(Flow(1, 10).ipProto(6).counters(6, version))
+        .add(Flow(2, 10).ipProto(17).counters(17, version));
+  };
+  update(flows(0));
+  std::atomic<bool> done{false};
+  std::atomic<int> wrong{0};
+  std::atomic<uint32_t> lookups{0};
+  const QuilModules::AclCtx& published = mine();
+  std::thread worker([&] {
+    rcu_register_thread();
+    OfIpv6Key keys[2]{};
+    keys[0].l2.ipProto = 6;
+    keys[1].l2.ipProto = 17;
+    const uint8_t* bytes[2] = {reinterpret_cast<const uint8_t*>(&keys[0]),
+                               reinterpret_cast<const uint8_t*>(&keys[1])};
+    uint32_t last = 0;
+    while (!done) {
+      const QuilModules::AclCtxData* data = rcu_dereference(published.data);
+      uint32_t results[2] = {};
+      rte_acl_classify(data->ctx, bytes, results, 2, 1);
+      const auto* tcp =
+          static_cast<const OfFlowAction*>(data->userdata[results[0]].action);
+      const auto* udp =
+          static_cast<const OfFlowAction*>(data->userdata[results[1]].action);
+      if (tcp == nullptr || udp == nullptr || tcp->packetCounterId != 6 ||
+          udp->packetCounterId != 17 ||
+          tcp->byteCounterId != udp->byteCounterId ||
+          tcp->byteCounterId < last) {
+        wrong++;
+        break;
+      }
+      last = tcp->byteCounterId;
+      lookups++;
+      rcu_quiescent_state();
+    }
+    rcu_unregister_thread();
+  });
+  for (uint32_t version = 1; version <= 100 || lookups < 1000; version++) {
+    if (wrong != 0) break;
+    update(flows(version));
+    rcu_quiescent_state();
+  }
+  done = true;
+  rcu_thread_offline();
+  worker.join();
+  rcu_thread_online();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_GE(lookups, 1000u);
+}
+
 class UpdateAclCtx : public ControlTest {
  protected:
   rte_acl_ctx* context() {
@@ -115,6 +172,18 @@ TEST_F(UpdateAclCtx, PublishesARecord) {
   EXPECT_EQ(module().updateAclCtx(&slot(5), nullptr, nullptr, 0), 0);
   rcu_barrier();
   EXPECT_EQ(Calls::state().aclFrees.size(), 1u);
+}
+
+// DeInit marks the classifier that it freed in a slot. A later one may get the
+// same address; it is the slot's own again.
+TEST_F(UpdateAclCtx, TheMarkOfAFreedClassifierGoesWithItsRecord) {
+  rte_acl_ctx* ctx = context();
+  slot(5).freedCtx = ctx;
+  module().updateAclCtx(&slot(5), ctx, nullptr, 0);
+  EXPECT_EQ(slot(5).freedCtx, nullptr);
+  module().updateAclCtx(&slot(5), nullptr, nullptr, 0);
+  rcu_barrier();
+  EXPECT_THAT(Calls::state().aclFrees, ElementsAre(ctx));
 }
 
 TEST(AclCtxRetire, HasTheCallbacksLayout) {
