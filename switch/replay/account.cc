@@ -49,7 +49,7 @@ class Accountant {
   // A flow that goes to a table is not the end of a packet's way, whatever
   // else it does.
   void addRule(const ReplayCounts::Rule& rule) {
-    TableAccount& table = account_.tables[rule.table];
+    Account::Table& table = account_.tables[rule.table];
     table.matched += rule.packets;
     if (rule.action.setoutputdrop()) {
       *causeOf(rule, &table) += rule.packets;
@@ -83,7 +83,7 @@ class Accountant {
   }
 
   void addTable(size_t index) {
-    TableAccount& table = account_.tables[index];
+    Account::Table& table = account_.tables[index];
     const auto& stats = counts_.tables[index];
     uint64_t rest = table.entered;
     const auto take = [&](uint64_t packets, const char* what) {
@@ -146,7 +146,7 @@ class Accountant {
     // The module drops each packet that it handles once its copies are made;
     // what it dropped beyond that were copies for gates that lead nowhere.
     uint64_t handled = 0;
-    for (const TableAccount& table : account_.tables) {
+    for (const Account::Table& table : account_.tables) {
       handled += table.matched + table.misses;
     }
     if (handled > counts_.dropped) {

@@ -68,20 +68,20 @@ struct ReplayCounts {
   bool tableCountsExact = true;
 };
 
-struct TableAccount {
-  uint64_t entered = 0;
-  uint64_t matched = 0;
-  uint64_t misses = 0;
-  uint64_t dropActions = 0;  // by flows that say drop
-  uint64_t ttlExpired = 0;   // by guards
-  uint64_t emptyTable = 0;   // the table has no flow
-  uint64_t noOutput = 0;
-  uint64_t batchDropPackets = 0;  // freed because the lookup failed
-  uint64_t notCopied = 0;         // should have entered; the pool was dry
-};
-
 struct Account {
-  std::array<TableAccount, ReplayCounts::kNumTables> tables;
+  struct Table {
+    uint64_t entered = 0;
+    uint64_t matched = 0;
+    uint64_t misses = 0;
+    uint64_t dropActions = 0;  // by flows that say drop
+    uint64_t ttlExpired = 0;   // by guards
+    uint64_t emptyTable = 0;   // the table has no flow
+    uint64_t noOutput = 0;
+    uint64_t batchDropPackets = 0;  // freed because the lookup failed
+    uint64_t notCopied = 0;         // should have entered; the pool was dry
+  };
+
+  std::array<Table, ReplayCounts::kNumTables> tables;
 
   // The ends of ways: they add up to packetsIn.
   uint64_t packetsIn = 0;

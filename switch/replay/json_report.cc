@@ -11,7 +11,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 Json tableJson(size_t index, const ReplayCounts& counts,
-               const TableAccount& account) {
+               const Account::Table& account) {
   Json json = {{"tableId", index}};
   const auto& stats = counts.tables[index];
   const auto* descriptor = stats.GetDescriptor();

@@ -55,7 +55,7 @@ std::string tables(const ReplayCounts& counts, const Account& account) {
   Table table({"table", "IPv4", "IPv6", "packets", "matched", "missed",
                "dropped", "TTL", "empty", "no output", "failed"});
   for (size_t i = 0; i < account.tables.size(); i++) {
-    const TableAccount& one = account.tables[i];
+    const Account::Table& one = account.tables[i];
     const auto& stats = counts.tables[i];
     if (stats.numflows() + stats.numipv6flows() + one.entered == 0) {
       continue;
