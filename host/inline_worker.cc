@@ -5,7 +5,7 @@
 #include <rte_lcore.h>
 #include <urcu-qsbr.h>
 
-#include <shared_mutex>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -20,8 +20,13 @@ using internal::WorkerState;
 // While it lives, the thread is in the middle of a task run.
 class RunScope {
  public:
-  explicit RunScope(int wid) : graph_(internal::graph_mutex), wid_(wid) {
+  explicit RunScope(int wid) : wid_(wid) {
     worker_states[wid_] = WorkerState::kInlineRunning;
+    while (internal::graph_changing) [[unlikely]] {
+        worker_states[wid_] = WorkerState::kInlineIdle;
+        { const std::lock_guard until_changed(internal::graph_mutex); }
+        worker_states[wid_] = WorkerState::kInlineRunning;
+      }
     rcu_thread_online();
   }
   ~RunScope() {
@@ -30,7 +35,6 @@ class RunScope {
   }
 
  private:
-  std::shared_lock<std::shared_mutex> graph_;
   int wid_;
 };
 

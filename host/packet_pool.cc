@@ -3,6 +3,7 @@
 
 #include <rte_errno.h>
 #include <rte_lcore.h>
+#include <rte_memory.h>
 
 #include <algorithm>
 #include <atomic>
@@ -48,10 +49,11 @@ PacketPool::PacketPool(size_t capacity, unsigned cache) {
       Packet::kPrivateSize, Packet::kHeadroom + Packet::kDataRoom,
       static_cast<int>(rte_socket_id()));
   if (mempool_ == nullptr) {
-    throw std::runtime_error("cannot make a pool of " +
-                             std::to_string(capacity) + " packets (" +
-                             std::to_string(capacity * sizeof(Packet) >> 20) +
-                             " MB): " + rte_strerror(rte_errno));
+    throw std::runtime_error(
+        "cannot make a pool of " + std::to_string(capacity) + " packets (" +
+        std::to_string(capacity * sizeof(Packet) >> 20) + " MB) in DPDK's " +
+        std::to_string(rte_eal_get_physmem_size() >> 20) +
+        " MB: " + rte_strerror(rte_errno));
   }
   rte_mempool_obj_iter(mempool_, ClearPrivateArea, nullptr);
 }

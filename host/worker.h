@@ -11,7 +11,8 @@ class Module;
 // A thread that runs tasks, known by its index below kMaxWorkers. Each worker
 // is an lcore of DPDK's (so that packet pools cache for it) and a reader of
 // liburcu's QSBR flavour: quiescent between task runs, offline while paused,
-// idle or blocked, so that it never holds up a grace period for long.
+// idle or blocked, so that it never holds up a grace period for long. A program
+// stops its workers before it ends.
 //
 // The functions change the host on the command thread (control.h) and may be
 // called from any thread but a worker. Those that can fail answer an error text

@@ -3,12 +3,19 @@
 
 #include <glog/logging.h>
 
+#include <thread>
+
 #include "internal/worker_thread.h"
 #include "module.h"
 #include "qsbr.h"
 
 namespace bess::internal {
 namespace {
+
+void EndChange() {
+  graph_changing = false;
+  graph_mutex.unlock();
+}
 
 template <typename F>
 void ForEachModule(F fn) {
@@ -21,8 +28,9 @@ void ForEachModule(F fn) {
 
 }  // namespace
 
-std::atomic<WorkerState> worker_states[Worker::kMaxWorkers];
-std::shared_mutex graph_mutex;
+AtomicWorkerState worker_states[Worker::kMaxWorkers];
+std::atomic<bool> graph_changing;
+std::mutex graph_mutex;
 int WorkerPauser::depth_ = 0;
 
 WorkerPauser::WorkerPauser() {
@@ -42,12 +50,18 @@ WorkerPauser::WorkerPauser() {
   }
   const QsbrOffline offline;
   graph_mutex.lock();
+  graph_changing = true;
+  for (const AtomicWorkerState& state : worker_states) {
+    while (state == WorkerState::kInlineRunning) {
+      std::this_thread::yield();
+    }
+  }
 }
 
 WorkerPauser::~WorkerPauser() {
   if (const std::string error = Resume(); !error.empty()) {
     LOG(ERROR) << "workers stay paused: " << error;
-    graph_mutex.unlock();
+    EndChange();
   }
   depth_--;
 }
@@ -64,7 +78,7 @@ std::string WorkerPauser::Resume() {
     NotifyPreResume();
   }
   paused_ = false;
-  graph_mutex.unlock();
+  EndChange();
   for (int wid : ran_) {
     if (WorkerThread* thread = GetWorkerThread(wid)) {
       worker_states[wid] = WorkerState::kRunning;

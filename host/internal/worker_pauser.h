@@ -2,7 +2,7 @@
 #pragma once
 
 #include <atomic>
-#include <shared_mutex>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -18,11 +18,21 @@ enum class WorkerState {
   kInlineRunning,  // which is in the middle of a task run
 };
 
-// The state of each worker index, for any thread to read.
-extern std::atomic<WorkerState> worker_states[Worker::kMaxWorkers];
+// The state of one worker index, on a line of its own: an inline worker writes
+// it in every task run.
+struct alignas(64) AtomicWorkerState : std::atomic<WorkerState> {
+  using std::atomic<WorkerState>::operator=;
+};
 
-// Held shared by inline task runs, exclusively while the graph changes.
-extern std::shared_mutex graph_mutex;
+// The state of each worker index, for any thread to read.
+extern AtomicWorkerState worker_states[Worker::kMaxWorkers];
+
+// How inline task runs and changes of the graph keep apart. A run announces
+// itself in its worker's state and then looks at the flag; a change sets the
+// flag and then looks at the states: one of them sees the other. The mutex is
+// held throughout a change, for runs to wait for its end.
+extern std::atomic<bool> graph_changing;
+extern std::mutex graph_mutex;
 
 // While it lives no worker runs, so that gates and tasks may change. On the
 // command thread only; pausers nest, and only the outermost one acts.

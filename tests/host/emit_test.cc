@@ -155,6 +155,7 @@ TEST_F(EmitTest, SeveralGatesIntoOneInputGateLoseNothing) {
   ASSERT_EQ(by_gate.size(), 3u);
   for (const auto& [gate, texts] : by_gate) {
     EXPECT_EQ(texts, Numbers(0, kPackets)) << gate;
+    EXPECT_EQ(probe_->ogates()[gate - '0']->packets(), uint64_t{kPackets});
   }
   EXPECT_EQ(probe_->deadends(0), 0u);
 }

@@ -5,9 +5,11 @@
 #include <rte_lcore.h>
 #include <urcu-qsbr.h>
 
-#include <optional>
+#include <atomic>
+#include <set>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "probe.h"
 
@@ -103,6 +105,51 @@ TEST_F(InlineWorkerTest, CommandsThatAreNotThreadSafeWorkBetweenRuns) {
   ASSERT_EQ(Worker::AttachTasks(probe, 0), "");
   worker.Run(probe->task());
   EXPECT_EQ(bess::RunModuleCommand("probe", "unsafe").error().code(), 0);
+}
+
+TEST_F(InlineWorkerTest, TheGraphMayChangeBetweenRuns) {
+  // Inline workers that never rest must not keep the graph from changing.
+  constexpr int kWorkers = 3;
+  Sink* sink = MakeSink("sink");
+  std::atomic<bool> stop = false;
+  std::atomic<int> running = 0;
+  std::vector<std::thread> threads;
+  std::vector<Probe*> probes;
+  for (int wid = 0; wid < kWorkers; wid++) {
+    Probe* probe = MakeProbe("probe" + std::to_string(wid));
+    probes.push_back(probe);
+    probe->on_run = [probe](Context* ctx, PacketBatch*) {
+      probe->EmitPacket(ctx, MakePacket("x"), 0);
+    };
+    threads.emplace_back([&, probe, wid] {
+      InlineWorker worker(wid);
+      running++;
+      while (!stop) {
+        worker.Run(probe->task());
+      }
+    });
+  }
+  while (running < kWorkers) {
+    std::this_thread::yield();
+  }
+  for (int i = 0; i < 99; i++) {
+    Probe* probe = probes[i % kWorkers];
+    Connect(probe, 0, sink, i);
+    while (probe->ogates()[0]->packets() == 0) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(bess::DisconnectModules(probe->name(), 0).error().code(), 0);
+  }
+  stop = true;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::set<gate_idx_t> gates;
+  for (const Sink::Captured& one : sink->Take()) {
+    EXPECT_EQ(one.wid, one.igate % kWorkers);
+    gates.insert(one.igate);
+  }
+  EXPECT_EQ(gates.size(), 99u);
 }
 
 }  // namespace

@@ -50,8 +50,8 @@ TEST(PacketPoolTest, SaysWhatItCouldNotGet) {
     FAIL() << "got 25 GB";
   } catch (const std::runtime_error& error) {
     EXPECT_STREQ(error.what(),
-                 "cannot make a pool of 10000000 packets (24414 MB): Cannot "
-                 "allocate memory");
+                 "cannot make a pool of 10000000 packets (24414 MB) in "
+                 "DPDK's 768 MB: Cannot allocate memory");
   }
 }
 

@@ -309,7 +309,9 @@ TEST_F(PacketTest, CopyFromADryPoolIsNullAndHoldsNothing) {
   Packet* src = Make("abc");
   Packet* rest[kPackets - 1];
   ASSERT_TRUE(pool_.AllocBulk(rest, kPackets - 1));
+  const uint64_t failed_before = Packet::failed_copies();
   EXPECT_EQ(Packet::copy(src), nullptr);
+  EXPECT_EQ(Packet::failed_copies(), failed_before + 1);
   Packet::Free(rest, kPackets - 1);
   EXPECT_EQ(pool_.available(), kPackets - 1);
   Packet::Free(src);
@@ -319,7 +321,9 @@ TEST_F(PacketTest, CopyOfAChainFromAPoolThatRunsDryHoldsNothing) {
   // The source takes 12 of 15 packets; its copy would need 12 more.
   const std::string segment = RandomBytes(Packet::kDataRoom);
   Packet* src = MakeChain(std::vector<std::string>(12, segment));
+  const uint64_t failed_before = Packet::failed_copies();
   EXPECT_EQ(Packet::copy(src), nullptr);
+  EXPECT_EQ(Packet::failed_copies(), failed_before + 1);
   EXPECT_EQ(pool_.available(), 3u);
   Packet::Free(src);
 }
