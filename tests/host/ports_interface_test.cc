@@ -262,6 +262,27 @@ TEST_F(VethTest, RefusesFramesThatItsRingCannotHold) {
   EXPECT_EQ(captured[1].bytes, MakeFrame(1977, 4, true));
 }
 
+TEST_F(VethTest, HoldsLongerFramesInLargerRings) {
+  Ip("link set left mtu 1991");
+  Ip("link set right mtu 1991");
+  Port* port = OpenLeft(",framesz=2080");
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->mtu(), 1991);
+  const Receiver receiver = Receive(port);
+  RawSocket right("right");
+  ASSERT_TRUE(right.Send(MakeFrame(2009, 6, true)));
+  Push(Send(port), MakeFrame(2009, 7, true));
+  EXPECT_EQ(right.Receive(), MakeFrame(2009, 7, true));
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(captured[0].bytes, MakeFrame(2009, 6, true));
+}
+
+TEST_F(VethTest, RefusesRingsBeyondThePacketBuffer) {
+  EXPECT_THAT(Failure({.device = "net_af_packet0,iface=left,framesz=2096"}),
+              HasSubstr("framesz=2096: must be 512 to 2080"));
+}
+
 TEST_F(VethTest, SetsTheMtuWhenAskedTo) {
   Port* port =
       Open("left", {.device = "net_af_packet0,iface=left", .mtu = 1400});

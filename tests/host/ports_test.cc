@@ -151,6 +151,16 @@ TEST_F(RingPortTest, CarriesJumboFramesInSegments) {
   ExpectClosed(port);
 }
 
+TEST_F(RingPortTest, CarriesTheLongestFramesThereAre) {
+  Port* port = Open("loop", {.device = "net_ring0", .mtu = 65535});
+  ASSERT_NE(port, nullptr);
+  const Receiver receiver = Receive(port);
+  Push(Send(port), MakeFrame(65549, 8));
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(captured[0].bytes, MakeFrame(65549, 8));
+}
+
 TEST_F(RingPortTest, StartsCleanWhenOpenedAgain) {
   for (int round = 0; round < 3; round++) {
     Port* port = Open("loop", {.device = "net_ring0"});

@@ -111,6 +111,14 @@ std::string CheckVirtual(const DeviceString& device) {
       return "no interface is named: write " +
              std::string(device.driver->example);
     }
+    // A ring frame must fit a packet buffer without the kernel's header.
+    constexpr unsigned long kLeast = 512;
+    constexpr unsigned long kMost = 2080;
+    if (const unsigned long size = device.Number("framesz", 2048);
+        size < kLeast || size > kMost) {
+      return "framesz=" + *device.Find("framesz") + ": must be " +
+             std::to_string(kLeast) + " to " + std::to_string(kMost);
+    }
     if (std::string error = CheckPacketSockets(); !error.empty()) {
       return error;
     }
