@@ -5,7 +5,6 @@
 #include <urcu-qsbr.h>
 
 #include <algorithm>
-#include <ranges>
 #include <stdexcept>
 
 #include "control.h"
@@ -54,9 +53,7 @@ Module* make(const std::string& className, const std::string& name,
 SwitchGraph::~SwitchGraph() {
   stopWorkers();
   bess::DestroyAllModules();
-  for (const std::string& name : std::views::reverse(opened_)) {
-    bess::ClosePort(name);
-  }
+  for (; !opened_.empty(); opened_.pop_back()) bess::ClosePort(opened_.back());
   bess::ControlThread::Instance().Run([this] {
     for (const SwitchWorker& worker : workers_) {
       bessCounterDb.destroy(worker.wid);
