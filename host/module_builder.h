@@ -93,13 +93,15 @@ class ModuleBuilder {
 namespace bess::internal {
 
 // The handler that calls a module class's own function: makes an argument of
-// its type, unpacks into it (an argument of another type or a broken one leaves
-// it as it was made), calls. Catches nothing.
+// its type, unpacks into it, calls. An argument of another type or a broken one
+// arrives empty: never the half of it that could be read. Catches nothing.
 template <typename M, typename Arg>
 module_cmd_func_t AdaptCommand(CommandResponse (M::*fn)(const Arg&)) {
   return [fn](Module* module, const google::protobuf::Any& any) {
     Arg arg;
-    any.UnpackTo(&arg);
+    if (!any.UnpackTo(&arg)) {
+      arg.Clear();
+    }
     return (static_cast<M*>(module)->*fn)(arg);
   };
 }

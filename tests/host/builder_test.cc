@@ -133,7 +133,11 @@ TEST_F(CommandTest, GetsADefaultArgumentForAnythingElse) {
   google::protobuf::Any broken;
   broken.set_type_url("type.googleapis.com/bess.pb.Error");
   broken.set_value("\xff\xff\xff");
-  for (const auto& any : {google::protobuf::Any(), other, broken}) {
+  google::protobuf::Any cut = broken;
+  cut.set_value(
+      "\x08\x05\x12\x04"
+      "fi");  // code 5, and half of a text
+  for (const auto& any : {google::protobuf::Any(), other, broken, cut}) {
     const CommandResponse response = Run("echo", any);
     EXPECT_EQ(response.error().code(), 0);
     bess::pb::Error reply;
