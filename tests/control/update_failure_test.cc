@@ -198,6 +198,16 @@ TEST_P(UpdateFailure, OfMoreThan64GatesAppliesNothing) {
   EXPECT_EQ(numFlows(), 3u);
 }
 
+TEST_P(UpdateFailure, IsNoneWhenMoreThan64GatesAreListedForNoOutput) {
+  quil::pb::OpenFlowUpdateFlowsArg arg =
+      message().add(Flow(4, 1).output(gates(65)));
+  arg.mutable_adds(0)->mutable_action()->mutable_fields()->set_setoutputport(
+      false);
+  EXPECT_THAT(module().updateFlows(arg), Succeeds());
+  EXPECT_THAT(counters(), ElementsAre(0, 0, 0, 0));
+  EXPECT_EQ(numFlows(), 3u);
+}
+
 // ---- A table that is not bound.
 
 class Unbound : public ControlTest, public testing::WithParamInterface<int> {};

@@ -36,10 +36,15 @@ bool allocateEntries(OpenFlowEntry<FLOW_TYPE>** entries, int numAdds) {
   return true;
 }
 
-// The first add whose gate list does not fit an action record, or -1.
+// The first add that outputs to more gates than fit an action record, or -1. A
+// gate list without an output is not read.
 int findTooManyGates(const quil::pb::OpenFlowUpdateFlowsArg& arg) {
   for (int i = 0; i < arg.adds_size(); i++) {
-    if (arg.adds(i).action().values().ogate_size() > kMaxOutputGates) {
+    const quil::pb::OfAction& action = arg.adds(i).action();
+    const quil::pb::OfActionFields& fields = action.fields();
+    if (action.values().ogate_size() > kMaxOutputGates &&
+        (fields.setoutputall() || fields.setoutputflood() ||
+         fields.setoutputport())) {
       return i;
     }
   }
