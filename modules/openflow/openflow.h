@@ -140,10 +140,10 @@ class OpenFlow final : public Module {
                     const OfFlowAction** actions);
 
   // Sends the copies that `action` asks for; the packet itself stays.
-  void outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
-                    const OfFlowAction& action,
-                    bess::PacketBatch** tableBatches);
-  void emitCopy(Context* ctx, const bess::Packet* packet, uint16_t gate);
+  inline void outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
+                           const OfFlowAction& action,
+                           bess::PacketBatch** tableBatches);
+  inline void emitCopy(Context* ctx, const bess::Packet* packet, uint16_t gate);
   void outputController(Context* ctx, bess::Packet* packet,
                         const OfFlowAction& action, uint16_t inPortGate);
   void gotoTable(Context* ctx, uint8_t tableId, bess::Packet* packet,

@@ -55,9 +55,10 @@ struct OfActionValues {
   uint16_t ogate[kMaxOutputGates];  // host order, numOutputGates of them used
 };
 
-// Aligned to a cache line so that workers copy it with wide moves.
+// Starts on a cache line: the three lines that it fills are its own, and what
+// every packet needs (priority, counters, flags, most values) is in the first.
 struct alignas(64) OfFlowAction {
-  uint32_t priority;  // 0: no action matched
+  uint32_t priority;  // 0: workers take a match for none
   uint32_t packetCounterId;
   uint32_t byteCounterId;
   OfActionFields fields;
