@@ -13,6 +13,9 @@ int main(int argc, char** argv) {
       "switch.",
       "ofswitch");
   app.require_subcommand(1);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return fmt::format("ofswitch: {}\n", error.what());
+  });
   int status = 0;
   ofswitch::addCheckCommand(&app, &status);
   ofswitch::addReplayCommand(&app, &status);

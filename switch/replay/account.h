@@ -58,6 +58,14 @@ struct ReplayCounts {
     std::string file;  // what was written, or empty
   };
 
+  // The answer to a "getStats" of a command list, in its turn: before any
+  // packet has come.
+  struct Reply {
+    std::string where;
+    quil::pb::OpenFlowGetStatsRespArg stats;
+  };
+
+  std::vector<Reply> replies;
   std::vector<Rule> rules;  // as in the policy
   std::array<quil::pb::OpenFlowGetStatsRespArg, kNumTables> tables;
   std::vector<Port> ports;    // ascending; port 0 is the controller's gate

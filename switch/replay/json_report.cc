@@ -10,15 +10,20 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-Json tableJson(size_t index, const ReplayCounts& counts,
-               const Account::Table& account) {
-  Json json = {{"tableId", index}};
-  const auto& stats = counts.tables[index];
+// The statistics message with its own names, and numbers as numbers: protobuf's
+// JSON has them as strings.
+void addStats(const quil::pb::OpenFlowGetStatsRespArg& stats, Json* json) {
   const auto* descriptor = stats.GetDescriptor();
   for (int i = 0; i < descriptor->field_count(); i++) {
     const auto* field = descriptor->field(i);
-    json[field->name()] = stats.GetReflection()->GetUInt64(stats, field);
+    (*json)[field->name()] = stats.GetReflection()->GetUInt64(stats, field);
   }
+}
+
+Json tableJson(size_t index, const ReplayCounts& counts,
+               const Account::Table& account) {
+  Json json = {{"tableId", index}};
+  addStats(counts.tables[index], &json);
   // Two workers may lose counts of a table's; what flows and packets tell does
   // not depend on that.
   json["tableMisses"] = account.misses;
@@ -31,6 +36,16 @@ Json tableJson(size_t index, const ReplayCounts& counts,
   json["dropsTtlExpired"] = account.ttlExpired;
   json["dropsEmptyTable"] = account.emptyTable;
   json["batchDropPackets"] = account.batchDropPackets;
+  return json;
+}
+
+Json repliesJson(const ReplayCounts& counts) {
+  Json json = Json::array();
+  for (const ReplayCounts::Reply& reply : counts.replies) {
+    Json one = {{"where", reply.where}};
+    addStats(reply.stats, &one["getStats"]);
+    json.push_back(one);
+  }
   return json;
 }
 
@@ -107,7 +122,8 @@ Json accountJson(const Account& account) {
 
 std::string jsonReport(const Policy& policy, const ReplayCounts& counts,
                        const Account& account) {
-  const Json json = {{"tables", tablesJson(counts, account)},
+  const Json json = {{"replies", repliesJson(counts)},
+                     {"tables", tablesJson(counts, account)},
                      {"flows", flowsJson(policy, counts)},
                      {"ports", portsJson(counts)},
                      {"accounting", accountJson(account)}};

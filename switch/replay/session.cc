@@ -134,7 +134,12 @@ class Session {
     std::atomic<size_t> done = 0;
     std::future<void> work = std::async(std::launch::async, [&] {
       for (const PolicyCommand& one : policy_.commands) {
-        command(one.name, one.arg, fmt::format("{}: {}", one.where, one.name));
+        const CommandResponse response = command(
+            one.name, one.arg, fmt::format("{}: {}", one.where, one.name));
+        ReplayCounts::Reply reply{one.where, {}};
+        if (response.data().UnpackTo(&reply.stats)) {
+          result_.counts.replies.push_back(std::move(reply));
+        }
         done++;
       }
     });

@@ -51,6 +51,20 @@ class Table {
 
 std::string number(uint64_t n) { return std::to_string(n); }
 
+// What a command list asked for before any packet came: flows and failures.
+std::string replies(const ReplayCounts& counts) {
+  if (counts.replies.empty()) {
+    return "";
+  }
+  Table table({"IPv4", "IPv6", "failed updates", "asked for by"});
+  for (const ReplayCounts::Reply& reply : counts.replies) {
+    table.add({number(reply.stats.numflows()),
+               number(reply.stats.numipv6flows()),
+               number(reply.stats.updatefailures()), reply.where});
+  }
+  return "Replies to getStats\n" + table.text(1) + "\n";
+}
+
 std::string tables(const ReplayCounts& counts, const Account& account) {
   Table table({"table", "IPv4", "IPv6", "packets", "matched", "missed",
                "dropped", "TTL", "empty", "no output", "failed"});
@@ -154,8 +168,9 @@ std::string accounting(const ReplayCounts& counts, const Account& account) {
 
 std::string textReport(const Policy& policy, const ReplayCounts& counts,
                        const Account& account) {
-  return tables(counts, account) + "\n" + flows(policy, counts) + "\n" +
-         ports(counts) + "\n" + accounting(counts, account);
+  return replies(counts) + tables(counts, account) + "\n" +
+         flows(policy, counts) + "\n" + ports(counts) + "\n" +
+         accounting(counts, account);
 }
 
 }  // namespace ofswitch

@@ -95,8 +95,8 @@ uint64_t count(const std::string& capture,
 
 TEST_F(Campus, ReportIsTheKeptOne) {
   play();
-  EXPECT_EQ(stats_,
-            nlohmann::json::parse(readFile(kCampus + "/expected.json")));
+  const auto kept = nlohmann::json::parse(readFile(kCampus + "/expected.json"));
+  EXPECT_EQ(nlohmann::json::diff(kept, stats_).dump(), "[]");
 }
 
 TEST_F(Campus, CountsAreWhatTheCapturesHold) {

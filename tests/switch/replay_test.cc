@@ -224,6 +224,13 @@ TEST_F(ReplayCommand, CountsThePacketsOfFailedBatches) {
                       row(3, Frame::eth().arp(kHost1, kHost2)),
                       row(4, Frame::eth().ipv4(kHost1, kHost2).tcp(1, 2))});
   replayWell("--flows commands.json --in 1=in.pcap --out-dir out");
+  ASSERT_THAT(stats_["replies"], SizeIs(1));
+  EXPECT_EQ(stats_["replies"][0]["where"], "commands.json:12");
+  EXPECT_EQ(stats_["replies"][0]["getStats"]["numFlows"], 3);
+  EXPECT_THAT(stdout_, HasSubstr("Replies to getStats\n"
+                                 "  IPv4 IPv6 failed updates  asked for by\n"
+                                 "     3    0              0  "
+                                 "commands.json:12\n"));
   EXPECT_EQ(table(4)["batchDrops"], 1);
   EXPECT_EQ(table(4)["noClassifier"], 1);
   EXPECT_EQ(table(4)["batchDropPackets"], 2);
