@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "switch/commands/commands.h"
+#include "switch/flow/flow_reader.h"
 #include "switch/live/config.h"
 #include "switch/live/live_switch.h"
 
@@ -75,6 +76,24 @@ void printEnd(const pb::StatsReply& stats) {
              stats.packets_received(), stats.packets_sent(), dropped);
 }
 
+// What can be said without starting anything.
+int check(const SwitchConfig& config) {
+  size_t flows = 0;
+  size_t refusals = 0;
+  for (const std::string& path : config.flowFiles) {
+    const FlowFile file = FlowReader({.allowTimeouts = true}).read(path);
+    flows += file.flows.size();
+    refusals += file.refusals.size();
+    for (const Diagnostic& refusal : file.refusals) {
+      fmt::print(stderr, "{}\n", refusal.text());
+    }
+  }
+  fmt::print("{}: {}, {}, {}, {} refused\n", config.file,
+             plural(config.ports.size(), "port"), workersText(config),
+             plural(flows, "flow"), refusals);
+  return refusals == 0 ? 0 : 1;
+}
+
 // A classifier that is being built cannot be interrupted and may take longer
 // than whoever stops the switch waits.
 void exitInTime() {
@@ -87,11 +106,7 @@ void exitInTime() {
 
 int run(const RunOptions& options) {
   const SwitchConfig config = loadConfig(options.config);
-  if (options.check) {
-    fmt::print("{}: {}, {}\n", options.config,
-               plural(config.ports.size(), "port"), workersText(config));
-    return 0;
-  }
+  if (options.check) return check(config);
   const sigset_t signals = stopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
@@ -115,8 +130,9 @@ void addRunCommand(CLI::App* app, int* status) {
       ->add_option("-c,--config", options->config,
                    "Configuration file (examples/switch.yaml explains all)")
       ->capture_default_str();
-  command->add_flag("--check", options->check,
-                    "Only say whether the configuration can be read");
+  command->add_flag(
+      "--check", options->check,
+      "Only say whether the configuration and its flows can be taken");
   command->callback([options, status] { *status = run(*options); });
 }
 

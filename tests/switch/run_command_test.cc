@@ -23,13 +23,15 @@ using Clock = std::chrono::steady_clock;
 // `ofswitch run` as a process of its own.
 class RunningSwitch {
  public:
-  RunningSwitch(const std::string& config, const std::string& log) : log_(log) {
+  RunningSwitch(const std::string& config, const std::string& log,
+                const char* option = nullptr)
+      : log_(log) {
     const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_ = fork();
     if (pid_ == 0) {
       dup2(fd, STDOUT_FILENO);
       dup2(fd, STDERR_FILENO);
-      execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), nullptr);
+      execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), option, nullptr);
       _exit(127);
     }
     close(fd);
@@ -121,6 +123,22 @@ TEST_F(RunCommand, RefusesWhatItCannotStart) {
   EXPECT_EQ(process.log(), "ofswitch: " + config +
                                ":1: unknown key \"prots\", did you mean "
                                "\"ports\"?\n");
+}
+
+TEST_F(RunCommand, ChecksWithoutStarting) {
+  const std::string flows = write("flows.txt", "in_port=1,actions=output:2\n");
+  const std::string config = write("switch.yaml", kConfig);
+  {
+    RunningSwitch process(config, dir_ / "log", "--check");
+    EXPECT_EQ(process.end(0), 0);
+    EXPECT_EQ(process.log(),
+              config + ": 2 ports, 2 workers, 1 flow, 0 refused\n");
+  }
+  write("flows.txt", "in_port=1,actions=fly\n");
+  RunningSwitch process(config, dir_ / "log", "--check");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_THAT(process.log(), HasSubstr(flows + ":1: "));
+  EXPECT_THAT(process.log(), HasSubstr("0 flows, 1 refused\n"));
 }
 
 TEST_F(RunCommand, RefusesBadFlowsBeforeAnythingStarts) {
