@@ -140,6 +140,29 @@ TEST_F(VethTest, CountsWhatCameWhileItsRingWasFull) {
   ExpectClosed(port);
 }
 
+TEST_F(VethTest, LosesNothingForWantOfBuffersAsLongAsItsRingHasRoom) {
+  bess::PacketPool small(63, 0);
+  Port* port =
+      Open("left", {.device = "net_af_packet0,iface=left", .pool = &small});
+  ASSERT_NE(port, nullptr);
+  const Receiver receiver = Receive(port);
+  std::vector<bess::Packet*> held;
+  while (bess::Packet* pkt = small.Alloc()) {
+    held.push_back(pkt);
+  }
+  RawSocket right("right");
+  for (int i = 0; i < 100; i++) {
+    ASSERT_TRUE(right.Send(MakeFrame(60)));
+  }
+  EXPECT_EQ(Pull(receiver).size(), 0u);
+  bess::Packet::Free(held.data(), held.size());
+  EXPECT_EQ(Pull(receiver).size(), 100u);
+  EXPECT_EQ(port->stats().rx_received, 100u);
+  ExpectClosed(port);
+  bess::DestroyAllModules();
+  ASSERT_EQ(bess::ClosePort("left"), "");
+}
+
 TEST_F(VethTest, SendsNoLessThanItSays) {
   Port* port = OpenLeft();
   const Sender sender = Send(port);
@@ -379,6 +402,46 @@ TEST_F(TapTest, SurvivesBeingMovedToAnotherNamespace) {
   Push(Send(port), MakeFrame(60), 10);
   EXPECT_EQ(port->stats().tx_packets, 10u);
   ExpectClosed(port);
+}
+
+TEST_F(TapTest, CountsFramesThatFoundNoBuffer) {
+  bess::PacketPool small(1023, 0);
+  Port* port = Open(
+      "tap",
+      {.device = "net_tap0,iface=tap0", .rx_descriptors = 256, .pool = &small});
+  ASSERT_NE(port, nullptr);
+  ASSERT_TRUE(LinkGoes(port, true));
+  const Receiver receiver = Receive(port);
+  std::vector<bess::Packet*> held;
+  while (bess::Packet* pkt = small.Alloc()) {
+    held.push_back(pkt);
+  }
+  RawSocket kernel("tap0");
+  for (int i = 0; i < 50; i++) {
+    ASSERT_TRUE(kernel.Send(MakeFrame(60)));
+  }
+  const size_t received = Pull(receiver).size();
+  bess::Packet::Free(held.data(), held.size());
+  // The driver looks at what waits in the kernel when the next frame comes.
+  ASSERT_TRUE(kernel.Send(MakeFrame(60)));
+  const size_t rest = Pull(receiver).size();
+  const PortStats stats = port->stats();
+  EXPECT_EQ(stats.rx_packets, received + rest);
+  EXPECT_GT(stats.drop(DropCause::kRxNoBuffer), 0u);
+  EXPECT_EQ(stats.rx_received, 51u);
+  ExpectClosed(port);
+  bess::DestroyAllModules();
+  ASSERT_EQ(bess::ClosePort("tap"), "");
+}
+
+TEST_F(TapTest, RefusesAPoolThatItsQueueEmpties) {
+  bess::PacketPool small(255, 0);
+  EXPECT_THAT(Failure({.device = "net_tap0,iface=tap0",
+                       .rx_queues = 2,
+                       .rx_descriptors = 256,
+                       .pool = &small}),
+              HasSubstr("its receive queues hold 512 packets, but the packet "
+                        "pool has only 255"));
 }
 
 TEST_F(TapTest, RefusesMtusBeyondItsLimit) {
