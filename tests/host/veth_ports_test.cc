@@ -1,18 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
-//
-// Ports that are network interfaces of the kernel. They live in a network
-// namespace of the test's own, for which it needs to be root, or a kernel that
-// lets users make namespaces.
-#include <glog/logging.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
-
-#include "eal.h"
-#include "network_namespace.h"
-#include "port_harness.h"
+#include "interface_fixture.h"
 
 namespace {
 
@@ -20,25 +10,6 @@ using bess::DropCause;
 using bess::Port;
 using bess::PortStats;
 using testing::HasSubstr;
-
-std::string no_namespace;
-
-class InterfaceTest : public PortTest {
- protected:
-  void SetUp() override {
-    if (!no_namespace.empty()) {
-      GTEST_SKIP() << no_namespace;
-    }
-  }
-
-  // Waits until the port has seen its link go up or down.
-  static bool LinkGoes(const Port* port, bool up) {
-    for (int i = 0; i < 500 && port->link_up() != up; i++) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return port->link_up() == up;
-  }
-};
 
 // A cable between "left", which the ports use, and "right".
 class VethTest : public InterfaceTest {
@@ -335,131 +306,4 @@ TEST_F(VethTest, CanBeOpenedAgain) {
   }
 }
 
-class TapTest : public InterfaceTest {};
-
-TEST_F(TapTest, IsAnInterfaceAsLongAsItIsOpen) {
-  for (int round = 0; round < 2; round++) {
-    Port* port = Open("tap", {.device = "net_tap0,iface=tap0"});
-    ASSERT_NE(port, nullptr);
-    EXPECT_NE(if_nametoindex("tap0"), 0u);
-    ASSERT_TRUE(LinkGoes(port, true));
-    RawSocket kernel("tap0");
-    const Sender sender = Send(port);
-    Push(sender, MakeFrame(60, 1));
-    Push(sender, MakeFrame(1515, 1));
-    Push(sender, MakeFrame(1518, 2, true));
-    EXPECT_EQ(kernel.Receive(), MakeFrame(60, 1));
-    EXPECT_EQ(kernel.Receive(), MakeFrame(1518, 2, true));
-    ASSERT_TRUE(kernel.Send(MakeFrame(1514, 3)));
-    const auto captured = Pull(Receive(port));
-    ASSERT_EQ(captured.size(), 1u);
-    EXPECT_EQ(captured[0].bytes, MakeFrame(1514, 3));
-    EXPECT_EQ(port->stats().tx_packets, 2u);
-    EXPECT_EQ(port->stats().drop(DropCause::kTxTooLong), 1u);
-    ExpectClosed(port);
-    bess::DestroyAllModules();
-    ASSERT_EQ(bess::ClosePort("tap"), "");
-    EXPECT_EQ(if_nametoindex("tap0"), 0u);
-  }
-}
-
-TEST_F(TapTest, CountsWhatADownInterfaceDoesNotTake) {
-  Port* port = Open("tap", {.device = "net_tap0,iface=tap0"});
-  ASSERT_TRUE(LinkGoes(port, true));
-  const Sender sender = Send(port);
-  Ip("link set tap0 down");
-  Push(sender, MakeFrame(60), 40);
-  ASSERT_TRUE(LinkGoes(port, false));
-  Push(sender, MakeFrame(60), 2);
-  const PortStats stats = port->stats();
-  EXPECT_EQ(stats.tx_packets, 0u);
-  EXPECT_GE(stats.drop(DropCause::kTxPortDown), 2u);
-  EXPECT_EQ(
-      stats.drop(DropCause::kTxPortDown) + stats.drop(DropCause::kTxQueueFull),
-      42u);
-  ExpectClosed(port);
-}
-
-TEST_F(TapTest, HasAsManyQueuesAsAskedFor) {
-  Port* port = Open(
-      "tap", {.device = "net_tap0,iface=tap0", .rx_queues = 2, .tx_queues = 3});
-  ASSERT_NE(port, nullptr);
-  EXPECT_EQ(port->rx_queues(), 3);
-  EXPECT_EQ(port->tx_queues(), 3);
-}
-
-TEST_F(TapTest, SurvivesBeingMovedToAnotherNamespace) {
-  Port* port = Open("tap", {.device = "net_tap0,iface=tap0"});
-  ASSERT_TRUE(LinkGoes(port, true));
-  const OtherNamespace other;
-  const std::string pid = std::to_string(other.pid());
-  Ip("link set tap0 netns " + pid);
-  const std::string in_other = "nsenter -t " + pid + " -n ip link set tap0 up";
-  ASSERT_EQ(system(in_other.c_str()), 0);
-  port->Refresh();
-  EXPECT_TRUE(port->link_up());
-  EXPECT_EQ(port->mtu(), 1500);
-  Push(Send(port), MakeFrame(60), 10);
-  EXPECT_EQ(port->stats().tx_packets, 10u);
-  ExpectClosed(port);
-}
-
-TEST_F(TapTest, CountsFramesThatFoundNoBuffer) {
-  bess::PacketPool small(1023, 0);
-  Port* port = Open(
-      "tap",
-      {.device = "net_tap0,iface=tap0", .rx_descriptors = 256, .pool = &small});
-  ASSERT_NE(port, nullptr);
-  ASSERT_TRUE(LinkGoes(port, true));
-  const Receiver receiver = Receive(port);
-  std::vector<bess::Packet*> held;
-  while (bess::Packet* pkt = small.Alloc()) {
-    held.push_back(pkt);
-  }
-  RawSocket kernel("tap0");
-  for (int i = 0; i < 50; i++) {
-    ASSERT_TRUE(kernel.Send(MakeFrame(60)));
-  }
-  const size_t received = Pull(receiver).size();
-  bess::Packet::Free(held.data(), held.size());
-  // The driver looks at what waits in the kernel when the next frame comes.
-  ASSERT_TRUE(kernel.Send(MakeFrame(60)));
-  const size_t rest = Pull(receiver).size();
-  const PortStats stats = port->stats();
-  EXPECT_EQ(stats.rx_packets, received + rest);
-  EXPECT_GT(stats.drop(DropCause::kRxNoBuffer), 0u);
-  EXPECT_EQ(stats.rx_received, 51u);
-  ExpectClosed(port);
-  bess::DestroyAllModules();
-  ASSERT_EQ(bess::ClosePort("tap"), "");
-}
-
-TEST_F(TapTest, RefusesAPoolThatItsQueueEmpties) {
-  bess::PacketPool small(255, 0);
-  EXPECT_THAT(Failure({.device = "net_tap0,iface=tap0",
-                       .rx_queues = 2,
-                       .rx_descriptors = 256,
-                       .pool = &small}),
-              HasSubstr("its receive queues hold 512 packets, but the packet "
-                        "pool has only 255"));
-}
-
-TEST_F(TapTest, RefusesMtusBeyondItsLimit) {
-  EXPECT_THAT(Failure({.device = "net_tap0,iface=tap0", .mtu = 9000}),
-              HasSubstr("MTU 9000: net_tap carries at most 1504 bytes"));
-  EXPECT_EQ(if_nametoindex("tap0"), 0u);
-}
-
 }  // namespace
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
-  google::InitGoogleLogging(argv[0]);
-  no_namespace = EnterNetworkNamespace();
-  if (const std::string error = bess::InitEal({.memory_mb = 256});
-      !error.empty()) {
-    fprintf(stderr, "%s\n", error.c_str());
-    return 1;
-  }
-  return RUN_ALL_TESTS();
-}
