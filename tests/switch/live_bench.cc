@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "packet_pool.h"
+#include "worker.h"
 
 namespace ofswitch {
 namespace {
@@ -24,6 +25,21 @@ rte_ring* ringOf(uint16_t port) {
   if (ring == nullptr) throw std::runtime_error("no ring " + name);
   return ring;
 }
+
+// For what must happen soon.
+class Patience {
+ public:
+  void wait() const {
+    if (std::chrono::steady_clock::now() > deadline_) {
+      throw std::runtime_error("the port does not receive");
+    }
+    std::this_thread::sleep_for(50us);
+  }
+
+ private:
+  const std::chrono::steady_clock::time_point deadline_ =
+      std::chrono::steady_clock::now() + kPatience;
+};
 
 }  // namespace
 
@@ -40,6 +56,7 @@ LiveBench::LiveBench(const Options& options)
   config.memoryMb = 256;
   config.flowFiles = {dir_ / "flows.txt"};
   config.counters = options.counters;
+  config.packetBuffers = options.buffers;
   config.module = MODULE;
   if (!options.controllerCapture.empty()) {
     config.controllerCapture = dir_ / options.controllerCapture;
@@ -60,24 +77,33 @@ LiveBench::~LiveBench() {
 void LiveBench::stop() { switch_->stop(); }
 
 void LiveBench::receive(uint16_t port, const std::vector<Bytes>& frames) {
-  rte_ring* ring = ringOf(port);
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  const auto wait = [&] {
-    if (std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error("the port does not receive");
-    }
-    std::this_thread::sleep_for(50us);
-  };
+  enqueue(port, frames);
+  waitUntilTaken(port);
+}
+
+void LiveBench::receiveAtOnce(uint16_t port, const std::vector<Bytes>& frames) {
+  Worker::PauseAll();
+  enqueue(port, frames);
+  EXPECT_EQ(Worker::ResumeAll(), "");
+  waitUntilTaken(port);
+}
+
+void LiveBench::enqueue(uint16_t port, const std::vector<Bytes>& frames) {
+  const Patience patience;
   for (const Bytes& frame : frames) {
     bess::Packet* pkt = nullptr;
     while ((pkt = bess::PacketPool::Default()->Alloc(
                 static_cast<uint16_t>(frame.size()))) == nullptr) {
-      wait();
+      patience.wait();
     }
     std::memcpy(pkt->head_data<void*>(), frame.data(), frame.size());
-    while (rte_ring_enqueue(ring, pkt) != 0) wait();
+    while (rte_ring_enqueue(ringOf(port), pkt) != 0) patience.wait();
   }
-  while (rte_ring_count(ring) > 0) wait();
+}
+
+void LiveBench::waitUntilTaken(uint16_t port) {
+  const Patience patience;
+  while (rte_ring_count(ringOf(port)) > 0) patience.wait();
 }
 
 pb::StatsReply LiveBench::settled() {

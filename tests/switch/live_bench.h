@@ -25,6 +25,7 @@ class LiveBench {
     std::string flows = {};
     std::string controllerCapture = {};  // in the bench's directory
     uint32_t counters = 4096;
+    size_t buffers = 16383;  // of the process: the first bench decides
   };
 
   explicit LiveBench(const Options& options);
@@ -40,6 +41,9 @@ class LiveBench {
   void receive(uint16_t port, const Bytes& frame, int count = 1) {
     receive(port, std::vector<Bytes>(static_cast<size_t>(count), frame));
   }
+
+  // Gives `port` frames while the workers rest, then lets them run.
+  void receiveAtOnce(uint16_t port, const std::vector<Bytes>& frames);
 
   // The statistics of a moment in which no packet is under way; fails the test
   // when they do not close.
@@ -65,6 +69,9 @@ class LiveBench {
   void pass(std::chrono::milliseconds time) { *offset_ += time; }
 
  private:
+  static void enqueue(uint16_t port, const std::vector<Bytes>& frames);
+  static void waitUntilTaken(uint16_t port);
+
   openflow_test::ScratchDir dir_;
   std::shared_ptr<std::chrono::milliseconds> offset_;
   std::unique_ptr<LiveSwitch> switch_;
