@@ -25,7 +25,7 @@ class InterfaceTest : public PortTest {
   }
 
   // Waits until the port has seen its link go up or down.
-  static bool LinkGoes(const Port* port, bool up) {
+  static bool LinkGoes(const bess::Port* port, bool up) {
     for (int i = 0; i < 500 && port->link_up() != up; i++) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
