@@ -42,6 +42,7 @@ constexpr ProtocolRow kProtocols[] = {
 };
 
 const FieldRow* findField(std::string_view name) {
+  if (name.empty()) return nullptr;  // a field with one name has no second
   for (const FieldRow& row : matchFields()) {
     if (row.names[0] == name || row.names[1] == name) return &row;
   }

@@ -24,6 +24,8 @@ const RefusalCase kCases[] = {
     {"prioritty=5", "unknown field \"prioritty\", did you mean \"priority\"?"},
     {"tpc", "unknown field \"tpc\", did you mean \"tcp\"?"},
     {"qqqqqqqq=1", "unknown field \"qqqqqqqq\""},
+    {"=5", "unknown field \"\""},
+    {":5", "unknown field \"\""},
     {"tcp=6", "tcp=6: takes no value"},
     {"tcp,tp_dst", "tp_dst: needs a value, tp_dst=VALUE"},
     {"tcp,tp_dst=", "tp_dst=: needs a value, tp_dst=VALUE"},
