@@ -2,7 +2,9 @@
 #include <fmt/core.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "switch/commands/commands.h"
@@ -23,9 +25,20 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty()) {
+      fmt::print(stderr, "ofswitch: unknown command \"{}\"\n", argv[1]);
+      fmt::print(stderr, "Run with --help for more information.\n");
+      return error.get_exit_code() == 0 ? 1 : error.get_exit_code();
+    }
     return app.exit(error);
   } catch (const std::exception& error) {
     fmt::print(stderr, "ofswitch: {}\n", error.what());
+    return 1;
+  }
+  // What is printed may still wait in the buffer, and a full disk be found out
+  // only here.
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    fmt::print(stderr, "ofswitch: standard output: {}\n", std::strerror(errno));
     return 1;
   }
   return status;
