@@ -33,6 +33,7 @@ struct CheckOptions {
 struct CheckResult {
   size_t flows = 0;     // lines accepted
   size_t commands = 0;  // JSON commands accepted
+  bool hasFlowText = false;
   std::vector<Diagnostic> refusals;
   std::vector<Diagnostic> notes;
 };
@@ -59,6 +60,7 @@ CheckResult readAll(const std::vector<std::string>& paths,
           FlowReader({.progress = [&progress](uint64_t done, uint64_t total) {
             progress.show(done, total);
           }}).read(path);
+      result.hasFlowText = true;
       append(std::move(file.flows), flows);
       append(std::move(file.refusals), &result.refusals);
     }
@@ -159,7 +161,9 @@ int check(const CheckOptions& options) {
   if (ports.empty()) ports = portsNamedBy(flows);
 
   FlowTranslator translator(std::move(ports), &ids);
-  Translation translation = translator.add(flows);
+  // Command lists alone get nothing added, no flows for empty tables either.
+  Translation translation;
+  if (result.hasFlowText) translation = translator.add(flows);
   result.flows = flows.size() - translation.refusals.size();
   append(std::move(translation.refusals), &result.refusals);
   append(std::move(translation.notes), &result.notes);

@@ -63,6 +63,23 @@ TEST_F(CheckCommand, AcceptsGoodFiles) {
   EXPECT_EQ(out_, "2 flows and 1 commands accepted, 0 refused\n");
 }
 
+TEST_F(CheckCommand, AddsNothingToCommandLists) {
+  write("list.json", R"([{"getStats": {}}])");
+  check("-v list.json");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(out_, "0 flows and 1 commands accepted, 0 refused\n");
+}
+
+TEST_F(CheckCommand, FailsWhenItsOutputIsLost) {
+  write("flows.txt", "actions=drop\n");
+  const std::string command = "cd " + folder_.string() +
+                              " && " OFSWITCH
+                              " check flows.txt > /dev/full 2> err";
+  EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 1);
+  EXPECT_EQ(contents(folder_ / "err"),
+            "ofswitch: standard output: No space left on device\n");
+}
+
 TEST_F(CheckCommand, ShowsEveryRefusalOfEveryFile) {
   write("a.txt", "nw_dts=10.0.0.1,actions=drop\nactions=drop\nactions=flod\n");
   write("b.json", "[\n{\"getStats\": {\"tableId\": 32}}]");
