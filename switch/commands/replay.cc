@@ -58,6 +58,9 @@ ReplayInput parseInput(const std::string& text) {
   if (equals == std::string::npos) {
     throw std::runtime_error(fmt::format("--in {}: must be PORT=FILE", text));
   }
+  if (equals + 1 == text.size()) {
+    throw std::runtime_error(fmt::format("--in {}: must be PORT=FILE", text));
+  }
   unsigned port = 0;
   const char* end = text.data() + equals;
   const auto [stop, error] = std::from_chars(text.data(), end, port);
