@@ -26,8 +26,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty()) {
-      fmt::print(stderr, "ofswitch: unknown command \"{}\"\n", argv[1]);
-      fmt::print(stderr, "Run with --help for more information.\n");
+      fmt::print(stderr,
+                 "ofswitch: unknown command \"{}\", see ofswitch --help\n",
+                 argv[1]);
       return error.get_exit_code() == 0 ? 1 : error.get_exit_code();
     }
     return app.exit(error);
