@@ -7,7 +7,17 @@
 #include <atomic>
 #include <cerrno>
 
+#include "control.h"
+
+// Of the leak checker, where there is one.
+extern "C" [[gnu::weak]] void __lsan_disable();
+extern "C" [[gnu::weak]] void __lsan_enable();
+
 namespace {
+
+void onControlThread(void (*fn)()) {
+  if (fn != nullptr) bess::ControlThread::Instance().Run(fn);
+}
 
 std::atomic<int> buildsLeft = -1;  // negative: refuse none
 
@@ -15,8 +25,16 @@ std::atomic<int> buildsLeft = -1;  // negative: refuse none
 
 namespace ofswitch {
 
-RefuseBuild::RefuseBuild(int successes) { buildsLeft = successes; }
-RefuseBuild::~RefuseBuild() { buildsLeft = -1; }
+// The module never frees the records of a build that failed.
+RefuseBuild::RefuseBuild(int successes) {
+  onControlThread(__lsan_disable);
+  buildsLeft = successes;
+}
+
+RefuseBuild::~RefuseBuild() {
+  buildsLeft = -1;
+  onControlThread(__lsan_enable);
+}
 
 }  // namespace ofswitch
 
