@@ -66,8 +66,6 @@ std::string InitEal(const EalOptions& options) {
   if (attempted) {
     return "DPDK cannot be started a second time after a failure";
   }
-  attempted = true;
-
   cpu_set_t cpus;
   if (const int error =
           pthread_getaffinity_np(pthread_self(), sizeof(cpus), &cpus)) {
@@ -82,6 +80,7 @@ std::string InitEal(const EalOptions& options) {
     argv.push_back(arg.data());
   }
   argv.push_back(nullptr);
+  attempted = true;
   if (rte_eal_init(static_cast<int>(args.size()), argv.data()) < 0) {
     std::string text = "DPDK does not start with";
     for (const std::string& arg : args) {

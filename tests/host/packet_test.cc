@@ -198,6 +198,29 @@ TEST_F(PacketTest, CopyHasTheBytesOfEachLength) {
   }
 }
 
+// Whoever reads headers at fixed positions reads the same in the copy.
+TEST_F(PacketTest, CopyOfAShortPacketTakesAlongWhatLiesBehind) {
+  const std::string bytes = RandomBytes(Packet::kMinCopy);
+  Packet* src = Make(bytes);
+  src->set_data_len(34);
+  src->set_total_len(34);
+  Packet* copy = Packet::copy(src);
+  EXPECT_EQ(copy->head_len(), 34);
+  EXPECT_EQ(memcmp(copy->head_data<char*>(), bytes.data(), bytes.size()), 0);
+  Packet::Free(copy);
+  Packet::Free(src);
+}
+
+TEST_F(PacketTest, CopyOfAShortPacketStaysWithinTheSourcesBuffer) {
+  const std::string bytes = RandomBytes(Packet::kDataRoom);
+  Packet* src = Make(bytes);
+  src->adj(Packet::kDataRoom - 20);  // 20 bytes of data, and the buffer ends
+  Packet* copy = Packet::copy(src);
+  EXPECT_EQ(Bytes(copy), bytes.substr(Packet::kDataRoom - 20));
+  Packet::Free(copy);
+  Packet::Free(src);
+}
+
 TEST_F(PacketTest, CopyOfAFullBufferStaysInOnePiece) {
   const std::string bytes = RandomBytes(Packet::kDataRoom);
   Packet* src = Make(bytes);

@@ -127,8 +127,13 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
     table.counters[kNoClassifier]++;
     return -1;
   }
-  rte_prefetch0(data4);
-  rte_prefetch0(data6);
+  // The classifiers arrive while the keys are built.
+  if (data4 != nullptr) {
+    rte_prefetch0(data4->ctx);
+  }
+  if (data6 != nullptr) {
+    rte_prefetch0(data6->ctx);
+  }
 
   Lookup<OfIpv4Key> lookup4;
   Lookup<OfIpv6Key> lookup6;

@@ -10,6 +10,10 @@
 #include "modules/openflow/openflow.h"
 #include "platform/quil_modules/counter_db.h"
 #include "task.h"
+#include "worker.h"
+
+static_assert(QuilModules::CounterDb::kMaxWorkers >= Worker::kMaxWorkers,
+              "every worker has its place in the counter database");
 
 namespace {
 
