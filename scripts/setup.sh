@@ -57,12 +57,11 @@ install_packages() {
 # build PRESET: configures when that has not been done for these presets, then
 # builds on every core. Ninja itself notices changed CMake files.
 build() {
-  local dir=build/$1
+  local dir=build/$1 stamp=build/$1/configured
   step "Building $1"
-  if [[ ! -e $dir/build.ninja || CMakePresets.json -nt $dir/CMakeCache.txt ]]; then
-    # Not --fresh: what is built stays built.
+  if [[ ! -e $dir/build.ninja || CMakePresets.json -nt $stamp ]]; then
     cmake --preset "$1"
-    touch "$dir/CMakeCache.txt"
+    touch "$stamp"
   fi
   cmake --build --preset "$1" --parallel "$(nproc)"
 }
