@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 
+#include "switch/flow/diagnostic.h"
 #include "switch/flow/flow.h"
 #include "switch/live/yaml_section.h"
 
@@ -27,13 +28,13 @@ constexpr unsigned kMaxMtu = 9710;
 void readPort(YamlSection& section, SwitchConfig* config) {
   PortConfig port;
   if (!section.has("number")) section.fail("a port needs a number");
-  if (!section.has("device")) {
+  section.number("number", 1, kMaxPort, &port.number);
+  section.text("device", &port.device);
+  if (port.device.empty()) {
     section.fail(
         "a port needs a device, such as 0000:03:00.0 or "
         "net_af_packet0,iface=eth1");
   }
-  section.number("number", 1, kMaxPort, &port.number);
-  section.text("device", &port.device);
   port.name = fmt::format("port{}", port.number);
   section.text("name", &port.name);
   section.number("queues", 1, 64, &port.queues);
@@ -172,21 +173,20 @@ SwitchConfig parseConfig(const std::string& text, const std::string& name) {
   try {
     return read(YAML::Load(text), name);
   } catch (const YAML::Exception& error) {
-    throw ConfigError(
-        fmt::format("{}:{}: {}", name, error.mark.line + 1, error.msg));
+    throw ConfigError(Diagnostic{name, error.mark.line + 1, error.msg}.text());
   }
 }
 
 SwitchConfig loadConfig(const std::string& path) {
   std::ifstream in(path);
   if (!in) {
-    throw ConfigError(
-        fmt::format("{}: cannot open: {}", path, std::strerror(errno)));
+    const std::string why = std::strerror(errno);
+    throw ConfigError(Diagnostic{path, 0, "cannot open: " + why}.text());
   }
   std::ostringstream text;
   text << in.rdbuf();
   if (in.bad()) {
-    throw ConfigError(fmt::format("{}: cannot read", path));
+    throw ConfigError(Diagnostic{path, 0, "cannot read"}.text());
   }
   return parseConfig(text.str(), path);
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <set>
 
+#include "switch/flow/diagnostic.h"
 #include "switch/flow/numbers.h"
 #include "switch/flow/suggest.h"
 #include "switch/live/config.h"
@@ -32,8 +33,8 @@ YamlSection::YamlSection(YAML::Node node, std::string file, std::string where)
 void YamlSection::failAt(const YAML::Node& node,
                          const std::string& reason) const {
   const YAML::Mark mark = node.Mark();
-  if (mark.is_null()) throw ConfigError(fmt::format("{}: {}", file_, reason));
-  throw ConfigError(fmt::format("{}:{}: {}", file_, mark.line + 1, reason));
+  const int line = mark.is_null() ? 0 : mark.line + 1;
+  throw ConfigError(Diagnostic{file_, line, reason}.text());
 }
 
 void YamlSection::fail(const std::string& reason) const {

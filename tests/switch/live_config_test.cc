@@ -107,6 +107,9 @@ const ErrorCase kErrorCases[] = {
     {"NoDevice", "ports:\n  - number: 1\n",
      "s.yaml:2: a port needs a device, such as 0000:03:00.0 or "
      "net_af_packet0,iface=eth1"},
+    {"EmptyDevice", "ports:\n  - {number: 1, device: \"\"}\n",
+     "s.yaml:2: a port needs a device, such as 0000:03:00.0 or "
+     "net_af_packet0,iface=eth1"},
     {"PortZero", "ports:\n  - {number: 0, device: d}\n",
      "s.yaml:2: ports.number: \"0\" is not a number from 1 to 8191"},
     {"PortTwice", "ports:\n- {number: 1, device: a}\n- {number: 1, device: b}",
@@ -152,6 +155,24 @@ TEST_P(ConfigErrors, NameFileLineAndReason) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, ConfigErrors, testing::ValuesIn(kErrorCases),
                          [](const auto& row) { return row.param.name; });
+
+// Reasons quote the file, and a file may hold what a terminal would obey.
+TEST(Config, ReasonsAreOneLineThatIsSafeToShow) {
+  try {
+    parseConfig("ports:\n  - device: \"\\\n\x1b\"\nq\"\": [", "s.yaml");
+    FAIL() << "taken";
+  } catch (const ConfigError& error) {
+    for (const char c : std::string(error.what())) {
+      EXPECT_GE(static_cast<unsigned char>(c), 0x20) << error.what();
+    }
+  }
+  try {
+    parseConfig("\"\x1b[2J\": 1", "s.yaml");
+    FAIL() << "taken";
+  } catch (const ConfigError& error) {
+    EXPECT_STREQ(error.what(), "s.yaml:1: unknown key \"\\x1b[2J\"");
+  }
+}
 
 TEST(Config, MissingFile) {
   try {
