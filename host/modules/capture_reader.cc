@@ -5,6 +5,7 @@
 #include <pcap/pcap.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -62,7 +63,8 @@ bool CaptureReader::Next(CapturedFrame* frame) {
               static_cast<uint64_t>(header->ts.tv_usec);
   frame->bytes = bytes;
   frame->len = header->caplen;
-  frame->wire_len = header->len;
+  // A file may claim less than it holds.
+  frame->wire_len = std::max(header->len, header->caplen);
   return true;
 }
 

@@ -90,6 +90,17 @@ TEST(CaptureReader, SaysAfterWhichPacketAFileIsCut) {
   EXPECT_THAT(reader.error(), HasSubstr("cut: after packet 1: truncated"));
 }
 
+// Otherwise frames would count as cut that are not.
+TEST(CaptureReader, AFrameWasAtLeastAsLongOnTheWireAsInTheFile) {
+  const ScratchDir dir;
+  writeFile(dir / "c", captureBytes({{1, "whole frame", 3}}));
+  CaptureReader reader(dir / "c");
+  CapturedFrame frame;
+  ASSERT_TRUE(reader.Next(&frame));
+  EXPECT_EQ(frame.len, 11u);
+  EXPECT_EQ(frame.wire_len, 11u);
+}
+
 TEST(CaptureMerger, MergesByTimeAndThenByInput) {
   const ScratchDir dir;
   writeFile(dir / "a", captureBytes({{10, "a1", 0}, {30, "a2", 0}}));
