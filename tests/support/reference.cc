@@ -51,7 +51,12 @@ void ReferenceModule::setAclIds(uint32_t tableId, uint32_t aclId,
 int ReferenceModule::updateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg) {
   if (arg.tableid() >= kFlowTables) return kFailed;
   for (const auto& add : arg.adds()) {
-    if (add.action().values().ogate_size() > kMaxGates) return kFailed;
+    const auto& has = add.action().fields();
+    const bool listed =
+        has.setoutputall() || has.setoutputflood() || has.setoutputport();
+    if (listed && add.action().values().ogate_size() > kMaxGates) {
+      return kFailed;
+    }
   }
   const bool ipv6 = arg.flowtype() == quil::pb::OPENFLOW_TYPE_IPV6;
   Table& table = tables_[arg.tableid()];
