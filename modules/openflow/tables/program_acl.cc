@@ -2,7 +2,8 @@
 //
 // Builds a classifier out of all flows of one table and family and publishes
 // it: build aside, exchange one pointer, retire the old one after a grace
-// period. The slot keeps what it has when a build fails.
+// period. The slot keeps what it has when a build fails, also for taking more
+// memory than builds may.
 #include <fmt/core.h>
 #include <glog/logging.h>
 #include <rte_acl.h>
@@ -15,6 +16,7 @@
 #include "modules/openflow/openflow.h"
 #include "modules/openflow/tables/acl_retire.h"
 #include "modules/openflow/trace.h"
+#include "utils/acl_build_memory.h"
 
 namespace {
 
@@ -43,6 +45,18 @@ void makeRoomForPriorityZero(FLOW_TYPE* rules, uint32_t numRules) {
       rules[i].data.priority = static_cast<int32_t>(priority + 1);
     }
   }
+}
+
+// rte_acl_build within the memory that builds may take.
+int buildAcl(rte_acl_ctx* ctx, const rte_acl_config& config) {
+  const Dpdk::AclBuildScope scope;
+  const int rc = rte_acl_build(ctx, &config);
+  if (scope.memory().refused) {
+    OF_TRACE(kTraceError,
+             "buildAcl A build may take %s MB, this one needs more",
+             scope.memory().limit >> 20);
+  }
+  return rc;
 }
 
 }  // namespace
@@ -138,7 +152,7 @@ int OpenFlow::programAcl(FLOW_TYPE* rules, QuilModules::KoAclUserdata* userdata,
     return -1;
   }
 
-  rc = rte_acl_build(ctx, &aclConfigOf(info->flowType));
+  rc = buildAcl(ctx, aclConfigOf(info->flowType));
   if (rc != 0) {
     OF_TRACE(kTraceError,
              "programAcl Failed to build acl for tableId: %s, flowType: %s "

@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// A flow set whose classifier takes gigabytes to build meets the limit of
+// builds while packets are on their way.
+#include <gmock/gmock.h>
+#include <malloc.h>
+#include <rte_lcore.h>
+#include <rte_malloc.h>
+
+#include <atomic>
+#include <fstream>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "modules/openflow/flow_table.h"
+#include "tests/datapath/datapath_test.h"
+#include "tests/support/traces.h"
+#include "utils/acl_build_memory.h"
+
+// Of the leak checker, where there is one.
+extern "C" [[gnu::weak]] void __lsan_disable();
+extern "C" [[gnu::weak]] void __lsan_enable();
+
+namespace openflow_test {
+namespace {
+
+constexpr size_t kMb = size_t{1} << 20;
+constexpr int kWorker = 8;
+
+// Resident memory of this process, without what the allocator merely keeps.
+size_t residentBytes() {
+  malloc_trim(0);
+  std::ifstream statm("/proc/self/statm");
+  size_t total = 0;
+  size_t resident = 0;
+  statm >> total >> resident;
+  return resident * 4096;
+}
+
+// Builds on the command thread may take `bytes` while it lives.
+class Limit {
+ public:
+  explicit Limit(size_t bytes) : before_(Dpdk::aclBuildLimit()) {
+    Dpdk::setAclBuildLimit(bytes);
+  }
+  ~Limit() { Dpdk::setAclBuildLimit(before_); }
+
+ private:
+  const size_t before_;
+};
+
+class BuildMemory : public DataPath {
+ protected:
+  // Sends an update whose build must fail; the module keeps the records of such
+  // a build for good.
+  bess::pb::CommandResponse failing(
+      const quil::pb::OpenFlowUpdateFlowsArg& arg) {
+    harness().onCommandThread([] {
+      if (__lsan_disable != nullptr) __lsan_disable();
+    });
+    const bess::pb::CommandResponse response = harness().updateFlows(arg);
+    harness().onCommandThread([] {
+      if (__lsan_enable != nullptr) __lsan_enable();
+    });
+    return response;
+  }
+};
+
+// In one table: the five-tuples leave the MAC open, so that packets of every
+// known MAC may match them, and the trie has them all below each MAC.
+quil::pb::OpenFlowUpdateFlowsArg macsAndFiveTuples(int numMacs,
+                                                   int numFiveTuples) {
+  std::mt19937 random(1);
+  quil::pb::OpenFlowUpdateFlowsArg arg;
+  uint32_t id = 100;
+  for (int i = 0; i < numMacs; i++) {
+    Mac mac = {2, 0, 0, 0, 0, 0};
+    for (size_t byte = 2; byte < 6; byte++) {
+      mac[byte] = static_cast<uint8_t>(random());
+    }
+    *arg.add_adds() = Flow(++id, 1000).ethDst(mac).output({3}).message();
+  }
+  for (int i = 0; i < numFiveTuples; i++) {
+    *arg.add_adds() = Flow(++id, 2000 + static_cast<uint32_t>(random() % 1000))
+                          .ethType(0x0800)
+                          .ipProto(6)
+                          .ipv4Src(static_cast<uint32_t>(random()))
+                          .ipv4Dst(static_cast<uint32_t>(random()))
+                          .l4SrcPort(random() & 0xffff)
+                          .l4DstPort(random() & 0xffff)
+                          .output({4})
+                          .message();
+  }
+  return arg;
+}
+
+// A worker whose packets all leave on port 1, batch after batch, until the end.
+class Traffic {
+ public:
+  explicit Traffic(ModuleHarness* harness)
+      : thread_([this, harness] {
+          const std::vector<InputPacket> packets(kMaxBatch, tcpFrame());
+          while (!stop_) {
+            const RunResult result = harness->run(packets, kWorker);
+            ASSERT_EQ(result.gate(1).size(), kMaxBatch) << result;
+            ASSERT_EQ(result.numEmitted(), kMaxBatch);
+            ASSERT_EQ(result.leakedPackets, 0);
+            batches_++;
+          }
+        }) {}
+  ~Traffic() {
+    stop_ = true;
+    thread_.join();
+  }
+
+  uint64_t batches() const { return batches_; }
+  void awaitBatch() const {
+    const uint64_t before = batches_;
+    while (batches_ == before && !testing::Test::HasFailure()) {
+      std::this_thread::yield();
+    }
+  }
+
+ private:
+  std::atomic<bool> stop_ = false;
+  std::atomic<uint64_t> batches_ = 0;
+  std::thread thread_;
+};
+
+quil::pb::OpenFlowUpdateFlowsArg removalOf(
+    const quil::pb::OpenFlowUpdateFlowsArg& added) {
+  quil::pb::OpenFlowUpdateFlowsArg arg;
+  for (const quil::pb::OpenFlowAddFlow& flow : added.adds()) {
+    arg.add_deletes()->set_flowid(flow.flowid());
+  }
+  return arg;
+}
+
+TEST_F(BuildMemory, ALimitIsInForce) {
+  EXPECT_TRUE(Dpdk::aclBuildsAreLimited());
+  add(0, {Flow(1, 10).output({1})});
+  const Dpdk::AclBuildMemory memory = Dpdk::lastAclBuild();
+  EXPECT_FALSE(memory.refused);
+  EXPECT_GE(memory.peak, 8 * kMb) << "the library's smallest block";
+  EXPECT_LT(memory.peak, 16 * kMb);
+  EXPECT_EQ(memory.limit, Dpdk::aclBuildLimit());
+}
+
+TEST_F(BuildMemory, TooBigABuildFailsUnderTraffic) {
+  add(0, {Flow(1, 10).output({1})});
+  const auto explosive = macsAndFiveTuples(2000, 40);
+  Traffic traffic(&harness());
+  traffic.awaitBatch();
+  const size_t before = residentBytes();
+
+  const uint64_t batchesBefore = traffic.batches();
+  const TraceMark mark;
+  {
+    const Limit limit(256 * kMb);
+    const bess::pb::CommandResponse response = failing(explosive);
+    EXPECT_EQ(response.error().code(), -1);
+    EXPECT_EQ(response.error().errmsg(), "Failed to update flows");
+  }
+  EXPECT_GT(traffic.batches(), batchesBefore + 100);
+  EXPECT_THAT(
+      mark.texts(0),
+      testing::ElementsAre(
+          "buildAcl A build may take 256 MB, this one needs more",
+          "programAcl Failed to build acl for tableId: 0, flowType: 0 "
+          "error: -12",
+          "processUpdateFlows Failed to program acl rules for tableId: 0, "
+          "flowType: 0"));
+  const Dpdk::AclBuildMemory memory = Dpdk::lastAclBuild();
+  EXPECT_TRUE(memory.refused);
+  EXPECT_EQ(memory.limit, 256 * kMb);
+  EXPECT_LE(memory.peak, 256 * kMb);
+  EXPECT_GT(memory.peak, 192 * kMb);
+#ifndef __SANITIZE_ADDRESS__  // which keeps freed memory for a while
+  EXPECT_LT(residentBytes(), before + 32 * kMb);
+#endif
+  EXPECT_EQ(harness().stats(0).aclbuildfailures(), 1u);
+  EXPECT_EQ(harness().stats(0).numflows(), 2041u) << "the store has changed";
+  traffic.awaitBatch();
+
+  // Without the five-tuples it is a harmless set.
+  quil::pb::OpenFlowUpdateFlowsArg cure = removalOf(explosive);
+  cure.mutable_deletes()->DeleteSubrange(0, 2000);
+  EXPECT_EQ(harness().updateFlows(cure).error().code(), 0);
+  EXPECT_FALSE(Dpdk::lastAclBuild().refused);
+  EXPECT_EQ(harness().stats(0).numflows(), 2001u);
+  traffic.awaitBatch();
+  EXPECT_EQ(harness().updateFlows(removalOf(explosive)).error().code(), 0);
+  EXPECT_EQ(harness().stats(0).numflows(), 1u);
+}
+
+// What the module has allocated in DPDK's heap.
+size_t heapBytes() {
+  ModuleHarness::waitForReleases();
+  rte_malloc_socket_stats stats;
+  rte_malloc_get_socket_stats(static_cast<int>(rte_socket_id()), &stats);
+  return stats.heap_allocsz_bytes;
+}
+
+// Fills DPDK's heap but for some holes, as long as it lives.
+class HeapOfHoles {
+ public:
+  HeapOfHoles(int numHoles, size_t holeBytes) {
+    std::vector<void*> all;
+    while (void* block = rte_malloc("filler", holeBytes, 0)) {
+      all.push_back(block);
+    }
+    // Every other one of the last, so that no two holes touch.
+    for (int i = 0; i < numHoles; i++) {
+      blocks_.push_back(all.back());
+      all.pop_back();
+      rte_free(all.back());
+      all.pop_back();
+    }
+    blocks_.insert(blocks_.end(), all.begin(), all.end());
+  }
+  ~HeapOfHoles() {
+    for (void* block : blocks_) rte_free(block);
+  }
+
+ private:
+  std::vector<void*> blocks_;
+};
+
+// The finished classifier comes from DPDK's heap, in one piece.
+TEST_F(BuildMemory, AClassifierThatDoesNotFitFails) {
+  constexpr size_t kFlows = 1000;
+  add(0, {Flow(1, 10).output({1})});
+  const auto flows = macsAndFiveTuples(0, kFlows);
+  Traffic traffic(&harness());
+  traffic.awaitBatch();
+  const size_t before = heapBytes();
+  {
+    // For the rules, not for the classifier.
+    const HeapOfHoles full(16, 640 << 10);
+    const TraceMark mark;
+    EXPECT_EQ(failing(flows).error().code(), -1);
+    EXPECT_THAT(mark.texts(0),
+                testing::Contains("programAcl Failed to build acl for tableId: "
+                                  "0, flowType: 0 error: -12"));
+    EXPECT_FALSE(Dpdk::lastAclBuild().refused);
+    traffic.awaitBatch();
+  }
+  // Flows in the store and the records that the failed build keeps, with what
+  // the heap needs for each block; not rules nor classifiers.
+  const size_t perFlow = sizeof(OpenFlowEntry<of_flow_acl_rule>) +
+                         sizeof(OfFlowAction) + 128 + 3 * 128;
+  EXPECT_LE(heapBytes(), before + kFlows * perFlow + (64 << 10));
+
+  EXPECT_EQ(harness().updateFlows({}).error().code(), 0);
+  EXPECT_EQ(harness().stats(0).numflows(), kFlows + 1);
+  traffic.awaitBatch();
+  EXPECT_EQ(harness().updateFlows(removalOf(flows)).error().code(), 0);
+}
+
+}  // namespace
+}  // namespace openflow_test

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// A process without librte_acl, where builds cannot be limited; and what the
+// limit is made from.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "utils/acl_build_memory.h"
+#include "utils/available_memory.h"
+
+namespace Dpdk {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(WithoutLibrary, AScopeIsHarmless) {
+  EXPECT_FALSE(aclBuildsAreLimited());
+  setAclBuildLimit(1000);
+  {
+    const AclBuildScope scope;
+    void* block = std::calloc(1000, 1000);
+    EXPECT_NE(block, nullptr);
+    std::free(block);
+    EXPECT_EQ(scope.memory().peak, 0u);
+    EXPECT_FALSE(scope.memory().refused);
+  }
+  EXPECT_EQ(lastAclBuild().limit, 1000u);
+}
+
+// A tree like /proc and /sys.
+class AvailableMemory : public testing::Test {
+ protected:
+  AvailableMemory() {
+    std::string name = fs::temp_directory_path() / "memory-XXXXXX";
+    root_ = mkdtemp(name.data());
+    write("proc/meminfo",
+          "MemTotal:       24682000 kB\nMemFree:        20000000 kB\n"
+          "MemAvailable:    8000 kB\nBuffers:  1 kB\n");
+  }
+  ~AvailableMemory() override { fs::remove_all(root_); }
+
+  void write(const std::string& file, const std::string& text) {
+    fs::create_directories((root_ / file).parent_path());
+    std::ofstream(root_ / file) << text;
+  }
+
+  size_t available() const { return availableMemory(root_); }
+
+  fs::path root_;
+};
+
+TEST_F(AvailableMemory, IsTheMachines) { EXPECT_EQ(available(), 8000u * 1024); }
+
+TEST_F(AvailableMemory, IsUnlimitedWhereNobodyTells) {
+  fs::remove_all(root_ / "proc");
+  EXPECT_EQ(available(), SIZE_MAX);
+}
+
+TEST_F(AvailableMemory, IsWhatTheControlGroupHasLeft) {
+  write("proc/self/cgroup", "0::/a/b\n");
+  write("sys/fs/cgroup/a/memory.max", "9000000\n");
+  write("sys/fs/cgroup/a/memory.current", "6000000\n");
+  write("sys/fs/cgroup/a/b/memory.max", "max\n");
+  write("sys/fs/cgroup/a/b/memory.current", "5000000\n");
+  EXPECT_EQ(available(), 3000000u);
+  write("sys/fs/cgroup/a/b/memory.max", "5500000\n");
+  EXPECT_EQ(available(), 500000u);
+  write("sys/fs/cgroup/a/b/memory.stat",
+        "anon 4000000\nfile 1000000\ninactive_file 200000\nslab 3\n");
+  EXPECT_EQ(available(), 700000u) << "files read make room";
+  write("sys/fs/cgroup/a/b/memory.max", "1000\n");
+  EXPECT_EQ(available(), 0u);
+}
+
+TEST_F(AvailableMemory, KnowsControlGroupsOfTheFirstVersion) {
+  write("proc/self/cgroup", "9:name=systemd:/x\n4:cpu,memory:/a\n3:cpuset:/\n");
+  write("sys/fs/cgroup/memory/a/memory.limit_in_bytes", "3000\n");
+  write("sys/fs/cgroup/memory/a/memory.usage_in_bytes", "1000\n");
+  EXPECT_EQ(available(), 2000u);
+}
+
+// In a container the group's own directory may be the mount.
+TEST_F(AvailableMemory, LooksAtTheTopmostGroupItSees) {
+  write("proc/self/cgroup", "0::/../../outside\n");
+  write("sys/fs/cgroup/memory.max", "4000\n");
+  write("sys/fs/cgroup/memory.current", "1000\n");
+  EXPECT_EQ(available(), 3000u);
+}
+
+TEST_F(AvailableMemory, OfAMachineWithMoreThanItsGroup) {
+  write("proc/self/cgroup", "0::/\n");
+  write("sys/fs/cgroup/memory.max", "99999999999999\n");
+  write("sys/fs/cgroup/memory.current", "1000\n");
+  EXPECT_EQ(available(), 8000u * 1024);
+}
+
+TEST_F(AvailableMemory, SkipsLinesThatItDoesNotUnderstand) {
+  write("proc/self/cgroup", "\nnonsense\n1:memory\n");
+  EXPECT_EQ(available(), 8000u * 1024);
+}
+
+}  // namespace
+}  // namespace Dpdk
