@@ -272,13 +272,13 @@ Ring::Found Ring::copyRecord(uint64_t position, Record& record) const {
   return Found::kStatement;
 }
 
-Reading Ring::walk(uint64_t position, bool skipUnfinished) const {
+Reading Ring::walk(uint64_t position, bool skipUnfinished, size_t most) const {
   const Clock clock(*this);
   const uint64_t head = head_.load(std::memory_order_acquire);
   const uint64_t oldest = head > numCells() ? head - numCells() : 0;
   Reading reading{{}, std::max(position, oldest)};
   Record record;
-  while (reading.next < head) {
+  while (reading.next < head && reading.entries.size() < most) {
     switch (copyRecord(reading.next, record)) {
       case Found::kStatement:
         reading.entries.push_back({reading.next, clock.at(record.tsc),
@@ -302,10 +302,12 @@ Reading Ring::walk(uint64_t position, bool skipUnfinished) const {
   return reading;
 }
 
-std::vector<Entry> Ring::read() const { return walk(0, true).entries; }
+std::vector<Entry> Ring::read() const {
+  return walk(0, true, SIZE_MAX).entries;
+}
 
-Reading Ring::readSince(uint64_t position) const {
-  return walk(position, false);
+Reading Ring::readSince(uint64_t position, size_t most) const {
+  return walk(position, false, most);
 }
 
 void write(const Site& site, std::span<const Argument> arguments) {

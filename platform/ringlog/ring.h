@@ -80,8 +80,9 @@ class Ring {
   std::vector<Entry> read() const;
 
   // What came at `position` or later and is still there; stops in front of a
-  // statement that is being written. Start with 0, go on with `next`.
-  Reading readSince(uint64_t position) const;
+  // statement that is being written, and after `most` entries. Start with 0, go
+  // on with `next`.
+  Reading readSince(uint64_t position, size_t most = SIZE_MAX) const;
 
   size_t numCells() const { return mask_ + 1; }
 
@@ -104,7 +105,7 @@ class Ring {
   Found copyCell(uint64_t position, uint64_t wantedState,
                  std::array<uint64_t, kCellWords>& words) const;
   Found copyRecord(uint64_t position, Record& record) const;
-  Reading walk(uint64_t position, bool skipUnfinished) const;
+  Reading walk(uint64_t position, bool skipUnfinished, size_t most) const;
 
   const uint64_t mask_;
   const std::unique_ptr<Cell[]> cells_;

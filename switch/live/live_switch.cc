@@ -348,10 +348,10 @@ pb::StatsReply LiveSwitch::stats(const pb::StatsRequest& request) const {
   return Impl::onControl([&] { return impl_->stats(request.pause()); });
 }
 
-LiveSwitch::LogReading LiveSwitch::readLog(
-    const pb::LogRequest& request) const {
+LiveSwitch::LogReading LiveSwitch::readLog(const pb::LogRequest& request,
+                                           size_t most) const {
   LogReading reading;
-  reading.next = readLogEntries(request, &reading.entries);
+  reading.next = readLogEntries(request, most, &reading.entries);
   return reading;
 }
 

@@ -13,6 +13,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -95,13 +97,15 @@ class LiveSwitch {
   pb::PortsReply ports() const;
   pb::StatsReply stats(const pb::StatsRequest& request = {}) const;
 
-  // Entries of the trace ring from `request.since()` on that it selects, and
-  // the position to go on from. Never waits; `follow` is the caller's.
+  // Of the first `most` entries of the trace ring from `request.since()` on
+  // those that it selects, and the position to go on from. Never waits;
+  // `follow` is the caller's.
   struct LogReading {
     std::vector<pb::LogEntry> entries;
     uint64_t next = 0;
   };
-  LogReading readLog(const pb::LogRequest& request) const;
+  LogReading readLog(const pb::LogRequest& request,
+                     size_t most = SIZE_MAX) const;
 
   // Answers the levels that hold afterwards. Throws BadRequest for a facility
   // that does not exist.

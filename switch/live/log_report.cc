@@ -36,10 +36,10 @@ pb::LogEntry logEntry(const Ringlog::Entry& entry) {
 
 }  // namespace
 
-uint64_t readLogEntries(const pb::LogRequest& request,
+uint64_t readLogEntries(const pb::LogRequest& request, size_t most,
                         std::vector<pb::LogEntry>* entries) {
   const Ringlog::Reading reading =
-      Ringlog::Ring::instance().readSince(request.since());
+      Ringlog::Ring::instance().readSince(request.since(), most);
   std::vector<const Ringlog::Entry*> selected;
   for (const Ringlog::Entry& entry : reading.entries) {
     if (entry.level <= request.max_level() &&

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -8,9 +9,9 @@
 
 namespace ofswitch {
 
-// What the trace ring holds of what `request` selects, oldest first. Answers
-// the position to go on from. Any thread.
-uint64_t readLogEntries(const pb::LogRequest& request,
+// What `request` selects of the first `most` entries of the trace ring, oldest
+// first. Answers the position to go on from. Any thread.
+uint64_t readLogEntries(const pb::LogRequest& request, size_t most,
                         std::vector<pb::LogEntry>* entries);
 
 // Sets the levels that also go to standard error, by facility, and answers
