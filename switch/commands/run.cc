@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "switch/commands/commands.h"
+#include "switch/control/control_server.h"
 #include "switch/flow/flow_reader.h"
 #include "switch/live/config.h"
 #include "switch/live/live_switch.h"
@@ -110,12 +111,15 @@ int run(const RunOptions& options) {
   const sigset_t signals = stopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+  ControlServer control(config);
   LiveSwitch live(config);
   live.start();
+  control.serve(&live);
   printSummary(live);
   int signal = 0;
   sigwait(&signals, &signal);
   exitInTime();
+  control.stop();
   printEnd(live.stop());
   return 0;
 }

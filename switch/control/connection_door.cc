@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/control/connection_door.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <utility>
+
+namespace ofswitch {
+namespace {
+
+// The inode of an open socket; 0 for everything else.
+unsigned long socketInode(int fd) {
+  struct stat found {};
+  const bool isSocket = fstat(fd, &found) == 0 && S_ISSOCK(found.st_mode);
+  return isSocket ? found.st_ino : 0;
+}
+
+}  // namespace
+
+ConnectionDoor::ConnectionDoor(std::vector<Entrance> entrances,
+                               size_t mostConnections)
+    : entrances_(std::move(entrances)),
+      mostConnections_(mostConnections),
+      stop_(eventfd(0, EFD_CLOEXEC)),
+      thread_([this] { serve(); }) {}
+
+ConnectionDoor::~ConnectionDoor() {
+  const uint64_t one = 1;
+  if (write(stop_, &one, sizeof(one)) < 0) std::terminate();
+  thread_.join();
+  close(stop_);
+}
+
+void ConnectionDoor::serve() {
+  std::vector<pollfd> polled = {{stop_, POLLIN, 0}};
+  for (const Entrance& entrance : entrances_) {
+    polled.push_back({entrance.socket->fd(), POLLIN, 0});
+  }
+  while (true) {
+    if (poll(polled.data(), polled.size(), -1) < 0) continue;
+    if (polled[0].revents != 0) return;
+    for (size_t i = 0; i < entrances_.size(); i++) {
+      if (polled[i + 1].revents != 0) accept(entrances_[i]);
+    }
+  }
+}
+
+void ConnectionDoor::accept(const Entrance& entrance) {
+  const int fd = accept4(entrance.socket->fd(), nullptr, nullptr,
+                         SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (fd < 0) {
+    if (errno == EMFILE || errno == ENFILE || errno == ENOMEM ||
+        errno == ENOBUFS) {
+      // Until somebody else closes something.
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return;
+  }
+  if (!hasRoom()) {
+    close(fd);
+    return;
+  }
+  if (!entrance.socket->isUnix()) {
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  }
+  connections_.push_back({fd, socketInode(fd)});
+  Acceptor::NewConnectionParameters connection;
+  connection.fd = fd;
+  entrance.acceptor->HandleNewConnection(&connection);
+}
+
+bool ConnectionDoor::hasRoom() {
+  if (connections_.size() < mostConnections_) return true;
+  std::erase_if(connections_, [](const Connection& connection) {
+    return socketInode(connection.fd) != connection.inode;
+  });
+  return connections_.size() < mostConnections_;
+}
+
+}  // namespace ofswitch

@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/control/control_server.h"
+
+#include <grpcpp/ext/proto_server_reflection_plugin.h>
+#include <grpcpp/grpcpp.h>
+#include <grpcpp/health_check_service_interface.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+#include <vector>
+
+#include "switch/control/connection_door.h"
+#include "switch/control/control_socket.h"
+#include "switch/control/message_codec.h"
+#include "switch/control/switch_service.h"
+#include "switch/control/work_queue.h"
+
+namespace ofswitch {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr unsigned kCommandThreads = 4;
+constexpr unsigned kReaderThreads = 2;
+
+constexpr size_t kMostConnections = 4096;
+constexpr int kMostCallsOfConnection = 128;
+// What requests and replies that are under way may take up.
+constexpr size_t kMemory = size_t{512} << 20;
+// For reflection, whose calls take one each.
+constexpr int kMostThreads = 16;
+constexpr size_t kFrame = 1024;  // around a message
+
+constexpr milliseconds kHandshakeTime{10'000};
+// After how long a silent client is asked whether it is still there, and how
+// long it has to say so.
+constexpr milliseconds kKeepaliveTime{60'000};
+constexpr milliseconds kKeepaliveTimeout{20'000};
+constexpr milliseconds kLeastPingTime{5'000};
+
+// A connection takes a descriptor. Others are left for ports and files.
+size_t connectionLimit() {
+  constexpr rlim_t kOthers = 256;
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 512;
+  limit.rlim_cur = std::min<rlim_t>(
+      limit.rlim_max,
+      std::max<rlim_t>(limit.rlim_cur, kMostConnections + kOthers));
+  setrlimit(RLIMIT_NOFILE, &limit);
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return std::min<size_t>(kMostConnections, limit.rlim_cur > 2 * kOthers
+                                                ? limit.rlim_cur - kOthers
+                                                : limit.rlim_cur / 2);
+}
+
+void setLimits(grpc::ServerBuilder* builder) {
+  builder->SetMaxReceiveMessageSize(
+      static_cast<int>(kLargeMessage.bytes + kFrame));
+  builder->SetResourceQuota(
+      grpc::ResourceQuota("control").Resize(kMemory).SetMaxThreads(
+          kMostThreads));
+  builder->SetSyncServerOption(grpc::ServerBuilder::NUM_CQS, 1);
+  builder->SetSyncServerOption(grpc::ServerBuilder::MIN_POLLERS, 1);
+  builder->SetSyncServerOption(grpc::ServerBuilder::MAX_POLLERS, 1);
+  const auto setTime = [builder](const char* name, milliseconds time) {
+    builder->AddChannelArgument(name, static_cast<int>(time.count()));
+  };
+  builder->AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS,
+                              kMostCallsOfConnection);
+  setTime(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, kHandshakeTime);
+  setTime(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveTime);
+  setTime(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeout);
+  setTime(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS,
+          kLeastPingTime);
+  builder->AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
+}
+
+}  // namespace
+
+class ControlServer::Impl {
+ public:
+  explicit Impl(const SwitchConfig& config)
+      : unixSocket_(ListeningSocket::atPath(config.controlSocket)) {}
+
+  ~Impl() { stop(); }
+
+  void serve(LiveSwitch* live) {
+    commands_ = std::make_unique<WorkQueue>(kCommandThreads);
+    readers_ = std::make_unique<WorkQueue>(kReaderThreads);
+    service_ =
+        std::make_unique<SwitchService>(live, commands_.get(), readers_.get());
+    grpc::EnableDefaultHealthCheckService(true);
+    grpc::reflection::InitProtoReflectionServerBuilderPlugin();
+    grpc::ServerBuilder builder;
+    setLimits(&builder);
+    builder.RegisterService(service_.get());
+    std::vector<ConnectionDoor::Entrance> entrances;
+    entrances.push_back(
+        {&unixSocket_, builder.experimental().AddExternalConnectionAcceptor(
+                           grpc::ServerBuilder::experimental_type::
+                               ExternalConnectionType::FROM_FD,
+                           grpc::InsecureServerCredentials())});
+    server_ = builder.BuildAndStart();
+    if (server_ == nullptr) throw StartError("the control door cannot open");
+    server_->GetHealthCheckService()->SetServingStatus(
+        pb::Switch::service_full_name(), true);
+    door_ = std::make_unique<ConnectionDoor>(std::move(entrances),
+                                             connectionLimit());
+  }
+
+  void stop() {
+    door_.reset();
+    unixSocket_ = {};
+    if (server_ != nullptr) {
+      server_->Shutdown(std::chrono::system_clock::now());
+      server_.reset();
+    }
+    service_.reset();
+    commands_.reset();
+    readers_.reset();
+  }
+
+ private:
+  ListeningSocket unixSocket_;
+  std::unique_ptr<WorkQueue> commands_;
+  std::unique_ptr<WorkQueue> readers_;
+  std::unique_ptr<SwitchService> service_;
+  std::unique_ptr<grpc::Server> server_;
+  std::unique_ptr<ConnectionDoor> door_;
+};
+
+ControlServer::ControlServer(const SwitchConfig& config)
+    : impl_(std::make_unique<Impl>(config)) {}
+
+ControlServer::~ControlServer() = default;
+
+void ControlServer::serve(LiveSwitch* live) { impl_->serve(live); }
+
+void ControlServer::stop() { impl_->stop(); }
+
+}  // namespace ofswitch

@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/control/control_socket.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "switch/live/live_switch.h"
+
+namespace ofswitch {
+namespace {
+
+constexpr int kBacklog = 1024;
+
+[[noreturn]] void fail(const std::string& path, const std::string& reason) {
+  throw StartError(fmt::format("control socket {}: {}", path, reason));
+}
+
+[[noreturn]] void failErrno(const std::string& path, const char* what) {
+  fail(path, fmt::format("{}: {}", what, std::strerror(errno)));
+}
+
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+
+ private:
+  int fd_;
+};
+
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(address.sun_path)) {
+    fail(path, fmt::format("the path has {} characters, at most {} are "
+                           "possible",
+                           path.size(), sizeof(address.sun_path) - 1));
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  return address;
+}
+
+int openSocket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) failErrno(path, "cannot be made");
+  return fd;
+}
+
+// Removes the socket of a process that is gone.
+void makeRoom(const std::string& path, const sockaddr_un& address) {
+  struct stat found {};
+  if (lstat(path.c_str(), &found) != 0) return;
+  if (!S_ISSOCK(found.st_mode)) {
+    fail(path,
+         "there is a file that is no socket; remove it or choose "
+         "another path");
+  }
+  const Fd probe(openSocket(path));
+  const int result =
+      connect(probe.get(), reinterpret_cast<const sockaddr*>(&address),
+              sizeof(address));
+  // EAGAIN: its queue of connections is full.
+  if (result == 0 || errno == EAGAIN || errno == EINPROGRESS) {
+    fail(path, "a switch is running there; stop it or choose another path");
+  }
+  if (errno != ECONNREFUSED) failErrno(path, "cannot be replaced");
+  if (unlink(path.c_str()) != 0) failErrno(path, "cannot be replaced");
+}
+
+}  // namespace
+
+ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept {
+  *this = std::move(other);
+}
+
+ListeningSocket& ListeningSocket::operator=(ListeningSocket&& other) noexcept {
+  std::swap(fd_, other.fd_);
+  std::swap(path_, other.path_);
+  std::swap(device_, other.device_);
+  std::swap(inode_, other.inode_);
+  return *this;
+}
+
+ListeningSocket::~ListeningSocket() {
+  if (fd_ < 0) return;
+  struct stat found {};
+  if (isUnix() && lstat(path_.c_str(), &found) == 0 &&
+      found.st_dev == device_ && found.st_ino == inode_) {
+    unlink(path_.c_str());
+  }
+  close(fd_);
+}
+
+ListeningSocket ListeningSocket::atPath(const std::string& path) {
+  const sockaddr_un address = addressOf(path);
+  const std::string folder =
+      std::filesystem::absolute(path).parent_path().string();
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (error) {
+    fail(path, fmt::format("the folder cannot be made: {}", error.message()));
+  }
+  // Of two switches that start at once, one sees the other.
+  const Fd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (lock.get() < 0 || flock(lock.get(), LOCK_EX) != 0) {
+    failErrno(path, "the folder cannot be used");
+  }
+  makeRoom(path, address);
+
+  Fd fd(openSocket(path));
+  // The name that bind makes has this mode from the start.
+  if (fchmod(fd.get(), 0600) != 0 ||
+      bind(fd.get(), reinterpret_cast<const sockaddr*>(&address),
+           sizeof(address)) != 0) {
+    failErrno(path, "cannot be made");
+  }
+  ListeningSocket socket;
+  socket.fd_ = fd.release();
+  socket.path_ = path;
+  struct stat made {};
+  if (lstat(path.c_str(), &made) != 0 || listen(socket.fd_, kBacklog) != 0) {
+    failErrno(path, "cannot be made");
+  }
+  socket.device_ = made.st_dev;
+  socket.inode_ = made.st_ino;
+  return socket;
+}
+
+}  // namespace ofswitch
