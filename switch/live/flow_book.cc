@@ -217,17 +217,24 @@ FlowBook::View FlowBook::viewOf(const Entry& entry) const {
 }
 
 std::vector<FlowBook::View> FlowBook::select(const FlowFilter& filter,
-                                             bool withBuiltIn) const {
-  std::vector<View> views;
+                                             bool withBuiltIn,
+                                             size_t most) const {
+  std::vector<const Entry*> selected;
   for (const auto& [key, entry] : entries_) {
     if (entry.installed->isTableMiss && !withBuiltIn) continue;
-    if (filter.selects(entry.installed->flow)) views.push_back(viewOf(entry));
+    if (filter.selects(entry.installed->flow)) selected.push_back(&entry);
   }
-  std::ranges::sort(views, {}, [](const View& view) {
-    const InstalledFlow& installed = *view.installed;
-    return std::tuple(installed.flow.table, 0u - installed.rule.priority,
-                      view.order);
-  });
+  most = std::min(most, selected.size());
+  std::ranges::partial_sort(
+      selected, selected.begin() + static_cast<ptrdiff_t>(most), {},
+      [](const Entry* entry) {
+        const InstalledFlow& installed = *entry->installed;
+        return std::tuple(installed.flow.table, 0u - installed.rule.priority,
+                          entry->order);
+      });
+  std::vector<View> views;
+  views.reserve(most);
+  for (size_t i = 0; i < most; i++) views.push_back(viewOf(*selected[i]));
   return views;
 }
 

@@ -10,7 +10,9 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -111,8 +113,11 @@ class FlowBook {
     uint64_t order = 0;  // grows from installation to installation
   };
 
-  // By table, then from high to low priority, then as they were installed.
-  std::vector<View> select(const FlowFilter& filter, bool withBuiltIn) const;
+  // By table, then from high to low priority, then as they were installed; not
+  // more than `most`.
+  std::vector<View> select(
+      const FlowFilter& filter, bool withBuiltIn,
+      size_t most = std::numeric_limits<size_t>::max()) const;
   std::optional<View> findByFlowId(uint32_t flowId) const;
   std::optional<View> findByPacketCounter(uint32_t counterId) const;
 

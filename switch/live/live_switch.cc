@@ -148,15 +148,19 @@ class LiveSwitch::Impl {
   }
 
   pb::StatsReply stats(bool pause) {
-    pb::StatsReply reply;
-    if (programmer_ == nullptr) return reply;
+    if (programmer_ == nullptr) return {};
     // Who has paused them meanwhile wants them to stay so.
     const bool resume =
         pause && std::ranges::any_of(Worker::List(), Worker::IsRunning);
     if (resume) Worker::PauseAll();
     const SwitchCounts counts = readCounts(*graph_, book_);
     if (resume) Worker::ResumeAll();
-    reply = statsReply(counts, makeSwitchAccount(counts, &missing_), *graph_);
+    return stats(counts, makeSwitchAccount(counts, &missing_));
+  }
+
+  pb::StatsReply stats(const SwitchCounts& counts,
+                       const SwitchAccount& account) {
+    pb::StatsReply reply = statsReply(counts, account, *graph_);
     reply.set_time_ns(
         nsOf(std::chrono::system_clock::now().time_since_epoch()));
     reply.set_uptime_ns(nsOf(std::chrono::steady_clock::now() - started_));
@@ -165,6 +169,21 @@ class LiveSwitch::Impl {
     reply.set_expired_idle(expiredIdle_);
     reply.set_expired_hard(expiredHard_);
     return reply;
+  }
+
+  std::optional<Reading> read(size_t mostFlows) {
+    if (programmer_ == nullptr) return std::nullopt;
+    const SwitchCounts counts = readCounts(*graph_, book_);
+    const SwitchAccount account = makeSwitchAccount(counts, &missing_);
+    Reading reading;
+    reading.stats = stats(counts, account);
+    reading.tables = tablesReply(counts, account, book_, *programmer_, true);
+    reading.ports = portsReply(*graph_);
+    for (const FlowBook::View& view : book_.select({}, false, mostFlows)) {
+      reading.flows.push_back(
+          {view.installed, view.counts.packets, view.counts.bytes});
+    }
+    return reading;
   }
 
   const SwitchConfig config_;
@@ -346,6 +365,10 @@ pb::PortsReply LiveSwitch::ports() const {
 
 pb::StatsReply LiveSwitch::stats(const pb::StatsRequest& request) const {
   return Impl::onControl([&] { return impl_->stats(request.pause()); });
+}
+
+std::optional<LiveSwitch::Reading> LiveSwitch::read(size_t mostFlows) const {
+  return Impl::onControl([&] { return impl_->read(mostFlows); });
 }
 
 LiveSwitch::LogReading LiveSwitch::readLog(const pb::LogRequest& request,

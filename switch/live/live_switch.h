@@ -97,6 +97,21 @@ class LiveSwitch {
   pb::PortsReply ports() const;
   pb::StatsReply stats(const pb::StatsRequest& request = {}) const;
 
+  // Everything that is counted, read together, for who wants all of it often.
+  struct FlowReading {
+    std::shared_ptr<const InstalledFlow> flow;
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+  };
+  struct Reading {
+    pb::StatsReply stats;
+    pb::TablesReply tables;  // all 32
+    pb::PortsReply ports;
+    std::vector<FlowReading> flows;  // the first ones of `dumpFlows`
+  };
+  // With at most `mostFlows` flows; nothing while the switch does not run.
+  std::optional<Reading> read(size_t mostFlows) const;
+
   // Of the first `most` entries of the trace ring from `request.since()` on
   // those that it selects, and the position to go on from. Never waits;
   // `follow` is the caller's.
