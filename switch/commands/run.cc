@@ -17,6 +17,7 @@
 #include "switch/flow/flow_reader.h"
 #include "switch/live/config.h"
 #include "switch/live/live_switch.h"
+#include "switch/telemetry/metrics_server.h"
 
 namespace ofswitch {
 namespace {
@@ -95,6 +96,16 @@ int check(const SwitchConfig& config) {
   return refusals == 0 ? 0 : 1;
 }
 
+// Null when the configuration wants none.
+std::unique_ptr<MetricsServer> serveMetrics(const LiveSwitch& live) {
+  const SwitchConfig& config = live.config();
+  if (config.metricsAddress.empty()) return nullptr;
+  auto server = std::make_unique<MetricsServer>(live, config.metricsAddress,
+                                                config.metricsFlows);
+  fmt::print("metrics: {}\n", server->url());
+  return server;
+}
+
 // A classifier that is being built cannot be interrupted and may take longer
 // than whoever stops the switch waits.
 void exitInTime() {
@@ -115,6 +126,7 @@ int run(const RunOptions& options) {
   LiveSwitch live(config);
   live.start();
   control.serve(&live);
+  const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
   printSummary(live);
   int signal = 0;
   sigwait(&signals, &signal);

@@ -8,11 +8,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 #include <sstream>
 
 #include "switch/flow/diagnostic.h"
 #include "switch/flow/flow.h"
+#include "switch/live/listen_address.h"
 #include "switch/live/yaml_section.h"
 
 namespace ofswitch {
@@ -107,10 +109,45 @@ void readMemory(YamlSection& memory, SwitchConfig* config) {
   memory.number("buffers", 511, (1u << 24) - 1, &config->packetBuffers);
 }
 
-void readMetrics(YamlSection& file, SwitchConfig* config) {
+// Metrics go out unencrypted to whoever asks, and matches name the addresses of
+// a network.
+void checkMetricsAddress(const YamlSection& file, const YAML::Node& node,
+                         const std::string& text) {
+  const std::optional<ListenAddress> address = parseListenAddress(text);
+  if (!address) {
+    file.failAt(node,
+                fmt::format("metrics: \"{}\" must be an IPv4 address and a "
+                            "port, such as 127.0.0.1:9469, or false",
+                            text));
+  }
+  if (!address->loopback()) {
+    file.failAt(node, fmt::format("metrics: \"{}\" must be a loopback address, "
+                                  "such as 127.0.0.1:{}, because metrics are "
+                                  "not encrypted; a proxy with TLS can pass "
+                                  "them on",
+                                  text, address->port));
+  }
+}
+
+void readMetricsAddress(const YamlSection& file, const YAML::Node& node,
+                        SwitchConfig* config) {
+  const std::string text = file.toText(node, "metrics");
+  const bool wanted = text != "false" && !text.empty();
+  if (wanted) checkMetricsAddress(file, node, text);
+  config->metricsAddress = wanted ? text : "";
+}
+
+// "metrics: 127.0.0.1:9469", or a section with more to it.
+void readMetrics(YamlSection& file, const std::string& name,
+                 SwitchConfig* config) {
   file.each("metrics", [&](const YAML::Node& node) {
-    const std::string text = file.toText(node, "metrics");
-    config->metricsAddress = text == "false" ? "" : text;
+    if (!node.IsMap()) return readMetricsAddress(file, node, config);
+    YamlSection metrics(node, name, "metrics");
+    metrics.each("address", [&](const YAML::Node& address) {
+      readMetricsAddress(metrics, address, config);
+    });
+    metrics.number("flows", 0, 1u << 20, &config->metricsFlows);
+    metrics.finish();
   });
 }
 
@@ -142,7 +179,7 @@ SwitchConfig read(const YAML::Node& root, const std::string& name) {
   file.texts("flows", &config.flowFiles);
   file.section("control",
                [&](YamlSection& control) { readControl(control, &config); });
-  readMetrics(file, &config);
+  readMetrics(file, name, &config);
   file.section("controller", [&](YamlSection& controller) {
     controller.text("capture", &config.controllerCapture);
   });

@@ -43,6 +43,7 @@ struct SwitchConfig {
   std::string tlsClientCa;
 
   std::string metricsAddress = "127.0.0.1:9469";  // empty: not served
+  size_t metricsFlows = 10'000;   // at most so many have series of their own
   std::string controllerCapture;  // pcap of what goes to the controller
 
   // Trace levels that also go to standard error, by facility.

@@ -102,6 +102,18 @@ const ErrorCase kErrorCases[] = {
      "s.yaml:4: unknown key \"ports.speed\""},
     {"KeyTwice", "workers: 1\nworkers: 2\n",
      "s.yaml:2: workers is there twice"},
+    {"MetricsForAll", "workers: 1\nmetrics: 0.0.0.0:9469\n",
+     "s.yaml:2: metrics: \"0.0.0.0:9469\" must be a loopback address, such as "
+     "127.0.0.1:9469, because metrics are not encrypted; a proxy with TLS can "
+     "pass them on"},
+    {"MetricsNowhere", "metrics: {address: here}\n",
+     "s.yaml:1: metrics: \"here\" must be an IPv4 address and a port, such as "
+     "127.0.0.1:9469, or false"},
+    {"MetricsPort", "metrics: 127.0.0.1:94690\n",
+     "s.yaml:1: metrics: \"127.0.0.1:94690\" must be an IPv4 address and a "
+     "port, such as 127.0.0.1:9469, or false"},
+    {"MetricsKey", "metrics:\n  adress: 127.0.0.1:1\n",
+     "s.yaml:2: unknown key \"metrics.adress\", did you mean \"address\"?"},
     {"NoNumber", "ports:\n  - device: net_null0\n",
      "s.yaml:2: a port needs a number"},
     {"NoDevice", "ports:\n  - number: 1\n",
@@ -172,6 +184,18 @@ TEST(Config, ReasonsAreOneLineThatIsSafeToShow) {
   } catch (const ConfigError& error) {
     EXPECT_STREQ(error.what(), "s.yaml:1: unknown key \"\\x1b[2J\"");
   }
+}
+
+TEST(Config, MetricsHaveAnAddressOrMore) {
+  EXPECT_EQ(parseConfig("metrics: localhost:9000", "c").metricsAddress,
+            "localhost:9000");
+  EXPECT_EQ(parseConfig("metrics: {address: false}", "c").metricsAddress, "");
+  const SwitchConfig config =
+      parseConfig("metrics: {address: 127.1.2.3:9000, flows: 7}", "c");
+  EXPECT_EQ(config.metricsAddress, "127.1.2.3:9000");
+  EXPECT_EQ(config.metricsFlows, 7);
+  EXPECT_EQ(parseConfig("metrics: {flows: 7}", "c").metricsAddress,
+            "127.0.0.1:9469");
 }
 
 TEST(Config, MissingFile) {
