@@ -248,6 +248,12 @@ void addReplayCommand(CLI::App* app, int* status) {
       ->type_name("MB")
       ->check(CLI::Range(128, 1 << 20))
       ->capture_default_str();
+  command
+      ->add_option("--build-memory", options->session.buildMb,
+                   "Megabytes that building a classifier may take beside that "
+                   "(default: a quarter of what is available, 4096 at most)")
+      ->type_name("MB")
+      ->check(CLI::Range(16, 1 << 20));
   command->callback([options, status] { *status = replay(*options); });
 }
 

@@ -107,6 +107,7 @@ void readMemory(YamlSection& memory, SwitchConfig* config) {
   memory.number("mb", 64, 1u << 20, &config->memoryMb);
   memory.flag("hugepages", &config->hugepages);
   memory.number("buffers", 511, (1u << 24) - 1, &config->packetBuffers);
+  memory.number("build_mb", 16, 1u << 20, &config->buildMb);
 }
 
 // Metrics go out unencrypted to whoever asks, and matches name the addresses of

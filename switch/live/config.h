@@ -31,6 +31,9 @@ struct SwitchConfig {
   size_t memoryMb = 512;
   bool hugepages = false;
   size_t packetBuffers = 16383;
+  // Heap that building a classifier may take; 0: a quarter of what is available
+  // at the start, 4096 at most.
+  size_t buildMb = 0;
 
   std::vector<std::string> flowFiles;  // loaded before the first packet
   std::string module;                  // path; empty: where it is installed

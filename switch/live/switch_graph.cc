@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "control.h"
+#include "dpdk_log.h"
 #include "eal.h"
 #include "graph.h"
 #include "packet_pool.h"
@@ -16,6 +17,8 @@
 #include "plugin.h"
 #include "switch/live/live_switch.h"
 #include "switch/replay/module_path.h"
+#include "switch/replay/update_failure.h"
+#include "utils/acl_build_memory.h"
 
 namespace ofswitch {
 namespace {
@@ -77,6 +80,7 @@ void SwitchGraph::startEnvironment() {
     return bess::Port::IsPci(port.device);
   });
   require(bess::InitEal(options));
+  if (config_.buildMb != 0) Dpdk::setAclBuildLimit(config_.buildMb << 20);
   bess::PacketPool::MakeDefault(config_.packetBuffers);
   try {
     bess::PacketPool::Default();
@@ -210,29 +214,16 @@ quil::pb::OpenFlowGetStatsRespArg SwitchGraph::tableStats(uint8_t table) const {
   return stats;
 }
 
-// The module answers only that it failed; its counters tell where.
 std::string SwitchGraph::update(const TableUpdate& update) const {
   const auto table = static_cast<uint8_t>(update.tableid());
   const quil::pb::OpenFlowGetStatsRespArg before = tableStats(table);
+  // What the classifier library says of a failure is in the answer.
+  const bess::DpdkLogCapture log;
   const CommandResponse response =
       bess::RunModuleCommand(kSwitch, "updateFlows", packed(update));
   if (response.error().code() == 0) return "";
-  const quil::pb::OpenFlowGetStatsRespArg after = tableStats(table);
-  if (after.aclbuildfailures() > before.aclbuildfailures()) {
-    return "its classifier could not be built, usually for lack of memory "
-           "(memory.mb)";
-  }
-  if (after.acladdrulesfailures() > before.acladdrulesfailures()) {
-    return "the classifier library refused its flows";
-  }
-  if (after.aclcreatefailures() > before.aclcreatefailures()) {
-    return "there is no memory for a classifier of so many flows (memory.mb)";
-  }
-  if (after.updatefailures() > before.updatefailures()) {
-    return "there is no memory for its flows (memory.mb)";
-  }
-  return fmt::format("{} (code {})", response.error().errmsg(),
-                     response.error().code());
+  return updateFailure(response, before, tableStats(table),
+                       {"memory.mb", "memory.build_mb"});
 }
 
 uint64_t SwitchGraph::failedCopies() const {

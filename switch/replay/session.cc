@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "control.h"
+#include "dpdk_log.h"
 #include "eal.h"
 #include "graph.h"
 #include "modules/capture_sink.h"
@@ -20,12 +21,16 @@
 #include "packet_pool.h"
 #include "platform/quil_modules/counter_db.h"
 #include "plugin.h"
+#include "switch/flow/update_batch.h"
 #include "switch/replay/progress.h"
+#include "switch/replay/update_failure.h"
+#include "utils/acl_build_memory.h"
 #include "worker.h"
 
 namespace ofswitch {
 namespace {
 
+using quil::pb::OpenFlowGetStatsRespArg;
 using QuilModules::bessCounterDb;
 
 constexpr char kSwitch[] = "openflow";  // the instance's name
@@ -105,6 +110,7 @@ class Session {
 
   void setUp() {
     require(bess::InitEal({.memory_mb = options_.memoryMb}));
+    if (options_.buildMb != 0) Dpdk::setAclBuildLimit(options_.buildMb << 20);
     buffersBefore_ = bess::PacketPool::Default()->available();
     failedBefore_ = bess::Packet::failed_copies();
     require(bess::LoadPlugin(options_.modulePath));
@@ -129,13 +135,20 @@ class Session {
     return response;
   }
 
+  static OpenFlowGetStatsRespArg tableStats(uint32_t table) {
+    quil::pb::OpenFlowGetStatsArg arg;
+    arg.set_tableid(table);
+    OpenFlowGetStatsRespArg stats;
+    command("getStats", packed(arg), "getStats").data().UnpackTo(&stats);
+    return stats;
+  }
+
   // Classifiers of many flows take their time to build.
   void applyPolicy() {
     std::atomic<size_t> done = 0;
     std::future<void> work = std::async(std::launch::async, [&] {
       for (const PolicyCommand& one : policy_.commands) {
-        const CommandResponse response = command(
-            one.name, one.arg, fmt::format("{}: {}", one.where, one.name));
+        const CommandResponse response = apply(one);
         ReplayCounts::Reply reply{one.where, {}};
         if (response.data().UnpackTo(&reply.stats)) {
           result_.counts.replies.push_back(std::move(reply));
@@ -148,6 +161,27 @@ class Session {
       progress.show(done, policy_.commands.size());
     }
     work.get();
+  }
+
+  static CommandResponse apply(const PolicyCommand& one) {
+    TableUpdate update;
+    if (!one.arg.UnpackTo(&update)) {
+      return command(one.name, one.arg,
+                     fmt::format("{}: {}", one.where, one.name));
+    }
+    const OpenFlowGetStatsRespArg before = tableStats(update.tableid());
+    // What the classifier library says of a failure is in the error.
+    const bess::DpdkLogCapture log;
+    CommandResponse response =
+        bess::RunModuleCommand(kSwitch, one.name, one.arg);
+    if (response.error().code() != 0) {
+      throw std::runtime_error(fmt::format(
+          "{}: table {} {}: {}", one.where, update.tableid(),
+          update.flowtype() == quil::pb::OPENFLOW_TYPE_IPV6 ? "IPv6" : "IPv4",
+          updateFailure(response, before, tableStats(update.tableid()),
+                        {"--memory", "--build-memory"})));
+    }
+    return response;
   }
 
   void connectOutputs() {
@@ -224,11 +258,7 @@ class Session {
     ReplayCounts& counts = result_.counts;
     countRules(&counts);
     for (uint32_t table = 0; table < kNumTables; table++) {
-      quil::pb::OpenFlowGetStatsArg arg;
-      arg.set_tableid(table);
-      command("getStats", packed(arg), "getStats")
-          .data()
-          .UnpackTo(&counts.tables[table]);
+      counts.tables[table] = tableStats(table);
     }
     countPorts(&counts);
     for (const uint64_t deadends : switch_->deadends()) {

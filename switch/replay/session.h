@@ -21,6 +21,7 @@ struct SessionOptions {
   std::string outDir;  // empty: outputs are only counted
   int workers = 1;
   size_t memoryMb = 512;
+  size_t buildMb = 0;  // 0: what fits the machine
 };
 
 struct SessionResult {

@@ -19,6 +19,7 @@ TEST(Config, DefaultsForEveryKey) {
   EXPECT_THAT(config.ports, IsEmpty());
   EXPECT_THAT(config.workers, ElementsAre(-1));
   EXPECT_EQ(config.memoryMb, 512);
+  EXPECT_EQ(config.buildMb, 0);
   EXPECT_FALSE(config.hugepages);
   EXPECT_EQ(config.packetBuffers, 16383);
   EXPECT_THAT(config.flowFiles, IsEmpty());
@@ -38,7 +39,7 @@ ports:
   - number: 2
     device: 0000:03:00.0
 workers: [2, 3]
-memory: {mb: 2048, hugepages: true, buffers: 65535}
+memory: {mb: 2048, hugepages: true, buffers: 65535, build_mb: 1000}
 flows: [flows.txt, /srv/more.txt]
 control:
   socket: door.sock
@@ -66,6 +67,7 @@ counters: 4096
   EXPECT_EQ(config.memoryMb, 2048);
   EXPECT_TRUE(config.hugepages);
   EXPECT_EQ(config.packetBuffers, 65535);
+  EXPECT_EQ(config.buildMb, 1000);
   EXPECT_THAT(config.flowFiles,
               ElementsAre("/etc/ofswitch/flows.txt", "/srv/more.txt"));
   EXPECT_EQ(config.controlSocket, "/etc/ofswitch/door.sock");
@@ -135,6 +137,8 @@ const ErrorCase kErrorCases[] = {
      "\"-\""},
     {"NotANumber", "memory: {mb: lots}",
      "s.yaml:1: memory.mb: \"lots\" is not a number from 64 to 1048576"},
+    {"TooLittleForABuild", "memory: {build_mb: 15}",
+     "s.yaml:1: memory.build_mb: \"15\" is not a number from 16 to 1048576"},
     {"NotABool", "memory: {hugepages: maybe}",
      "s.yaml:1: memory.hugepages: \"maybe\" is neither true nor false"},
     {"ListForValue", "module: [a]", "s.yaml:1: module: must be one value"},

@@ -11,8 +11,10 @@
 
 #include "switch/flow/flow_reader.h"
 #include "tests/support/frame.h"
+#include "tests/switch/explosive_flows.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/refuse_build.h"
+#include "utils/acl_build_memory.h"
 
 namespace ofswitch {
 namespace {
@@ -236,6 +238,26 @@ TEST(LiveSwitch, FailedBuildChangesNothingForPackets) {
   EXPECT_EQ(tables.tables(0).ipv4().failed_builds(), 1);
   EXPECT_EQ(tables.tables(0).counters(3).name(), "aclBuildFailures");
   EXPECT_EQ(tables.tables(0).counters(3).value(), 1);
+}
+
+TEST(LiveSwitch, ABuildBeyondItsMemoryIsRefused) {
+  LiveBench bench({.flows = kPolicy, .counters = 16384});
+  const size_t limit = Dpdk::aclBuildLimit();
+  Dpdk::setAclBuildLimit(size_t{64} << 20);
+  const std::vector<pb::FlowEntry> before = bench.entries();
+  const RefuseBuild nobody(1000);  // but the leak checker must not look
+  const pb::FlowChangeReply reply = bench.add(openflow_test::explosiveFlows());
+  Dpdk::setAclBuildLimit(limit);
+  EXPECT_EQ(reply.refusals_size(), 0);
+  EXPECT_FALSE(reply.applied());
+  EXPECT_EQ(reply.failure(),
+            "table 0 IPv4: its classifier needs more than 64 MB to build "
+            "(memory.build_mb): fields that some flows leave open and others "
+            "fix multiply, see docs/flow-sets.md; all flows are as they were");
+  EXPECT_THAT(bench.entries(), SizeIs(before.size()));
+  bench.receive(1, tcpTo(80), 4);
+  EXPECT_EQ(bench.settled().packets_sent(), 4);
+  EXPECT_TRUE(bench.add("table=0,udp,actions=drop").applied());
 }
 
 TEST(LiveSwitch, RefusedRequestsNameTheirLineAndChangeNothing) {

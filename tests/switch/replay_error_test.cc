@@ -5,6 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+
+#include "tests/switch/explosive_flows.h"
 #include "tests/switch/replay_command.h"
 
 namespace openflow_test {
@@ -172,6 +175,18 @@ TEST_F(ReplayErrors, OptionsOutOfRangeAreRefused) {
   replay("--flows good.txt");
   EXPECT_NE(status_, 0);
   EXPECT_EQ(stderr_, "ofswitch: --in is required\n");
+}
+
+TEST_F(ReplayErrors, ABuildBeyondItsMemoryIsRefused) {
+  write("flows.txt", explosiveFlows());
+  capture("in.pcap", {row(1, udp(1))});
+  replay("--flows flows.txt --in 1=in.pcap --build-memory 16");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(
+      stderr_,
+      "ofswitch: flows.txt: table 0 IPv4: its classifier needs more than "
+      "16 MB to build (--build-memory): fields that some flows leave open "
+      "and others fix multiply, see docs/flow-sets.md\n");
 }
 
 }  // namespace

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <string>
 
+#include "dpdk_log.h"
 #include "packet_pool.h"
 #include "ports/internal/device_string.h"
-#include "ports/internal/dpdk_log.h"
 #include "ports/internal/unix_socket.h"
 
 namespace bess::internal {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-namespace bess::internal {
+namespace bess {
 
 // Collects what DPDK's libraries and drivers log while it lives, instead of
 // letting it through to standard error: a driver that refuses a device says why
@@ -24,4 +24,4 @@ class DpdkLogCapture {
   FILE* before_;
 };
 
-}  // namespace bess::internal
+}  // namespace bess

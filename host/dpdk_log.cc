@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include "ports/internal/dpdk_log.h"
+#include "dpdk_log.h"
 
 #include <glog/logging.h>
 #include <rte_log.h>
@@ -7,7 +7,7 @@
 #include <mutex>
 #include <sstream>
 
-namespace bess::internal {
+namespace bess {
 namespace {
 
 std::mutex mutex;
@@ -69,4 +69,4 @@ std::string DpdkLogCapture::Summary() const {
   return summary;
 }
 
-}  // namespace bess::internal
+}  // namespace bess
