@@ -15,6 +15,7 @@
 #include "platform/quil_modules/counter_db.h"
 #include "switch/flow/flow_reader.h"
 #include "switch/flow/refused.h"
+#include "switch/live/flow_listing.h"
 #include "switch/live/flow_report.h"
 #include "switch/live/flow_request.h"
 #include "switch/live/log_report.h"
@@ -306,22 +307,26 @@ pb::FlowChangeReply LiveSwitch::changeFlows(const pb::FlowChange& change,
   return impl_->change(change, progress);
 }
 
-void LiveSwitch::dumpFlows(const pb::FlowFilter& filter,
-                           const FlowVisitor& visitor) const {
+FlowListing LiveSwitch::listFlows(const pb::FlowFilter& filter) const {
   ofswitch::FlowFilter wanted;
   try {
     wanted = readFlowFilter(filter);
   } catch (const Refused& refused) {
     throw BadRequest(refused.what());
   }
-  Clock::time_point now;
-  const std::vector<FlowBook::View> views = Impl::onControl([&] {
-    now = impl_->now_();
+  return Impl::onControl([&] {
+    const Clock::time_point now = impl_->now_();
     impl_->book_.noteUse(now);
-    return impl_->book_.select(wanted, filter.with_built_in());
+    return FlowListing(impl_->book_.select(wanted, filter.with_built_in()), now,
+                       filter.no_stats());
   });
-  for (const FlowBook::View& view : views) {
-    if (!visitor(flowEntry(view, now, filter.no_stats()))) return;
+}
+
+void LiveSwitch::dumpFlows(const pb::FlowFilter& filter,
+                           const FlowVisitor& visitor) const {
+  FlowListing listing = listFlows(filter);
+  while (const std::optional<pb::FlowEntry> entry = listing.next()) {
+    if (!visitor(*entry)) return;
   }
 }
 

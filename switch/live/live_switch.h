@@ -25,6 +25,7 @@
 #include "switch.pb.h"
 #include "switch/flow/translator.h"
 #include "switch/live/config.h"
+#include "switch/live/flow_listing.h"
 
 namespace ofswitch {
 
@@ -80,8 +81,12 @@ class LiveSwitch {
   pb::FlowChangeReply changeFlows(const pb::FlowChange& change,
                                   const Progress& progress = {});
 
-  // Visits the flows that `filter` selects as they are at one moment. The
-  // visitor runs on the calling thread. Throws BadRequest.
+  // The flows that `filter` selects as they are at one moment. Throws
+  // BadRequest.
+  FlowListing listFlows(const pb::FlowFilter& filter) const;
+
+  // The same for who takes all of them at once. The visitor runs on the calling
+  // thread.
   void dumpFlows(const pb::FlowFilter& filter,
                  const FlowVisitor& visitor) const;
 
