@@ -151,12 +151,28 @@ FlowFile FlowReader::read(std::istream& in, const std::string& name,
     line = trim(line.substr(0, line.find('#')));
     if (line.empty() || isDumpHeading(line)) continue;
     try {
+      if (file.flows.size() >= options_.mostFlows) {
+        file.refusals.push_back(
+            {name, number,
+             fmt::format("at most {} flows are taken at once",
+                         options_.mostFlows)});
+        break;
+      }
+      if (text.size() > options_.longestLine) {
+        refuse("the line has {} characters, at most {} are taken", text.size(),
+               options_.longestLine);
+      }
       Flow flow = readLine(line);
       flow.file = name;
       flow.line = number;
       file.flows.push_back(std::move(flow));
     } catch (const Refused& refused) {
       file.refusals.push_back({name, number, refused.what()});
+      if (file.refusals.size() >= options_.mostRefusals) {
+        file.refusals.push_back(
+            {name, number, "too many lines are refused; the rest is not read"});
+        break;
+      }
     }
   }
   if (in.bad()) file.refusals.push_back({name, 0, "cannot be read to its end"});

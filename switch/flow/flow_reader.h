@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <istream>
@@ -29,6 +30,12 @@ struct FlowReaderOptions {
   bool allowTimeouts = false;
   // Called now and then while a file is read, with bytes done and in all.
   std::function<void(uint64_t done, uint64_t total)> progress = {};
+
+  // For text of people who are not asked to be sensible. A line that is longer
+  // is refused; reading ends, with a refusal, when there would be more.
+  size_t longestLine = SIZE_MAX;
+  size_t mostFlows = SIZE_MAX;
+  size_t mostRefusals = SIZE_MAX;
 };
 
 // Reads flows in the syntax of ovs-ofctl(8), one a line; '#' starts a

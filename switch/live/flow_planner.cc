@@ -15,6 +15,7 @@ namespace {
 
 // Enough for a person; a file of a million flows may replace them all.
 constexpr size_t kMaxNotes = 100;
+constexpr size_t kMaxRefusals = 1000;
 
 // A miss flow's key, which no flow of an operator can have.
 std::string missKey(uint8_t table) { return fmt::format("miss {}", table); }
@@ -62,6 +63,7 @@ bool FlowBook::Planner::prepareAll(const std::vector<Flow>& flows,
           {&flow, flowKey(flow), prepareFlow(flow, book_.ports_)});
     } catch (const Refused& reason) {
       plan_.refusals.push_back({flow.file, flow.line, reason.what()});
+      if (plan_.refusals.size() >= kMaxRefusals) break;
     }
   }
   return plan_.refusals.empty();

@@ -16,14 +16,52 @@ namespace {
 
 constexpr char kNoName[] = "request";
 
+// Far beyond what people write, and little enough that a request that is as
+// long as can be is refused at once and with little memory.
+constexpr size_t kLongestName = 255;  // kept with each flow
+constexpr size_t kLongestLine = size_t{256} << 10;
+constexpr size_t kLongestReason = 500;
+constexpr size_t kMostFlows = 1'000'000;
+constexpr size_t kMostRefusals = 1000;
+// Strict ones are looked up, others compared with every flow.
+constexpr size_t kMostStrictFilters = 100'000;
+constexpr size_t kMostFilters = 1000;
+
+// Of UTF-8 text.
+bool isInsideCharacter(char c) {
+  return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
+}
+
+std::string requestName(const std::string& name) {
+  if (name.empty()) return kNoName;
+  if (name.size() <= kLongestName) return name;
+  size_t begin = name.size() - kLongestName + 3;
+  while (isInsideCharacter(name[begin])) begin++;
+  return "..." + name.substr(begin);
+}
+
+// The first `most` bytes of UTF-8 text and a mark for what is missing. A reply
+// with half a character in it could not be read.
+std::string cutText(std::string_view text, size_t most) {
+  if (text.size() <= most) return std::string(text);
+  while (isInsideCharacter(text[most])) most--;
+  return std::string(text.substr(0, most)) + "...";
+}
+
+void checkLine(size_t length) {
+  if (length > kLongestLine) {
+    refuse("the line has {} characters, at most {} are taken", length,
+           kLongestLine);
+  }
+}
+
 // Refuses what would be more than one word of flow text.
 void checkWord(std::string_view what, std::string_view text,
                std::string_view separators) {
   const bool printable = std::ranges::all_of(
       text, [](unsigned char c) { return c > 0x20 && c < 0x7f; });
   if (!printable || text.find_first_of(separators) != std::string_view::npos) {
-    refuse("{} \"{}\" is not one word of flow text", what,
-           std::string(text.substr(0, 80)));
+    refuse("{} \"{}\" is not one word of flow text", what, cutText(text, 80));
   }
 }
 
@@ -103,7 +141,10 @@ class MessageText {
 
 void readFlows(const pb::FlowChange& change, const std::string& name,
                FlowRequest* request) {
-  const FlowReader reader({.allowTimeouts = true});
+  const FlowReader reader({.allowTimeouts = true,
+                           .longestLine = kLongestLine,
+                           .mostFlows = kMostFlows,
+                           .mostRefusals = kMostRefusals});
   std::istringstream text(change.text());
   FlowFile file = reader.read(text, name);
   request->flows = std::move(file.flows);
@@ -111,8 +152,17 @@ void readFlows(const pb::FlowChange& change, const std::string& name,
   int number = 0;
   for (const pb::FlowMessage& message : change.flows()) {
     number++;
+    if (request->refusals.size() >= kMostRefusals) return;
+    if (request->flows.size() >= kMostFlows) {
+      request->refusals.push_back(
+          {name, number,
+           fmt::format("at most {} flows are taken at once", kMostFlows)});
+      return;
+    }
     try {
-      Flow flow = reader.readLine(MessageText(message).flow());
+      const std::string line = MessageText(message).flow();
+      checkLine(line.size());
+      Flow flow = reader.readLine(line);
       flow.file = name;
       flow.line = number;
       request->flows.push_back(std::move(flow));
@@ -124,24 +174,36 @@ void readFlows(const pb::FlowChange& change, const std::string& name,
 
 void readFilters(const pb::FlowChange& change, const std::string& name,
                  FlowRequest* request) {
+  const size_t most = change.strict() ? kMostStrictFilters : kMostFilters;
+  // Answers false when enough is wrong.
   const auto read = [&](int number, const auto& filterText) {
+    if (request->filters.size() >= most) {
+      request->refusals.push_back(
+          {name, number,
+           fmt::format("at most {} filters are taken at once", most)});
+      return false;
+    }
     try {
-      request->filters.push_back(
-          parseFlowFilter(filterText(), change.strict()));
+      const std::string line = filterText();
+      checkLine(line.size());
+      request->filters.push_back(parseFlowFilter(line, change.strict()));
     } catch (const Refused& refused) {
       request->refusals.push_back({name, number, refused.what()});
     }
+    return request->refusals.size() < kMostRefusals;
   };
   std::istringstream lines(change.text());
   std::string text;
   for (int number = 1; std::getline(lines, text); number++) {
     const std::string_view line =
         trim(std::string_view(text).substr(0, text.find('#')));
-    if (!line.empty()) read(number, [&] { return std::string(line); });
+    if (!line.empty() && !read(number, [&] { return std::string(line); })) {
+      return;
+    }
   }
   int number = 0;
   for (const pb::FlowMessage& message : change.flows()) {
-    read(++number, [&] { return MessageText(message).filter(); });
+    if (!read(++number, [&] { return MessageText(message).filter(); })) return;
   }
   if (request->ok() && request->filters.empty()) {
     if (change.strict()) {
@@ -156,8 +218,7 @@ void readFilters(const pb::FlowChange& change, const std::string& name,
 }  // namespace
 
 FlowRequest readFlowRequest(const pb::FlowChange& change) {
-  const std::string name =
-      change.text_name().empty() ? kNoName : change.text_name();
+  const std::string name = requestName(change.text_name());
   FlowRequest request;
   switch (change.operation()) {
     case pb::FLOW_OPERATION_ADD:
@@ -175,6 +236,9 @@ FlowRequest readFlowRequest(const pb::FlowChange& change) {
     default:
       request.refusals.push_back(
           {name, 0, "the operation must be one of add, delete and replace"});
+  }
+  for (Diagnostic& refusal : request.refusals) {
+    refusal.reason = cutText(refusal.reason, kLongestReason);
   }
   return request;
 }
