@@ -20,6 +20,7 @@ set_target_properties(PkgConfig::DPDK PROPERTIES INTERFACE_COMPILE_OPTIONS "${dp
 if(NOT BESS_CORE_DIR)
   find_package(CLI11 REQUIRED)
   find_package(nlohmann_json REQUIRED)
+  find_package(OpenSSL REQUIRED)
   pkg_check_modules(PCAP REQUIRED IMPORTED_TARGET GLOBAL libpcap)
   pkg_check_modules(GRPC REQUIRED IMPORTED_TARGET GLOBAL grpc++)
   pkg_check_modules(PROMETHEUS REQUIRED IMPORTED_TARGET GLOBAL prometheus-cpp-pull)

@@ -80,6 +80,7 @@ void printEnd(const pb::StatsReply& stats) {
 
 // What can be said without starting anything.
 int check(const SwitchConfig& config) {
+  checkControlAddress(config);
   size_t flows = 0;
   size_t refusals = 0;
   for (const std::string& path : config.flowFiles) {

@@ -26,6 +26,11 @@ grpc::Status callStatus(grpc::StatusCode code, std::string_view text) {
   return {code, line};
 }
 
+grpc::Status tooManyCalls() {
+  return callStatus(grpc::StatusCode::RESOURCE_EXHAUSTED,
+                    "too many requests at once; try again");
+}
+
 grpc::Status statusOf(const std::exception_ptr& error) {
   try {
     std::rethrow_exception(error);

@@ -12,6 +12,9 @@ namespace ofswitch {
 // the header that carries it.
 grpc::Status callStatus(grpc::StatusCode code, std::string_view text);
 
+// What a call ends with that there is no place for.
+grpc::Status tooManyCalls();
+
 // What a call ends with whose work has thrown `error`.
 grpc::Status statusOf(const std::exception_ptr& error);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/control_server.h"
 
+#include <fmt/format.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
 #include <grpcpp/grpcpp.h>
 #include <grpcpp/health_check_service_interface.h>
@@ -13,8 +14,11 @@
 
 #include "switch/control/connection_door.h"
 #include "switch/control/control_socket.h"
+#include "switch/control/host_service.h"
 #include "switch/control/message_codec.h"
 #include "switch/control/switch_service.h"
+#include "switch/control/tcp_address.h"
+#include "switch/control/tls_files.h"
 #include "switch/control/work_queue.h"
 
 namespace ofswitch {
@@ -24,6 +28,10 @@ using std::chrono::milliseconds;
 
 constexpr unsigned kCommandThreads = 4;
 constexpr unsigned kReaderThreads = 2;
+// Calls that can be under way at once: those that the command thread answers,
+// and readers of the log, of which most wait for something to happen.
+constexpr size_t kMostCommands = 4096;
+constexpr size_t kMostReaders = 4096;
 
 constexpr size_t kMostConnections = 4096;
 constexpr int kMostCallsOfConnection = 128;
@@ -77,35 +85,66 @@ void setLimits(grpc::ServerBuilder* builder) {
   builder->AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
 }
 
+constexpr char kAddressKey[] = "control.address";
+
+TcpAddress checkedAddress(const SwitchConfig& config) {
+  TcpAddress address(config.controlAddress, kAddressKey);
+  if (!address.isLoopback() && !hasTls(config)) {
+    throw StartError(fmt::format(
+        "{}: {} can be reached from elsewhere and needs control.tls: "
+        "certificate, key and client_ca",
+        kAddressKey, config.controlAddress));
+  }
+  return address;
+}
+
 }  // namespace
+
+void checkControlAddress(const SwitchConfig& config) {
+  if (config.controlAddress.empty()) return;
+  checkedAddress(config);
+  if (hasTls(config)) makeTlsCredentials(config);
+}
 
 class ControlServer::Impl {
  public:
-  explicit Impl(const SwitchConfig& config)
-      : unixSocket_(ListeningSocket::atPath(config.controlSocket)) {}
+  explicit Impl(const SwitchConfig& config) {
+    if (!config.controlAddress.empty()) {
+      const TcpAddress address = checkedAddress(config);
+      tcpCredentials_ = hasTls(config) ? makeTlsCredentials(config)
+                                       : grpc::InsecureServerCredentials();
+      tcpSocket_ = ListeningSocket::atAddress(config.controlAddress, address,
+                                              kAddressKey);
+    }
+    unixSocket_ = ListeningSocket::atPath(config.controlSocket);
+  }
 
   ~Impl() { stop(); }
 
   void serve(LiveSwitch* live) {
-    commands_ = std::make_unique<WorkQueue>(kCommandThreads);
-    readers_ = std::make_unique<WorkQueue>(kReaderThreads);
+    commands_ = std::make_unique<WorkQueue>(kCommandThreads, kMostCommands);
+    readers_ = std::make_unique<WorkQueue>(kReaderThreads, kMostReaders);
     service_ =
         std::make_unique<SwitchService>(live, commands_.get(), readers_.get());
+    hostService_ = std::make_unique<HostService>(commands_.get());
     grpc::EnableDefaultHealthCheckService(true);
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
     grpc::ServerBuilder builder;
     setLimits(&builder);
     builder.RegisterService(service_.get());
+    builder.RegisterService(hostService_.get());
     std::vector<ConnectionDoor::Entrance> entrances;
     entrances.push_back(
-        {&unixSocket_, builder.experimental().AddExternalConnectionAcceptor(
-                           grpc::ServerBuilder::experimental_type::
-                               ExternalConnectionType::FROM_FD,
-                           grpc::InsecureServerCredentials())});
+        {&unixSocket_, acceptor(&builder, grpc::InsecureServerCredentials())});
+    if (tcpCredentials_ != nullptr) {
+      entrances.push_back({&tcpSocket_, acceptor(&builder, tcpCredentials_)});
+    }
     server_ = builder.BuildAndStart();
     if (server_ == nullptr) throw StartError("the control door cannot open");
-    server_->GetHealthCheckService()->SetServingStatus(
-        pb::Switch::service_full_name(), true);
+    for (const char* name : {pb::Switch::service_full_name(),
+                             bess::pb::Host::service_full_name()}) {
+      server_->GetHealthCheckService()->SetServingStatus(name, true);
+    }
     door_ = std::make_unique<ConnectionDoor>(std::move(entrances),
                                              connectionLimit());
   }
@@ -113,20 +152,37 @@ class ControlServer::Impl {
   void stop() {
     door_.reset();
     unixSocket_ = {};
+    tcpSocket_ = {};
     if (server_ != nullptr) {
       server_->Shutdown(std::chrono::system_clock::now());
       server_.reset();
     }
     service_.reset();
+    hostService_.reset();
     commands_.reset();
     readers_.reset();
   }
 
+  uint16_t tcpPort() const {
+    return tcpCredentials_ == nullptr ? 0 : tcpSocket_.port();
+  }
+
  private:
+  static std::unique_ptr<ConnectionDoor::Acceptor> acceptor(
+      grpc::ServerBuilder* builder,
+      const std::shared_ptr<grpc::ServerCredentials>& credentials) {
+    using Type = grpc::ServerBuilder::experimental_type::ExternalConnectionType;
+    return builder->experimental().AddExternalConnectionAcceptor(Type::FROM_FD,
+                                                                 credentials);
+  }
+
+  std::shared_ptr<grpc::ServerCredentials> tcpCredentials_;  // null: no TCP
+  ListeningSocket tcpSocket_;
   ListeningSocket unixSocket_;
   std::unique_ptr<WorkQueue> commands_;
   std::unique_ptr<WorkQueue> readers_;
   std::unique_ptr<SwitchService> service_;
+  std::unique_ptr<HostService> hostService_;
   std::unique_ptr<grpc::Server> server_;
   std::unique_ptr<ConnectionDoor> door_;
 };
@@ -139,5 +195,7 @@ ControlServer::~ControlServer() = default;
 void ControlServer::serve(LiveSwitch* live) { impl_->serve(live); }
 
 void ControlServer::stop() { impl_->stop(); }
+
+uint16_t ControlServer::tcpPort() const { return impl_->tcpPort(); }
 
 }  // namespace ofswitch

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
-// The control door of a running switch: gRPC on a unix socket.
+// The control door of a running switch: gRPC on a unix socket and, when asked
+// for, on a TCP port. Without TLS that is one of this machine alone; from
+// elsewhere come only clients with a certificate.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "switch/live/config.h"
@@ -10,10 +13,14 @@
 
 namespace ofswitch {
 
+// Throws StartError for a control address that must not or cannot be served.
+// Nothing is opened.
+void checkControlAddress(const SwitchConfig& config);
+
 // One a process. Clients that connect before `serve` wait for it.
 class ControlServer {
  public:
-  // Takes the socket. Throws StartError.
+  // Takes the sockets. Throws StartError.
   explicit ControlServer(const SwitchConfig& config);
   // Stops.
   ~ControlServer();
@@ -26,6 +33,9 @@ class ControlServer {
   // Removes the socket, ends all calls and waits for those that are changing
   // something.
   void stop();
+
+  // The TCP port; 0 without one.
+  uint16_t tcpPort() const;
 
  private:
   class Impl;

@@ -143,4 +143,29 @@ ListeningSocket ListeningSocket::atPath(const std::string& path) {
   return socket;
 }
 
+ListeningSocket ListeningSocket::atAddress(const std::string& text,
+                                           const TcpAddress& address,
+                                           const std::string& key) {
+  ListeningSocket made;
+  made.fd_ =
+      socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int on = 1;
+  if (made.fd_ < 0 ||
+      setsockopt(made.fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+      bind(made.fd_, address.data(), address.size()) != 0 ||
+      listen(made.fd_, kBacklog) != 0) {
+    throw StartError(fmt::format("{}: {}: cannot listen there: {}", key, text,
+                                 std::strerror(errno)));
+  }
+  return made;
+}
+
+uint16_t ListeningSocket::port() const {
+  sockaddr_storage address{};
+  socklen_t size = sizeof(address);
+  getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+  // Both families have it in the same place.
+  return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
+}
+
 }  // namespace ofswitch

@@ -3,7 +3,10 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
+
+#include "switch/control/tcp_address.h"
 
 namespace ofswitch {
 
@@ -24,6 +27,14 @@ class ListeningSocket {
   // has left there is replaced, and one that runs is refused. Throws
   // StartError.
   static ListeningSocket atPath(const std::string& path);
+
+  // A TCP socket; `key` stands in errors. Throws StartError.
+  static ListeningSocket atAddress(const std::string& text,
+                                   const TcpAddress& address,
+                                   const std::string& key);
+
+  // Of a TCP socket.
+  uint16_t port() const;
 
  private:
   int fd_ = -1;

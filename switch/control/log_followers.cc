@@ -1,56 +1,93 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/log_followers.h"
 
-#include <chrono>
+#include <atomic>
 #include <utility>
+
+#include "switch/control/message_codec.h"
 
 namespace ofswitch {
 namespace {
 
-// How late a line may come.
-constexpr auto kTick = std::chrono::milliseconds(100);
+using More = StreamCall::More;
+
+constexpr size_t kEntriesAtOnce = 64;
 
 }  // namespace
 
-LogFollowers::LogFollowers(const LiveSwitch* live)
-    : live_(live), thread_([this] { watch(); }) {}
+// The log as one client reads it.
+class LogFollowers::Reader {
+ public:
+  explicit Reader(const LiveSwitch* live) : live_(live) {}
 
-LogFollowers::~LogFollowers() {
+  More fill(const grpc::ByteBuffer& bytes, StreamCall* call) {
+    if (!hasBegun_) begin(bytes);
+    const uint64_t start = request_.since();
+    const LiveSwitch::LogReading reading =
+        live_->readLog(request_, kEntriesAtOnce);
+    for (const pb::LogEntry& entry : reading.entries) {
+      if (!request_.follow() && entry.position() >= end_) return More::kNone;
+      call->send(encode(entry));
+    }
+    request_.set_since(reading.next);
+    next_ = reading.next;
+    const bool isAtEnd = reading.next == start;
+    if (request_.follow()) return isAtEnd ? More::kLater : More::kNow;
+    return isAtEnd || reading.next >= end_ ? More::kNone : More::kNow;
+  }
+
+  uint64_t next() const { return next_; }
+
+ private:
+  void begin(const grpc::ByteBuffer& bytes) {
+    decode(bytes, kSmallMessage, &request_);
+    const LiveSwitch::LogReading reading = live_->readLog(request_);
+    end_ = reading.next;
+    if (request_.last() > 0) {
+      request_.set_since(
+          reading.entries.empty() ? end_ : reading.entries.front().position());
+      request_.clear_last();
+    }
+    hasBegun_ = true;
+  }
+
+  const LiveSwitch* const live_;
+  pb::LogRequest request_;
+  uint64_t end_ = 0;  // of the log when the call came
+  bool hasBegun_ = false;
+  std::atomic<uint64_t> next_ = 0;
+};
+
+std::shared_ptr<StreamCall> LogFollowers::start(
+    WorkQueue* queue, grpc::CallbackServerContext* context,
+    const grpc::ByteBuffer* request) {
+  const auto reader = std::make_shared<Reader>(live_);
+  std::shared_ptr<StreamCall> call =
+      StreamCall::start(queue, context, [reader, request](StreamCall* stream) {
+        return reader->fill(*request, stream);
+      });
+  const std::lock_guard lock(mutex_);
+  entries_.push_back({reader, call});
+  return call;
+}
+
+void LogFollowers::tick() {
   {
     const std::lock_guard lock(mutex_);
-    ending_ = true;
+    std::erase_if(entries_,
+                  [](const Entry& entry) { return entry.reader.expired(); });
+    if (entries_.empty()) return;
   }
-  wake_.notify_all();
-  thread_.join();
-}
-
-void LogFollowers::add(std::weak_ptr<StreamCall> call, Position position) {
-  const std::lock_guard lock(mutex_);
-  followers_.push_back({std::move(call), std::move(position)});
-}
-
-void LogFollowers::watch() {
   pb::LogRequest news;
-  std::unique_lock lock(mutex_);
-  while (!wake_.wait_for(lock, kTick, [this] { return ending_; })) {
-    std::erase_if(followers_, [](const Follower& follower) {
-      return follower.call.expired();
-    });
-    if (followers_.empty()) continue;
-    lock.unlock();
-    news.set_since(live_->readLog(news).next);
-    wakeBehind(news.since());
-    lock.lock();
-  }
-}
-
-void LogFollowers::wakeBehind(uint64_t end) {
+  news.set_since(end_);
+  end_ = live_->readLog(news).next;
   std::vector<std::shared_ptr<StreamCall>> behind;
   {
     const std::lock_guard lock(mutex_);
-    for (const Follower& follower : followers_) {
-      if (follower.position->load() >= end) continue;
-      if (auto call = follower.call.lock()) behind.push_back(std::move(call));
+    for (const Entry& entry : entries_) {
+      const auto reader = entry.reader.lock();
+      if (reader == nullptr || reader->next() >= end_) continue;
+      if (auto call = entry.call.lock()) behind.push_back(std::move(call));
     }
   }
   for (const auto& call : behind) call->wake();

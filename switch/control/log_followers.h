@@ -1,49 +1,43 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "switch/control/stream_call.h"
+#include "switch/control/work_queue.h"
 #include "switch/live/live_switch.h"
 
 namespace ofswitch {
 
-// Wakes who follows the log when there is something new. Writers of the log do
-// not tell of it: they must not wait for anybody.
+// The clients that are being sent the log, and wakes those that follow it when
+// there is something new. Writers of the log do not tell of it: they must not
+// wait for anybody.
 class LogFollowers {
  public:
-  // Where one follower will go on reading.
-  using Position = std::shared_ptr<std::atomic<uint64_t>>;
+  explicit LogFollowers(const LiveSwitch* live) : live_(live) {}
 
-  explicit LogFollowers(const LiveSwitch* live);
-  ~LogFollowers();
-  LogFollowers(const LogFollowers&) = delete;
-  LogFollowers& operator=(const LogFollowers&) = delete;
+  // Answers one call.
+  std::shared_ptr<StreamCall> start(WorkQueue* queue,
+                                    grpc::CallbackServerContext* context,
+                                    const grpc::ByteBuffer* request);
 
-  // Until the call is gone.
-  void add(std::weak_ptr<StreamCall> call, Position position);
+  // Wakes who has something to read. To be called now and then, by one thread.
+  void tick();
 
  private:
-  struct Follower {
+  class Reader;
+  struct Entry {
+    std::weak_ptr<Reader> reader;
     std::weak_ptr<StreamCall> call;
-    Position position;
   };
 
-  void watch();
-  void wakeBehind(uint64_t end);
-
   const LiveSwitch* const live_;
+  uint64_t end_ = 0;  // of the log, as the last tick has seen it
   std::mutex mutex_;
-  std::condition_variable wake_;
-  std::vector<Follower> followers_;
-  bool ending_ = false;
-  std::thread thread_;
+  std::vector<Entry> entries_;
 };
 
 }  // namespace ofswitch

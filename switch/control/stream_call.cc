@@ -7,10 +7,24 @@
 
 namespace ofswitch {
 
-std::shared_ptr<StreamCall> StreamCall::start(WorkQueue* queue, Fill fill) {
+namespace {
+
+// Sending and making of messages alternate, so that little waits; not so often
+// that it costs.
+constexpr size_t kBytesAhead = size_t{64} << 10;
+
+}  // namespace
+
+std::shared_ptr<StreamCall> StreamCall::start(
+    WorkQueue* queue, grpc::CallbackServerContext* context, Fill fill) {
   const std::shared_ptr<StreamCall> call(
-      new StreamCall(queue, std::move(fill)));
+      new StreamCall(queue, context, std::move(fill)));
   call->self_ = call;
+  call->hasPlace_ = queue->takePlace();
+  if (!call->hasPlace_) {
+    call->status_ = tooManyCalls();
+    call->more_ = More::kNone;
+  }
   call->advance();
   return call;
 }
@@ -19,14 +33,15 @@ void StreamCall::send(grpc::ByteBuffer message) {
   {
     const std::lock_guard lock(mutex_);
     if (isCancelled_) return;
+    unsentBytes_ += message.Length();
     unsent_.push_back(std::move(message));
   }
   advance();
 }
 
-size_t StreamCall::unsent() const {
+bool StreamCall::isFull() const {
   const std::lock_guard lock(mutex_);
-  return unsent_.size();
+  return unsentBytes_ >= kBytesAhead || isCancelled_;
 }
 
 void StreamCall::wake() {
@@ -34,6 +49,20 @@ void StreamCall::wake() {
     const std::lock_guard lock(mutex_);
     isWoken_ = true;
     if (more_ == More::kLater) more_ = More::kNow;
+  }
+  advance();
+}
+
+void StreamCall::cancel() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (isFinished_) return;
+    isBeingCancelled_ = true;
+  }
+  context_->TryCancel();
+  {
+    const std::lock_guard lock(mutex_);
+    isBeingCancelled_ = false;
   }
   advance();
 }
@@ -58,6 +87,7 @@ void StreamCall::OnCancel() {
 void StreamCall::OnDone() {
   // What `fill_` holds must not outlive the call because somebody holds it.
   fill_ = nullptr;
+  if (hasPlace_) queue_->givePlaceBack();
   self_.reset();
 }
 
@@ -65,9 +95,10 @@ void StreamCall::OnDone() {
 // are therefore called without the lock.
 void StreamCall::advance() {
   std::unique_lock lock(mutex_);
-  if (isSending_ || isFinished_) return;
+  if (isSending_ || isFinished_ || isBeingCancelled_) return;
   if (isCancelled_) {
     unsent_.clear();
+    unsentBytes_ = 0;
     more_ = More::kNone;
     if (status_.ok()) {
       status_ = callStatus(grpc::StatusCode::CANCELLED, "cancelled");
@@ -76,6 +107,7 @@ void StreamCall::advance() {
   if (!unsent_.empty()) {
     sending_ = std::move(unsent_.front());
     unsent_.pop_front();
+    unsentBytes_ -= sending_.Length();
     isSending_ = true;
     lock.unlock();
     StartWrite(&sending_);

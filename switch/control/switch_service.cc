@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/switch_service.h"
 
-#include <algorithm>
+#include <chrono>
 #include <memory>
-#include <utility>
-#include <vector>
 
 #include "switch/control/message_codec.h"
 #include "switch/control/stream_call.h"
@@ -13,67 +11,37 @@
 namespace ofswitch {
 namespace {
 
-using More = StreamCall::More;
+// How late a line of the log may come.
+constexpr auto kTick = std::chrono::milliseconds(100);
 
-// Messages that wait for a client to read them; more are made when these are
-// sent.
-constexpr size_t kMessagesAhead = 256;
+using More = StreamCall::More;
 
 // A client that is slow to read misses steps, not the reply.
 pb::FlowChangeReply changeFlows(LiveSwitch* live, const pb::FlowChange& change,
                                 StreamCall* call) {
   return live->changeFlows(change, [call](const pb::FlowProgress& progress) {
-    if (call->unsent() >= kMessagesAhead) return;
+    if (call->isFull()) return;
     pb::FlowChangeEvent event;
     *event.mutable_progress() = progress;
     call->send(encode(event));
   });
 }
 
-// The log as one client reads it.
-class LogReader {
- public:
-  LogReader(const LiveSwitch* live, LogFollowers::Position position)
-      : live_(live), position_(std::move(position)) {}
-
-  More fill(const grpc::ByteBuffer& bytes, StreamCall* call) {
-    if (!hasBegun_) begin(bytes);
-    const LiveSwitch::LogReading reading =
-        live_->readLog(request_, kMessagesAhead);
-    for (const pb::LogEntry& entry : reading.entries) {
-      if (!request_.follow() && entry.position() >= end_) return More::kNone;
-      call->send(encode(entry));
-    }
-    const bool isAtEnd = reading.next == request_.since();
-    request_.set_since(reading.next);
-    *position_ = reading.next;
-    if (request_.follow()) return isAtEnd ? More::kLater : More::kNow;
-    return isAtEnd || reading.next >= end_ ? More::kNone : More::kNow;
-  }
-
- private:
-  void begin(const grpc::ByteBuffer& bytes) {
-    decode(bytes, kSmallMessage, &request_);
-    const LiveSwitch::LogReading reading = live_->readLog(request_);
-    end_ = reading.next;
-    if (request_.last() > 0) {
-      request_.set_since(
-          reading.entries.empty() ? end_ : reading.entries.front().position());
-      request_.clear_last();
-    }
-    hasBegun_ = true;
-  }
-
-  const LiveSwitch* const live_;
-  const LogFollowers::Position position_;
-  pb::LogRequest request_;
-  uint64_t end_ = 0;
-  bool hasBegun_ = false;
-};
-
 }  // namespace
 
-SwitchService::StreamReactor* SwitchService::ChangeFlows(Context* /*context*/,
+SwitchService::SwitchService(LiveSwitch* live, WorkQueue* commands,
+                             WorkQueue* readers)
+    : live_(live),
+      commands_(commands),
+      readers_(readers),
+      listings_(live),
+      followers_(live),
+      ticker_(kTick, [this] {
+        listings_.tick();
+        followers_.tick();
+      }) {}
+
+SwitchService::StreamReactor* SwitchService::ChangeFlows(Context* context,
                                                          const Bytes* request) {
   const auto fill = [live = live_, request](StreamCall* call) {
     pb::FlowChange change;
@@ -83,21 +51,12 @@ SwitchService::StreamReactor* SwitchService::ChangeFlows(Context* /*context*/,
     call->send(encode(event));
     return More::kNone;
   };
-  return StreamCall::start(commands_, fill).get();
+  return StreamCall::start(commands_, context, fill).get();
 }
 
-SwitchService::StreamReactor* SwitchService::DumpFlows(Context* /*context*/,
+SwitchService::StreamReactor* SwitchService::DumpFlows(Context* context,
                                                        const Bytes* request) {
-  const auto fill = [live = live_, request](StreamCall* call) {
-    pb::FlowFilter filter;
-    decode(*request, kSmallMessage, &filter);
-    live->dumpFlows(filter, [call](const pb::FlowEntry& entry) {
-      call->send(encode(entry));
-      return true;
-    });
-    return More::kNone;
-  };
-  return StreamCall::start(commands_, fill).get();
+  return listings_.start(commands_, context, request).get();
 }
 
 SwitchService::UnaryReactor* SwitchService::GetTables(Context* context,
@@ -124,16 +83,9 @@ SwitchService::UnaryReactor* SwitchService::GetStats(Context* context,
       [live = live_](const auto& message) { return live->stats(message); });
 }
 
-SwitchService::StreamReactor* SwitchService::ReadLog(Context* /*context*/,
+SwitchService::StreamReactor* SwitchService::ReadLog(Context* context,
                                                      const Bytes* request) {
-  const auto position = std::make_shared<std::atomic<uint64_t>>(0);
-  const auto reader = std::make_shared<LogReader>(live_, position);
-  const std::shared_ptr<StreamCall> call =
-      StreamCall::start(readers_, [reader, request](StreamCall* stream) {
-        return reader->fill(*request, stream);
-      });
-  followers_.add(call, position);
-  return call.get();
+  return followers_.start(readers_, context, request).get();
 }
 
 SwitchService::UnaryReactor* SwitchService::SetLogLevels(Context* context,

@@ -4,7 +4,9 @@
 #include <grpcpp/grpcpp.h>
 
 #include "switch.grpc.pb.h"
+#include "switch/control/flow_listings.h"
 #include "switch/control/log_followers.h"
+#include "switch/control/ticker.h"
 #include "switch/control/work_queue.h"
 #include "switch/live/live_switch.h"
 
@@ -26,8 +28,7 @@ using RawSwitchService = pb::Switch::WithRawCallbackMethod_ChangeFlows<
 class SwitchService final : public RawSwitchService {
  public:
   // `commands` runs what waits for the command thread, `readers` what does not.
-  SwitchService(LiveSwitch* live, WorkQueue* commands, WorkQueue* readers)
-      : live_(live), commands_(commands), readers_(readers), followers_(live) {}
+  SwitchService(LiveSwitch* live, WorkQueue* commands, WorkQueue* readers);
 
   using Context = grpc::CallbackServerContext;
   using Bytes = grpc::ByteBuffer;
@@ -52,7 +53,9 @@ class SwitchService final : public RawSwitchService {
   LiveSwitch* const live_;
   WorkQueue* const commands_;
   WorkQueue* const readers_;
+  FlowListings listings_;
   LogFollowers followers_;
+  Ticker ticker_;
 };
 
 }  // namespace ofswitch

@@ -12,17 +12,22 @@ grpc::ServerUnaryReactor* startUnaryCall(
     WorkQueue* queue, grpc::CallbackServerContext* context,
     grpc::ByteBuffer* reply, std::function<grpc::ByteBuffer()> work) {
   grpc::ServerUnaryReactor* reactor = context->DefaultReactor();
-  queue->add([context, reactor, reply, work = std::move(work)] {
-    if (context->IsCancelled()) {
-      reactor->Finish(callStatus(grpc::StatusCode::CANCELLED, "cancelled"));
-      return;
-    }
+  if (!queue->takePlace()) {
+    reactor->Finish(tooManyCalls());
+    return reactor;
+  }
+  queue->add([queue, context, reactor, reply, work = std::move(work)] {
     grpc::Status status;
-    try {
-      *reply = work();
-    } catch (...) {
-      status = statusOf(std::current_exception());
+    if (context->IsCancelled()) {
+      status = callStatus(grpc::StatusCode::CANCELLED, "cancelled");
+    } else {
+      try {
+        *reply = work();
+      } catch (...) {
+        status = statusOf(std::current_exception());
+      }
     }
+    queue->givePlaceBack();
     reactor->Finish(status);
   });
   return reactor;

@@ -5,7 +5,7 @@
 
 namespace ofswitch {
 
-WorkQueue::WorkQueue(unsigned threads) {
+WorkQueue::WorkQueue(unsigned threads, size_t places) : places_(places) {
   threads_.reserve(threads);
   for (unsigned i = 0; i < threads; i++) {
     threads_.emplace_back([this] { serve(); });
@@ -19,6 +19,18 @@ WorkQueue::~WorkQueue() {
   }
   wake_.notify_all();
   for (std::thread& thread : threads_) thread.join();
+}
+
+bool WorkQueue::takePlace() {
+  const std::lock_guard lock(mutex_);
+  if (places_ == 0) return false;
+  places_--;
+  return true;
+}
+
+void WorkQueue::givePlaceBack() {
+  const std::lock_guard lock(mutex_);
+  places_++;
 }
 
 void WorkQueue::add(std::function<void()> work) {

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/control/flow_listings.h"
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <utility>
+
+#include "switch/control/message_codec.h"
+
+namespace ofswitch {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using More = StreamCall::More;
+
+// How long a client may rest while others wait.
+constexpr auto kLongestRest = std::chrono::seconds(10);
+
+}  // namespace
+
+// One client's listing. The atomic members are for others to see.
+class FlowListings::Reader {
+ public:
+  explicit Reader(const FlowListings* listings) : listings_(listings) {}
+
+  More fill(const grpc::ByteBuffer& request, StreamCall* call) {
+    if (!hasBegun_) {
+      isWaiting_ = listings_->isFull();
+      if (isWaiting_) return More::kLater;
+      pb::FlowFilter filter;
+      decode(request, kSmallMessage, &filter);
+      listing_ = listings_->live_->listFlows(filter);
+      hasBegun_ = true;
+    }
+    More more = More::kNow;
+    while (more == More::kNow && !call->isFull()) {
+      if (const std::optional<pb::FlowEntry> entry = listing_.next()) {
+        call->send(encode(*entry));
+      } else {
+        more = More::kNone;
+      }
+    }
+    left_ = listing_.left();
+    lastSent_ = Clock::now();
+    return more;
+  }
+
+  bool isWaiting() const { return isWaiting_; }
+  size_t left() const { return left_; }
+  bool rests() const {
+    return left_ > 0 && Clock::now() - lastSent_.load() > kLongestRest;
+  }
+
+ private:
+  const FlowListings* const listings_;
+  FlowListing listing_;
+  bool hasBegun_ = false;
+  std::atomic<bool> isWaiting_ = false;
+  std::atomic<size_t> left_ = 0;
+  std::atomic<Clock::time_point> lastSent_{};
+};
+
+std::shared_ptr<StreamCall> FlowListings::start(
+    WorkQueue* queue, grpc::CallbackServerContext* context,
+    const grpc::ByteBuffer* request) {
+  const auto reader = std::make_shared<Reader>(this);
+  std::shared_ptr<StreamCall> call =
+      StreamCall::start(queue, context, [reader, request](StreamCall* stream) {
+        return reader->fill(*request, stream);
+      });
+  const std::lock_guard lock(mutex_);
+  entries_.push_back({reader, call});
+  return call;
+}
+
+void FlowListings::tick() {
+  std::vector<std::shared_ptr<StreamCall>> waiting;
+  std::vector<std::shared_ptr<StreamCall>> resting;
+  {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(entries_,
+                  [](const Entry& entry) { return entry.reader.expired(); });
+    for (const Entry& entry : entries_) {
+      const auto reader = entry.reader.lock();
+      auto call = entry.call.lock();
+      if (reader == nullptr || call == nullptr) continue;
+      if (reader->isWaiting()) {
+        waiting.push_back(std::move(call));
+      } else if (reader->rests()) {
+        resting.push_back(std::move(call));
+      }
+    }
+  }
+  if (waiting.empty()) return;
+  if (isFull()) {
+    for (const auto& call : resting) call->cancel();
+  } else {
+    for (const auto& call : waiting) call->wake();
+  }
+}
+
+bool FlowListings::isFull() const {
+  const std::lock_guard lock(mutex_);
+  size_t kept = 0;
+  for (const Entry& entry : entries_) {
+    if (const auto reader = entry.reader.lock()) kept += reader->left();
+  }
+  return kept >= mostFlows_;
+}
+
+}  // namespace ofswitch
