@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/client/switch_client.h"
+
+#include <fmt/format.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include "switch/client/probe.h"
+
+namespace ofswitch {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A switch opens its door first and answers when its flows are loaded.
+constexpr auto kPatience = 60s;
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string text((std::istreambuf_iterator<char>(in)), {});
+  if (in.bad() || text.empty()) {
+    throw ClientError(
+        fmt::format("{}: cannot be read, or there is nothing in it", path));
+  }
+  return text;
+}
+
+std::shared_ptr<grpc::ChannelCredentials> credentials(const DoorOptions& door) {
+  if (door.tlsCa.empty()) return grpc::InsecureChannelCredentials();
+  return grpc::SslCredentials({readFile(door.tlsCa), readFile(door.tlsKey),
+                               readFile(door.tlsCertificate)});
+}
+
+// gRPC takes addresses as URIs.
+std::string percentEncoded(const std::string& path) {
+  std::string encoded;
+  for (const char c : path) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) || std::string("/-._~").find(c) != std::string::npos)
+      encoded += c;
+    else
+      encoded += fmt::format("%{:02X}", byte);
+  }
+  return encoded;
+}
+
+bool isReady(grpc::Channel* channel) {
+  const auto deadline = std::chrono::system_clock::now() + kPatience;
+  grpc_connectivity_state state = channel->GetState(true);
+  while (state != GRPC_CHANNEL_READY) {
+    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE ||
+        !channel->WaitForStateChange(state, deadline)) {
+      return false;
+    }
+    state = channel->GetState(true);
+  }
+  return true;
+}
+
+std::shared_ptr<grpc::Channel> makeChannel(const DoorOptions& door) {
+  // It explains failures on standard error in lines of its own.
+  setenv("GRPC_VERBOSITY", "NONE", 0);
+  grpc::ChannelArguments arguments;
+  arguments.SetMaxReceiveMessageSize(-1);
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  arguments.SetInt(
+      GRPC_ARG_MIN_RECONNECT_BACKOFF_MS,
+      static_cast<int>(std::chrono::milliseconds(kPatience).count()));
+  const std::string target = door.address.empty()
+                                 ? "unix:" + percentEncoded(door.socketPath())
+                                 : "dns:///" + door.address;
+  return grpc::CreateCustomChannel(target, credentials(door), arguments);
+}
+
+}  // namespace
+
+SwitchClient::SwitchClient(const DoorOptions& door)
+    : where_(door.address.empty() ? "control socket " + door.socketPath()
+                                  : "control address " + door.address) {
+  const std::string obstacle = door.address.empty()
+                                   ? probeUnixSocket(door.socketPath())
+                                   : probeAddress(door.address);
+  if (!obstacle.empty()) throw ClientError(where_ + ": " + obstacle);
+  channel_ = makeChannel(door);
+  if (!isReady(channel_.get())) {
+    throw ClientError(fmt::format(
+        "{}: something listens there, but it does not answer as a switch "
+        "does{}",
+        where_,
+        door.address.empty() ? ""
+        : door.tlsCa.empty() ? "; it may want --tls-ca, --tls-cert and "
+                               "--tls-key"
+                             : "; it may not use TLS, or not trust the "
+                               "certificate, or not be named in its own"));
+  }
+  stub_ = pb::Switch::NewStub(channel_);
+}
+
+void SwitchClient::check(const grpc::Status& status) const {
+  switch (status.error_code()) {
+    case grpc::StatusCode::OK:
+      return;
+    case grpc::StatusCode::INVALID_ARGUMENT:  // says what is wrong by itself
+      throw ClientError(status.error_message());
+    case grpc::StatusCode::UNAVAILABLE:
+      throw ClientError(where_ + ": the switch has stopped, or hung up: " +
+                        status.error_message());
+    case grpc::StatusCode::UNIMPLEMENTED:
+      throw ClientError(fmt::format("{}: this switch cannot do that: {}",
+                                    where_, status.error_message()));
+    default:
+      throw ClientError(fmt::format("{}: {}", where_, status.error_message()));
+  }
+}
+
+}  // namespace ofswitch

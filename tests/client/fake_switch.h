@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "switch.grpc.pb.h"
+#include "tests/captures/capture_files.h"
+
+namespace ofswitch {
+
+// A control door that answers what a test has written down, so that tests know
+// every time and counter that a command prints.
+class FakeSwitch final : public pb::Switch::Service {
+ public:
+  explicit FakeSwitch(std::string address = "");  // empty: a unix socket
+  ~FakeSwitch() override;
+
+  std::string socket() const { return dir_ / "control.sock"; }
+  int port() const { return port_; }
+
+  // Answers.
+  std::vector<pb::FlowEntry> flows;
+  std::vector<pb::FlowProgress> progress;
+  pb::FlowChangeReply changeReply;
+  pb::TablesReply tables;
+  pb::PortsReply ports;
+  std::vector<pb::StatsReply> stats;  // the last one stays
+  std::vector<pb::LogEntry> log;
+  pb::LogLevels levels;
+  grpc::Status status;  // how every call ends
+
+  // The last questions.
+  pb::FlowChange change;
+  pb::FlowFilter filter;
+  pb::TablesRequest tablesRequest;
+  pb::StatsRequest statsRequest;
+  pb::LogRequest logRequest;
+  pb::LogLevels levelsRequest;
+
+  grpc::Status ChangeFlows(
+      grpc::ServerContext* context, const pb::FlowChange* request,
+      grpc::ServerWriter<pb::FlowChangeEvent>* writer) override;
+  grpc::Status DumpFlows(grpc::ServerContext* context,
+                         const pb::FlowFilter* request,
+                         grpc::ServerWriter<pb::FlowEntry>* writer) override;
+  grpc::Status GetTables(grpc::ServerContext* context,
+                         const pb::TablesRequest* request,
+                         pb::TablesReply* reply) override;
+  grpc::Status GetPorts(grpc::ServerContext* context,
+                        const pb::PortsRequest* request,
+                        pb::PortsReply* reply) override;
+  grpc::Status GetStats(grpc::ServerContext* context,
+                        const pb::StatsRequest* request,
+                        pb::StatsReply* reply) override;
+  grpc::Status ReadLog(grpc::ServerContext* context,
+                       const pb::LogRequest* request,
+                       grpc::ServerWriter<pb::LogEntry>* writer) override;
+  grpc::Status SetLogLevels(grpc::ServerContext* context,
+                            const pb::LogLevels* request,
+                            pb::LogLevels* reply) override;
+
+ private:
+  openflow_test::ScratchDir dir_;
+  int port_ = 0;
+  size_t statsRead_ = 0;
+  std::unique_ptr<grpc::Server> server_;
+};
+
+}  // namespace ofswitch

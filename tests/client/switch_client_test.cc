@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/client/switch_client.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "tests/client/fake_switch.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+std::string whyNot(const DoorOptions& door) {
+  try {
+    SwitchClient client(door);
+  } catch (const ClientError& error) {
+    return error.what();
+  }
+  return "connected";
+}
+
+TEST(SwitchClient, AsksBySocket) {
+  FakeSwitch fake;
+  fake.ports.add_ports()->set_port(7);
+  SwitchClient client({.socket = fake.socket()});
+  const auto reply =
+      client.call(&SwitchClient::Stub::GetPorts, pb::PortsRequest());
+  ASSERT_EQ(reply.ports_size(), 1);
+  EXPECT_EQ(reply.ports(0).port(), 7u);
+}
+
+TEST(SwitchClient, FindsTheSocketInTheEnvironment) {
+  FakeSwitch fake;
+  setenv("OFSWITCH_SOCKET", fake.socket().c_str(), 1);
+  EXPECT_EQ(whyNot({}), "connected");
+  EXPECT_THAT(whyNot({.socket = "/nowhere/c.sock"}),
+              StartsWith("control socket /nowhere/c.sock: "));
+  setenv("OFSWITCH_SOCKET", "", 1);
+  EXPECT_EQ(DoorOptions().socketPath(), "/run/ofswitch/control.sock");
+  unsetenv("OFSWITCH_SOCKET");
+  EXPECT_EQ(DoorOptions().socketPath(), "/run/ofswitch/control.sock");
+}
+
+TEST(SwitchClient, AsksByAddress) {
+  FakeSwitch fake("127.0.0.1:0");
+  EXPECT_EQ(whyNot({.address = "127.0.0.1:" + std::to_string(fake.port())}),
+            "connected");
+}
+
+TEST(SwitchClient, TellsWhereNothingListens) {
+  EXPECT_EQ(whyNot({.socket = "/nowhere/c.sock"}),
+            "control socket /nowhere/c.sock: does not exist: no switch runs "
+            "there; start one with \"ofswitch run -c switch.yaml\", or say "
+            "--socket PATH");
+  EXPECT_EQ(whyNot({.address = "127.0.0.1:1"}),
+            "control address 127.0.0.1:1: nothing listens there; a switch "
+            "does when its configuration says control: {address: "
+            "127.0.0.1:1}");
+}
+
+TEST(SwitchClient, TellsOfASocketThatWasLeftBehind) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "c.sock";
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
+            0);
+  close(fd);
+  EXPECT_EQ(whyNot({.socket = path}),
+            "control socket " + path +
+                ": nothing listens: the switch that made it is gone; start "
+                "one with \"ofswitch run -c switch.yaml\"");
+}
+
+TEST(SwitchClient, TellsWhatIsNoSocketAndNoAddress) {
+  const openflow_test::ScratchDir dir;
+  openflow_test::writeFile(dir / "file", "");
+  const std::string longPath = "/tmp/" + std::string(120, 'x');
+  EXPECT_THAT(whyNot({.socket = dir / "file"}), HasSubstr("is gone"));
+  EXPECT_EQ(whyNot({.socket = longPath}),
+            "control socket " + longPath +
+                ": the path has 125 characters, at most 107 are possible");
+  EXPECT_EQ(whyNot({.address = "9470"}),
+            "control address 9470: must be HOST:PORT, e.g. 127.0.0.1:9470 or "
+            "[::1]:9470");
+}
+
+TEST(SwitchClient, TellsOfAPeerThatIsNoSwitch) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(listen(fd, 8), 0);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  std::thread peer([fd] {
+    for (int i = 0; i < 2; i++) {
+      const int one = accept(fd, nullptr, nullptr);
+      (void)!write(one, "220 mail\r\n", 10);
+      close(one);
+    }
+  });
+  const std::string where =
+      "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  EXPECT_EQ(whyNot({.address = where}),
+            "control address " + where +
+                ": something listens there, but it does not answer as a "
+                "switch does; it may want --tls-ca, --tls-cert and --tls-key");
+  peer.join();
+  close(fd);
+}
+
+TEST(SwitchClient, TellsOfFilesForTlsThatCannotBeRead) {
+  FakeSwitch fake("127.0.0.1:0");
+  EXPECT_EQ(whyNot({.address = "127.0.0.1:" + std::to_string(fake.port()),
+                    .tlsCa = "/nowhere/ca.pem",
+                    .tlsCertificate = "/nowhere/cert.pem",
+                    .tlsKey = "/nowhere/key.pem"}),
+            "/nowhere/ca.pem: cannot be read, or there is nothing in it");
+}
+
+TEST(SwitchClient, RepeatsWhatTheSwitchRefuses) {
+  FakeSwitch fake;
+  SwitchClient client({.socket = fake.socket()});
+  const auto answer = [&](grpc::StatusCode code) -> std::string {
+    fake.status = {code, "the reason"};
+    try {
+      client.call(&SwitchClient::Stub::GetPorts, pb::PortsRequest());
+    } catch (const ClientError& error) {
+      return error.what();
+    }
+    return "answered";
+  };
+  const std::string where = "control socket " + fake.socket() + ": ";
+  EXPECT_EQ(answer(grpc::StatusCode::OK), "answered");
+  EXPECT_EQ(answer(grpc::StatusCode::INVALID_ARGUMENT), "the reason");
+  EXPECT_EQ(answer(grpc::StatusCode::UNAVAILABLE),
+            where + "the switch has stopped, or hung up: the reason");
+  EXPECT_EQ(answer(grpc::StatusCode::UNIMPLEMENTED),
+            where + "this switch cannot do that: the reason");
+  EXPECT_EQ(answer(grpc::StatusCode::INTERNAL), where + "the reason");
+}
+
+}  // namespace
+}  // namespace ofswitch
