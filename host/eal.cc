@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <mutex>
 
 namespace bess {
@@ -38,13 +39,18 @@ std::vector<std::string> Arguments(const EalOptions& options,
       MainLcore(cpus),
       "-m",
       std::to_string(options.memory_mb),
-      "--no-telemetry",
       "--force-max-simd-bitwidth=" + std::to_string(options.max_simd_bits),
   };
   if (options.hugepages) {
-    args.push_back("--file-prefix=bess" + std::to_string(getpid()));
+    args.push_back("--in-memory");
   } else {
     args.insert(args.end(), {"--no-huge", "--no-shconf"});
+  }
+  if (options.telemetry.empty()) {
+    args.push_back("--no-telemetry");
+  } else {
+    args.push_back("--file-prefix=" + options.telemetry +
+                   std::to_string(getpid()));
   }
   if (!options.pci) {
     args.push_back("--no-pci");
@@ -55,6 +61,9 @@ std::vector<std::string> Arguments(const EalOptions& options,
   args.insert(args.end(), options.extra_args.begin(), options.extra_args.end());
   return args;
 }
+
+// DPDK makes the directory, and removes its socket from there, but leaves it.
+void RemoveRuntimeDir() { rmdir(rte_eal_get_runtime_dir()); }
 
 }  // namespace
 
@@ -81,6 +90,10 @@ std::string InitEal(const EalOptions& options) {
   }
   argv.push_back(nullptr);
   attempted = true;
+  if (!options.telemetry.empty()) {
+    // Before DPDK's own, so that it runs after them.
+    atexit(RemoveRuntimeDir);
+  }
   if (rte_eal_init(static_cast<int>(args.size()), argv.data()) < 0) {
     std::string text = "DPDK does not start with";
     for (const std::string& arg : args) {
@@ -102,5 +115,7 @@ bool EalReady() {
   const std::lock_guard lock(mutex);
   return ready;
 }
+
+std::string RuntimeDir() { return rte_eal_get_runtime_dir(); }
 
 }  // namespace bess

@@ -11,6 +11,8 @@ struct EalOptions {
   // Memory for packets, classifiers and DPDK's heap. Without hugepages it is
   // taken from the system as it is touched and cannot grow beyond this.
   size_t memory_mb = 512;
+  // From the kernel, not from files: nothing stays behind, however the process
+  // ends, and no hugetlbfs needs to be mounted.
   bool hugepages = false;
 
   // Let DPDK look for PCI devices. Without, only virtual ones can be used.
@@ -19,6 +21,10 @@ struct EalOptions {
   // Widest vector, in bits, that DPDK's libraries may use on processors that
   // have it.
   unsigned max_simd_bits = 512;
+
+  // With a name, DPDK answers questions about this process on a socket in
+  // RuntimeDir(), which is called so, followed by the number of the process.
+  std::string telemetry = {};
 
   // Only errors on standard error.
   bool quiet = true;
@@ -35,5 +41,9 @@ std::string InitEal(const EalOptions& options = {});
 
 // Whether InitEal has succeeded.
 bool EalReady();
+
+// Where DPDK keeps what this process shows to others; only its owner can look
+// there. Empty when there is no such place, or before InitEal.
+std::string RuntimeDir();
 
 }  // namespace bess

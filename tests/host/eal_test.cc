@@ -8,9 +8,15 @@
 #include <rte_lcore.h>
 #include <rte_malloc.h>
 #include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "tests/captures/capture_files.h"
 
 // The header leaves out that its function is C's.
 extern "C" {
@@ -74,6 +80,39 @@ TEST(EalTest, MemoryIsWhatWasAskedFor) {
     return Expect(most != nullptr, "48 MB") &&
            Expect(too_much == nullptr, "no more than 64 MB");
   });
+}
+
+TEST(EalTest, AnswersTelemetryOnlyWhenAsked) {
+  InChild([] {
+    bess::InitEal({.memory_mb = 64, .telemetry = "eal_test"});
+    const std::filesystem::path dir = bess::RuntimeDir();
+    return Expect(dir.filename() == "eal_test" + std::to_string(getpid()),
+                  dir.c_str()) &&
+           Expect(std::filesystem::is_socket(dir / "dpdk_telemetry.v2"),
+                  "listens");
+  });
+  InChild([] {
+    bess::InitEal({.memory_mb = 64});
+    return Expect(
+        !std::filesystem::exists(std::filesystem::path(bess::RuntimeDir()) /
+                                 "dpdk_telemetry.v2"),
+        "does not listen");
+  });
+}
+
+TEST(EalTest, LeavesNoRuntimeDirectoryBehind) {
+  const openflow_test::ScratchDir parent;
+  const pid_t child = fork();
+  if (child == 0) {
+    setenv("RUNTIME_DIRECTORY", parent.path().c_str(), 1);
+    bess::InitEal({.memory_mb = 64, .telemetry = "eal_test"});
+    const std::filesystem::path dir = bess::RuntimeDir();
+    exit(dir.parent_path() == parent / "dpdk" && is_directory(dir) ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::filesystem::is_empty(parent / "dpdk"));
 }
 
 TEST(EalTest, SaysWhatIsWrong) {
