@@ -17,6 +17,7 @@
 #include "switch/flow/flow_reader.h"
 #include "switch/live/config.h"
 #include "switch/live/live_switch.h"
+#include "switch/telemetry/dpdk_telemetry.h"
 #include "switch/telemetry/metrics_server.h"
 
 namespace ofswitch {
@@ -118,8 +119,9 @@ void exitInTime() {
 }
 
 int run(const RunOptions& options) {
-  const SwitchConfig config = loadConfig(options.config);
+  SwitchConfig config = loadConfig(options.config);
   if (options.check) return check(config);
+  config.dpdkTelemetry = true;
   const sigset_t signals = stopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
@@ -128,6 +130,8 @@ int run(const RunOptions& options) {
   live.start();
   control.serve(&live);
   const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
+  const DpdkTelemetry telemetry(live);
+  fmt::print("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
   int signal = 0;
   sigwait(&signals, &signal);

@@ -47,6 +47,7 @@ struct SwitchConfig {
 
   std::string metricsAddress = "127.0.0.1:9469";  // empty: not served
   size_t metricsFlows = 10'000;   // at most so many have series of their own
+  bool dpdkTelemetry = false;     // set by who runs the switch, not by the file
   std::string controllerCapture;  // pcap of what goes to the controller
 
   // Trace levels that also go to standard error, by facility.

@@ -79,6 +79,7 @@ void SwitchGraph::startEnvironment() {
   options.pci = std::ranges::any_of(config_.ports, [](const PortConfig& port) {
     return bess::Port::IsPci(port.device);
   });
+  if (config_.dpdkTelemetry) options.telemetry = "ofswitch";
   require(bess::InitEal(options));
   if (config_.buildMb != 0) Dpdk::setAclBuildLimit(config_.buildMb << 20);
   bess::PacketPool::MakeDefault(config_.packetBuffers);

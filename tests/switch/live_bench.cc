@@ -58,6 +58,7 @@ LiveBench::LiveBench(const Options& options)
   config.counters = options.counters;
   config.packetBuffers = options.buffers;
   config.module = MODULE;
+  config.dpdkTelemetry = options.dpdkTelemetry;
   if (!options.controllerCapture.empty()) {
     config.controllerCapture = dir_ / options.controllerCapture;
   }

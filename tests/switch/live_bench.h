@@ -25,7 +25,8 @@ class LiveBench {
     std::string flows = {};
     std::string controllerCapture = {};  // in the bench's directory
     uint32_t counters = 4096;
-    size_t buffers = 16383;  // of the process: the first bench decides
+    size_t buffers = 16383;      // of the process: the first bench decides
+    bool dpdkTelemetry = false;  // likewise
   };
 
   explicit LiveBench(const Options& options);
