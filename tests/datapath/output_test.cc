@@ -202,12 +202,15 @@ TEST(ManyGates, FullBatchToEveryOne) {
 
 TEST(GateLimit, MoreThan64FailTheWholeUpdate) {
   ModuleHarness harness;
-  quil::pb::OpenFlowUpdateFlowsArg arg;
-  *arg.add_adds() = Flow(1, 10).output({1}).message();
-  *arg.add_adds() = Flow(2, 20).output(gateRange(0, 65)).message();
-  EXPECT_LT(harness.updateFlows(arg).error().code(), 0);
-  EXPECT_EQ(harness.stats(0).numflows(), 0u);
-  EXPECT_EQ(harness.run({tcpFrame()}).table(0).noClassifier, 1u);
+  const Flow good = Flow(1, 10).output({1});
+  const Flow bad = Flow(2, 20).output(gateRange(0, 65));
+  for (const auto& flows : {std::vector{good, bad}, std::vector{bad, good}}) {
+    quil::pb::OpenFlowUpdateFlowsArg arg;
+    for (const Flow& flow : flows) *arg.add_adds() = flow.message();
+    EXPECT_LT(harness.updateFlows(arg).error().code(), 0);
+    EXPECT_EQ(harness.stats(0).numflows(), 0u);
+    EXPECT_EQ(harness.run({tcpFrame()}).table(0).noClassifier, 1u);
+  }
 }
 
 TEST(GateLimit, TableBeyondTheLastFails) {
