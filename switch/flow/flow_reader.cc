@@ -108,6 +108,10 @@ bool isDumpHeading(std::string_view line) {
 }  // namespace
 
 Flow FlowReader::readLine(std::string_view line) const {
+  // Reasons that quote it would end there.
+  if (line.find('\0') != std::string_view::npos) {
+    refuse("a zero byte in the line; flow files are text");
+  }
   const auto [head, actions] = splitActions(line);
   LineReader reader{options_, {}};
   std::vector<Word> fields;

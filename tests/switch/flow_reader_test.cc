@@ -99,6 +99,16 @@ TEST(FlowReader, ShowsNoControlCharacters) {
       (std::vector<std::string>{"flows.txt:1: unknown field \"\\x1b[2J\""}));
 }
 
+// The reason quoted the word, which ended at the zero byte: at times before its
+// first letter.
+TEST(FlowReader, RefusesZeroBytes) {
+  std::istringstream in(std::string("table=2,\0x,actions=drop\n", 24));
+  const FlowFile file = FlowReader().read(in, "f");
+  ASSERT_EQ(file.refusals.size(), 1u);
+  EXPECT_EQ(file.refusals[0].text(),
+            "f:1: a zero byte in the line; flow files are text");
+}
+
 TEST(FlowReader, TellsHowFarItIs) {
   const std::string path = testing::TempDir() + "/flow_reader_progress.txt";
   std::string text;
