@@ -27,10 +27,16 @@ has_file() {
 }
 
 # names_no_build_path DIR: nothing in it leads back to where it was built.
+# Programs that are built for debugging may name their sources, but load nothing
+# from there.
 names_no_build_path() {
-  local found
-  found=$(grep -rlF -e "$BUILD_DIR" -e "$SOURCE_DIR" "$1" || true)
+  local found binaries=--binary-files=without-match
+  if [[ $BUILD_TYPE == Release ]]; then binaries=--binary-files=binary; fi
+  found=$(grep -rlF "$binaries" -e "$BUILD_DIR" -e "$SOURCE_DIR" "$1" || true)
   [[ -z $found ]] || fail "these name a directory of the build: $found"
+  found=$(find "$1" \( -name '*.so' -o -name ofswitch -type f \) \
+    -exec readelf -d {} + | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN' || true)
+  [[ -z $found ]] || fail "libraries are looked for elsewhere: $found"
 }
 
 # finds_own_libraries PREFIX LIBDIR: the program and the module load the
