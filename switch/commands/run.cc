@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "switch/commands/commands.h"
+#include "switch/commands/service_notice.h"
 #include "switch/control/control_server.h"
 #include "switch/flow/flow_reader.h"
 #include "switch/live/config.h"
@@ -133,8 +134,10 @@ int run(const RunOptions& options) {
   const DpdkTelemetry telemetry(live);
   fmt::print("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
+  tellServiceManager("READY=1");
   int signal = 0;
   sigwait(&signals, &signal);
+  tellServiceManager("STOPPING=1");
   exitInTime();
   control.stop();
   printEnd(live.stop());

@@ -3,11 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -114,6 +117,34 @@ TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
     EXPECT_GT(received, 0);
     EXPECT_EQ(received, sent + dropped);
   }
+}
+
+TEST_F(RunCommand, TellsTheServiceManagerHowFarItIs) {
+  write("flows.txt", "in_port=1,actions=output:2\n");
+  const std::string config = write("switch.yaml", kConfig);
+  const std::string path = dir_ / "notify";
+  const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+  ASSERT_LT(path.size(), sizeof(address.sun_path));
+  path.copy(address.sun_path, path.size());
+  ASSERT_EQ(
+      bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  const timeval patience = {.tv_sec = 20, .tv_usec = 0};
+  setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  const auto told = [manager] {
+    char text[64];
+    const ssize_t length = recv(manager, text, sizeof(text), 0);
+    return std::string(text, length < 0 ? 0 : static_cast<size_t>(length));
+  };
+
+  setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  RunningSwitch process(config, dir_ / "log");
+  unsetenv("NOTIFY_SOCKET");
+  EXPECT_EQ(told(), "READY=1");
+  EXPECT_THAT(process.log(), HasSubstr("running: 2 ports, 2 workers, 1 flow"));
+  EXPECT_EQ(process.end(SIGTERM), 0);
+  EXPECT_EQ(told(), "STOPPING=1");
+  close(manager);
 }
 
 TEST_F(RunCommand, RefusesWhatItCannotStart) {
