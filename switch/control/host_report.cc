@@ -33,7 +33,7 @@ void describe(const Module& module,
   entry->set_description(module.GetDesc());
 }
 
-uint64_t droppedPackets(const Module& module) {
+uint64_t endedPackets(const Module& module) {
   const auto ends = module.deadends();
   return std::accumulate(ends.begin(), ends.end(), uint64_t{0});
 }
@@ -119,7 +119,7 @@ bess::pb::GetModuleResponse getModule(
         reply->add_workers(static_cast<uint32_t>(wid));
       }
     }
-    reply->set_dropped_packets(droppedPackets(*module));
+    reply->set_ended_packets(endedPackets(*module));
   });
 }
 
@@ -182,7 +182,7 @@ bess::pb::StatisticsResponse getStatistics() {
     for (const Module* module : bess::ListModules()) {
       auto* entry = reply->add_modules();
       entry->set_name(module->name());
-      entry->set_dropped_packets(droppedPackets(*module));
+      entry->set_ended_packets(endedPackets(*module));
     }
     const bess::PacketPool* pool = bess::PacketPool::Default();
     reply->set_packet_buffers(pool->capacity());

@@ -16,6 +16,8 @@ ControlBench::ControlBench(const LiveBench::Options& options)
 std::shared_ptr<grpc::Channel> ControlBench::connect() const {
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  // A window that does not grow: what a client does not read stays where it is.
+  arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
   return grpc::CreateCustomChannel(
       "unix:" + socket(), grpc::InsecureChannelCredentials(), arguments);
 }

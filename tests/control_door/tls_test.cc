@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+
+#include "switch/control/tls_files.h"
+#include "tests/control_door/control_bench.h"
+
+namespace ofswitch {
+namespace {
+
+using openflow_test::readFile;
+using openflow_test::ScratchDir;
+
+// Authorities and certificates, made by openssl(1).
+class Certificates {
+ public:
+  Certificates() {
+    makeAuthority("ca");
+    makeAuthority("other");
+    makeCertificate("server", "ca");
+    makeCertificate("client", "ca");
+    makeCertificate("stranger", "other");
+  }
+
+  std::string path(const std::string& name) const { return dir_ / name; }
+  std::string text(const std::string& name) const {
+    return readFile(path(name));
+  }
+
+ private:
+  static void run(const std::string& arguments) {
+    const std::string command = "openssl " + arguments + " 2>/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  }
+
+  void makeAuthority(const std::string& name) const {
+    run(
+        fmt::format("req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN={0} "
+                    "-keyout {1}.key -out {1}.pem",
+                    name, path(name)));
+  }
+
+  void makeCertificate(const std::string& name,
+                       const std::string& authority) const {
+    run(
+        fmt::format("req -newkey rsa:2048 -nodes -subj /CN={0} "
+                    "-addext subjectAltName=IP:127.0.0.1 -keyout {1}.key "
+                    "-out {1}.csr",
+                    name, path(name)));
+    run(
+        fmt::format("x509 -req -days 2 -copy_extensions copy -in {0}.csr "
+                    "-CA {1}.pem -CAkey {1}.key -CAcreateserial -out {0}.pem",
+                    path(name), path(authority)));
+  }
+
+  ScratchDir dir_;
+};
+
+const Certificates& certificates() {
+  static const Certificates made;
+  return made;
+}
+
+SwitchConfig tlsConfig() {
+  SwitchConfig config;
+  config.controlAddress = "0.0.0.0:0";
+  config.tlsCertificate = certificates().path("server.pem");
+  config.tlsKey = certificates().path("server.key");
+  config.tlsClientCa = certificates().path("ca.pem");
+  return config;
+}
+
+std::string startError(const SwitchConfig& config) {
+  try {
+    checkControlAddress(config);
+  } catch (const StartError& error) {
+    return error.what();
+  }
+  return "";
+}
+
+class TlsDoor : public testing::Test {
+ protected:
+  TlsDoor() {
+    SwitchConfig config = tlsConfig();
+    config.controlSocket = dir_ / "control.sock";
+    door_ = std::make_unique<ControlServer>(config);
+    door_->serve(&bench_.live());
+  }
+
+  // What a client with these credentials gets.
+  grpc::Status ask(const std::shared_ptr<grpc::ChannelCredentials>& credentials,
+                   int* ports) const {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    const auto client = pb::Switch::NewStub(grpc::CreateCustomChannel(
+        fmt::format("127.0.0.1:{}", door_->tcpPort()), credentials, arguments));
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() +
+                         std::chrono::seconds(10));
+    pb::PortsReply reply;
+    const grpc::Status status = client->GetPorts(&context, {}, &reply);
+    *ports = reply.ports_size();
+    return status;
+  }
+
+  static std::shared_ptr<grpc::ChannelCredentials> tls(
+      const std::string& client) {
+    grpc::SslCredentialsOptions options;
+    options.pem_root_certs = certificates().text("ca.pem");
+    if (!client.empty()) {
+      options.pem_private_key = certificates().text(client + ".key");
+      options.pem_cert_chain = certificates().text(client + ".pem");
+    }
+    return grpc::SslCredentials(options);
+  }
+
+  LiveBench bench_{{}};
+  ScratchDir dir_;
+  std::unique_ptr<ControlServer> door_;
+};
+
+TEST_F(TlsDoor, TakesClientsWithACertificate) {
+  int ports = 0;
+  const grpc::Status status = ask(tls("client"), &ports);
+  EXPECT_TRUE(status.ok()) << status.error_message();
+  EXPECT_EQ(ports, 4);
+}
+
+TEST_F(TlsDoor, RefusesOthers) {
+  int ports = 0;
+  EXPECT_EQ(ask(tls(""), &ports).error_code(), grpc::StatusCode::UNAVAILABLE);
+  EXPECT_EQ(ask(tls("stranger"), &ports).error_code(),
+            grpc::StatusCode::UNAVAILABLE);
+  EXPECT_EQ(ask(grpc::InsecureChannelCredentials(), &ports).error_code(),
+            grpc::StatusCode::UNAVAILABLE);
+  EXPECT_EQ(ports, 0);
+}
+
+TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
+  EXPECT_EQ(startError(tlsConfig()), "");
+  SwitchConfig config = tlsConfig();
+  config.tlsKey = certificates().path("client.key");
+  EXPECT_EQ(startError(config),
+            "control.tls.key: " + config.tlsKey +
+                ": is no private key of the certificate in PEM format");
+  config = tlsConfig();
+  config.tlsCertificate = certificates().path("server.csr");
+  EXPECT_EQ(startError(config),
+            "control.tls.certificate: " + config.tlsCertificate +
+                ": is no certificate in PEM format");
+  config = tlsConfig();
+  config.tlsClientCa = certificates().path("server.key");
+  EXPECT_EQ(startError(config), "control.tls.client_ca: " + config.tlsClientCa +
+                                    ": is no certificate in PEM format");
+  config = tlsConfig();
+  config.tlsClientCa = certificates().path("none.pem");
+  EXPECT_EQ(startError(config),
+            "control.tls.client_ca: " + config.tlsClientCa +
+                ": cannot be read: No such file or directory");
+}
+
+}  // namespace
+}  // namespace ofswitch
