@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
   });
   int status = 0;
   ofswitch::addCheckCommand(&app, &status);
+  ofswitch::addDoctorCommand(&app, &status);
   ofswitch::addReplayCommand(&app, &status);
   ofswitch::addRunCommand(&app, &status);
   try {

@@ -9,6 +9,7 @@
 namespace ofswitch {
 
 void addCheckCommand(CLI::App* app, int* status);
+void addDoctorCommand(CLI::App* app, int* status);
 void addReplayCommand(CLI::App* app, int* status);
 void addRunCommand(CLI::App* app, int* status);
 

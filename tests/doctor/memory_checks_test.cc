@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/doctor/fake_machine.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::ElementsAre;
+
+constexpr char kTlb[] =
+    "gain: without hugepages, lookups and copies miss the processor's TLB more "
+    "often than they need to -> ";
+
+class MemoryChecks : public testing::Test {
+ protected:
+  MemoryChecks() { config_.file = "s.yaml"; }
+
+  std::vector<std::string> memory() const {
+    Findings out;
+    checkMemory(fake_.machine(), config_, &out);
+    return lines(out);
+  }
+  std::vector<std::string> control(const std::string& path) {
+    config_.controlSocket = path;
+    Findings out;
+    checkControl(fake_.machine(), config_, &out);
+    return lines(out);
+  }
+
+  FakeMachine fake_;
+  SwitchConfig config_;
+};
+
+TEST_F(MemoryChecks, HugepagesAreThereAndUsed) {
+  config_.hugepages = true;
+  config_.memoryMb = 1023;
+  EXPECT_THAT(memory(), ElementsAre("ok: 1023 MB need 512 hugepages of 2048 "
+                                    "kB, 512 are free"));
+}
+
+TEST_F(MemoryChecks, TooFewHugepages) {
+  config_.hugepages = true;
+  config_.memoryMb = 2048;
+  EXPECT_THAT(memory(),
+              ElementsAre("problem: 2048 MB need 1024 hugepages of 2048 kB, "
+                          "only 512 are free -> sysctl -w "
+                          "vm.nr_hugepages=1112"));
+}
+
+TEST_F(MemoryChecks, NoHugepagesInTheKernel) {
+  config_.hugepages = true;
+  fake_.write("/proc/meminfo", "MemAvailable:   8192000 kB\n");
+  EXPECT_THAT(memory(), ElementsAre("problem: the kernel has no hugepages -> "
+                                    "in s.yaml: memory: {hugepages: false}"));
+  config_.hugepages = false;
+  EXPECT_THAT(memory(),
+              ElementsAre("ok: 512 MB are wanted, 8000 MB are available"));
+}
+
+TEST_F(MemoryChecks, HugepagesWouldBeAGain) {
+  EXPECT_THAT(
+      memory(),
+      ElementsAre("ok: 512 MB are wanted, 8000 MB are available",
+                  std::string(kTlb) + "in s.yaml: memory: {hugepages: true}"));
+  config_.memoryMb = 2048;
+  EXPECT_THAT(
+      memory(),
+      ElementsAre("ok: 2048 MB are wanted, 8000 MB are available",
+                  std::string(kTlb) + "sysctl -w vm.nr_hugepages=1112; then "
+                                      "in s.yaml: memory: {hugepages: true}"));
+}
+
+TEST_F(MemoryChecks, TooLittleMemory) {
+  fake_.write("/proc/meminfo", "MemAvailable:   409600 kB\n");
+  EXPECT_THAT(memory(),
+              ElementsAre("problem: 512 MB are wanted, only 400 MB are "
+                          "available -> in s.yaml: memory: {mb: 200}"));
+}
+
+TEST_F(MemoryChecks, ControlSocket) {
+  EXPECT_THAT(control("/run/ofswitch/control.sock"),
+              ElementsAre("ok: /run/ofswitch/control.sock"));
+  EXPECT_THAT(control("/usr/sbin/ethtool/deep/control.sock"),
+              ElementsAre("problem: this user cannot make files in "
+                          "/usr/sbin/ethtool -> sudo install -d -o $(id -un) "
+                          "/usr/sbin/ethtool/deep"));
+  const std::string longest = "/run/" + std::string(103, 'x');
+  EXPECT_THAT(control(longest),
+              ElementsAre(fmt::format("problem: {} has 108 characters, at most "
+                                      "107 are possible -> in s.yaml: control: "
+                                      "{{socket: /tmp/ofswitch.sock}}",
+                                      longest)));
+}
+
+}  // namespace
+}  // namespace ofswitch

@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/doctor/fake_machine.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kVeth[] = "net_af_packet0,iface=veth1";
+
+class PortChecks : public testing::Test {
+ protected:
+  std::vector<std::string> port(const std::string& device) const {
+    Findings out;
+    checkPort(fake_.machine(), config_, {1, "port1", device, 1, 0}, &out);
+    return lines(out);
+  }
+  std::vector<std::string> otherCards(const std::string& device) const {
+    SwitchConfig config;
+    config.ports = {{1, "port1", device, 1, 0}};
+    Findings out;
+    checkOtherCards(fake_.machine(), config, &out);
+    return lines(out);
+  }
+
+  FakeMachine fake_;
+  SwitchConfig config_;
+};
+
+TEST_F(PortChecks, LackNothing) {
+  for (const char* device :
+       {kVeth, "net_af_packet7,qpairs=2,iface=eth0", "net_tap0,iface=tap0",
+        "net_null0", "0000:03:00.0", "03:00.0,arg=1"}) {
+    EXPECT_THAT(port(device), ElementsAre(std::string("ok: ") + device));
+  }
+}
+
+TEST_F(PortChecks, NoDriver) {
+  EXPECT_THAT(port("net_memif0,role=client"),
+              ElementsAre("problem: DPDK's driver net_memif is not installed "
+                          "-> apt-get install -y librte-net-memif23"));
+  fake_.remove("/usr/lib/x86_64-linux-gnu/dpdk");
+  EXPECT_THAT(port("net_null0"),
+              ElementsAre("problem: DPDK's drivers are not installed -> "
+                          "apt-get install -y librte-net-null23"));
+}
+
+TEST_F(PortChecks, NoPermissions) {
+  fake_.write("/proc/self/status", "CapEff:\t0000000000000000\n");
+  EXPECT_THAT(port(kVeth),
+              ElementsAre("problem: a packet socket needs the capability "
+                          "CAP_NET_RAW, or root -> sudo setcap "
+                          "cap_net_admin,cap_net_raw=ep "
+                          "/usr/local/bin/ofswitch"));
+  EXPECT_THAT(port("net_tap0"),
+              ElementsAre("problem: a tap interface needs the capability "
+                          "CAP_NET_ADMIN, or root -> sudo setcap "
+                          "cap_net_admin,cap_net_raw=ep "
+                          "/usr/local/bin/ofswitch"));
+  EXPECT_THAT(port("net_null0"), ElementsAre("ok: net_null0"));
+  // CAP_NET_ADMIN and CAP_NET_RAW, bits 12 and 13.
+  fake_.write("/proc/self/status", "CapEff:\t0000000000003000\n");
+  EXPECT_THAT(port("net_tap0"), ElementsAre("ok: net_tap0"));
+}
+
+TEST_F(PortChecks, NoKernelSupport) {
+  fake_.remove("/dev/net/tun");
+  fake_.remove("/proc/net/packet");
+  EXPECT_THAT(port("net_tap0"),
+              ElementsAre("problem: the kernel has no tap interfaces: "
+                          "/dev/net/tun is missing -> modprobe tun"));
+  EXPECT_THAT(port(kVeth), ElementsAre("problem: the kernel has no packet "
+                                       "sockets -> modprobe af_packet"));
+}
+
+TEST_F(PortChecks, NoInterface) {
+  EXPECT_THAT(port("net_af_packet0,iface=veth9"),
+              ElementsAre("problem: there is no interface veth9, only eth0, "
+                          "veth1, veth2 -> ip link add veth9 type veth peer "
+                          "name veth9-peer"));
+}
+
+TEST_F(PortChecks, InterfaceIsDown) {
+  fake_.write("/sys/class/net/veth1/flags", "0x1002\n");
+  EXPECT_THAT(port(kVeth), ElementsAre("problem: veth1 is down -> ip link set "
+                                       "veth1 up"));
+}
+
+TEST_F(PortChecks, Offloads) {
+  const std::string why =
+      "): the kernel merges frames into ones too long to pass and leaves "
+      "checksums to a card that is not there -> ";
+  fake_.offloads["veth1"] = {"tx", "tso", "gso", "gro"};
+  EXPECT_THAT(
+      port(kVeth),
+      ElementsAre("problem: veth1 has offloads on (tx, tso, gso, gro" + why +
+                  "ethtool -K veth1 tx off tso off gso off gro off"));
+  // What the other end sends comes to the switch.
+  fake_.offloads["veth1"] = {};
+  fake_.offloads["veth2"] = {"tx", "gro"};
+  EXPECT_THAT(port(kVeth), ElementsAre("problem: veth2 has offloads on (tx" +
+                                       why + "ethtool -K veth2 tx off"));
+  fake_.remove("/usr/sbin/ethtool");
+  EXPECT_THAT(port(kVeth),
+              ElementsAre("problem: veth2 has offloads on (tx" + why +
+                          "apt-get install -y ethtool && ethtool -K veth2 tx "
+                          "off"));
+  // The other end is in another namespace; its number here is a stranger's.
+  fake_.write("/sys/class/net/veth1/iflink", "2\n");
+  fake_.offloads["eth0"] = {"tx"};
+  EXPECT_THAT(port(kVeth), ElementsAre(std::string("ok: ") + kVeth));
+}
+
+TEST_F(PortChecks, NoCard) {
+  EXPECT_THAT(port("0000:04:00.0"),
+              ElementsAre("problem: there is no PCI device 0000:04:00.0, only "
+                          "0000:03:00.0 -> dpdk-devbind.py --status-dev net"));
+}
+
+TEST_F(PortChecks, CardHeldByTheKernel) {
+  fake_.addCard("0000:04:00.0", "i40e");
+  fake_.write("/sys/bus/pci/devices/0000:04:00.0/net/ens4/flags", "");
+  fake_.write("/sys/module/vfio_pci/version", "");
+  EXPECT_THAT(port("04:00.0"),
+              ElementsAre("problem: the kernel's driver i40e holds "
+                          "0000:04:00.0 as ens4 -> ip link set ens4 down && "
+                          "dpdk-devbind.py --bind=vfio-pci 0000:04:00.0"));
+  fake_.remove("/sys/module/vfio_pci");
+  fake_.addCard("0000:05:00.0", "");
+  EXPECT_THAT(port("05:00.0"),
+              ElementsAre("problem: the kernel's module vfio-pci is not loaded "
+                          "-> modprobe vfio-pci",
+                          "problem: no driver holds 0000:05:00.0 -> "
+                          "dpdk-devbind.py --bind=vfio-pci 0000:05:00.0"));
+  fake_.addCard("0000:06:00.0", "mlx5_core");
+  EXPECT_THAT(port("06:00.0"), ElementsAre("ok: 06:00.0"));
+}
+
+TEST_F(PortChecks, CardWithoutIommu) {
+  fake_.remove("/sys/bus/pci/devices/0000:03:00.0/iommu_group");
+  const std::string unsafe =
+      "/sys/module/vfio/parameters/enable_unsafe_noiommu_mode";
+  EXPECT_THAT(
+      port("03:00.0"),
+      ElementsAre("problem: the machine has no IOMMU switched on, without "
+                  "which the card may not reach memory -> sed -i "
+                  "'s/^GRUB_CMDLINE_LINUX=\"/&intel_iommu=on iommu=pt /' "
+                  "/etc/default/grub && update-grub && reboot; where there is "
+                  "none, and at your own risk: echo 1 > " +
+                  unsafe));
+  fake_.write(unsafe, "Y\n");
+  EXPECT_THAT(port("03:00.0"), ElementsAre("ok: 03:00.0"));
+}
+
+TEST_F(PortChecks, CardOfAnotherUser) {
+  fake_.remove("/dev/vfio/12");
+  EXPECT_THAT(port("03:00.0"),
+              ElementsAre("problem: /dev/vfio/12 may not be used by this user "
+                          "-> sudo chown $(id -un) /dev/vfio/12"));
+}
+
+TEST_F(PortChecks, LockedMemory) {
+  fake_.write("/proc/self/status", "CapEff:\t0000000000000000\n");
+  EXPECT_THAT(port("03:00.0"),
+              ElementsAre("problem: the card reads and writes 512 MB of locked "
+                          "memory, and this process may lock 8 MB -> ulimit -l "
+                          "unlimited"));
+  fake_.write("/proc/self/limits",
+              "Max locked memory         unlimited            unlimited        "
+              "    bytes\n");
+  EXPECT_THAT(port("03:00.0"), ElementsAre("ok: 03:00.0"));
+}
+
+TEST_F(PortChecks, CardsThatAreNoPorts) {
+  EXPECT_THAT(otherCards("03:00.0"), IsEmpty());
+  EXPECT_THAT(
+      otherCards("net_null0"),
+      ElementsAre("ok: 0000:03:00.0 (8086:1572) is held by vfio-pci and is no "
+                  "port; to make it one: dpdk-devbind.py --bind=vfio-pci "
+                  "0000:03:00.0"));
+  fake_.write("/sys/bus/pci/devices/0000:03:00.0/class", "0x010802\n");
+  EXPECT_THAT(otherCards("net_null0"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace ofswitch
