@@ -10,12 +10,12 @@
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include "switch/live/flow_request.h"
 #include "tests/control_door/control_bench.h"
 #include "tests/control_door/raw_call.h"
+#include "tests/control_door/resident_bytes.h"
 #include "tests/support/frame.h"
 
 namespace ofswitch {
@@ -30,15 +30,6 @@ using testing::SizeIs;
 constexpr RawMethod kChangeFlows = kMethods[0];
 constexpr RawMethod kDumpFlows = kMethods[1];
 constexpr RawMethod kGetTables = kMethods[2];
-
-// Of this process, in memory now.
-size_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  size_t all = 0;
-  size_t resident = 0;
-  statm >> all >> resident;
-  return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
 
 constexpr size_t kMiB = size_t{1} << 20;
 

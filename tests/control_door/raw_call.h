@@ -5,6 +5,7 @@
 
 #include <grpcpp/grpcpp.h>
 #include <grpcpp/impl/codegen/client_unary_call.h>
+#include <grpcpp/support/sync_stream.h>
 
 #include <chrono>
 #include <memory>
