@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "utils/acl_build_memory.h"
 
-#include <malloc.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 
@@ -17,9 +18,7 @@ namespace {
 constexpr size_t kLeastDefault = size_t{64} << 20;
 constexpr size_t kMostDefault = size_t{4} << 30;
 
-// From here on a build is big: what it leaves in the heap is worth the walk
-// over all of the heap that returns it.
-constexpr size_t kBig = size_t{64} << 20;
+constexpr size_t kHugePage = size_t{2} << 20;
 
 std::atomic<size_t> limit = 0;  // 0: not known yet
 
@@ -68,11 +67,11 @@ AclBuildScope::AclBuildScope() {
 
 AclBuildScope::~AclBuildScope() {
   openScope = nullptr;
-  if (memory_.peak >= kBig) malloc_trim(0);
   const std::lock_guard lock(lastMutex);
   last = memory_;
 }
 
+// All that the library asks for during a build are blocks of at least 8 MiB.
 void* AclBuildScope::countedCalloc(size_t count, size_t size) {
   AclBuildScope* scope = openScope;
   if (scope == nullptr) return std::calloc(count, size);
@@ -83,21 +82,45 @@ void* AclBuildScope::countedCalloc(size_t count, size_t size) {
     memory.refused = true;
     return nullptr;
   }
-  void* block = std::calloc(count, size);
-  if (block != nullptr) {
-    scope->used_ += malloc_usable_size(block);
-    memory.peak = std::max(memory.peak, scope->used_);
-  }
-  return block;
+  return scope->map(bytes);
 }
 
-// A block from before the scope would make it negative; there is none, but
-// nothing is lost by being careful.
+// The library gives back during the build whatever it took there.
 void AclBuildScope::countedFree(void* block) {
-  if (AclBuildScope* scope = openScope; scope != nullptr) {
-    scope->used_ -= std::min(scope->used_, malloc_usable_size(block));
-  }
-  std::free(block);
+  AclBuildScope* scope = openScope;
+  if (scope == nullptr || !scope->unmap(block)) std::free(block);
+}
+
+// Null when the system has no memory either.
+void* AclBuildScope::map(size_t bytes) {
+  Block block;
+  block.bytes = bytes;
+  block.mapped = bytes + kHugePage;  // room to begin where a huge page does
+  block.mapping = mmap(nullptr, block.mapped, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (block.mapping == MAP_FAILED) return nullptr;
+  const auto address = reinterpret_cast<uintptr_t>(block.mapping);
+  block.start = static_cast<char*>(block.mapping) + -address % kHugePage;
+  // A small build does not get beyond its first 2 MiB, and clearing a page of
+  // that size takes longer than all of it.
+  const size_t small = blocks_.empty() ? kHugePage : 0;
+  const size_t whole = bytes / kHugePage * kHugePage;
+  if (whole > small) madvise(block.start + small, whole - small, MADV_HUGEPAGE);
+
+  blocks_.push_back(block);
+  used_ += bytes;
+  memory_.peak = std::max(memory_.peak, used_);
+  return block.start;
+}
+
+// False when it is none of this scope.
+bool AclBuildScope::unmap(void* start) {
+  const auto found = std::ranges::find(blocks_, start, &Block::start);
+  if (found == blocks_.end()) return false;
+  munmap(found->mapping, found->mapped);
+  used_ -= found->bytes;
+  blocks_.erase(found);
+  return true;
 }
 
 }  // namespace Dpdk

@@ -108,6 +108,8 @@ class Ring::CellWriter {
     }
   }
 
+  uint64_t position() const { return position_; }
+
   void publish() {
     cell_->words[0].store(stateOf(position_, state_),
                           std::memory_order_release);
@@ -199,14 +201,10 @@ Ring::Ring(size_t cells)
       startTime_(std::chrono::steady_clock::now()) {}
 
 void Ring::write(const Site& site, std::span<const Argument> arguments) {
-  std::array<Argument, kMaxArguments> fitting;
-  size_t words = wordsOf(arguments);
+  const size_t words = wordsOf(arguments);
   if (words > kMaxWords || arguments.size() > kMaxArguments) [[unlikely]] {
-    const size_t count = std::min(arguments.size(), kMaxArguments);
-    std::copy_n(arguments.begin(), count, fitting.begin());
-    cutText(std::span(fitting).first(count));
-    arguments = std::span(fitting).first(count);
-    words = wordsOf(arguments);
+    writeCut(site, arguments);
+    return;
   }
   size_t cells = 1;
   if (words > kHeadWords) {
@@ -228,6 +226,18 @@ void Ring::write(const Site& site, std::span<const Argument> arguments) {
     }
   }
   out.publish();
+  // Statements come in groups: the next one finds its cell here.
+  __builtin_prefetch(&cellAt(out.position() + 1), 1);
+}
+
+// On its own, for the room that the arguments take.
+[[gnu::noinline]] void Ring::writeCut(const Site& site,
+                                      std::span<const Argument> arguments) {
+  std::array<Argument, kMaxArguments> fitting;
+  const size_t count = std::min(arguments.size(), kMaxArguments);
+  std::copy_n(arguments.begin(), count, fitting.begin());
+  cutText(std::span(fitting).first(count));
+  write(site, std::span(fitting).first(count));
 }
 
 Ring::Found Ring::copyCell(uint64_t position, uint64_t wantedState,

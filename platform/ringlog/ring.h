@@ -99,6 +99,7 @@ class Ring {
 
   enum class Found { kStatement, kNothing, kUnfinished };
 
+  void writeCut(const Site& site, std::span<const Argument> arguments);
   Cell& cellAt(uint64_t position) const { return cells_[position & mask_]; }
   // Behind the others: where dropped words go. Never read.
   Cell& wasteCell() const { return cells_[numCells()]; }

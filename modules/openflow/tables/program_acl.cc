@@ -7,6 +7,7 @@
 #include <fmt/core.h>
 #include <glog/logging.h>
 #include <rte_acl.h>
+#include <rte_prefetch.h>
 #include <urcu-qsbr.h>
 #include <urcu/rculfhash.h>
 
@@ -47,6 +48,16 @@ void makeRoomForPriorityZero(FLOW_TYPE* rules, uint32_t numRules) {
   }
 }
 
+// The walk comes upon entries anywhere in memory. All that a build reads of one
+// is fetched while the one before is copied.
+template <typename FLOW_TYPE>
+void prefetchEntry(const OpenFlowEntry<FLOW_TYPE>& entry) {
+  const auto* bytes = reinterpret_cast<const char*>(&entry);
+  for (size_t at = 0; at < sizeof(entry); at += RTE_CACHE_LINE_SIZE) {
+    rte_prefetch0(bytes + at);
+  }
+}
+
 // rte_acl_build within the memory that builds may take.
 int buildAcl(rte_acl_ctx* ctx, const rte_acl_config& config) {
   const Dpdk::AclBuildScope scope;
@@ -74,8 +85,13 @@ void OpenFlow::collectRules(FLOW_TYPE* rules,
   bool priorityZero = false;
   using Node = typename OpenFlowStore<FLOW_TYPE>::Node;
   cds_lfht_iter iter;
-  for (Node* node = info->flows->first(&iter); node != nullptr;
-       node = info->flows->next(&iter)) {
+  Node* ahead = info->flows->first(&iter);
+  while (ahead != nullptr) {
+    const Node* node = ahead;
+    ahead = info->flows->next(&iter);
+    if (ahead != nullptr) {
+      prefetchEntry(*ahead->value);
+    }
     if (n == info->numFlows) {
       const std::string errMsg =
           fmt::format(" Incorrect flow count for tableId {} flowType {}",

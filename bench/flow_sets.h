@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Flow sets of several kinds, the same at every run.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "openflow.pb.h"
+
+namespace bench {
+
+struct FlowKind {
+  const char* name;
+  const char* description;
+  // Flow i of a set that is `seed`'s, without identifier, counters and action.
+  void (*make)(uint32_t seed, uint32_t i, quil::pb::OpenFlowAddFlow* flow);
+};
+
+// All of IPv4:
+//   exact      TCP five-tuples
+//   prefixes   destinations of a routing table, priority by prefix length
+//   acl        prefix to prefix and a service, as routers filter
+//   firewall   from anywhere or a few large nets to hosts and services
+//   macs       destination MACs, EtherType open
+//   mixed      any few fields of layers 2 to 4, EtherType always set
+//   open       nine in ten MACs with EtherType open, one in ten five-tuples
+const std::vector<FlowKind>& flowKinds();
+const FlowKind& flowKind(const std::string& name);
+
+// `count` flows with identifiers from 1, outputs to gate 2, and counters.
+std::vector<quil::pb::OpenFlowAddFlow> makeFlows(const FlowKind& kind,
+                                                 uint32_t count,
+                                                 uint32_t seed = 1);
+
+}  // namespace bench
