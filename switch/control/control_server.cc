@@ -2,6 +2,7 @@
 #include "switch/control/control_server.h"
 
 #include <fmt/format.h>
+#include <grpc/grpc.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
 #include <grpcpp/grpcpp.h>
 #include <grpcpp/health_check_service_interface.h>
@@ -109,6 +110,10 @@ void checkControlAddress(const SwitchConfig& config) {
 class ControlServer::Impl {
  public:
   explicit Impl(const SwitchConfig& config) {
+    // Never shut down again: that would wait up to ten seconds for a thread of
+    // gRPC's that polls.
+    static const bool isInitialized = (grpc_init(), true);
+    static_cast<void>(isInitialized);
     if (!config.controlAddress.empty()) {
       const TcpAddress address = checkedAddress(config);
       tcpCredentials_ = hasTls(config) ? makeTlsCredentials(config)

@@ -57,6 +57,10 @@ class FieldCounter {
         countMessage(in, field->message_type(), depth + 1);
         if (in->BytesUntilLimit() != 0) malformed(type_);
         in->PopLimit(limit);
+      } else if (field != nullptr &&
+                 field->type() == FieldDescriptor::TYPE_STRING &&
+                 wireType == WireFormatLite::WIRETYPE_LENGTH_DELIMITED) {
+        checkText(in, *field);
       } else if (!WireFormatLite::SkipField(in, tag)) {
         malformed(type_);
       }
@@ -64,9 +68,23 @@ class FieldCounter {
     if (!in->ConsumedEntireMessage()) malformed(type_);
   }
 
+  // The parser would refuse it, too, and write about it to standard error.
+  void checkText(CodedInputStream* in, const FieldDescriptor& field) {
+    uint32_t length = 0;
+    if (!in->ReadVarint32(&length) || length > INT_MAX ||
+        !in->ReadString(&text_, static_cast<int>(length))) {
+      malformed(type_);
+    }
+    if (!google::protobuf::internal::IsStructurallyValidUTF8(
+            text_.data(), static_cast<int>(text_.size()))) {
+      throw BadMessage(fmt::format("{} is not in UTF-8", field.name()), false);
+    }
+  }
+
   const Descriptor& type_;
   const size_t most_;
   size_t left_;
+  std::string text_;
 };
 
 void checkLength(size_t length, const MessageLimits& limits) {
