@@ -41,6 +41,7 @@ inline constexpr RawMethod kMethods[] = {
 struct RawAnswer {
   grpc::Status status;
   size_t messages = 0;
+  std::string last;  // of the messages
 };
 
 // Waits for the end of the answer, or until it has taken `patience`.
@@ -57,17 +58,24 @@ inline RawAnswer rawCall(const std::shared_ptr<grpc::Channel>& channel,
   context.set_deadline(std::chrono::system_clock::now() + patience);
   RawAnswer answer;
   grpc::ByteBuffer reply;
+  const auto keep = [&] {
+    grpc::Slice all;
+    if (reply.DumpToSingleSlice(&all).ok()) {
+      answer.last.assign(all.begin(), all.end());
+    }
+    answer.messages++;
+  };
   if (!method.isStream) {
     answer.status =
         grpc::internal::BlockingUnaryCall<grpc::ByteBuffer, grpc::ByteBuffer>(
             channel.get(), rpc, &context, request, &reply);
-    answer.messages = answer.status.ok();
+    if (answer.status.ok()) keep();
     return answer;
   }
   const std::unique_ptr<grpc::ClientReader<grpc::ByteBuffer>> reader(
       grpc::internal::ClientReaderFactory<grpc::ByteBuffer>::Create(
           channel.get(), rpc, &context, request));
-  while (reader->Read(&reply)) answer.messages++;
+  while (reader->Read(&reply)) keep();
   answer.status = reader->Finish();
   return answer;
 }

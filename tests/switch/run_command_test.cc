@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,61 +13,15 @@
 #include <thread>
 
 #include "tests/captures/capture_files.h"
+#include "tests/switch/running_switch.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using ofswitch::RunningSwitch;
 using openflow_test::ScratchDir;
 using testing::HasSubstr;
 using Clock = std::chrono::steady_clock;
-
-// `ofswitch run` as a process of its own.
-class RunningSwitch {
- public:
-  RunningSwitch(const std::string& config, const std::string& log,
-                const char* option = nullptr)
-      : log_(log) {
-    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(fd, STDOUT_FILENO);
-      dup2(fd, STDERR_FILENO);
-      execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), option, nullptr);
-      _exit(127);
-    }
-    close(fd);
-  }
-  ~RunningSwitch() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-
-  std::string log() const { return openflow_test::readFile(log_); }
-
-  bool waitFor(const std::string& text) const {
-    const auto deadline = Clock::now() + 20s;
-    while (Clock::now() < deadline) {
-      if (log().find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(10ms);
-    }
-    return false;
-  }
-
-  // Sends the signal, if any, and answers the exit status.
-  int end(int signal) {
-    if (signal != 0) kill(pid_, signal);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
- private:
-  std::string log_;
-  pid_t pid_ = -1;
-};
 
 class RunCommand : public testing::Test {
  protected:
