@@ -129,9 +129,10 @@ int run(const RunOptions& options) {
   ControlServer control(config);
   LiveSwitch live(config);
   live.start();
-  control.serve(&live);
+  // The last one that may fail, before anybody is let in.
   const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
   const DpdkTelemetry telemetry(live);
+  control.serve(&live);
   fmt::print("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
   tellServiceManager("READY=1");

@@ -37,8 +37,15 @@ std::string bind(const std::string& address) {
 
 // "eth0", or nothing.
 std::string interfaceOf(const Machine& machine, const std::string& address) {
-  const auto names = machine.list(kDevices + address + "/net");
-  return names.empty() ? "" : names.front();
+  const std::string device = kDevices + address;
+  for (const std::string& name : machine.list(device)) {
+    // A virtio card has its interface below a device of its own.
+    const std::string folder =
+        name.starts_with("virtio") ? device + "/" + name : device;
+    const auto interfaces = machine.list(folder + "/net");
+    if (!interfaces.empty()) return interfaces.front();
+  }
+  return "";
 }
 
 void checkVfio(const Machine& machine, const std::string& address,

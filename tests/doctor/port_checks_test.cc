@@ -182,6 +182,13 @@ TEST_F(PortChecks, CardsThatAreNoPorts) {
       ElementsAre("ok: 0000:03:00.0 (8086:1572) is held by vfio-pci and is no "
                   "port; to make it one: dpdk-devbind.py --bind=vfio-pci "
                   "0000:03:00.0"));
+  fake_.addCard("0000:03:00.0", "virtio-pci");
+  fake_.write("/sys/bus/pci/devices/0000:03:00.0/virtio0/net/ens3/flags", "");
+  EXPECT_THAT(
+      otherCards("net_null0"),
+      ElementsAre("ok: 0000:03:00.0 (8086:1572) is held by virtio-pci as ens3 "
+                  "and is no port; to make it one: dpdk-devbind.py "
+                  "--bind=vfio-pci 0000:03:00.0"));
   fake_.write("/sys/bus/pci/devices/0000:03:00.0/class", "0x010802\n");
   EXPECT_THAT(otherCards("net_null0"), IsEmpty());
 }
