@@ -14,6 +14,7 @@
 #include "modules/capture_writer.h"
 #include "platform/mio/mio.h"
 #include "platform/twinlog/twinlog.h"
+#include "switch/live/controller_frame.h"
 
 namespace ofswitch {
 namespace {
@@ -22,13 +23,6 @@ constexpr unsigned kQueueLength = 4096;
 constexpr auto kWriterSleep = std::chrono::milliseconds(5);
 // Bytes of a frame that the log shows.
 constexpr size_t kShownBytes = 64;
-// What the module puts around a frame for the controller.
-constexpr uint32_t kHeaderLen = 22;
-constexpr uint32_t kTrailerLen = 4;
-constexpr int kMarkOffset = 13;
-constexpr uint8_t kMark = 0x31;
-constexpr int kReasonOffset = 17;
-
 const Mio::TraceHandle trace("Controller", 0);
 
 void add(std::atomic<uint64_t>* counter, uint64_t n) {
@@ -36,26 +30,14 @@ void add(std::atomic<uint64_t>* counter, uint64_t n) {
                  std::memory_order_relaxed);
 }
 
-// The frame inside a packet for the controller.
-struct Punted {
-  unsigned reason = 0;
-  uint32_t skip = 0;    // bytes in front of the frame
-  uint32_t length = 0;  // of the frame
-};
-
-Punted unwrap(const bess::Packet& pkt) {
-  const auto total = static_cast<uint32_t>(pkt.total_len());
-  const auto* bytes = pkt.head_data<const uint8_t*>();
-  if (pkt.data_len() < kHeaderLen || total < kHeaderLen + kTrailerLen ||
-      bytes[kMarkOffset] != kMark) {
-    return {0, 0, total};  // there was no room for the header
-  }
-  return {bytes[kReasonOffset], kHeaderLen, total - kHeaderLen - kTrailerLen};
+ControllerFrame unwrap(const bess::Packet& pkt) {
+  return controllerFrame(pkt.head_data<const uint8_t*>(), pkt.data_len(),
+                         static_cast<uint32_t>(pkt.total_len()));
 }
 
 void tracePacket(const bess::Packet& pkt) {
   constexpr char kDigits[] = "0123456789abcdef";
-  const Punted punted = unwrap(pkt);
+  const ControllerFrame punted = unwrap(pkt);
   const auto* bytes = pkt.head_data<const uint8_t*>() + punted.skip;
   std::array<char, 2 * kShownBytes> hex;
   const size_t shown =
@@ -136,7 +118,7 @@ void ControllerPort::writeCapture(const std::string& path) {
         const auto* data = segment->head_data<const uint8_t*>();
         frame.insert(frame.end(), data, data + segment->head_len());
       }
-      const Punted punted = unwrap(*pkt);
+      const ControllerFrame punted = unwrap(*pkt);
       writer.Write(static_cast<uint64_t>(
                        std::chrono::duration_cast<std::chrono::nanoseconds>(now)
                            .count()),
