@@ -249,6 +249,13 @@ std::vector<FlowBook::View> FlowBook::select(const FlowFilter& filter,
   return views;
 }
 
+void FlowBook::visit(uint8_t table, const Visitor& visitor) const {
+  for (const auto& [key, entry] : entries_) {
+    if (entry.installed->flow.table != table) continue;
+    visitor(entry.installed, entry.order);
+  }
+}
+
 template <class Predicate>
 std::optional<FlowBook::View> FlowBook::findRule(Predicate matches) const {
   for (const auto& [key, entry] : entries_) {

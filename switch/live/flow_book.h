@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -118,6 +119,11 @@ class FlowBook {
   std::vector<View> select(
       const FlowFilter& filter, bool withBuiltIn,
       size_t most = std::numeric_limits<size_t>::max()) const;
+  // Without order or counts: `order` is that of View.
+  using Visitor = std::function<void(
+      const std::shared_ptr<const InstalledFlow>& flow, uint64_t order)>;
+  void visit(uint8_t table, const Visitor& visitor) const;
+
   std::optional<View> findByFlowId(uint32_t flowId) const;
   std::optional<View> findByPacketCounter(uint32_t counterId) const;
 

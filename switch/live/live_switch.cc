@@ -21,6 +21,7 @@
 #include "switch/live/log_report.h"
 #include "switch/live/switch_graph.h"
 #include "switch/live/switch_report.h"
+#include "switch/trace/packet_tracer.h"
 
 namespace ofswitch {
 namespace {
@@ -107,6 +108,7 @@ class LiveSwitch::Impl {
       Worker::PauseAll();
       final_ = stats(false);
       programmer_.reset();
+      tracer_.reset();
     });
     graph_.reset();
     return final_;
@@ -187,6 +189,15 @@ class LiveSwitch::Impl {
     return reading;
   }
 
+  pb::TraceReply trace(const TracedPacket& packet) {
+    if (programmer_ == nullptr) throw BadRequest("the switch is not running");
+    if (tracer_ == nullptr) {
+      tracer_ = std::make_unique<PacketTracer>(portNumbers(config_),
+                                               config_.counters, tracedFlows());
+    }
+    return tracer_->trace(packet);
+  }
+
   const SwitchConfig config_;
   const Now now_;
   std::atomic<bool> running_ = false;
@@ -261,6 +272,20 @@ class LiveSwitch::Impl {
     }
   }
 
+  TraceFlows tracedFlows() const {
+    TraceFlows flows;
+    flows.byCounter = [this](uint32_t id) -> std::optional<TraceFlows::Found> {
+      const auto view = book_.findByPacketCounter(id);
+      if (!view) return std::nullopt;
+      return TraceFlows::Found{view->installed,
+                               flowEntry(*view, now_(), false)};
+    };
+    flows.visit = [this](uint8_t table, const TraceFlows::Visitor& visitor) {
+      book_.visit(table, visitor);
+    };
+    return flows;
+  }
+
   void tick() {
     std::unique_lock lock(tickMutex_);
     while (!tickWake_.wait_for(lock, kTick, [this] { return stopping_; })) {
@@ -280,6 +305,7 @@ class LiveSwitch::Impl {
   uint64_t expiredIdle_ = 0;
   uint64_t expiredHard_ = 0;
   MissingPackets missing_;
+  std::unique_ptr<PacketTracer> tracer_;  // from the first trace on
   pb::StatsReply final_;
 
   std::thread ticker_;
@@ -385,6 +411,18 @@ LiveSwitch::LogReading LiveSwitch::readLog(const pb::LogRequest& request,
 
 pb::LogLevels LiveSwitch::setLogLevels(const pb::LogLevels& levels) {
   return applyLogLevels(levels);
+}
+
+pb::TraceReply LiveSwitch::trace(const pb::TraceRequest& request) {
+  pb::TraceReply reply;
+  try {
+    const TracedPacket packet =
+        readTraceRequest(request, portNumbers(impl_->config_));
+    reply = Impl::onControl([&] { return impl_->trace(packet); });
+  } catch (const std::exception& error) {
+    reply.set_refusal(error.what());
+  }
+  return reply;
 }
 
 std::vector<uint16_t> LiveSwitch::connectedGates() const {

@@ -131,6 +131,11 @@ class LiveSwitch {
   // that does not exist.
   pb::LogLevels setLogLevels(const pb::LogLevels& levels);
 
+  // Tells what the flows in force would do to one packet. Nothing is sent, no
+  // counter moves, no worker waits. Why it cannot be told stands in the reply;
+  // this throws nothing.
+  pb::TraceReply trace(const pb::TraceRequest& request);
+
   // The numbers of the connected output gates, ascending, gate 0 included.
   std::vector<uint16_t> connectedGates() const;
 
