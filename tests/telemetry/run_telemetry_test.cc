@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// What `ofswitch run` serves to monitoring, seen from another process.
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <filesystem>
+
+#include "tests/switch/running_switch.h"
+#include "tests/telemetry/http_get.h"
+#include "tests/telemetry/metrics_text.h"
+
+namespace ofswitch {
+namespace {
+
+using openflow_test::ScratchDir;
+using testing::HasSubstr;
+
+class RunTelemetry : public testing::Test {
+ protected:
+  void SetUp() override { setenv("RUNTIME_DIRECTORY", dir_.path().c_str(), 1); }
+  void TearDown() override { unsetenv("RUNTIME_DIRECTORY"); }
+
+  std::string config(const std::string& metrics) const {
+    openflow_test::writeFile(dir_ / "flows.txt", "in_port=1,actions=drop\n");
+    openflow_test::writeFile(
+        dir_ / "switch.yaml",
+        fmt::format("ports: [{{number: 1, device: net_null0}}]\n"
+                    "memory: {{mb: 256}}\nflows: flows.txt\n"
+                    "control: {{socket: control.sock}}\nmetrics: {}\n",
+                    metrics));
+    return dir_ / "switch.yaml";
+  }
+
+  // What follows `start` on its line of the log.
+  static std::string lineOf(const std::string& log, const std::string& start) {
+    const size_t at = log.find(start);
+    if (at == std::string::npos) return "";
+    return log.substr(at + start.size(),
+                      log.find('\n', at) - at - start.size());
+  }
+
+  ScratchDir dir_;
+};
+
+TEST_F(RunTelemetry, ServesMetricsAndTheSocketOfDpdk) {
+  RunningSwitch process(config("127.0.0.1:0"), dir_ / "log");
+  ASSERT_TRUE(process.waitFor("running: ")) << process.log();
+  const std::string url = lineOf(process.log(), "metrics: ");
+  const MetricsText text(httpRequest(portOfUrl(url), "GET", "/metrics").body);
+  EXPECT_EQ(text.value("ofswitch_flows"), 1);
+  EXPECT_GT(text.value("ofswitch_table_dropped_packets_total",
+                       {{"table", "0"}, {"cause", "drop_action"}}),
+            0);
+
+  const std::string command = lineOf(process.log(), "DPDK telemetry: ");
+  const std::string start = fmt::format(
+      "RUNTIME_DIRECTORY={} dpdk-telemetry.py -f ", dir_.path().string());
+  ASSERT_THAT(command, testing::StartsWith(start));
+  const std::filesystem::path runtime =
+      dir_.path() / "dpdk" / command.substr(start.size());
+  EXPECT_TRUE(std::filesystem::is_socket(runtime / "dpdk_telemetry.v2"));
+
+  const auto stop = std::chrono::steady_clock::now();
+  EXPECT_EQ(process.end(SIGTERM), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - stop, std::chrono::seconds(2));
+  EXPECT_FALSE(std::filesystem::exists(runtime));
+}
+
+TEST_F(RunTelemetry, RefusesAPortThatIsTaken) {
+  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  auto* where = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(other, where, length), 0);
+  ASSERT_EQ(listen(other, 1), 0);
+  ASSERT_EQ(getsockname(other, where, &length), 0);
+  const std::string taken =
+      fmt::format("127.0.0.1:{}", ntohs(address.sin_port));
+  RunningSwitch process(config(taken), dir_ / "log");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_THAT(process.log(),
+              HasSubstr(fmt::format("ofswitch: metrics: cannot listen on {}: "
+                                    "Address already in use; give another "
+                                    "address, such as ",
+                                    taken)));
+  close(other);
+}
+
+TEST_F(RunTelemetry, ServesNoMetricsWhenToldSo) {
+  RunningSwitch process(config("false"), dir_ / "log");
+  ASSERT_TRUE(process.waitFor("running: ")) << process.log();
+  EXPECT_THAT(process.log(), Not(HasSubstr("metrics: ")));
+  EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
+}  // namespace
+}  // namespace ofswitch
