@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
 // ofswitch check: would these flow files be taken? Reads and translates them
-// as "replay" does, and runs nothing.
+// as "replay" does. Runs nothing, unless asked to build the tables.
 #include <fmt/core.h>
 
 #include <algorithm>
@@ -18,6 +18,9 @@
 #include "switch/flow/flow_printer.h"
 #include "switch/flow/flow_reader.h"
 #include "switch/flow/translator.h"
+#include "switch/replay/build_check.h"
+#include "switch/replay/module_path.h"
+#include "switch/replay/policy.h"
 #include "switch/replay/progress.h"
 
 namespace ofswitch {
@@ -28,6 +31,8 @@ struct CheckOptions {
   std::vector<uint16_t> ports;
   bool json = false;
   bool verbose = false;
+  bool build = false;
+  BuildCheckOptions builds;
 };
 
 struct CheckResult {
@@ -36,6 +41,7 @@ struct CheckResult {
   bool hasFlowText = false;
   std::vector<Diagnostic> refusals;
   std::vector<Diagnostic> notes;
+  std::vector<TableBuild> builds;
 };
 
 template <class T>
@@ -114,6 +120,45 @@ nlohmann::json toJson(const InstalledFlow& installed) {
           {"guards", guards}};
 }
 
+// As many digits as one wants to read.
+std::string sizeText(size_t bytes) {
+  constexpr size_t kMb = size_t{1} << 20;
+  return bytes < 10 * kMb ? fmt::format("{} KB", (bytes + 1023) / 1024)
+                          : fmt::format("{} MB", (bytes + kMb / 2) / kMb);
+}
+
+void printBuild(const TableBuild& build) {
+  if (!build.failure.empty()) {
+    fmt::print(stderr, "{}\n", build.failure);
+    return;
+  }
+  fmt::print("table {} {}: {} flow{}", build.table,
+             build.ipv6 ? "IPv6" : "IPv4", build.flows,
+             build.flows == 1 ? "" : "s");
+  if (build.flows > 0) {
+    fmt::print(", built in {:.1f} ms with {}, keeps {}, {:.0f} cycles a packet",
+               build.milliseconds, sizeText(build.buildBytes),
+               sizeText(build.keptBytes), build.cyclesPerPacket);
+  }
+  fmt::print("\n");
+}
+
+nlohmann::json toJson(const TableBuild& build) {
+  nlohmann::json json = {{"table", build.table},
+                         {"family", build.ipv6 ? "ipv6" : "ipv4"},
+                         {"flows", build.flows},
+                         {"builds", build.failure.empty()},
+                         {"milliseconds", build.milliseconds},
+                         {"buildBytes", build.buildBytes},
+                         {"keptBytes", build.keptBytes}};
+  if (build.failure.empty()) {
+    json["cyclesPerPacket"] = build.cyclesPerPacket;
+  } else {
+    json["failure"] = build.failure;
+  }
+  return json;
+}
+
 void printJson(const CheckResult& result, const FlowTranslator& translator,
                bool verbose) {
   nlohmann::json report = {{"flows", result.flows},
@@ -121,6 +166,12 @@ void printJson(const CheckResult& result, const FlowTranslator& translator,
                            {"refused", result.refusals.size()},
                            {"refusals", toJson(result.refusals)},
                            {"notes", toJson(result.notes)}};
+  if (!result.builds.empty()) {
+    report["tables"] = nlohmann::json::array();
+    for (const TableBuild& build : result.builds) {
+      report["tables"].push_back(toJson(build));
+    }
+  }
   if (verbose) {
     report["installed"] = nlohmann::json::array();
     for (const InstalledFlow* flow : translator.installed()) {
@@ -150,6 +201,18 @@ void printText(const CheckResult& result, const FlowTranslator& translator,
     fmt::print("{} flows accepted, {} refused\n", result.flows,
                result.refusals.size());
   }
+  for (const TableBuild& build : result.builds) printBuild(build);
+}
+
+std::vector<TableBuild> buildTables(const CheckOptions& options) {
+  BuildCheckOptions builds = options.builds;
+  builds.modulePath = findModule(builds.modulePath);
+  return checkBuilds(loadPolicy(options.files, {}, options.ports), builds);
+}
+
+bool allBuild(const std::vector<TableBuild>& builds) {
+  return std::ranges::all_of(
+      builds, [](const TableBuild& build) { return build.failure.empty(); });
 }
 
 int check(const CheckOptions& options) {
@@ -168,12 +231,16 @@ int check(const CheckOptions& options) {
   append(std::move(translation.refusals), &result.refusals);
   append(std::move(translation.notes), &result.notes);
 
+  if (options.build && result.refusals.empty()) {
+    result.builds = buildTables(options);
+  }
+
   if (options.json) {
     printJson(result, translator, options.verbose);
   } else {
     printText(result, translator, options.verbose);
   }
-  return result.refusals.empty() ? 0 : 1;
+  return result.refusals.empty() && allBuild(result.builds) ? 0 : 1;
 }
 
 }  // namespace
@@ -184,7 +251,8 @@ void addCheckCommand(CLI::App* app, int* status) {
       "Read flow files as replay would, and tell what would be refused");
   command->footer(
       "Refused lines go to standard error with the reason. The exit status is "
-      "0 when every line is accepted.");
+      "0 when every line is accepted and, with --build, every table can be "
+      "built.");
   auto options = std::make_shared<CheckOptions>();
   command
       ->add_option("FLOWS", options->files,
@@ -200,6 +268,26 @@ void addCheckCommand(CLI::App* app, int* status) {
   command->add_flag("-v,--verbose", options->verbose,
                     "Also print each flow in normal form, with the module's "
                     "family and priority");
+  command->add_flag("--build", options->build,
+                    "Also build the tables as the switch does, and tell how "
+                    "long it takes, how much memory, and what a lookup costs");
+  command
+      ->add_option("--memory", options->builds.memoryMb,
+                   "Megabytes for flows and classifiers")
+      ->type_name("MB")
+      ->check(CLI::Range(128, 1 << 20))
+      ->capture_default_str();
+  command
+      ->add_option("--build-memory", options->builds.buildMb,
+                   "Megabytes that building a classifier may take beside that "
+                   "(default: a quarter of what is available, 4096 at most)")
+      ->type_name("MB")
+      ->check(CLI::Range(16, 1 << 20));
+  command
+      ->add_option("--module", options->builds.modulePath,
+                   "The OpenFlow module's library (default: OFSWITCH_MODULE, "
+                   "beside the program, the build tree, the installation)")
+      ->type_name("FILE.so");
   command->callback([options, status] { *status = check(*options); });
 }
 

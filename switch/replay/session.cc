@@ -13,7 +13,6 @@
 #include <thread>
 
 #include "control.h"
-#include "dpdk_log.h"
 #include "eal.h"
 #include "graph.h"
 #include "modules/capture_sink.h"
@@ -21,40 +20,17 @@
 #include "packet_pool.h"
 #include "platform/quil_modules/counter_db.h"
 #include "plugin.h"
-#include "switch/flow/update_batch.h"
+#include "switch/replay/module_commands.h"
 #include "switch/replay/progress.h"
-#include "switch/replay/update_failure.h"
 #include "utils/acl_build_memory.h"
 #include "worker.h"
 
 namespace ofswitch {
 namespace {
 
-using quil::pb::OpenFlowGetStatsRespArg;
 using QuilModules::bessCounterDb;
 
-constexpr char kSwitch[] = "openflow";  // the instance's name
 constexpr auto kPoll = std::chrono::milliseconds(2);
-
-void require(const std::string& error) {
-  if (!error.empty()) {
-    throw std::runtime_error(error);
-  }
-}
-
-void require(const CommandResponse& response, const std::string& what) {
-  if (response.error().code() != 0) {
-    throw std::runtime_error(fmt::format("{}: {} (code {})", what,
-                                         response.error().errmsg(),
-                                         response.error().code()));
-  }
-}
-
-google::protobuf::Any packed(const google::protobuf::Message& message) {
-  google::protobuf::Any any;
-  any.PackFrom(message);
-  return any;
-}
 
 // Copies for output that one packet of a flow leaves, at least and at most.
 std::pair<uint32_t, uint32_t> outputsOf(const quil::pb::OfAction& action) {
@@ -113,34 +89,8 @@ class Session {
     if (options_.buildMb != 0) Dpdk::setAclBuildLimit(options_.buildMb << 20);
     buffersBefore_ = bess::PacketPool::Default()->available();
     failedBefore_ = bess::Packet::failed_copies();
-    require(bess::LoadPlugin(options_.modulePath));
+    switch_ = makeModule(options_.modulePath);
     loaded_ = true;
-    const bess::CreateResult made = bess::CreateModule("OpenFlow", kSwitch);
-    require(made.response, options_.modulePath);
-    switch_ = made.module;
-    for (uint32_t table = 0; table < kNumTables; table++) {
-      quil::pb::OpenFlowAclArg binding;
-      binding.set_tableid(table);
-      binding.set_aclid(2 * table);
-      binding.set_ipv6aclid(2 * table + 1);
-      command("setAclIds", packed(binding), "setAclIds");
-    }
-  }
-
-  static CommandResponse command(const std::string& name,
-                                 const google::protobuf::Any& arg,
-                                 const std::string& what) {
-    CommandResponse response = bess::RunModuleCommand(kSwitch, name, arg);
-    require(response, what);
-    return response;
-  }
-
-  static OpenFlowGetStatsRespArg tableStats(uint32_t table) {
-    quil::pb::OpenFlowGetStatsArg arg;
-    arg.set_tableid(table);
-    OpenFlowGetStatsRespArg stats;
-    command("getStats", packed(arg), "getStats").data().UnpackTo(&stats);
-    return stats;
   }
 
   // Classifiers of many flows take their time to build.
@@ -148,7 +98,7 @@ class Session {
     std::atomic<size_t> done = 0;
     std::future<void> work = std::async(std::launch::async, [&] {
       for (const PolicyCommand& one : policy_.commands) {
-        const CommandResponse response = apply(one);
+        const CommandResponse response = applyCommand(one);
         ReplayCounts::Reply reply{one.where, {}};
         if (response.data().UnpackTo(&reply.stats)) {
           result_.counts.replies.push_back(std::move(reply));
@@ -161,27 +111,6 @@ class Session {
       progress.show(done, policy_.commands.size());
     }
     work.get();
-  }
-
-  static CommandResponse apply(const PolicyCommand& one) {
-    TableUpdate update;
-    if (!one.arg.UnpackTo(&update)) {
-      return command(one.name, one.arg,
-                     fmt::format("{}: {}", one.where, one.name));
-    }
-    const OpenFlowGetStatsRespArg before = tableStats(update.tableid());
-    // What the classifier library says of a failure is in the error.
-    const bess::DpdkLogCapture log;
-    CommandResponse response =
-        bess::RunModuleCommand(kSwitch, one.name, one.arg);
-    if (response.error().code() != 0) {
-      throw std::runtime_error(fmt::format(
-          "{}: table {} {}: {}", one.where, update.tableid(),
-          update.flowtype() == quil::pb::OPENFLOW_TYPE_IPV6 ? "IPv6" : "IPv4",
-          updateFailure(response, before, tableStats(update.tableid()),
-                        {"--memory", "--build-memory"})));
-    }
-    return response;
   }
 
   void connectOutputs() {
@@ -199,7 +128,7 @@ class Session {
           "CaptureSink", fmt::format("port{}", gate), packed(arg));
       require(made.response, "sink");
       sinks_[gate] = static_cast<CaptureSink*>(made.module);
-      require(bess::ConnectModules(kSwitch, gate, made.module->name(), 0),
+      require(bess::ConnectModules(kModuleName, gate, made.module->name(), 0),
               fmt::format("port {}", gate));
     }
   }
@@ -219,7 +148,7 @@ class Session {
       // The text names the file.
       require(made.response.error().errmsg());
       sources_.push_back(static_cast<CaptureSource*>(made.module));
-      require(bess::ConnectModules(made.module->name(), 0, kSwitch, 0),
+      require(bess::ConnectModules(made.module->name(), 0, kModuleName, 0),
               "captures");
       require(Worker::Add(wid));
       onControlThread([&] { bessCounterDb.create(wid, policy_.numCounters); });

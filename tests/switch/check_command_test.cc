@@ -9,8 +9,11 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <string>
+
+#include "tests/switch/explosive_flows.h"
 
 namespace {
 
@@ -156,6 +159,79 @@ TEST_F(CheckCommand, ExplainsItself) {
   check("");
   EXPECT_NE(status_, 0);
   EXPECT_NE(err_.find("FLOWS is required"), std::string::npos) << err_;
+}
+
+TEST_F(CheckCommand, BuildsTheTables) {
+  write("flows.txt",
+        "table=0,ip,nw_dst=10.0.0.0/8,actions=goto_table:2\n"
+        "table=0,arp,actions=drop\n"
+        "table=2,ipv6,ipv6_dst=2001:db8::/32,actions=output:2\n");
+  check("--build flows.txt");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(err_, "");
+  const std::string figures =
+      ", built in [0-9.]+ ms with 8193 KB, keeps [0-9]+ KB, [0-9]+ cycles a "
+      "packet\n";
+  EXPECT_TRUE(std::regex_match(
+      out_, std::regex("3 flows accepted, 0 refused\n"
+                       "table 0 IPv4: 2 flows" +
+                       figures + "table 2 IPv6: 1 flow" + figures)))
+      << out_;
+}
+
+TEST_F(CheckCommand, TellsOfBuildsInJson) {
+  write("flows.json", R"([
+    {"updateFlows": {"tableId": 3, "flowType": "OPENFLOW_TYPE_IPV6", "adds": [
+      {"flowId": 1, "priority": 5, "match": {"fields": {"ethType": true},
+       "values": {"ethType": 2048}}},
+      {"flowId": 2, "priority": 5}]}},
+    {"updateFlows": {"tableId": 3, "flowType": "OPENFLOW_TYPE_IPV6",
+      "deletes": [{"flowId": 1}]}},
+    {"updateFlows": {"tableId": 4, "adds": [{"flowId": 9, "priority": 1}]}},
+    {"updateFlows": {"tableId": 4, "deletes": [{"flowId": 9}]}}])");
+  check("--build --json flows.json");
+  EXPECT_EQ(status_, 0) << err_;
+  const auto tables = nlohmann::json::parse(out_)["tables"];
+  ASSERT_EQ(tables.size(), 2);
+  EXPECT_EQ(tables[0]["table"], 3);
+  EXPECT_EQ(tables[0]["family"], "ipv6");
+  EXPECT_EQ(tables[0]["flows"], 1);
+  EXPECT_EQ(tables[0]["builds"], true);
+  EXPECT_GT(tables[0]["milliseconds"], 0);
+  EXPECT_GT(tables[0]["buildBytes"], 8 << 20);
+  EXPECT_GT(tables[0]["keptBytes"], 1000);
+  EXPECT_LT(tables[0]["keptBytes"], 100000);
+  EXPECT_GT(tables[0]["cyclesPerPacket"], 1);
+  EXPECT_EQ(tables[1]["table"], 4);
+  EXPECT_EQ(tables[1]["flows"], 0);
+  EXPECT_EQ(tables[1]["cyclesPerPacket"], 0);
+}
+
+TEST_F(CheckCommand, NamesTheTableThatDoesNotBuild) {
+  write("flows.txt",
+        openflow_test::explosiveFlows() + "table=1,actions=drop\n");
+  check("--build --build-memory 16 flows.txt");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_,
+            "flows.txt: table 0 IPv4: its classifier needs more than 16 MB to "
+            "build (--build-memory): fields that some flows leave open and "
+            "others fix multiply, see docs/flow-sets.md\n");
+  EXPECT_NE(out_.find("\ntable 1 IPv4: 1 flow, built in "), std::string::npos);
+
+  check("--build --build-memory 16 --json flows.txt");
+  EXPECT_EQ(status_, 1);
+  const auto tables = nlohmann::json::parse(out_)["tables"];
+  EXPECT_EQ(tables[0]["builds"], false);
+  EXPECT_FALSE(tables[0].contains("cyclesPerPacket"));
+  EXPECT_TRUE(tables[0].contains("failure"));
+  EXPECT_EQ(tables[1]["builds"], true);
+}
+
+TEST_F(CheckCommand, BuildsNothingWhenALineIsRefused) {
+  write("flows.txt", "actions=drop\nactions=flod\n");
+  check("--build flows.txt");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(out_, "1 flows accepted, 1 refused\n");
 }
 
 }  // namespace

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// An instance of the module in this process's host, and what is said to it.
+// Everything throws std::runtime_error with a text for a person.
+#pragma once
+
+#include <google/protobuf/any.pb.h>
+
+#include <cstdint>
+#include <string>
+
+#include "message.h"
+#include "module.h"
+#include "openflow.pb.h"
+#include "switch/replay/policy.h"
+
+namespace ofswitch {
+
+// The instance's name in the host's graph.
+inline constexpr char kModuleName[] = "openflow";
+
+void require(const std::string& error);
+void require(const CommandResponse& response, const std::string& what);
+google::protobuf::Any packed(const google::protobuf::Message& message);
+
+// Loads the plug-in, makes the instance, and binds table t to the slots 2t
+// (IPv4) and 2t + 1 (IPv6). When it throws, the plug-in is not loaded.
+Module* makeModule(const std::string& path);
+
+quil::pb::OpenFlowGetStatsRespArg tableStats(uint32_t table);
+
+// An update that fails is told by its place, its table and the reason.
+CommandResponse applyCommand(const PolicyCommand& command);
+
+}  // namespace ofswitch

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/replay/sample_key.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "tests/support/flow.h"
+#include "tests/support/frame.h"
+
+namespace ofswitch {
+namespace {
+
+using openflow_test::Flow;
+using openflow_test::ip4;
+using openflow_test::ip6;
+using openflow_test::Ip6;
+using openflow_test::Mac;
+
+using Key = std::vector<uint8_t>;
+
+Key keyOf(const Flow& flow, bool ipv6 = false) {
+  std::mt19937 random(3);
+  return sampleKey(flow.message(), ipv6, &random);
+}
+
+Key part(const Key& key, size_t offset, size_t size) {
+  const auto first = key.begin() + static_cast<ptrdiff_t>(offset);
+  return {first, first + static_cast<ptrdiff_t>(size)};
+}
+
+const Mac kMac = {2, 3, 4, 5, 6, 7};
+const Mac kOtherMac = {0x12, 0x13, 0x14, 0x15, 0x16, 0x17};
+
+TEST(SampleKey, HasTheExactFields) {
+  const Key key = keyOf(Flow(1, 1)
+                            .ipProto(6)
+                            .ethSrc(kMac)
+                            .ethDst(kOtherMac)
+                            .vlanVid(0x123)
+                            .vlanPcp(5)
+                            .ethType(0x0800)
+                            .arpTpa(ip4("9.8.7.6"))
+                            .ipv4Src(ip4("10.1.2.3"))
+                            .ipv4Dst(ip4("10.4.5.6"))
+                            .l4SrcPort(0x1122)
+                            .l4DstPort(0x3344)
+                            .ipTos(0x55)
+                            .ipTtl(0x66)
+                            .icmpType(0x77)
+                            .icmpCode(0x88)
+                            .tcpFlags(0x99)
+                            .metadata(0x0102030405060708));
+  ASSERT_EQ(key.size(), 53);
+  EXPECT_EQ(key[0], 6);
+  EXPECT_EQ(part(key, 1, 6), Key(kMac.begin(), kMac.end()));
+  EXPECT_EQ(part(key, 9, 6), Key(kOtherMac.begin(), kOtherMac.end()));
+  EXPECT_EQ(key[17] & 0xef, 0xa1);  // bit 0x1000 is open
+  EXPECT_EQ(part(key, 18, 3), (Key{0x23, 8, 0}));
+  EXPECT_EQ(part(key, 21, 12), (Key{9, 8, 7, 6, 10, 1, 2, 3, 10, 4, 5, 6}));
+  EXPECT_EQ(part(key, 33, 9),
+            (Key{0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99}));
+  EXPECT_EQ(part(key, 45, 8), (Key{8, 7, 6, 5, 4, 3, 2, 1}));
+}
+
+TEST(SampleKey, HasIpv6Addresses) {
+  const Ip6 source = ip6("2001:db8::1");
+  const Ip6 destination = ip6("2001:db8::2");
+  const Key key = keyOf(
+      Flow(1, 1).ipv6Src(source).ipv6Dst(destination).l4DstPort(0x1234), true);
+  ASSERT_EQ(key.size(), 73);
+  EXPECT_EQ(part(key, 21, 16), Key(source.begin(), source.end()));
+  EXPECT_EQ(part(key, 37, 16), Key(destination.begin(), destination.end()));
+  EXPECT_EQ(part(key, 55, 2), (Key{0x12, 0x34}));
+}
+
+TEST(SampleKey, LeavesOpenWhatTheFlowDoes) {
+  std::mt19937 random(1);
+  const Flow flow = Flow(1, 1).ipv4Dst(ip4("10.0.0.0"), ip4("255.128.0.0"));
+  std::set<uint8_t> seconds;
+  std::set<Key> sources;
+  for (int i = 0; i < 1000; i++) {
+    const Key key = sampleKey(flow.message(), false, &random);
+    EXPECT_EQ(key[29], 10);
+    EXPECT_LT(key[30], 128);
+    seconds.insert(key[30]);
+    sources.insert(part(key, 25, 4));
+  }
+  EXPECT_GT(seconds.size(), 100u);
+  EXPECT_GT(sources.size(), 990u);
+}
+
+}  // namespace
+}  // namespace ofswitch
