@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
   ofswitch::addDoctorCommand(&app, &status);
   ofswitch::addReplayCommand(&app, &status);
   ofswitch::addRunCommand(&app, &status);
+  ofswitch::addTraceCommand(&app, &status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

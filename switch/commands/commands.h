@@ -12,5 +12,6 @@ void addCheckCommand(CLI::App* app, int* status);
 void addDoctorCommand(CLI::App* app, int* status);
 void addReplayCommand(CLI::App* app, int* status);
 void addRunCommand(CLI::App* app, int* status);
+void addTraceCommand(CLI::App* app, int* status);
 
 }  // namespace ofswitch

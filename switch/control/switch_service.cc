@@ -98,12 +98,11 @@ SwitchService::UnaryReactor* SwitchService::SetLogLevels(Context* context,
 }
 
 SwitchService::UnaryReactor* SwitchService::Trace(Context* context,
-                                                  const Bytes* /*request*/,
-                                                  Bytes* /*reply*/) {
-  grpc::ServerUnaryReactor* reactor = context->DefaultReactor();
-  reactor->Finish({grpc::StatusCode::UNIMPLEMENTED,
-                   "this switch does not explain packets"});
-  return reactor;
+                                                  const Bytes* request,
+                                                  Bytes* reply) {
+  return answer<pb::TraceRequest>(
+      commands_, context, request, reply,
+      [live = live_](const auto& message) { return live->trace(message); });
 }
 
 }  // namespace ofswitch
