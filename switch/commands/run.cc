@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "switch/commands/commands.h"
 #include "switch/commands/service_notice.h"
@@ -126,13 +127,12 @@ int run(const RunOptions& options) {
   const sigset_t signals = stopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  ControlServer control(config);
+  ControlSockets sockets(config);
   LiveSwitch live(config);
   live.start();
-  // The last one that may fail, before anybody is let in.
   const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
   const DpdkTelemetry telemetry(live);
-  control.serve(&live);
+  ControlServer control(std::move(sockets), &live);
   fmt::print("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
   tellServiceManager("READY=1");

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <utility>
 
 namespace ofswitch {
@@ -33,11 +34,20 @@ ConnectionDoor::ConnectionDoor(std::vector<Entrance> entrances,
       stop_(eventfd(0, EFD_CLOEXEC)),
       thread_([this] { serve(); }) {}
 
-ConnectionDoor::~ConnectionDoor() {
+void ConnectionDoor::close() {
+  if (!thread_.joinable()) return;
   const uint64_t one = 1;
   if (write(stop_, &one, sizeof(one)) < 0) std::terminate();
   thread_.join();
-  close(stop_);
+  ::close(stop_);
+}
+
+void ConnectionDoor::disconnect() {
+  for (const Connection& connection : connections_) {
+    if (socketInode(connection.fd) == connection.inode) {
+      shutdown(connection.fd, SHUT_RDWR);
+    }
+  }
 }
 
 void ConnectionDoor::serve() {
@@ -66,7 +76,7 @@ void ConnectionDoor::accept(const Entrance& entrance) {
     return;
   }
   if (!hasRoom()) {
-    close(fd);
+    ::close(fd);
     return;
   }
   if (!entrance.socket->isUnix()) {

@@ -26,10 +26,15 @@ class ConnectionDoor {
 
   // The sockets must outlive it; the server must run.
   ConnectionDoor(std::vector<Entrance> entrances, size_t mostConnections);
-  // Accepts no more. Connections stay.
-  ~ConnectionDoor();
+  ~ConnectionDoor() { close(); }
   ConnectionDoor(const ConnectionDoor&) = delete;
   ConnectionDoor& operator=(const ConnectionDoor&) = delete;
+
+  // Accepts no more. Connections stay.
+  void close();
+
+  // Ends the connections that are left. After close().
+  void disconnect();
 
  private:
   // A connection, known by its descriptor and the socket behind it, because

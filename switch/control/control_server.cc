@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <utility>
 #include <vector>
 
@@ -48,6 +49,8 @@ constexpr milliseconds kHandshakeTime{10'000};
 constexpr milliseconds kKeepaliveTime{60'000};
 constexpr milliseconds kKeepaliveTimeout{20'000};
 constexpr milliseconds kLeastPingTime{5'000};
+// For clients to take the end of their calls.
+constexpr milliseconds kPartingTime{200};
 
 // A connection takes a descriptor. Others are left for ports and files.
 size_t connectionLimit() {
@@ -107,42 +110,52 @@ void checkControlAddress(const SwitchConfig& config) {
   if (hasTls(config)) makeTlsCredentials(config);
 }
 
+struct ControlSockets::Impl {
+  std::shared_ptr<grpc::ServerCredentials> tcpCredentials;  // null: no TCP
+  ListeningSocket tcp;
+  ListeningSocket local;
+};
+
+ControlSockets::ControlSockets(const SwitchConfig& config)
+    : impl_(std::make_unique<Impl>()) {
+  // Never shut down again: that would wait up to ten seconds for a thread of
+  // gRPC's that polls.
+  static const bool isInitialized = (grpc_init(), true);
+  static_cast<void>(isInitialized);
+  if (!config.controlAddress.empty()) {
+    const TcpAddress address = checkedAddress(config);
+    impl_->tcpCredentials = hasTls(config) ? makeTlsCredentials(config)
+                                           : grpc::InsecureServerCredentials();
+    impl_->tcp =
+        ListeningSocket::atAddress(config.controlAddress, address, kAddressKey);
+  }
+  impl_->local = ListeningSocket::atPath(config.controlSocket);
+}
+
+ControlSockets::ControlSockets(ControlSockets&&) noexcept = default;
+ControlSockets::~ControlSockets() = default;
+
 class ControlServer::Impl {
  public:
-  explicit Impl(const SwitchConfig& config) {
-    // Never shut down again: that would wait up to ten seconds for a thread of
-    // gRPC's that polls.
-    static const bool isInitialized = (grpc_init(), true);
-    static_cast<void>(isInitialized);
-    if (!config.controlAddress.empty()) {
-      const TcpAddress address = checkedAddress(config);
-      tcpCredentials_ = hasTls(config) ? makeTlsCredentials(config)
-                                       : grpc::InsecureServerCredentials();
-      tcpSocket_ = ListeningSocket::atAddress(config.controlAddress, address,
-                                              kAddressKey);
-    }
-    unixSocket_ = ListeningSocket::atPath(config.controlSocket);
-  }
-
-  ~Impl() { stop(); }
-
-  void serve(LiveSwitch* live) {
-    commands_ = std::make_unique<WorkQueue>(kCommandThreads, kMostCommands);
-    readers_ = std::make_unique<WorkQueue>(kReaderThreads, kMostReaders);
-    service_ =
-        std::make_unique<SwitchService>(live, commands_.get(), readers_.get());
-    hostService_ = std::make_unique<HostService>(commands_.get());
+  Impl(std::unique_ptr<ControlSockets::Impl> sockets, LiveSwitch* live)
+      : sockets_(std::move(sockets)),
+        commands_(kCommandThreads, kMostCommands),
+        readers_(kReaderThreads, kMostReaders),
+        switchService_(live, &commands_, &readers_),
+        hostService_(&commands_) {
     grpc::EnableDefaultHealthCheckService(true);
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
     grpc::ServerBuilder builder;
     setLimits(&builder);
-    builder.RegisterService(service_.get());
-    builder.RegisterService(hostService_.get());
+    builder.RegisterService(&switchService_);
+    builder.RegisterService(&hostService_);
     std::vector<ConnectionDoor::Entrance> entrances;
     entrances.push_back(
-        {&unixSocket_, acceptor(&builder, grpc::InsecureServerCredentials())});
-    if (tcpCredentials_ != nullptr) {
-      entrances.push_back({&tcpSocket_, acceptor(&builder, tcpCredentials_)});
+        {&sockets_->local,
+         acceptor(&builder, grpc::InsecureServerCredentials())});
+    if (sockets_->tcpCredentials != nullptr) {
+      entrances.push_back(
+          {&sockets_->tcp, acceptor(&builder, sockets_->tcpCredentials)});
     }
     server_ = builder.BuildAndStart();
     if (server_ == nullptr) throw StartError("the control door cannot open");
@@ -154,22 +167,29 @@ class ControlServer::Impl {
                                              connectionLimit());
   }
 
+  ~Impl() { stop(); }
+
   void stop() {
-    door_.reset();
-    unixSocket_ = {};
-    tcpSocket_ = {};
-    if (server_ != nullptr) {
+    if (server_ == nullptr) return;
+    door_->close();
+    sockets_.reset();
+    // Ends all calls. What is said to a client that takes nothing from its
+    // socket waits for ever.
+    std::future<void> end = std::async(std::launch::async, [this] {
       server_->Shutdown(std::chrono::system_clock::now());
-      server_.reset();
+    });
+    if (end.wait_for(kPartingTime) != std::future_status::ready) {
+      door_->disconnect();
     }
-    service_.reset();
-    hostService_.reset();
-    commands_.reset();
-    readers_.reset();
+    end.wait();
+    server_.reset();
+    door_.reset();
   }
 
   uint16_t tcpPort() const {
-    return tcpCredentials_ == nullptr ? 0 : tcpSocket_.port();
+    return sockets_ == nullptr || sockets_->tcpCredentials == nullptr
+               ? 0
+               : sockets_->tcp.port();
   }
 
  private:
@@ -181,23 +201,20 @@ class ControlServer::Impl {
                                                                  credentials);
   }
 
-  std::shared_ptr<grpc::ServerCredentials> tcpCredentials_;  // null: no TCP
-  ListeningSocket tcpSocket_;
-  ListeningSocket unixSocket_;
-  std::unique_ptr<WorkQueue> commands_;
-  std::unique_ptr<WorkQueue> readers_;
-  std::unique_ptr<SwitchService> service_;
-  std::unique_ptr<HostService> hostService_;
+  // From those that are used to those that use them.
+  std::unique_ptr<ControlSockets::Impl> sockets_;
+  WorkQueue commands_;
+  WorkQueue readers_;
+  SwitchService switchService_;
+  HostService hostService_;
   std::unique_ptr<grpc::Server> server_;
   std::unique_ptr<ConnectionDoor> door_;
 };
 
-ControlServer::ControlServer(const SwitchConfig& config)
-    : impl_(std::make_unique<Impl>(config)) {}
+ControlServer::ControlServer(ControlSockets sockets, LiveSwitch* live)
+    : impl_(std::make_unique<Impl>(std::move(sockets.impl_), live)) {}
 
 ControlServer::~ControlServer() = default;
-
-void ControlServer::serve(LiveSwitch* live) { impl_->serve(live); }
 
 void ControlServer::stop() { impl_->stop(); }
 

@@ -17,20 +17,35 @@ namespace ofswitch {
 // Nothing is opened.
 void checkControlAddress(const SwitchConfig& config);
 
-// One a process. Clients that connect before `serve` wait for it.
+// Where the door will be. Taken before anything else is started, so that a
+// second switch goes before it has touched a port; clients that come early
+// wait.
+class ControlSockets {
+ public:
+  // Throws StartError.
+  explicit ControlSockets(const SwitchConfig& config);
+  ControlSockets(ControlSockets&&) noexcept;
+  // Removes them.
+  ~ControlSockets();
+
+ private:
+  friend class ControlServer;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// The door, open as long as it exists. One a process.
 class ControlServer {
  public:
-  // Takes the sockets. Throws StartError.
-  explicit ControlServer(const SwitchConfig& config);
+  // Answers what clients ask about `live`, which must outlive it. Throws
+  // StartError.
+  ControlServer(ControlSockets sockets, LiveSwitch* live);
   // Stops.
   ~ControlServer();
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
 
-  // Once. Answers what clients ask about `live`. Throws StartError.
-  void serve(LiveSwitch* live);
-
-  // Removes the socket, ends all calls and waits for those that are changing
+  // Removes the sockets, ends all calls and waits for those that are changing
   // something.
   void stop();
 

@@ -8,8 +8,8 @@ namespace ofswitch {
 ControlBench::ControlBench(const LiveBench::Options& options)
     : bench_(options), config_(bench_->config()) {
   config_.controlSocket = dir_ / "run" / "control.sock";
-  door_ = std::make_unique<ControlServer>(config_);
-  door_->serve(&bench_.live());
+  door_ =
+      std::make_unique<ControlServer>(ControlSockets(config_), &bench_.live());
   client_ = pb::Switch::NewStub(connect());
 }
 

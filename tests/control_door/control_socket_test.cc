@@ -145,13 +145,13 @@ TEST(ControlAddress, IsAnAddressAndAPort) {
 
 TEST(ControlAddress, IsRefusedWhenItIsTaken) {
   ScratchDir dir;
-  SwitchConfig config = configWith("127.0.0.1:0");
-  config.controlSocket = dir / "first.sock";
-  const ControlServer first(config);
-  ASSERT_GT(first.tcpPort(), 0);
-  config.controlSocket = dir / "second.sock";
-  config.controlAddress = "127.0.0.1:" + std::to_string(first.tcpPort());
-  EXPECT_EQ(errorOf([&] { const ControlServer second(config); }),
+  const std::string key = "control.address";
+  const ListeningSocket first = ListeningSocket::atAddress(
+      "127.0.0.1:0", TcpAddress("127.0.0.1:0", key), key);
+  ASSERT_GT(first.port(), 0);
+  SwitchConfig config = configWith("127.0.0.1:" + std::to_string(first.port()));
+  config.controlSocket = dir / "control.sock";
+  EXPECT_EQ(errorOf([&] { ControlSockets{config}; }),
             "control.address: " + config.controlAddress +
                 ": cannot listen there: Address already in use");
   EXPECT_FALSE(std::filesystem::exists(config.controlSocket));

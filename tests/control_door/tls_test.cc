@@ -88,8 +88,8 @@ class TlsDoor : public testing::Test {
   TlsDoor() {
     SwitchConfig config = tlsConfig();
     config.controlSocket = dir_ / "control.sock";
-    door_ = std::make_unique<ControlServer>(config);
-    door_->serve(&bench_.live());
+    door_ =
+        std::make_unique<ControlServer>(ControlSockets(config), &bench_.live());
   }
 
   // What a client with these credentials gets.
