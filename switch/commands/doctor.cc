@@ -5,6 +5,7 @@
 
 #include <fmt/core.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,9 +21,15 @@ struct DoctorOptions {
   bool json = false;
 };
 
+// What a switch without ports needs, on a machine that has no configuration.
+SwitchConfig configOf(const DoctorOptions& options) {
+  if (!options.config.empty()) return loadConfig(options.config);
+  return std::filesystem::exists(kDefaultConfig) ? loadConfig(kDefaultConfig)
+                                                 : SwitchConfig();
+}
+
 int run(const DoctorOptions& options) {
-  const SwitchConfig config =
-      options.config.empty() ? SwitchConfig() : loadConfig(options.config);
+  const SwitchConfig config = configOf(options);
   const std::vector<Finding> findings = examine(Machine(), config);
   fmt::print("{}",
              options.json ? findingsJson(findings) : findingsText(findings));
@@ -35,9 +42,10 @@ void addDoctorCommand(CLI::App* app, int* status) {
   CLI::App* command = app->add_subcommand(
       "doctor", "Tell what this machine lacks for a switch and what mends it");
   auto options = std::make_shared<DoctorOptions>();
-  command->add_option("-c,--config", options->config,
-                      "Configuration file of the switch; without one, what a "
-                      "switch without ports needs");
+  command->add_option(
+      "-c,--config", options->config,
+      fmt::format("Configuration file of the switch [{}, if there is one]",
+                  kDefaultConfig));
   command->add_flag("--json", options->json, "Findings as JSON");
   command->callback([options, status] { *status = run(*options); });
 }

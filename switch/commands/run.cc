@@ -28,7 +28,7 @@ namespace {
 constexpr auto kStopTime = std::chrono::milliseconds(1800);
 
 struct RunOptions {
-  std::string config = "/etc/ofswitch/switch.yaml";
+  std::string config = kDefaultConfig;
   bool check = false;
 };
 

@@ -62,6 +62,9 @@ struct ConfigError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Where the configuration is unless somebody says otherwise.
+inline constexpr char kDefaultConfig[] = "/etc/ofswitch/switch.yaml";
+
 // Reads a configuration file; paths in it are relative to its folder. Throws
 // ConfigError.
 SwitchConfig loadConfig(const std::string& path);

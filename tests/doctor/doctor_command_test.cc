@@ -34,6 +34,12 @@ Outcome shell(const std::string& script) {
   return outcome;
 }
 
+// A shell script with network interfaces and mounts of its own.
+Outcome inNamespaces(const std::string& script) {
+  const char* user = geteuid() == 0 ? "" : "--map-root-user ";
+  return shell("unshare " + std::string(user) + "--net --mount sh " + script);
+}
+
 class DoctorCommand : public testing::Test {
  protected:
   std::string write(const std::string& name, const std::string& text) {
@@ -78,6 +84,19 @@ TEST_F(DoctorCommand, RefusesABadConfiguration) {
                                 "\"ports\"?\n");
 }
 
+TEST_F(DoctorCommand, LooksAfterTheInstalledConfiguration) {
+  const std::string script =
+      write("script",
+            "set -e\n"
+            "mount -t tmpfs tmpfs /etc\n" OFSWITCH
+            " doctor | grep -c 'port 5' || true\n"
+            "mkdir /etc/ofswitch\n"
+            "echo 'ports: [{number: 5, device: net_null0}]' > "
+            "/etc/ofswitch/switch.yaml\n" OFSWITCH " doctor | grep 'port 5'\n");
+  const Outcome outcome = inNamespaces(script);
+  EXPECT_EQ(outcome.output, "0\nok       port 5: net_null0\n");
+}
+
 // What the doctor prescribes helps: a new cable of the kernel's is down and
 // full of offloads, and after the remedies there is nothing left to mend.
 TEST_F(DoctorCommand, RemediesForAnInterfaceWork) {
@@ -86,19 +105,17 @@ TEST_F(DoctorCommand, RemediesForAnInterfaceWork) {
             "memory: {mb: 64}\ncontrol: {socket: control.sock}\n"
             "ports: [{number: 1, device: \"net_af_packet0,iface=left\"}]\n");
   const std::string doctor = OFSWITCH " doctor -c " + config;
-  write("script",
-        "set -e\n"
-        "mount -t sysfs sysfs /sys\n"
-        "ip link add left type veth peer name right\n" +
-            doctor +
-            " || echo status $?\n"
-            "echo mend\n" +
-            doctor + " | grep -E '^ +(ip link|ethtool)' | sh -e > /dev/null\n" +
-            doctor + "\n");
-  const char* user = geteuid() == 0 ? "" : "--map-root-user ";
-  const Outcome outcome =
-      shell("unshare " + std::string(user) + "--net --mount sh " +
-            (dir_ / "script").string());
+  const std::string script = write(
+      "script",
+      "set -e\n"
+      "mount -t sysfs sysfs /sys\n"
+      "ip link add left type veth peer name right\n" +
+          doctor +
+          " || echo status $?\n"
+          "echo mend\n" +
+          doctor + " | grep -E '^ +(ip link|ethtool)' | sh -e > /dev/null\n" +
+          doctor + "\n");
+  const Outcome outcome = inNamespaces(script);
   EXPECT_EQ(outcome.status, 0) << outcome.output;
   const size_t mend = outcome.output.find("status 1\nmend\n");
   ASSERT_NE(mend, std::string::npos) << outcome.output;
