@@ -49,7 +49,7 @@ class PortOut final : public Module {
   void DealQueues();
 
   // Why the packet cannot be sent, if so. May put its segments together.
-  std::optional<bess::DropCause> Unfit(bess::Packet* pkt) const;
+  std::optional<bess::DropCause> Unfit(bess::Packet* pkt, bool up) const;
 
   uint16_t Burst(const Lane& lane, bess::Packet** pkts, uint16_t count);
 

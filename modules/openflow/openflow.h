@@ -140,9 +140,11 @@ class OpenFlow final : public Module {
                     const OfFlowAction** actions);
 
   // Sends the copies that `action` asks for; the packet itself stays.
-  inline void outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
-                           const OfFlowAction& action,
-                           bess::PacketBatch** tableBatches);
+  void outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
+                    const OfFlowAction& action,
+                    bess::PacketBatch** tableBatches);
+  inline void outputPorts(Context* ctx, const bess::Packet* packet,
+                          const OfActionValues& values, uint32_t skippedGate);
   inline void emitCopy(Context* ctx, const bess::Packet* packet, uint16_t gate);
   void outputController(Context* ctx, bess::Packet* packet,
                         const OfFlowAction& action, uint16_t inPortGate);

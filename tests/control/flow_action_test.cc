@@ -30,6 +30,31 @@ TEST(FlowAction, LiesInMemoryAsWorkersCopyIt) {
   EXPECT_EQ(sizeof(OfActionValues::ogate), 64 * sizeof(uint16_t));
 }
 
+// Workers test several flags at once in this form.
+TEST(FlowAction, ReadsAsOneNumber) {
+  OfActionFields rewrites{};
+  rewrites.setEthDst = rewrites.setEthSrc = 1;
+  rewrites.setVlanVid = rewrites.setVlanPcp = 1;
+  rewrites.setIpTos = rewrites.setIpv4Src = rewrites.setIpv4Dst = 1;
+  rewrites.setL4SrcPort = rewrites.setL4DstPort = 1;
+  rewrites.setIcmpType = rewrites.setIcmpCode = 1;
+  rewrites.popVlan = rewrites.decTtl = 1;
+  EXPECT_EQ(actionBits(rewrites), kRewriteBits);
+
+  OfActionFields outputs{};
+  outputs.setOutputAll = 1;
+  EXPECT_EQ(actionBits(outputs), kOutputAllBit);
+  outputs.setOutputAll = 0, outputs.setOutputFlood = 1;
+  EXPECT_EQ(actionBits(outputs), kOutputFloodBit);
+  outputs.setOutputFlood = 0, outputs.setOutputPort = 1;
+  EXPECT_EQ(actionBits(outputs), kOutputPortBit);
+  outputs.setOutputPort = 0, outputs.setOutputDrop = 1;
+  EXPECT_EQ(actionBits(outputs), kOutputDropBit);
+  outputs.setOutputAll = outputs.setOutputFlood = outputs.setOutputPort = 1;
+  outputs.setOutputInPort = outputs.setOutputController = outputs.gotoTbl = 1;
+  EXPECT_EQ(actionBits(outputs), kOutputBits);
+}
+
 // Where the values lie, counted from the record's start.
 enum At : size_t {
   kEthDst = 16,

@@ -4,14 +4,6 @@
 #include "modules/openflow/translate/flow_action.h"
 #include "packet.h"
 
-inline bool hasRewrites(const OfActionFields& fields) {
-  return fields.setEthDst | fields.setEthSrc | fields.setVlanVid |
-         fields.setVlanPcp | fields.setIpTos | fields.setIpv4Src |
-         fields.setIpv4Dst | fields.setL4SrcPort | fields.setL4DstPort |
-         fields.setIcmpType | fields.setIcmpCode | fields.popVlan |
-         fields.decTtl;
-}
-
 // Applies every header rewrite of `action` to `packet`, in place, in a fixed
 // order: pop, VLAN id (pushing a tag where there is none), MACs, VLAN priority,
 // then IP, then L4, checksums included. A rewrite that does not fit the packet

@@ -17,10 +17,10 @@ static_assert(QuilModules::CounterDb::kMaxWorkers >= Worker::kMaxWorkers,
 
 namespace {
 
-bool hasOutput(const OfActionFields& fields) {
-  return fields.setOutputAll | fields.setOutputFlood | fields.setOutputPort |
-         fields.setOutputInPort | fields.setOutputController |
-         fields.setOutputDrop | fields.gotoTbl;
+constexpr uint32_t kNoGate = 0x10000;
+
+uint16_t inPortGate(const bess::Packet* packet) {
+  return static_cast<uint16_t>(inPort(*packetMetadata(packet)));
 }
 
 }  // namespace
@@ -35,32 +35,34 @@ inline void OpenFlow::emitCopy(Context* ctx, const bess::Packet* packet,
   }
 }
 
-inline void OpenFlow::outputPacket(Context* ctx, uint8_t tableId,
-                                   bess::Packet* packet,
-                                   const OfFlowAction& action,
-                                   bess::PacketBatch** tableBatches) {
-  const OfActionFields& fields = action.fields;
-  const OfActionValues& values = action.values;
-  const auto inPortGate =
-      static_cast<uint16_t>(inPort(*packetMetadata(packet)));
-
-  if (fields.setOutputAll | fields.setOutputFlood) {
-    for (int j = 0; j < values.numOutputGates; j++) {
-      if (values.ogate[j] != inPortGate) {
-        emitCopy(ctx, packet, values.ogate[j]);
-      }
-    }
-  }
-  if (fields.setOutputPort) {
-    for (int j = 0; j < values.numOutputGates; j++) {
+inline void OpenFlow::outputPorts(Context* ctx, const bess::Packet* packet,
+                                  const OfActionValues& values,
+                                  uint32_t skippedGate) {
+  for (int j = 0; j < values.numOutputGates; j++) {
+    if (values.ogate[j] != skippedGate) {
       emitCopy(ctx, packet, values.ogate[j]);
     }
   }
+}
+
+void OpenFlow::outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
+                            const OfFlowAction& action,
+                            bess::PacketBatch** tableBatches) {
+  const OfActionFields& fields = action.fields;
+  const OfActionValues& values = action.values;
+  const uint16_t inGate = inPortGate(packet);
+
+  if (fields.setOutputAll | fields.setOutputFlood) {
+    outputPorts(ctx, packet, values, inGate);
+  }
+  if (fields.setOutputPort) {
+    outputPorts(ctx, packet, values, kNoGate);
+  }
   if (fields.setOutputInPort) {
-    emitCopy(ctx, packet, inPortGate);
+    emitCopy(ctx, packet, inGate);
   }
   if (fields.setOutputController) {
-    outputController(ctx, packet, action, inPortGate);
+    outputController(ctx, packet, action, inGate);
   }
   if (fields.gotoTbl) {
     gotoTable(ctx, tableId, packet, values.nextTbl, tableBatches);
@@ -124,14 +126,23 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
       flowCounters->add(action->packetCounterId, 1);
       flowCounters->add(action->byteCounterId, packet->total_len());
     }
-    if (hasRewrites(action->fields)) {
+    const uint32_t bits = actionBits(action->fields);
+    if (bits & kRewriteBits) {
       rewritePacket(packet, *action);
     }
-    outputPacket(ctx, tableId, packet, *action, tableBatches);
-    if (!hasOutput(action->fields)) {
-      table.counters[kNoOutputDrops]++;
-    } else if (action->fields.setOutputDrop) {
-      table.counters[kDropActions]++;
+    // Most flows send to a list of gates and do nothing else.
+    const uint32_t outputs = bits & kOutputBits;
+    if (outputs == kOutputAllBit || outputs == kOutputFloodBit) {
+      outputPorts(ctx, packet, action->values, inPortGate(packet));
+    } else if (outputs == kOutputPortBit) {
+      outputPorts(ctx, packet, action->values, kNoGate);
+    } else {
+      outputPacket(ctx, tableId, packet, *action, tableBatches);
+      if (outputs == 0) {
+        table.counters[kNoOutputDrops]++;
+      } else if (outputs & kOutputDropBit) {
+        table.counters[kDropActions]++;
+      }
     }
     DropPacket(ctx, packet);  // what left, left as a copy
   }

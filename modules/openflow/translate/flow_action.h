@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ostream>
 
 inline constexpr int kMaxOutputGates = 64;
@@ -34,6 +35,23 @@ struct OfActionFields {
   uint8_t gotoTbl : 1;
 };
 static_assert(sizeof(OfActionFields) == 3);
+
+// The same as one number, bit i of it being the i-th field. Several flags at
+// once are tested in this form.
+inline uint32_t actionBits(const OfActionFields& fields) {
+  uint8_t bytes[sizeof(fields)];
+  std::memcpy(bytes, &fields, sizeof(fields));
+  return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16;
+}
+
+// setEthDst to setIcmpCode, popVlan, decTtl.
+inline constexpr uint32_t kRewriteBits = 0x7ff | 1u << 17 | 1u << 18;
+inline constexpr uint32_t kOutputAllBit = 1u << 11;
+inline constexpr uint32_t kOutputFloodBit = 1u << 12;
+inline constexpr uint32_t kOutputPortBit = 1u << 13;
+inline constexpr uint32_t kOutputDropBit = 1u << 16;
+// setOutputAll to setOutputDrop, gotoTbl.
+inline constexpr uint32_t kOutputBits = 0x3f << 11 | 1u << 19;
 
 // Arguments; "network" ones are stored in network order, ready to be written.
 struct OfActionValues {
