@@ -21,7 +21,8 @@
 #include "switch/replay/build_check.h"
 #include "switch/replay/module_path.h"
 #include "switch/replay/policy.h"
-#include "switch/replay/progress.h"
+#include "switch/terminal/amounts.h"
+#include "switch/terminal/progress.h"
 
 namespace ofswitch {
 namespace {
@@ -189,16 +190,16 @@ void printText(const CheckResult& result, const FlowTranslator& translator,
     fmt::print(stderr, "{}\n", refusal.text());
   }
   for (const Diagnostic& note : result.notes) {
-    fmt::print(stderr, "{}:{}: note: {}\n", note.file, note.line, note.reason);
+    fmt::print(stderr, "{}\n", note.noteText());
   }
   if (verbose) {
     for (const InstalledFlow* flow : translator.installed()) printFlow(*flow);
   }
   if (result.commands != 0) {
-    fmt::print("{} flows and {} commands accepted, {} refused\n", result.flows,
-               result.commands, result.refusals.size());
+    fmt::print("{} and {} accepted, {} refused\n", plural(result.flows, "flow"),
+               plural(result.commands, "command"), result.refusals.size());
   } else {
-    fmt::print("{} flows accepted, {} refused\n", result.flows,
+    fmt::print("{} accepted, {} refused\n", plural(result.flows, "flow"),
                result.refusals.size());
   }
   for (const TableBuild& build : result.builds) printBuild(build);

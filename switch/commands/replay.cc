@@ -140,7 +140,7 @@ Policy readPolicy(const ReplayOptions& options, Errors* errors) {
     errors->add(refusal.text());
   }
   for (const Diagnostic& note : policy.notes) {
-    fmt::print(stderr, "{}:{}: note: {}\n", note.file, note.line, note.reason);
+    fmt::print(stderr, "{}\n", note.noteText());
   }
   return policy;
 }

@@ -21,6 +21,7 @@
 #include "switch/live/live_switch.h"
 #include "switch/telemetry/dpdk_telemetry.h"
 #include "switch/telemetry/metrics_server.h"
+#include "switch/terminal/amounts.h"
 
 namespace ofswitch {
 namespace {
@@ -40,10 +41,6 @@ sigset_t stopSignals() {
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   return signals;
-}
-
-std::string plural(size_t count, const char* word) {
-  return fmt::format("{} {}{}", count, word, count == 1 ? "" : "s");
 }
 
 std::string workersText(const SwitchConfig& config) {
@@ -77,8 +74,9 @@ void printSummary(const LiveSwitch& live) {
 void printEnd(const pb::StatsReply& stats) {
   uint64_t dropped = 0;
   for (const pb::DropCause& cause : stats.drops()) dropped += cause.packets();
-  fmt::print("stopped: {} packets received, {} sent, {} dropped\n",
-             stats.packets_received(), stats.packets_sent(), dropped);
+  fmt::print("stopped: {} received, {} sent, {} dropped\n",
+             plural(stats.packets_received(), "packet"), stats.packets_sent(),
+             dropped);
 }
 
 // What can be said without starting anything.

@@ -6,8 +6,15 @@
 namespace ofswitch {
 namespace {
 
-// Reasons quote the file, and a file may hold what a terminal would obey.
-std::string printable(const std::string& text) {
+std::string where(const Diagnostic& diagnostic) {
+  return diagnostic.line == 0
+             ? diagnostic.file
+             : fmt::format("{}:{}", diagnostic.file, diagnostic.line);
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
   std::string shown;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
@@ -20,11 +27,12 @@ std::string printable(const std::string& text) {
   return shown;
 }
 
-}  // namespace
-
 std::string Diagnostic::text() const {
-  const std::string where = line == 0 ? file : fmt::format("{}:{}", file, line);
-  return printable(fmt::format("{}: {}", where, reason));
+  return printable(fmt::format("{}: {}", where(*this), reason));
+}
+
+std::string Diagnostic::noteText() const {
+  return printable(fmt::format("{}: note: {}", where(*this), reason));
 }
 
 }  // namespace ofswitch

@@ -2,8 +2,13 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace ofswitch {
+
+// With escapes for what a terminal would obey: reasons quote files, and a file
+// may hold anything.
+std::string printable(std::string_view text);
 
 // One sentence about one line of a file. Line 0 is the file as a whole.
 struct Diagnostic {
@@ -13,6 +18,9 @@ struct Diagnostic {
 
   // "flows.txt:12: reason", on one line and safe to show.
   std::string text() const;
+
+  // "flows.txt:12: note: reason", for what is no reason to refuse the line.
+  std::string noteText() const;
 
   bool operator==(const Diagnostic&) const = default;
 };

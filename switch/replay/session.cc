@@ -21,7 +21,7 @@
 #include "platform/quil_modules/counter_db.h"
 #include "plugin.h"
 #include "switch/replay/module_commands.h"
-#include "switch/replay/progress.h"
+#include "switch/terminal/progress.h"
 #include "utils/acl_build_memory.h"
 #include "worker.h"
 

@@ -2,52 +2,17 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <algorithm>
-#include <iterator>
 #include <vector>
 
 #include "switch/replay/report.h"
+#include "switch/terminal/amounts.h"
+#include "switch/terminal/text_table.h"
 
 namespace ofswitch {
 namespace {
 
 // More flows than anyone reads: only those that matched are printed.
 constexpr size_t kManyFlows = 1000;
-
-// Numbers to the right, words to the left, columns as wide as they need.
-class Table {
- public:
-  explicit Table(std::vector<std::string> head) { rows_.push_back(head); }
-
-  void add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
-
-  // The last `words` columns hold words.
-  std::string text(size_t words = 0) const {
-    std::vector<size_t> widths(rows_[0].size());
-    for (const auto& row : rows_) {
-      for (size_t i = 0; i < row.size(); i++) {
-        widths[i] = std::max(widths[i], row[i].size());
-      }
-    }
-    std::string text;
-    for (const auto& row : rows_) {
-      std::string line = " ";
-      for (size_t i = 0; i < row.size(); i++) {
-        if (i + words < row.size()) {
-          line += fmt::format(" {:>{}}", row[i], widths[i]);
-        } else {
-          line += fmt::format("  {:<{}}", row[i], widths[i]);
-        }
-      }
-      line.erase(line.find_last_not_of(' ') + 1);
-      text += line + "\n";
-    }
-    return text;
-  }
-
- private:
-  std::vector<std::vector<std::string>> rows_;
-};
 
 std::string number(uint64_t n) { return std::to_string(n); }
 
@@ -56,18 +21,18 @@ std::string replies(const ReplayCounts& counts) {
   if (counts.replies.empty()) {
     return "";
   }
-  Table table({"IPv4", "IPv6", "failed updates", "asked for by"});
+  TextTable table({"IPv4", "IPv6", "failed updates", "asked for by"}, 1);
   for (const ReplayCounts::Reply& reply : counts.replies) {
     table.add({number(reply.stats.numflows()),
                number(reply.stats.numipv6flows()),
                number(reply.stats.updatefailures()), reply.where});
   }
-  return "Replies to getStats\n" + table.text(1) + "\n";
+  return "Replies to getStats\n" + table.text() + "\n";
 }
 
 std::string tables(const ReplayCounts& counts, const Account& account) {
-  Table table({"table", "IPv4", "IPv6", "packets", "matched", "missed",
-               "dropped", "TTL", "empty", "no output", "failed"});
+  TextTable table({"table", "IPv4", "IPv6", "packets", "matched", "missed",
+                   "dropped", "TTL", "empty", "no output", "failed"});
   for (size_t i = 0; i < account.tables.size(); i++) {
     const Account::Table& one = account.tables[i];
     const auto& stats = counts.tables[i];
@@ -86,7 +51,7 @@ std::string tables(const ReplayCounts& counts, const Account& account) {
 }
 
 std::string flows(const Policy& policy, const ReplayCounts& counts) {
-  Table table({"packets", "bytes", "flow"});
+  TextTable table({"packets", "bytes", "flow"}, 1);
   const bool many = policy.flows.size() > kManyFlows;
   size_t left = 0;
   for (const PolicyFlow& flow : policy.flows) {
@@ -101,22 +66,24 @@ std::string flows(const Policy& policy, const ReplayCounts& counts) {
       table.add({number(packets), number(bytes), flow.text});
     }
   }
-  std::string text = "Flows\n" + table.text(1);
+  std::string text = "Flows\n" + table.text();
   if (left > 0) {
-    text += fmt::format("  and {} flows that matched nothing\n", left);
+    text +=
+        fmt::format("  and {} that matched nothing\n", plural(left, "flow"));
   }
   return text;
 }
 
 std::string ports(const ReplayCounts& counts) {
-  Table table({"port", "packets in", "bytes in", "packets out", "bytes out",
-               "written to"});
+  TextTable table({"port", "packets in", "bytes in", "packets out", "bytes out",
+                   "written to"},
+                  1);
   for (const ReplayCounts::Port& port : counts.ports) {
     table.add({port.port == 0 ? "controller" : number(port.port),
                number(port.packetsIn), number(port.bytesIn),
                number(port.packetsOut), number(port.bytesOut), port.file});
   }
-  return "Ports\n" + table.text(1);
+  return "Ports\n" + table.text();
 }
 
 // "12 sent + 3 dropped", without what is 0.
@@ -141,19 +108,22 @@ std::string accounting(const ReplayCounts& counts, const Account& account) {
 
   std::string text = "Accounting\n";
   text +=
-      fmt::format("  {} packets in = {}\n", account.packetsIn,
+      fmt::format("  {} in = {}\n", plural(account.packetsIn, "packet"),
                   sum({{account.sent, "output"},
                        {account.dropActions, "dropped by a flow"},
                        {account.ttlExpired, "with their TTL expired"},
                        {account.emptyTable, "in a table without flows"},
                        {account.noOutput, "without an output"},
-                       {account.misses, "table misses"},
+                       {account.misses,
+                        account.misses == 1 ? "table miss" : "table misses"},
                        {account.batchDropPackets, "freed with a failed batch"},
                        {account.notCopied, "stopped by a dry packet pool"}}));
-  text += fmt::format("  {} copies out = {}\n", account.outputs, sum(copies));
+  text += fmt::format("  {} out = {}\n",
+                      plural(account.outputs, "copy", "copies"), sum(copies));
   if (account.outputsNotCopied > 0) {
-    text += fmt::format("  {} copies were not made: the packet pool was dry\n",
-                        account.outputsNotCopied);
+    const uint64_t count = account.outputsNotCopied;
+    text += fmt::format("  {} not made: the packet pool was dry\n",
+                        plural(count, "copy was", "copies were"));
   }
   if (account.closes()) {
     text += "  nothing lost\n";

@@ -88,7 +88,7 @@ TEST_F(CheckCommand, ShowsEveryRefusalOfEveryFile) {
   write("b.json", "[\n{\"getStats\": {\"tableId\": 32}}]");
   check("a.txt b.json c.txt");
   EXPECT_EQ(status_, 1);
-  EXPECT_EQ(out_, "1 flows accepted, 4 refused\n");
+  EXPECT_EQ(out_, "1 flow accepted, 4 refused\n");
   EXPECT_EQ(err_,
             "a.txt:1: unknown field \"nw_dts\", did you mean \"nw_dst\"?\n"
             "a.txt:3: unknown action \"flod\", did you mean \"flood\"?\n"
@@ -231,7 +231,7 @@ TEST_F(CheckCommand, BuildsNothingWhenALineIsRefused) {
   write("flows.txt", "actions=drop\nactions=flod\n");
   check("--build flows.txt");
   EXPECT_EQ(status_, 1);
-  EXPECT_EQ(out_, "1 flows accepted, 1 refused\n");
+  EXPECT_EQ(out_, "1 flow accepted, 1 refused\n");
 }
 
 }  // namespace

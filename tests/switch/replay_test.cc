@@ -172,7 +172,7 @@ TEST_F(ReplayCommand, ControllerGetsItsHeader) {
   EXPECT_THAT(written("out/controller.pcap"),
               ElementsAre(CaptureRow{7, text(expected), 0}));
   EXPECT_EQ(port(0)["packetsOut"], 1);
-  EXPECT_THAT(stdout_, HasSubstr("1 copies out = 1 to the controller\n"));
+  EXPECT_THAT(stdout_, HasSubstr("1 copy out = 1 to the controller\n"));
 }
 
 TEST_F(ReplayCommand, NamesEveryCauseOfADrop) {
@@ -325,8 +325,8 @@ TEST_F(ReplayCommand, ReportsTheSameInEachForm) {
       "           2          0        0           1        49\n"
       "\n"
       "Accounting\n"
-      "  2 packets in = 1 output + 1 table misses\n"
-      "  1 copies out = 1 on port 2\n"
+      "  2 packets in = 1 output + 1 table miss\n"
+      "  1 copy out = 1 on port 2\n"
       "  nothing lost\n");
   const nlohmann::json stats = stats_;
   replayWell("--flows flows.txt --in 1=in.pcap --json");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include "switch/replay/progress.h"
+#include "switch/terminal/progress.h"
 
 #include <fmt/core.h>
 #include <unistd.h>

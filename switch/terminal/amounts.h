@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Amounts as people read them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace ofswitch {
+
+// "1 packet", "2 packets"; `many` for words that do not just take an s.
+std::string plural(uint64_t count, std::string_view one);
+std::string plural(uint64_t count, std::string_view one, std::string_view many);
+
+// A time that something took: "850 us", "1.25 ms", "3.10 s".
+std::string timeText(uint64_t ns);
+
+// How long something has lasted: "12 s", "3 min 5 s", "2 d 4 h".
+std::string ageText(uint64_t ns);
+
+// A rate: "0", "12.5", "843", "1.50 M".
+std::string rateText(double perSecond);
+
+}  // namespace ofswitch
