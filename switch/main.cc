@@ -6,8 +6,63 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <string>
+#include <system_error>
+#include <vector>
 
 #include "switch/commands/commands.h"
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kWrongUse = 2;
+
+// What is printed may still wait in the buffer, and a full disk be found out
+// only here. A reader that has gone away has seen enough and wants no message.
+int finishOutput(int status) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  if (errno != EPIPE) {
+    fmt::print(stderr, "ofswitch: standard output: {}\n", std::strerror(errno));
+  }
+  return kFailed;
+}
+
+int failedOutput(const std::system_error& error) {
+  if (error.code() != std::errc::broken_pipe) {
+    fmt::print(stderr, "ofswitch: {}\n", error.what());
+  }
+  return kFailed;
+}
+
+// A word where a command should be, which CLI11 reports as a missing one.
+std::string unknownCommand(const CLI::App& app) {
+  const CLI::App* command = &app;
+  std::string path = app.get_name();
+  while (!command->get_subcommands().empty()) {
+    command = command->get_subcommands().front();
+    path += " " + command->get_name();
+  }
+  const std::vector<std::string> left = command->remaining();
+  if (command->get_require_subcommand_min() == 0 || left.empty() ||
+      left.front().starts_with('-')) {
+    return {};
+  }
+  return fmt::format("{}: unknown command \"{}\", see {} --help\n", path,
+                     left.front(), path);
+}
+
+int exitStatus(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() != 0) {
+    const std::string unknown = unknownCommand(app);
+    if (!unknown.empty()) {
+      fmt::print(stderr, "{}", unknown);
+      return kWrongUse;
+    }
+  }
+  return app.exit(error) == 0 ? finishOutput(0) : kWrongUse;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app(
@@ -23,26 +78,21 @@ int main(int argc, char** argv) {
   ofswitch::addDoctorCommand(&app, &status);
   ofswitch::addReplayCommand(&app, &status);
   ofswitch::addRunCommand(&app, &status);
+  ofswitch::addFlowsCommand(&app, &status);
+  ofswitch::addTablesCommand(&app, &status);
+  ofswitch::addPortsCommand(&app, &status);
+  ofswitch::addStatsCommand(&app, &status);
+  ofswitch::addLogCommand(&app, &status);
   ofswitch::addTraceCommand(&app, &status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty()) {
-      fmt::print(stderr,
-                 "ofswitch: unknown command \"{}\", see ofswitch --help\n",
-                 argv[1]);
-      return error.get_exit_code() == 0 ? 1 : error.get_exit_code();
-    }
-    return app.exit(error);
+    return exitStatus(app, error);
+  } catch (const std::system_error& error) {
+    return failedOutput(error);
   } catch (const std::exception& error) {
     fmt::print(stderr, "ofswitch: {}\n", error.what());
-    return 1;
+    return kFailed;
   }
-  // What is printed may still wait in the buffer, and a full disk be found out
-  // only here.
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    fmt::print(stderr, "ofswitch: standard output: {}\n", std::strerror(errno));
-    return 1;
-  }
-  return status;
+  return finishOutput(status);
 }

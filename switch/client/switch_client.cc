@@ -6,9 +6,8 @@
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
+#include "switch/client/file_text.h"
 #include "switch/client/probe.h"
 
 namespace ofswitch {
@@ -18,16 +17,6 @@ using namespace std::chrono_literals;
 
 // A switch opens its door first and answers when its flows are loaded.
 constexpr auto kPatience = 60s;
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::string text((std::istreambuf_iterator<char>(in)), {});
-  if (in.bad() || text.empty()) {
-    throw ClientError(
-        fmt::format("{}: cannot be read, or there is nothing in it", path));
-  }
-  return text;
-}
 
 std::shared_ptr<grpc::ChannelCredentials> credentials(const DoorOptions& door) {
   if (door.tlsCa.empty()) return grpc::InsecureChannelCredentials();

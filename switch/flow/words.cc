@@ -70,4 +70,9 @@ std::string_view trim(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
 }
 
+std::string_view withoutByteOrderMark(std::string_view text) {
+  constexpr std::string_view kMark = "\xef\xbb\xbf";
+  return text.starts_with(kMark) ? text.substr(kMark.size()) : text;
+}
+
 }  // namespace ofswitch

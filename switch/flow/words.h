@@ -21,4 +21,7 @@ std::vector<Word> splitWords(std::string_view text);
 
 std::string_view trim(std::string_view text);
 
+// Some editors begin a UTF-8 file with a mark that is not part of its text.
+std::string_view withoutByteOrderMark(std::string_view text);
+
 }  // namespace ofswitch

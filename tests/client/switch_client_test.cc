@@ -130,7 +130,7 @@ TEST(SwitchClient, TellsOfFilesForTlsThatCannotBeRead) {
                     .tlsCa = "/nowhere/ca.pem",
                     .tlsCertificate = "/nowhere/cert.pem",
                     .tlsKey = "/nowhere/key.pem"}),
-            "/nowhere/ca.pem: cannot be read, or there is nothing in it");
+            "/nowhere/ca.pem: cannot open: No such file or directory");
 }
 
 TEST(SwitchClient, RepeatsWhatTheSwitchRefuses) {

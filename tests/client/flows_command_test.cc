@@ -1,0 +1,315 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <gmock/gmock.h>
+
+#include "tests/client/client_command.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class FlowsCommand : public ClientCommand {
+ protected:
+  FlowsCommand() { fake_.changeReply.set_applied(true); }
+
+  void refuse(uint32_t line, const std::string& reason) {
+    fake_.changeReply.set_applied(false);
+    pb::Diagnostic* refusal = fake_.changeReply.add_refusals();
+    refusal->set_name(fake_.change.text_name());
+    refusal->set_line(line);
+    refusal->set_reason(reason);
+  }
+};
+
+TEST_F(FlowsCommand, TellsWhatAChangeDid) {
+  pb::FlowChangeReply& reply = fake_.changeReply;
+  reply.set_added(3);
+  reply.set_changed(1);
+  reply.set_removed(2);
+  reply.set_unchanged(12);
+  pb::Build* build = reply.add_builds();
+  build->set_table(3);
+  build->set_flows(16);
+  build->set_adds(4);
+  build->set_deletes(1);
+  build->set_time_ns(1'250'000);
+  build = reply.add_builds();
+  build->set_ipv6(true);
+  build->set_flows(1);
+  build->set_adds(1);
+  build->set_time_ns(850'000);
+  reply.set_build_time_ns(2'100'000);
+  reply.set_total_time_ns(3'000'000'000);
+  run("flows add actions=drop");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(err_, "");
+  EXPECT_EQ(out_,
+            "flows: 3 added, 1 changed, 2 removed, 12 unchanged\n"
+            "2 builds in 2.10 ms, 3.00 s in all\n");
+  run("flows add actions=drop --verbose");
+  EXPECT_EQ(out_,
+            "flows: 3 added, 1 changed, 2 removed, 12 unchanged\n"
+            "2 builds in 2.10 ms, 3.00 s in all\n"
+            "  table 3 IPv4: 16 rules (4 adds, 1 delete), 1.25 ms\n"
+            "  table 0 IPv6: 1 rule (1 add, 0 deletes), 850 us\n");
+  run("flows add actions=drop --json");
+  EXPECT_EQ(json()["added"], 3);
+  EXPECT_EQ(json()["builds"][1],
+            nlohmann::ordered_json::parse(
+                R"({"table":0,"ipv6":true,"flows":1,"adds":1,"deletes":0,
+                    "timeNs":850000,"failure":"","isInverse":false})"));
+}
+
+TEST_F(FlowsCommand, SendsFlowsOfArgumentsAndFilesInOneRequest) {
+  write("a.txt",
+        "\xef\xbb\xbf# caf\xe9\nactions=drop\r\n\ntable=1,actions=drop");
+  run("flows add in_port=1,actions=drop 'in_port=2, actions=drop' "
+      "--file a.txt --file - --reset-counts",
+      "echo ip,actions=drop |");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_ADD);
+  EXPECT_EQ(fake_.change.text(),
+            "in_port=1,actions=drop\n"
+            "in_port=2, actions=drop\n"
+            "\nactions=drop\r\n\ntable=1,actions=drop\n"
+            "ip,actions=drop\n");
+  EXPECT_EQ(fake_.change.text_name(), "command line");
+  EXPECT_TRUE(fake_.change.reset_counts());
+
+  run("flows add --file a.txt");
+  EXPECT_EQ(fake_.change.text_name(), "a.txt");
+  EXPECT_FALSE(fake_.change.reset_counts());
+  run("flows add -", "echo ip,actions=drop |");
+  EXPECT_EQ(fake_.change.text_name(), "standard input");
+  EXPECT_EQ(fake_.change.text(), "ip,actions=drop\n");
+}
+
+TEST_F(FlowsCommand, SendsWhatIsNotAsciiSoThatItIsRefusedAndQuoted) {
+  run("flows add $(printf 'n\\351,actions=drop')");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(fake_.change.text(), "n\\xe9,actions=drop\n");
+}
+
+TEST_F(FlowsCommand, TellsWhereRefusedLinesCameFrom) {
+  write("a.txt", "x\ny\n");
+  write("b.txt", "z");
+  refuse(1, "one");
+  refuse(2, "two");
+  refuse(3, "three");
+  refuse(5, "four\x1b");
+  refuse(6, "five");
+  run("flows add q 'r\ns' --file a.txt --file b.txt");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(out_, "");
+  EXPECT_EQ(err_,
+            "flow 1: one\n"
+            "flow 2:1: two\n"
+            "flow 2:2: three\n"
+            "a.txt:2: four\\x1b\n"
+            "b.txt:1: five\n"
+            "ofswitch: nothing was changed: 5 lines refused\n");
+  run("flows add q 'r\ns' --file a.txt --file b.txt --json");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_, "");
+  EXPECT_EQ(json()["applied"], false);
+  EXPECT_EQ(json()["refusals"][3]["name"], "a.txt");
+  EXPECT_EQ(json()["refusals"][3]["line"], 2);
+}
+
+TEST_F(FlowsCommand, TellsOfNotesAndFailures) {
+  pb::Diagnostic* note = fake_.changeReply.add_notes();
+  note->set_line(1);
+  note->set_reason("replaced by line 2");
+  fake_.changeReply.set_total_time_ns(5'000);
+  run("flows add a b");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(err_, "flow 1: note: replaced by line 2\n");
+  EXPECT_EQ(out_,
+            "flows: 0 added, 0 changed, 0 removed, 0 unchanged\n"
+            "no build, 5 us in all\n");
+  fake_.changeReply.clear_notes();
+  fake_.changeReply.set_applied(false);
+  fake_.changeReply.set_failure("table 3 IPv4: it cannot be built");
+  run("flows add a b");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(out_, "");
+  EXPECT_EQ(err_,
+            "ofswitch: nothing was changed: table 3 IPv4: it cannot be "
+            "built\n");
+}
+
+TEST_F(FlowsCommand, TellsOfFilesThatCannotBeRead) {
+  run("flows add --file nowhere.txt");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_,
+            "ofswitch: nowhere.txt: cannot open: No such file or directory\n");
+  run("flows replace .");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_, "ofswitch: .: cannot be read: Is a directory\n");
+}
+
+TEST_F(FlowsCommand, DeletesWhatFiltersSelect) {
+  run("flows del --strict table=3,priority=7,tcp in_port=1");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_DELETE);
+  EXPECT_TRUE(fake_.change.strict());
+  EXPECT_EQ(fake_.change.text(), "table=3,priority=7,tcp\nin_port=1\n");
+  refuse(2, "no such field");
+  run("flows del tcp foo=1");
+  EXPECT_EQ(err_,
+            "filter 2: no such field\n"
+            "ofswitch: nothing was changed: 1 line refused\n");
+}
+
+TEST_F(FlowsCommand, DeletesEverythingOnlyWhenTold) {
+  run("flows del");
+  EXPECT_EQ(status_, 2);
+  EXPECT_EQ(err_,
+            "ofswitch: flows del: say which: FILTER, --file FILE, or --all "
+            "for every flow\n");
+  write("empty.txt", "# nothing\n\n");
+  for (const char* nothing : {"''", "' '", ",", "tcp ,", "'# all'",
+                              "--file empty.txt", "--file /dev/null"}) {
+    run(std::string("flows del ") + nothing);
+    EXPECT_EQ(status_, 1) << nothing;
+    EXPECT_EQ(err_,
+              "ofswitch: flows del: an empty filter selects every flow; say "
+              "--all if that is meant\n");
+  }
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_UNSPECIFIED);
+
+  run("flows del --all tcp");
+  EXPECT_EQ(status_, 2);
+  EXPECT_EQ(err_, "ofswitch: flows del: --all goes without a filter\n");
+  run("flows del --all --strict");
+  EXPECT_EQ(status_, 2);
+  EXPECT_EQ(err_, "ofswitch: --strict excludes --all\n");
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_UNSPECIFIED);
+
+  run("flows del --all");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_DELETE);
+  EXPECT_EQ(fake_.change.text(), "");
+}
+
+TEST_F(FlowsCommand, ReplacesAllFlowsUnlessThereAreNone) {
+  write("flows.txt", "actions=drop\n");
+  run("flows replace flows.txt");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_REPLACE);
+  EXPECT_EQ(fake_.change.text(), "actions=drop\n");
+  fake_.change.Clear();
+  run("flows replace -", "echo '# none' |");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_,
+            "ofswitch: flows replace: there is no flow, so that every flow "
+            "would go; say flows del --all if that is meant\n");
+  run("flows add ''");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_, "ofswitch: flows add: there is no flow to add\n");
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_UNSPECIFIED);
+}
+
+TEST_F(FlowsCommand, ListsFlowsAsTheSwitchWritesThem) {
+  for (const char* text : {"cookie=0x1, table=0, actions=drop",
+                           "cookie=0x2, table=1, actions=drop"}) {
+    pb::FlowEntry entry;
+    entry.set_text(text);
+    entry.set_cookie(~uint64_t{0});
+    entry.add_actions("drop");
+    fake_.flows.push_back(entry);
+  }
+  run("flows dump table=3 tcp --strict --no-stats --built-in");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(out_,
+            "cookie=0x1, table=0, actions=drop\n"
+            "cookie=0x2, table=1, actions=drop\n");
+  EXPECT_EQ(fake_.filter.text(), "table=3,tcp");
+  EXPECT_TRUE(fake_.filter.strict());
+  EXPECT_TRUE(fake_.filter.no_stats());
+  EXPECT_TRUE(fake_.filter.with_built_in());
+  run("flows dump --json");
+  ASSERT_EQ(json().size(), 2u);
+  EXPECT_EQ(json()[1]["text"], "cookie=0x2, table=1, actions=drop");
+  EXPECT_EQ(json()[1]["cookie"], ~uint64_t{0});
+  EXPECT_EQ(json()[1]["actions"], nlohmann::ordered_json::array({"drop"}));
+  EXPECT_EQ(json()[1]["nPackets"], 0);
+  EXPECT_FALSE(fake_.filter.strict());
+}
+
+TEST_F(FlowsCommand, ListsNothing) {
+  run("flows dump");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(out_, "");
+  run("flows dump --json");
+  EXPECT_EQ(out_, "[]\n");
+}
+
+TEST_F(FlowsCommand, EndsQuietlyWhenNobodyReadsOn) {
+  fake_.flows.resize(100'000);
+  for (pb::FlowEntry& flow : fake_.flows) {
+    flow.set_text("table=0, priority=1 actions=drop");
+  }
+  run("flows dump | head -1");
+  EXPECT_EQ(out_, "table=0, priority=1 actions=drop\n");
+  EXPECT_EQ(err_, "");
+  // Also where the signal is ignored and writing fails instead.
+  run("flows dump | head -1", "trap '' PIPE;");
+  EXPECT_EQ(out_, "table=0, priority=1 actions=drop\n");
+  EXPECT_EQ(err_, "");
+}
+
+TEST_F(FlowsCommand, RepeatsWhatIsWrongWithAFilter) {
+  fake_.status = {grpc::StatusCode::INVALID_ARGUMENT,
+                  "foo=1: unknown field \"foo\""};
+  run("flows dump foo=1");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(out_, "");
+  EXPECT_EQ(err_, "ofswitch: foo=1: unknown field \"foo\"\n");
+}
+
+TEST_F(FlowsCommand, TellsWhereItLookedForASwitch) {
+  run("flows dump --socket /nowhere/c.sock");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_,
+            "ofswitch: control socket /nowhere/c.sock: does not exist: no "
+            "switch runs there; start one with \"ofswitch run -c "
+            "switch.yaml\", or say --socket PATH\n");
+}
+
+TEST_F(FlowsCommand, ExitsWith2WhenItIsUsedWrongly) {
+  const auto use = [this](const std::string& arguments) {
+    run(arguments);
+    EXPECT_EQ(status_, 2) << arguments;
+    return err_;
+  };
+  EXPECT_EQ(use("flows"), "ofswitch: A subcommand is required\n");
+  EXPECT_EQ(use("flows list"),
+            "ofswitch flows: unknown command \"list\", see ofswitch flows "
+            "--help\n");
+  EXPECT_EQ(use("flow"),
+            "ofswitch: unknown command \"flow\", see ofswitch --help\n");
+  EXPECT_EQ(use("flows add"),
+            "ofswitch: flows add: say FLOW, or --file FILE\n");
+  EXPECT_EQ(use("flows add --tls-ca x --address y"),
+            "ofswitch: --tls-ca requires --tls-key\n");
+  EXPECT_THAT(use("flows dump --address a:1 --socket b"),
+              HasSubstr("excludes"));
+  EXPECT_THAT(use("flows dump --bogus"), HasSubstr("--bogus"));
+}
+
+TEST_F(FlowsCommand, HelpsWithExamples) {
+  for (const char* command :
+       {"flows add", "flows del", "flows replace", "flows dump"}) {
+    run(std::string(command) + " --help");
+    EXPECT_EQ(status_, 0);
+    EXPECT_EQ(err_, "");
+    EXPECT_THAT(out_, HasSubstr("Examples:\n  ofswitch flows")) << command;
+    EXPECT_THAT(out_, HasSubstr("--json")) << command;
+    EXPECT_THAT(out_, HasSubstr("--socket PATH")) << command;
+  }
+}
+
+}  // namespace
+}  // namespace ofswitch

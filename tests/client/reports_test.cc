@@ -1,0 +1,330 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include <gmock/gmock.h>
+
+#include "tests/client/client_command.h"
+
+namespace ofswitch {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr uint64_t kSecond = 1'000'000'000;
+
+class Reports : public ClientCommand {
+ protected:
+  static pb::DropCause drop(const std::string& name, uint64_t packets,
+                            uint32_t table = 0, uint32_t port = 0) {
+    pb::DropCause cause;
+    cause.set_name(name);
+    cause.set_sentence("About " + name + ".");
+    cause.set_packets(packets);
+    cause.set_table(table);
+    cause.set_port(port);
+    return cause;
+  }
+
+  static pb::StatsReply stats(uint64_t seconds, uint64_t packets) {
+    pb::StatsReply reply;
+    reply.set_time_ns(1'000 * kSecond + seconds * kSecond);
+    reply.set_uptime_ns(seconds * kSecond);
+    reply.set_flows(1);
+    reply.set_flow_changes(2);
+    reply.set_expired_idle(1);
+    reply.set_packets_received(packets);
+    reply.set_bytes_received(100 * packets);
+    reply.set_packets_forwarded(packets / 2);
+    reply.set_copies_output(packets);
+    reply.set_packets_sent(packets);
+    reply.set_bytes_sent(100 * packets);
+    *reply.add_drops() = drop("table_miss", packets / 2, 0);
+    *reply.add_drops() = drop("no_such_port", 0);
+    *reply.add_drops() = drop("rx_missed", 3, 0, 2);
+    reply.set_closes(true);
+    reply.set_exact(true);
+    pb::WorkerStats* worker = reply.add_workers();
+    worker->set_core(-1);
+    worker->set_running(true);
+    worker->set_task_runs(17);
+    worker->add_tasks("port1 queue 0");
+    worker->add_tasks("port2 queue 0");
+    reply.set_buffers_total(100);
+    reply.set_buffers_free(90);
+    return reply;
+  }
+};
+
+TEST_F(Reports, Tables) {
+  pb::Table* table = fake_.tables.add_tables();
+  table->set_table(3);
+  table->set_flows(2);
+  table->set_entered(1000);
+  table->set_matched(990);
+  table->mutable_ipv4()->set_flows(4);
+  table->mutable_ipv4()->set_builds(2);
+  table->mutable_ipv4()->set_longest_build_ns(1'500'000);
+  table->mutable_ipv6()->set_builds(1);
+  table->mutable_ipv6()->set_failed_builds(1);
+  *table->add_drops() = drop("table_miss", 10, 3);
+  *table->add_drops() = drop("no_output", 0, 3);
+  fake_.tables.add_tables()->set_table(7);
+  run("tables --all");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_TRUE(fake_.tablesRequest.all());
+  EXPECT_EQ(out_,
+            "  table flows IPv4 rules IPv6 rules packets matched dropped "
+            "builds failed longest build\n"
+            "      3     2          4          0    1000     990      10      "
+            "3      1       1.50 ms\n"
+            "      7     0          0          0       0       0       0      "
+            "0      0             -\n"
+            "\n"
+            "Dropped\n"
+            "  packets  where    cause\n"
+            "       10  table 3  table_miss  About table_miss.\n");
+  run("tables --json");
+  EXPECT_FALSE(fake_.tablesRequest.all());
+  EXPECT_EQ(json()[0]["table"], 3);
+  EXPECT_EQ(json()[0]["ipv4"]["longestBuildNs"], 1'500'000);
+  EXPECT_EQ(json()[0]["drops"][0]["packets"], 10);
+}
+
+TEST_F(Reports, NoTables) {
+  run("tables");
+  EXPECT_EQ(out_,
+            "no table has flows or has seen a packet; --all lists all "
+            "tables\n");
+  run("tables --json");
+  EXPECT_EQ(out_, "[]\n");
+}
+
+TEST_F(Reports, Ports) {
+  pb::Port* port = fake_.ports.add_ports();
+  port->set_name("controller");
+  port->set_tx_packets(5);
+  port->set_tx_bytes(500);
+  port = fake_.ports.add_ports();
+  port->set_port(2);
+  port->set_name("uplink");
+  port->set_device("0000:03:00.0");
+  port->set_link_up(true);
+  port->set_speed_mbps(10000);
+  port->set_mtu(1500);
+  port->set_rx_packets(12);
+  port->set_rx_bytes(1200);
+  *port->add_drops() = drop("rx_missed", 4, 0, 2);
+  port = fake_.ports.add_ports();
+  port->set_port(13);
+  port->set_name("tap");
+  port->set_device("net_tap0");
+  port->set_mtu(9000);
+  run("ports");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(out_,
+            "  port Mbit/s  MTU packets in bytes in packets out bytes out "
+            "dropped  link  name        device\n"
+            "     0      -    -          0        0           5       500     "
+            "  0  -     controller\n"
+            "     2  10000 1500         12     1200           0         0     "
+            "  4  up    uplink      0000:03:00.0\n"
+            "    13      - 9000          0        0           0         0     "
+            "  0  down  tap         net_tap0\n"
+            "\n"
+            "Dropped\n"
+            "  packets  where   cause\n"
+            "        4  port 2  rx_missed  About rx_missed.\n");
+  run("ports --json");
+  EXPECT_EQ(json().size(), 3u);
+  EXPECT_EQ(json()[1]["speedMbps"], 10000);
+  EXPECT_EQ(json()[2]["linkUp"], false);
+}
+
+TEST_F(Reports, Stats) {
+  fake_.stats = {stats(3723, 10)};
+  run("stats --exact");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_TRUE(fake_.statsRequest.pause());
+  EXPECT_EQ(out_,
+            "up 1 h 2 min, 1 flow, 2 flow changes, 1 flow expired by idle "
+            "timeout, 0 by hard timeout\n"
+            "\n"
+            "Packets\n"
+            "  packets bytes\n"
+            "       10  1000  received\n"
+            "        5        forwarded\n"
+            "       10        copies for outputs\n"
+            "       10  1000  copies sent\n"
+            "\n"
+            "Dropped\n"
+            "  packets  where    cause\n"
+            "        5  table 0  table_miss  About table_miss.\n"
+            "        3  port 2   rx_missed   About rx_missed.\n"
+            "\n"
+            "Workers\n"
+            "  worker core rounds  state    serves\n"
+            "       0  any     17  running  port1 queue 0, port2 queue 0\n"
+            "\n"
+            "Packet buffers: 90 of 100 free\n"
+            "Every packet is accounted for.\n");
+  run("stats --json");
+  EXPECT_FALSE(fake_.statsRequest.pause());
+  EXPECT_EQ(json()["packetsReceived"], 10);
+  EXPECT_EQ(json()["workers"][0]["core"], -1);
+  EXPECT_EQ(json()["closes"], true);
+}
+
+TEST_F(Reports, StatsThatDoNotClose) {
+  fake_.stats = {stats(3, 10)};
+  fake_.stats[0].set_exact(false);
+  fake_.stats[0].set_packets_in_flight(1);
+  run("stats");
+  EXPECT_EQ(status_, 0);
+  EXPECT_THAT(out_, HasSubstr("\n1 packet was under way while this was read; "
+                              "--exact rules that out.\n"));
+  fake_.stats[0].set_closes(false);
+  fake_.stats[0].add_discrepancies("table 3: 7 packets came, but 6 ended");
+  run("stats");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(
+      out_,
+      HasSubstr("\nDOES NOT ADD UP: table 3: 7 packets came, but 6 ended\n"));
+}
+
+TEST_F(Reports, WatchedStatsHaveRates) {
+  fake_.stats = {stats(10, 10), stats(12, 4'000'010)};
+  run("stats --watch 0.05 --count 2");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_THAT(out_,
+              HasSubstr("Every packet is accounted for.\n"
+                        "\n"
+                        "up 12 s, 1 flow, 2 flow changes, 1 flow expired by "
+                        "idle timeout, 0 by hard timeout\n"
+                        "\n"
+                        "Packets\n"
+                        "  packets     bytes packets/s  bit/s\n"
+                        "  4000010 400001000    2.00 M 1.60 G  received\n"
+                        "  2000005              1.00 M         forwarded\n"
+                        "  4000010              2.00 M         copies for "
+                        "outputs\n"
+                        "  4000010 400001000    2.00 M 1.60 G  copies sent\n"
+                        "\n"
+                        "Dropped\n"
+                        "  packets per second  where    cause\n"
+                        "  2000005     1.00 M  table 0  table_miss  About "
+                        "table_miss.\n"
+                        "        3          0  port 2   rx_missed   About "
+                        "rx_missed.\n"));
+  EXPECT_THAT(out_, testing::StartsWith("up 10 s"));
+  EXPECT_EQ(out_.find('\033'), std::string::npos);
+}
+
+TEST_F(Reports, WatchedStatsAsJsonAreOneObjectALine) {
+  fake_.stats = {stats(10, 10), stats(12, 30)};
+  run("stats --watch 0.05 --count 2 --json");
+  const size_t end = out_.find('\n');
+  const auto first = nlohmann::json::parse(out_.substr(0, end));
+  const auto second = nlohmann::json::parse(out_.substr(end + 1));
+  EXPECT_EQ(first["packetsReceived"], 10);
+  EXPECT_FALSE(first.contains("perSecond"));
+  EXPECT_EQ(second["packetsReceived"], 30);
+  EXPECT_EQ(second["perSecond"]["packetsReceived"], 10.0);
+  EXPECT_EQ(second["perSecond"]["bytesSent"], 1000.0);
+}
+
+// A switch that was started anew meanwhile has counted less.
+TEST_F(Reports, RatesOfASwitchThatWasStartedAnewBeginAnew) {
+  fake_.stats = {stats(10, 1000), stats(12, 1000)};
+  fake_.stats[1].set_uptime_ns(kSecond);
+  fake_.stats[1].set_packets_received(4);
+  run("stats --watch 0.05 --count 2 --json");
+  EXPECT_EQ(out_.find("perSecond"), std::string::npos) << out_;
+}
+
+TEST_F(Reports, Log) {
+  pb::LogEntry entry;
+  entry.set_position(7);
+  entry.set_time_ns(86400 * kSecond + 1'234'567);
+  entry.set_facility("OpenFlow");
+  entry.set_level(2);
+  entry.set_text("a step\x1b");
+  fake_.log = {entry};
+  run("log --level 3 --facility OpenFlow --last 9");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(out_, "1970-01-02 00:00:00.001234 OpenFlow/2 a step\\x1b\n");
+  EXPECT_EQ(fake_.logRequest.max_level(), 3u);
+  EXPECT_EQ(fake_.logRequest.facility(), "OpenFlow");
+  EXPECT_EQ(fake_.logRequest.last(), 9u);
+  EXPECT_FALSE(fake_.logRequest.follow());
+  run("log --json");
+  EXPECT_EQ(json()["position"], 7);
+  EXPECT_EQ(json()["text"], "a step\x1b");
+  EXPECT_EQ(fake_.logRequest.max_level(), 31u);
+}
+
+TEST_F(Reports, LogLevels) {
+  (*fake_.levels.mutable_levels())["OpenFlow"] = 7;
+  (*fake_.levels.mutable_levels())["Controller"] = 0;
+  (*fake_.levels.mutable_levels())["Other"] = 5;
+  run("log levels OpenFlow=2 Controller=none X=31");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(out_, "Controller=none\nOpenFlow=2\nOther=mask 0x5\n");
+  const auto& sent = fake_.levelsRequest.levels();
+  EXPECT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent.at("OpenFlow"), 7u);
+  EXPECT_EQ(sent.at("Controller"), 0u);
+  EXPECT_EQ(sent.at("X"), 0xffffffffu);
+  run("log levels --json");
+  EXPECT_EQ(fake_.levelsRequest.levels_size(), 0);
+  EXPECT_EQ(json()["OpenFlow"], 7);
+
+  for (const char* wrong : {"OpenFlow=32", "OpenFlow=-1", "OpenFlow=x"}) {
+    run(std::string("log levels ") + wrong);
+    EXPECT_EQ(status_, 2);
+    EXPECT_EQ(err_, std::string("ofswitch: log levels: ") + wrong +
+                        ": a level is a number from 0 to 31, or none\n");
+  }
+  run("log levels OpenFlow");
+  EXPECT_EQ(status_, 2);
+  EXPECT_EQ(err_, "ofswitch: log levels: OpenFlow: must be FACILITY=LEVEL\n");
+}
+
+// Ctrl-C is how these end, so that it is no failure.
+TEST_F(Reports, EndOnCtrlC) {
+  // Sends the signal when `text` was printed.
+  const auto interrupt = [this](const std::string& arguments,
+                                const std::string& text) {
+    run(arguments + " & p=$!; until grep -q '" + text +
+        "' stdout; do sleep 0.02; done; kill -INT $p; wait $p");
+    EXPECT_EQ(status_, 0) << arguments;
+    EXPECT_EQ(err_, "");
+  };
+  fake_.stats = {stats(10, 10)};
+  fake_.log.resize(1);
+  fake_.log[0].set_text("an entry");
+  interrupt("log --follow", "an entry");
+  EXPECT_EQ(out_, "1970-01-01 00:00:00.000000 /0 an entry\n");
+  interrupt("stats --watch 3600", "accounted for");
+  EXPECT_THAT(out_, testing::EndsWith("Every packet is accounted for.\n"));
+}
+
+TEST_F(Reports, RedrawOnATerminal) {
+  fake_.stats = {stats(10, 10), stats(11, 20)};
+  // script(1) gives it a terminal.
+  run("", "script -qec '" OFSWITCH
+          " stats --watch 0.05 --count 2' /dev/null "
+          "< /dev/null; true");
+  EXPECT_THAT(out_, testing::StartsWith("\033[H\033[2Jup 10 s"));
+  EXPECT_THAT(out_, HasSubstr("\033[H\033[2Jup 11 s"));
+}
+
+TEST_F(Reports, HelpHasExamples) {
+  for (const char* command :
+       {"tables", "ports", "stats", "log", "log levels"}) {
+    run(std::string(command) + " --help");
+    EXPECT_EQ(status_, 0);
+    EXPECT_THAT(out_,
+                HasSubstr(std::string("Examples:\n  ofswitch ") + command));
+  }
+}
+
+}  // namespace
+}  // namespace ofswitch
