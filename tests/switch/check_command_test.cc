@@ -63,14 +63,14 @@ TEST_F(CheckCommand, AcceptsGoodFiles) {
   EXPECT_EQ(err_, "");
   check("flows.txt more.json");
   EXPECT_EQ(status_, 0);
-  EXPECT_EQ(out_, "2 flows and 1 commands accepted, 0 refused\n");
+  EXPECT_EQ(out_, "2 flows and 1 command accepted, 0 refused\n");
 }
 
 TEST_F(CheckCommand, AddsNothingToCommandLists) {
   write("list.json", R"([{"getStats": {}}])");
   check("-v list.json");
   EXPECT_EQ(status_, 0);
-  EXPECT_EQ(out_, "0 flows and 1 commands accepted, 0 refused\n");
+  EXPECT_EQ(out_, "0 flows and 1 command accepted, 0 refused\n");
 }
 
 TEST_F(CheckCommand, FailsWhenItsOutputIsLost) {
