@@ -3,6 +3,7 @@
 
 #include <rte_errno.h>
 #include <rte_lcore.h>
+#include <rte_mbuf_pool_ops.h>
 #include <rte_memory.h>
 
 #include <algorithm>
@@ -24,10 +25,51 @@ std::string UniqueName() {
   return "packets" + std::to_string(number++);
 }
 
-// What the area held before it became a pool must not be read as valid.
-void ClearPrivateArea(rte_mempool*, void*, void* object, unsigned) {
+// Where devices use the process's own addresses, they may also see a packet
+// that lies across pages; otherwise no device does.
+void MakePacket(rte_mempool* pool, void* arg, void* object, unsigned index) {
+  if (rte_eal_iova_mode() == RTE_IOVA_VA) {
+    auto* header = static_cast<rte_mempool_objhdr*>(
+        RTE_PTR_SUB(object, sizeof(rte_mempool_objhdr)));
+    header->iova = reinterpret_cast<uintptr_t>(object);
+  }
+  rte_pktmbuf_init(pool, arg, object, index);
+  // What the area held before it became a pool must not be read as valid.
   memset(static_cast<char*>(object) + sizeof(rte_mbuf), 0,
          Packet::kPrivateSize);
+}
+
+// A pool whose packets may lie across pages. DPDK's own function for packet
+// pools keeps each within one, for devices that need that; without hugepages
+// one packet would get a page of its own, and all packets' headers and first
+// bytes, at the same place of each page, would share a few lines of the
+// processor's first cache. Null, and rte_errno set, without memory.
+rte_mempool* MakeMempool(const std::string& name, size_t capacity,
+                         unsigned cache) {
+  constexpr unsigned kObjectSize = sizeof(Packet);
+  rte_mempool* pool = rte_mempool_create_empty(
+      name.c_str(), static_cast<unsigned>(capacity), kObjectSize, cache,
+      sizeof(rte_pktmbuf_pool_private), static_cast<int>(rte_socket_id()),
+      RTE_MEMPOOL_F_NO_IOVA_CONTIG);
+  if (pool == nullptr) {
+    return nullptr;
+  }
+  rte_pktmbuf_pool_private settings = {};
+  settings.mbuf_data_room_size = Packet::kHeadroom + Packet::kDataRoom;
+  settings.mbuf_priv_size = Packet::kPrivateSize;
+  const int error =
+      rte_mempool_set_ops_byname(pool, rte_mbuf_best_mempool_ops(), nullptr);
+  if (error == 0) {
+    rte_pktmbuf_pool_init(pool, &settings);
+  }
+  const int added = error == 0 ? rte_mempool_populate_default(pool) : error;
+  if (added < 0) {
+    rte_mempool_free(pool);
+    rte_errno = -added;
+    return nullptr;
+  }
+  rte_mempool_obj_iter(pool, MakePacket, nullptr);
+  return pool;
 }
 
 void Prepare(Packet* pkt, uint16_t len) {
@@ -44,10 +86,7 @@ PacketPool::PacketPool(size_t capacity, unsigned cache) {
   const unsigned most =
       std::min<size_t>(RTE_MEMPOOL_CACHE_MAX_SIZE, capacity * 2 / 3);
   const std::string name = UniqueName();
-  mempool_ = rte_pktmbuf_pool_create(
-      name.c_str(), static_cast<unsigned>(capacity), std::min(cache, most),
-      Packet::kPrivateSize, Packet::kHeadroom + Packet::kDataRoom,
-      static_cast<int>(rte_socket_id()));
+  mempool_ = MakeMempool(name, capacity, std::min(cache, most));
   if (mempool_ == nullptr) {
     throw std::runtime_error(
         "cannot make a pool of " + std::to_string(capacity) + " packets (" +
@@ -55,7 +94,6 @@ PacketPool::PacketPool(size_t capacity, unsigned cache) {
         std::to_string(rte_eal_get_physmem_size() >> 20) +
         " MB: " + rte_strerror(rte_errno));
   }
-  rte_mempool_obj_iter(mempool_, ClearPrivateArea, nullptr);
 }
 
 PacketPool::~PacketPool() { rte_mempool_free(mempool_); }

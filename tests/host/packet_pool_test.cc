@@ -2,7 +2,10 @@
 #include "packet_pool.h"
 
 #include <gtest/gtest.h>
+#include <rte_eal.h>
 
+#include <cstdint>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -42,6 +45,33 @@ TEST(PacketPoolTest, TinyPoolsGetACacheThatFits) {
   EXPECT_NE(pkt, nullptr);
   EXPECT_EQ(pool.Alloc(), nullptr);
   Packet::Free(pkt);
+}
+
+// At the same place of each page, packets would share a few lines of the
+// processor's first cache.
+TEST(PacketPoolTest, PacketsLieAtDifferentPlacesOfTheirPages) {
+  PacketPool pool(63, 0);
+  Packet* pkts[32];
+  ASSERT_TRUE(pool.AllocBulk(pkts, 32));
+  std::set<uintptr_t> places;
+  for (const Packet* pkt : pkts) {
+    places.insert(reinterpret_cast<uintptr_t>(pkt) % 4096);
+  }
+  EXPECT_GT(places.size(), 16u);
+  Packet::Free(pkts, 32);
+}
+
+TEST(PacketPoolTest, DevicesSeeThePacketsWhereTheProcessDoes) {
+  ASSERT_EQ(rte_eal_iova_mode(), RTE_IOVA_VA);
+  PacketPool pool(3, 0);
+  Packet* pkts[3];
+  ASSERT_TRUE(pool.AllocBulk(pkts, 3));
+  for (Packet* pkt : pkts) {
+    EXPECT_EQ(rte_mbuf_iova_get(pkt->mbuf()),
+              reinterpret_cast<uintptr_t>(pkt->mbuf()->buf_addr));
+    EXPECT_EQ(rte_mempool_virt2iova(pkt), reinterpret_cast<uintptr_t>(pkt));
+  }
+  Packet::Free(pkts, 3);
 }
 
 TEST(PacketPoolTest, SaysWhatItCouldNotGet) {
