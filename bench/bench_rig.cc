@@ -4,12 +4,9 @@
 #include <rte_cycles.h>
 #include <urcu-qsbr.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
-#include "control.h"
-#include "eal.h"
+#include "bench/measure.h"
 #include "graph.h"
 #include "platform/quil_modules/counter_db.h"
 
@@ -25,14 +22,9 @@ class FreeingSink final : public Module {
   }
 };
 
-[[noreturn]] void die(const std::string& what) {
-  std::fprintf(stderr, "bench: %s\n", what.c_str());
-  std::exit(1);
-}
-
 void check(const bess::pb::CommandResponse& response) {
   if (response.error().code() != 0) {
-    die(response.error().errmsg());
+    die(response.error().errmsg().c_str());
   }
 }
 
@@ -75,6 +67,8 @@ void matchPort(uint32_t i, quil::pb::OfMatch* match) {
   match->mutable_fields()->set_l4dstport(true);
   match->mutable_values()->set_l4dstport(flowPort(i));
 }
+
+Rig* theRig;
 
 }  // namespace
 
@@ -134,14 +128,10 @@ quil::pb::OpenFlowAddFlow prefixPortFlow6(uint32_t i) {
 }
 
 Rig::Rig()
-    : worker_((check({}), [] {
-        bess::EalOptions options;
-        options.memory_mb = 2048;
-        if (auto error = bess::InitEal(options); !error.empty()) {
-          die(error);
-        }
+    : worker_([] {
+        startEal();
         return 0;
-      }())) {
+      }()) {
   static const bool registered = ModuleBuilder::RegisterModuleClass(
       [] { return new FreeingSink(); }, "FreeingSink", "FreeingSink",
       "frees packets", bess::MAX_GATES, 0, {},
@@ -161,7 +151,10 @@ Rig::Rig()
   task_ = new Task(module_, nullptr);
   context()->task = task_;
   QuilModules::bessCounterDb.create(0, 1 << 20);
+  theRig = this;
 }
+
+Rig& Rig::instance() { return *theRig; }
 
 Rig::~Rig() {
   delete task_;

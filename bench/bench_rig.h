@@ -34,10 +34,13 @@ quil::pb::OpenFlowAddFlow prefixPortFlow6(uint32_t i);
 uint32_t flowDst(uint32_t i);
 uint16_t flowPort(uint32_t i);
 
+// One a process.
 class Rig {
  public:
   Rig();
   ~Rig();
+
+  static Rig& instance();
 
   OpenFlow& module() { return *module_; }
   Task* task() { return task_; }

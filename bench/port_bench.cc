@@ -4,16 +4,13 @@
 // PortIn, carried through one gate and sent by PortOut, beside bare calls of
 // the same device for the same packets.
 #include <benchmark/benchmark.h>
-#include <rte_cycles.h>
 #include <rte_ethdev.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
-#include "eal.h"
+#include "bench/measure.h"
 #include "graph.h"
 #include "inline_worker.h"
 #include "modules/port_in.h"
@@ -40,40 +37,8 @@ const bess::Port* NullPort() {
   return bess::FindPort("null");
 }
 
-// Repeats `burst`, which answers how many packets it carried. The cycles are
-// the median burst's: other programs use the processor, too.
-template <typename F>
-uint64_t Measure(benchmark::State& state, F burst) {
-  std::vector<uint64_t> cycles;
-  cycles.reserve(state.max_iterations);
-  uint64_t packets = 0;
-  for (auto _ : state) {
-    const uint64_t start = rte_rdtsc();
-    packets += burst();
-    cycles.push_back(rte_rdtsc() - start);
-  }
-  const auto middle = cycles.begin() + static_cast<long>(cycles.size() / 2);
-  std::nth_element(cycles.begin(), middle, cycles.end());
-  state.SetItemsProcessed(static_cast<int64_t>(packets));
-  state.counters["cycles/packet"] = static_cast<double>(*middle) / kBurst;
-  return packets;
-}
-
-void BM_BareDevice(benchmark::State& state) {
-  const bess::Port* port = NullPort();
-  {
-    const bess::InlineWorker worker(0);
-    Measure(state, [&] {
-      rte_mbuf* mbufs[kBurst];
-      const uint16_t count = rte_eth_rx_burst(port->id(), 0, mbufs, kBurst);
-      return rte_eth_tx_burst(port->id(), 0, mbufs, count);
-    });
-  }
-  bess::ClosePort("null");
-}
-BENCHMARK(BM_BareDevice);
-
-void BM_PortInToPortOut(benchmark::State& state) {
+// The same bursts through bare calls and through the modules.
+void portInToPortOut(benchmark::State& state) {
   const bess::Port* port = NullPort();
   bess::pb::PortInArg in;
   in.set_port("null");
@@ -87,25 +52,41 @@ void BM_PortInToPortOut(benchmark::State& state) {
               bess::CreateModule("PortOut", "out", arg).module != nullptr,
           "no modules");
   bess::ConnectModules("in", 0, "out", 0);
+  uint64_t packets = 0;
+  uint64_t before = port->stats().tx_packets;
   {
     bess::InlineWorker worker(0);
     Task* task = receiver->tasks().front().get();
-    const uint64_t packets = Measure(state, [&] {
-      // As a worker does it, without the locks of an inline run.
-      return task->RunOnce(worker.context()).packets;
-    });
-    Require(port->stats().tx_packets == packets, "packets are missing");
+    uint64_t bare = 0;
+    bench::compare(
+        state, kBurst, bench::kCyclesAPacket,
+        [&] {
+          return bench::cycles([&] {
+            // As a worker does it, without the locks of an inline run.
+            packets += task->RunOnce(worker.context()).packets;
+          });
+        },
+        [&] {
+          return bench::cycles([&] {
+            rte_mbuf* mbufs[kBurst];
+            const uint16_t count =
+                rte_eth_rx_burst(port->id(), 0, mbufs, kBurst);
+            bare += rte_eth_tx_burst(port->id(), 0, mbufs, count);
+          });
+        });
+    Require(port->stats().tx_packets - before == packets,
+            "packets are missing");
+    benchmark::DoNotOptimize(bare);
   }
   bess::DestroyAllModules();
   bess::ClosePort("null");
 }
-BENCHMARK(BM_PortInToPortOut);
+BENCHMARK(portInToPortOut)->UseManualTime();
 
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  const std::string error = bess::InitEal({.memory_mb = 256});
-  Require(error.empty(), error);
+  bench::startEal(256);
   benchmark::RunSpecifiedBenchmarks();
 }

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
+//
 // What a trace statement costs that goes to the ring alone, beside the least it
 // could cost: reading the time stamp counter, and the two locked operations by
 // which several writers share the ring.
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <string>
 
+#include "bench/measure.h"
 #include "platform/twinlog/twinlog.h"
 
 namespace {
@@ -18,53 +20,60 @@ const Mio::TraceHandle& handle() {
   return handle;
 }
 
-void rawTimeStamp(benchmark::State& state) {
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(__rdtsc());
-  }
-  state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(rawTimeStamp);
+constexpr int kStatements = 64;  // a sample
 
-void rawTimeStampAndLockedOperations(benchmark::State& state) {
+// The least that several writers can share a ring by.
+uint64_t rawStatements() {
   static std::atomic<uint64_t> head{0};
   static std::atomic<uint64_t> cell{0};
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(__rdtsc());
-    uint64_t seen = cell.load(std::memory_order_relaxed);
-    const uint64_t position = head.fetch_add(1, std::memory_order_relaxed);
-    benchmark::DoNotOptimize(cell.compare_exchange_strong(seen, position));
-  }
-  state.SetItemsProcessed(state.iterations());
+  return bench::cycles([] {
+    for (int i = 0; i < kStatements; i++) {
+      benchmark::DoNotOptimize(__rdtsc());
+      uint64_t seen = cell.load(std::memory_order_relaxed);
+      const uint64_t position = head.fetch_add(1, std::memory_order_relaxed);
+      benchmark::DoNotOptimize(cell.compare_exchange_strong(seen, position));
+    }
+  });
 }
-BENCHMARK(rawTimeStampAndLockedOperations);
+
+template <typename Statement>
+void compareStatement(benchmark::State& state, Statement statement) {
+  bench::compare(
+      state, kStatements, "cycles/trace",
+      [&] {
+        return bench::cycles([&] {
+          for (int i = 0; i < kStatements; i++) statement();
+        });
+      },
+      rawStatements);
+}
 
 void traceText(benchmark::State& state) {
-  for (auto _ : state) {
+  compareStatement(state, [] {
     TWINLOG_TRACE(handle(), 2, "virtual void OpenFlow::DeInit(): ");
-  }
-  state.SetItemsProcessed(state.iterations());
+  });
 }
-BENCHMARK(traceText)->Threads(1)->Threads(2);
+BENCHMARK(traceText)->UseManualTime();
 
 void traceNumbers(benchmark::State& state) {
   uint32_t number = 0;
-  for (auto _ : state) {
+  compareStatement(state, [&] {
     TWINLOG_TRACE(handle(), 2, "addFlow tableId: %s, flowType: %s, flowId: %s",
                   uint8_t{3}, 1, number++);
-  }
-  state.SetItemsProcessed(state.iterations());
+  });
 }
-BENCHMARK(traceNumbers)->Threads(1)->Threads(2);
+BENCHMARK(traceNumbers)->UseManualTime();
 
 void traceString(benchmark::State& state) {
   const std::string text(static_cast<size_t>(state.range(0)), 'x');
-  for (auto _ : state) {
-    TWINLOG_TRACE(handle(), 2, "%s", text);
-  }
-  state.SetItemsProcessed(state.iterations());
+  compareStatement(state, [&] { TWINLOG_TRACE(handle(), 2, "%s", text); });
 }
-BENCHMARK(traceString)->ArgName("bytes")->Arg(14)->Arg(200)->Arg(6000);
+BENCHMARK(traceString)
+    ->ArgName("bytes")
+    ->Arg(14)
+    ->Arg(200)
+    ->Arg(6000)
+    ->UseManualTime();
 
 // The same, formatted and handed to a sink that drops it.
 void traceNumbersToText(benchmark::State& state) {
@@ -78,8 +87,12 @@ void traceNumbersToText(benchmark::State& state) {
   Twinlog::removeSink(sink);
   Twinlog::addStandardErrorSink();
 }
-BENCHMARK(traceNumbersToText);
+BENCHMARK(traceNumbersToText)->UseManualTime();
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  bench::startEal(64);  // the cycle counter's frequency comes from DPDK
+  benchmark::RunSpecifiedBenchmarks();
+}

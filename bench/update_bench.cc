@@ -20,8 +20,6 @@
 #include <urcu-qsbr.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <limits>
@@ -29,8 +27,8 @@
 #include <vector>
 
 #include "bench/flow_sets.h"
+#include "bench/measure.h"
 #include "control.h"
-#include "eal.h"
 #include "graph.h"
 #include "modules/openflow/openflow.h"
 #include "tests/support/openflow_peer.h"
@@ -46,11 +44,6 @@ double threadTime() {
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) * 1e3 +
          static_cast<double>(now.tv_nsec) / 1e6;
-}
-
-[[noreturn]] void die(const std::string& why) {
-  fprintf(stderr, "%s\n", why.c_str());
-  exit(1);
 }
 
 size_t heapBytes() {
@@ -157,7 +150,7 @@ class Updates {
           rte_acl_add_rules(ctx, first, param.max_rule_num) == 0 &&
           rte_acl_build(ctx, &OpenFlowPeer::aclConfig(*module_)) == 0;
       time = threadTime() - start;
-      if (!built) die("the bare build fails");
+      if (!built) bench::die("the bare build fails");
       rte_acl_free(ctx);
     });
     return time;
@@ -165,8 +158,7 @@ class Updates {
 
  private:
   Updates() {
-    const std::string error = bess::InitEal({.memory_mb = 2048});
-    if (!error.empty()) die(error);
+    bench::startEal(2048);
     const bess::CreateResult made = bess::CreateModule("OpenFlow");
     check(made.response);
     module_ = static_cast<OpenFlow*>(made.module);
@@ -182,7 +174,8 @@ class Updates {
   }
 
   static void check(const CommandResponse& response) {
-    if (response.error().code() != 0) die(response.error().errmsg());
+    if (response.error().code() != 0)
+      bench::die(response.error().errmsg().c_str());
   }
 
   OpenFlow* module_;
@@ -208,9 +201,7 @@ class Samples {
     const auto middle =
         within_.begin() + static_cast<ptrdiff_t>(within_.size() / 2);
     std::nth_element(within_.begin(), middle, within_.end());
-    state.counters["update_ms"] = update_;
-    state.counters["bare_ms"] = bare_;
-    state.counters["ratio"] = update_ / bare_;
+    bench::report(state, update_, bare_, "ms/update");
     state.counters["within"] = *middle;
     state.SetItemsProcessed(state.iterations() * flows);
   }
@@ -308,4 +299,5 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   registerAll();
   benchmark::RunSpecifiedBenchmarks();
+  bess::DestroyAllModules();
 }
