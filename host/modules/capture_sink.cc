@@ -55,7 +55,7 @@ void CaptureSink::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
     const bess::Packet& pkt = *batch->pkts()[i];
     lane.packets++;
     lane.bytes += static_cast<uint64_t>(pkt.total_len());
-    if (path_.empty()) {
+    if (path_.empty() || finished_) {
       continue;
     }
     const auto* origin = source != nullptr ? source->FindOrigin(&pkt) : nullptr;
@@ -174,21 +174,40 @@ void CaptureSink::MergeSpools() {
 
 bess::CaptureWriter& CaptureSink::Writer() {
   if (writer_ == nullptr) {
-    writer_ = std::make_unique<bess::CaptureWriter>(path_);
+    writer_ = std::make_unique<bess::CaptureWriter>(PartOf(path_), path_);
   }
   return *writer_;
 }
 
 std::string CaptureSink::Finish() {
+  if (finished_) {
+    return error_;
+  }
   for (Lane& lane : lanes_) {
     EndBurst(&lane);
   }
   MergeSpools();
   if (writer_ != nullptr) {
     writer_->Flush();
-    if (!writer_->error().empty()) {
-      return writer_->error();
+  }
+  error_ = WriteError();
+  finished_ = true;
+  if (writer_ != nullptr) {
+    writer_.reset();
+    const std::string part = PartOf(path_);
+    if (!error_.empty()) {
+      unlink(part.c_str());
+    } else if (rename(part.c_str(), path_.c_str()) != 0) {
+      error_ = fmt::format("{}: {}", path_, strerror(errno));
     }
+  }
+  return error_;
+}
+
+// Of all that was written, the first.
+std::string CaptureSink::WriteError() const {
+  if (writer_ != nullptr && !writer_->error().empty()) {
+    return writer_->error();
   }
   for (const Lane& lane : lanes_) {
     if (!lane.error.empty()) {

@@ -17,6 +17,9 @@
 // keep the order in which they were made. The file is made when the first
 // packet comes.
 //
+// The file gets its name when it is whole; until then, and when the process is
+// ended before, it is called PartOf(path).
+//
 // With one worker, packets go to the file at the end of each burst. With many,
 // each worker keeps its own in an unnamed temporary file next to the output,
 // and Finish merges them: the result is the same.
@@ -31,7 +34,10 @@ class CaptureSink final : public Module {
   void ProcessBatch(Context* ctx, bess::PacketBatch* batch) override;
   std::string GetDesc() const override { return path_; }
 
-  // Writes what is left. When no worker runs the module. Answers "FILE: reason"
+  static std::string PartOf(const std::string& path) { return path + ".part"; }
+
+  // Writes what is left, once; what comes later is only counted. When no worker
+  // runs the module. Answers "FILE: reason"
   // for what went wrong since the start, empty on success.
   std::string Finish();
 
@@ -69,9 +75,12 @@ class CaptureSink final : public Module {
   void Fail(Lane* lane);  // with errno; the first failure counts
   void MergeSpools();
   bess::CaptureWriter& Writer();
+  std::string WriteError() const;
 
   std::string path_;
   bool many_workers_ = false;
+  bool finished_ = false;
+  std::string error_;  // of Finish
   std::unique_ptr<bess::CaptureWriter> writer_;
   std::array<Lane, Worker::kMaxWorkers> lanes_;
 };

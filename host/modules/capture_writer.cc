@@ -23,7 +23,8 @@ void CaptureWriter::Close::operator()(pcap_dumper* dumper) const {
   pcap_dump_close(dumper);
 }
 
-CaptureWriter::CaptureWriter(const std::string& path) : path_(path) {
+CaptureWriter::CaptureWriter(const std::string& path, const std::string& name)
+    : name_(name.empty() ? path : name) {
   format_.reset(pcap_open_dead_with_tstamp_precision(
       DLT_EN10MB, kSnapLen, PCAP_TSTAMP_PRECISION_NANO));
   // Opened here and not by libpcap, to which "-" would be standard output.
@@ -62,7 +63,7 @@ void CaptureWriter::Flush() {
 }
 
 void CaptureWriter::Fail(const std::string& why) {
-  error_ = fmt::format("{}: {}", path_, why);
+  error_ = fmt::format("{}: {}", name_, why);
 }
 
 }  // namespace bess

@@ -14,8 +14,9 @@ namespace bess {
 // error is kept; writing after it does nothing.
 class CaptureWriter {
  public:
-  // Makes the file, or empties it.
-  explicit CaptureWriter(const std::string& path);
+  // Makes the file, or empties it. `name` stands for it in errors, unless it is
+  // empty.
+  explicit CaptureWriter(const std::string& path, const std::string& name = "");
 
   void Write(uint64_t ns, const uint8_t* bytes, uint32_t len);
 
@@ -33,7 +34,7 @@ class CaptureWriter {
 
   void Fail(const std::string& why);
 
-  std::string path_;
+  std::string name_;
   std::unique_ptr<pcap, Close> format_;
   std::unique_ptr<pcap_dumper, Close> dumper_;
   std::string error_;

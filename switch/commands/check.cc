@@ -39,7 +39,7 @@ struct CheckOptions {
 struct CheckResult {
   size_t flows = 0;     // lines accepted
   size_t commands = 0;  // JSON commands accepted
-  bool hasFlowText = false;
+  bool hasCommandList = false;
   std::vector<Diagnostic> refusals;
   std::vector<Diagnostic> notes;
   std::vector<TableBuild> builds;
@@ -59,6 +59,7 @@ CheckResult readAll(const std::vector<std::string>& paths,
     if (path.ends_with(".json")) {
       CommandList list = commands.read(path);
       reserveIds(list, ids);
+      result.hasCommandList = true;
       result.commands += list.commands.size();
       append(std::move(list.refusals), &result.refusals);
     } else {
@@ -67,7 +68,6 @@ CheckResult readAll(const std::vector<std::string>& paths,
           FlowReader({.progress = [&progress](uint64_t done, uint64_t total) {
             progress.show(done, total);
           }}).read(path);
-      result.hasFlowText = true;
       append(std::move(file.flows), flows);
       append(std::move(file.refusals), &result.refusals);
     }
@@ -225,9 +225,12 @@ int check(const CheckOptions& options) {
   if (ports.empty()) ports = portsNamedBy(flows);
 
   FlowTranslator translator(std::move(ports), &ids);
-  // Command lists alone get nothing added, no flows for empty tables either.
+  // Command lists without flows get nothing added, no flows for empty tables
+  // either.
   Translation translation;
-  if (result.hasFlowText) translation = translator.add(flows);
+  if (!flows.empty() || !result.hasCommandList) {
+    translation = translator.add(flows);
+  }
   result.flows = flows.size() - translation.refusals.size();
   append(std::move(translation.refusals), &result.refusals);
   append(std::move(translation.notes), &result.notes);
@@ -257,7 +260,8 @@ void addCheckCommand(CLI::App* app, int* status) {
   auto options = std::make_shared<CheckOptions>();
   command
       ->add_option("FLOWS", options->files,
-                   "Flow text files, or .json command lists")
+                   "Flow text files (- is standard input), or .json "
+                   "command lists")
       ->required();
   command
       ->add_option("--ports", options->ports,

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "modules/capture_reader.h"
+#include "modules/capture_sink.h"
 #include "switch/commands/commands.h"
 #include "switch/flow/flow.h"
 #include "switch/replay/account.h"
@@ -102,6 +103,16 @@ void checkOutDir(const std::string& dir, Errors* errors) {
   unlink(probe.c_str());
 }
 
+// Opens it without changing it, because it is written when all work is done.
+void checkStats(const std::string& file, Errors* errors) {
+  const bool isThere = fs::exists(file);
+  if (!std::ofstream(file, std::ios::app)) {
+    errors->add(fmt::format("{}: {}", file, strerror(errno)));
+  } else if (!isThere) {
+    unlink(file.c_str());
+  }
+}
+
 // Outputs replace files of earlier runs, but never what this run reads.
 void checkOverwrites(const ReplayOptions& options, const Policy& policy,
                      Errors* errors) {
@@ -110,9 +121,16 @@ void checkOverwrites(const ReplayOptions& options, const Policy& policy,
     outputs.push_back(options.statsFile);
   }
   if (!options.session.outDir.empty()) {
-    outputs.push_back(outputFile(options.session.outDir, 0));
-    for (const uint16_t port : policy.ports) {
-      outputs.push_back(outputFile(options.session.outDir, port));
+    std::vector<uint16_t> ports = policy.ports;
+    ports.push_back(0);
+    for (const uint16_t port : ports) {
+      const std::string file = outputFile(options.session.outDir, port);
+      for (const std::string& name : {file, CaptureSink::PartOf(file)}) {
+        if (fs::is_directory(name)) {
+          errors->add(fmt::format("{}: is a directory", name));
+        }
+        outputs.push_back(name);
+      }
     }
   }
   std::vector<std::string> read = options.flows;
@@ -161,6 +179,7 @@ int replay(ReplayOptions options) {
   if (!options.session.outDir.empty()) {
     checkOutDir(options.session.outDir, &errors);
   }
+  if (!options.statsFile.empty()) checkStats(options.statsFile, &errors);
   checkOverwrites(options, policy, &errors);
   try {
     options.session.modulePath = findModule(options.session.modulePath);
@@ -206,7 +225,8 @@ void addReplayCommand(CLI::App* app, int* status) {
   auto options = std::make_shared<ReplayOptions>();
   command
       ->add_option("--flows", options->flows,
-                   "Flow text files, or .json command lists")
+                   "Flow text files (- is standard input), or .json "
+                   "command lists")
       ->type_name("FILE")
       ->required();
   command

@@ -6,7 +6,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <iterator>
 #include <set>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -15,6 +18,7 @@
 #include "switch/flow/match_parser.h"
 #include "switch/flow/numbers.h"
 #include "switch/flow/refused.h"
+#include "switch/flow/suggest.h"
 #include "switch/flow/unsupported.h"
 #include "switch/flow/words.h"
 
@@ -80,6 +84,19 @@ struct LineReader {
   }
 };
 
+// A line without "actions=" is most often one with another spelling of it.
+[[noreturn]] void refuseMissingActions(std::string_view line) {
+  constexpr std::string_view kNames[] = {"actions"};
+  for (const Word& word : splitWords(line)) {
+    if (word.key == "actions" || word.key == "action") {
+      refuse("{}: write \"actions=\" before the actions", word.text);
+    }
+    const std::string meant = suggest(word.key, kNames);
+    if (!meant.empty()) refuse("unknown field \"{}\"{}", word.key, meant);
+  }
+  refuse("no actions; write actions=drop for a flow that drops");
+}
+
 // Where the action list begins: the word "actions=" or "action=".
 std::pair<std::string_view, std::string_view> splitActions(
     std::string_view line) {
@@ -96,13 +113,19 @@ std::pair<std::string_view, std::string_view> splitActions(
       }
     }
   }
-  refuse("no actions; write actions=drop for a flow that drops");
+  refuseMissingActions(line);
 }
 
 // Names that begin a line of "dump-flows" output before its flows.
 bool isDumpHeading(std::string_view line) {
   return line.starts_with("NXST_FLOW reply") ||
          line.starts_with("OFPST_FLOW reply");
+}
+
+// Read once, because commands look at their files more than once.
+const std::string& standardInput() {
+  static const std::string text(std::istreambuf_iterator<char>(std::cin), {});
+  return text;
 }
 
 }  // namespace
@@ -152,6 +175,7 @@ FlowFile FlowReader::read(std::istream& in, const std::string& name,
       options_.progress(done, total);
     }
     std::string_view line = text;
+    if (number == 1) line = withoutByteOrderMark(line);
     line = trim(line.substr(0, line.find('#')));
     if (line.empty() || isDumpHeading(line)) continue;
     try {
@@ -184,6 +208,10 @@ FlowFile FlowReader::read(std::istream& in, const std::string& name,
 }
 
 FlowFile FlowReader::read(const std::string& path) const {
+  if (path == "-") {
+    std::istringstream in(standardInput());
+    return read(in, "standard input");
+  }
   std::error_code noSize;
   const uintmax_t size = std::filesystem::file_size(path, noSize);
   std::ifstream in(path);

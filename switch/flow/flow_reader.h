@@ -45,6 +45,7 @@ class FlowReader {
   explicit FlowReader(FlowReaderOptions options = {})
       : options_(std::move(options)) {}
 
+  // "-" is standard input.
   FlowFile read(const std::string& path) const;
   FlowFile read(std::istream& in, const std::string& name) const;
 

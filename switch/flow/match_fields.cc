@@ -103,6 +103,13 @@ void dlVlan(MatchBuilder* b, const Word& word) {
 void vlanVid(MatchBuilder* b, const Word& word) {
   const Masked<uint64_t> vid =
       parseMaskedNumber(word.value, kVlanPresent | kVlanVidBits, word.text);
+  if (vid.value != 0 && vid.value <= kVlanVidBits &&
+      (vid.mask & kVlanPresent) != 0) {
+    refuse(
+        "{}: matches no frame without the bit 0x1000, which stands for the "
+        "tag; did you mean dl_vlan={}?",
+        word.text, vid.value);
+  }
   constrainVlan(
       b, {static_cast<uint16_t>(vid.value), static_cast<uint16_t>(vid.mask)},
       word);

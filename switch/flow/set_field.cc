@@ -135,7 +135,7 @@ constexpr Refusal kRefusals[] = {
 [[noreturn]] void refuseTarget(const Word& word, std::string_view field) {
   const auto* known = std::ranges::find(kRefusals, field, &Refusal::name);
   if (known != std::end(kRefusals)) {
-    refuse("{}: {}", word.text, known->reason);
+    refuse("{}: {}", word.text, std::string(known->reason));
   }
   if (field.starts_with("reg") || field.starts_with("xreg") ||
       field.starts_with("xxreg")) {

@@ -50,6 +50,20 @@ class FlowTranslator::Batch {
     updates_.put(flow.table, installed.rule, std::move(prepared.rules.action));
   }
 
+  // A mistyped port would else show only in packets that are missing.
+  void noteUnconnected(const Flow& flow) {
+    for (const Action& action : flow.actions) {
+      const auto port = static_cast<uint16_t>(action.value);
+      if (action.kind == ActionKind::kOutput &&
+          !std::ranges::binary_search(t_.ports_, port)) {
+        notes_.push_back({flow.file, flow.line,
+                          fmt::format("output:{}: port {} is not connected, "
+                                      "what is sent there goes nowhere",
+                                      port, port)});
+      }
+    }
+  }
+
   // Gives each reachable empty table its miss flow, and takes it from those
   // that have flows now.
   void settleMissFlows() {
@@ -128,6 +142,7 @@ Translation FlowTranslator::add(const std::vector<Flow>& flows) {
   if (!refused.ok()) return refused;
 
   Batch batch(this);
+  for (const Flow& flow : flows) batch.noteUnconnected(flow);
   for (Prepared& flow : prepared) batch.add(std::move(flow));
   batch.settleMissFlows();
   return batch.finish();

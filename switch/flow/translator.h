@@ -22,7 +22,7 @@ SwitchPorts portsNamedBy(const std::vector<Flow>& flows);
 struct Translation {
   std::vector<TableUpdate> updates;  // by table, IPv4 before IPv6
   std::vector<Diagnostic> refusals;  // if any: no updates, nothing changed
-  std::vector<Diagnostic> notes;     // flows that replaced earlier ones
+  std::vector<Diagnostic> notes;     // replaced flows, missing ports
 
   bool ok() const { return refusals.empty(); }
 };
@@ -37,7 +37,7 @@ struct Translation {
 // drops the packet and counts it.
 class FlowTranslator {
  public:
-  // `ids` must outlive the translator.
+  // `ports` are ascending. `ids` must outlive the translator.
   FlowTranslator(SwitchPorts ports, IdAllocator* ids)
       : ports_(std::move(ports)), ids_(ids) {}
 

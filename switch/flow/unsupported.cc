@@ -106,28 +106,29 @@ constexpr Entry kFlags[] = {
     {"out_group", "it selects flows to delete, not to add; leave it out"},
 };
 
-std::optional<std::string_view> find(std::span<const Entry> entries,
-                                     std::string_view name) {
+std::optional<std::string> find(std::span<const Entry> entries,
+                                std::string_view name) {
   for (const Entry& entry : entries) {
     const bool open = entry.name.ends_with('*');
     const std::string_view stem =
         entry.name.substr(0, entry.name.size() - (open ? 1 : 0));
-    if (open ? name.starts_with(stem) : name == stem) return entry.reason;
+    if (open ? name.starts_with(stem) : name == stem)
+      return std::string(entry.reason);
   }
   return std::nullopt;
 }
 
 }  // namespace
 
-std::optional<std::string_view> unsupportedField(std::string_view name) {
+std::optional<std::string> unsupportedField(std::string_view name) {
   return find(kFields, name);
 }
 
-std::optional<std::string_view> unsupportedAction(std::string_view name) {
+std::optional<std::string> unsupportedAction(std::string_view name) {
   return find(kActions, name);
 }
 
-std::optional<std::string_view> unsupportedFlag(std::string_view name) {
+std::optional<std::string> unsupportedFlag(std::string_view name) {
   return find(kFlags, name);
 }
 

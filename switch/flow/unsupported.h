@@ -5,13 +5,14 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace ofswitch {
 
-std::optional<std::string_view> unsupportedField(std::string_view name);
-std::optional<std::string_view> unsupportedAction(std::string_view name);
+std::optional<std::string> unsupportedField(std::string_view name);
+std::optional<std::string> unsupportedAction(std::string_view name);
 // Words about a flow that neither match nor act, such as "send_flow_rem".
-std::optional<std::string_view> unsupportedFlag(std::string_view name);
+std::optional<std::string> unsupportedFlag(std::string_view name);
 
 }  // namespace ofswitch

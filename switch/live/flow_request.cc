@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "switch/flow/flow_reader.h"
+#include "switch/flow/quote.h"
 #include "switch/flow/refused.h"
 #include "switch/flow/words.h"
 
@@ -27,25 +28,12 @@ constexpr size_t kMostRefusals = 1000;
 constexpr size_t kMostStrictFilters = 100'000;
 constexpr size_t kMostFilters = 1000;
 
-// Of UTF-8 text.
-bool isInsideCharacter(char c) {
-  return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
-}
-
 std::string requestName(const std::string& name) {
   if (name.empty()) return kNoName;
   if (name.size() <= kLongestName) return name;
   size_t begin = name.size() - kLongestName + 3;
   while (isInsideCharacter(name[begin])) begin++;
   return "..." + name.substr(begin);
-}
-
-// The first `most` bytes of UTF-8 text and a mark for what is missing. A reply
-// with half a character in it could not be read.
-std::string cutText(std::string_view text, size_t most) {
-  if (text.size() <= most) return std::string(text);
-  while (isInsideCharacter(text[most])) most--;
-  return std::string(text.substr(0, most)) + "...";
 }
 
 void checkLine(size_t length) {

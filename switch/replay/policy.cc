@@ -69,6 +69,7 @@ class PolicyLoader {
         CommandList list = commandLists.read(file);
         append(list.refusals, &policy_.refusals);
         reserveIds(list, &ids_);
+        hasCommandLists_ = true;
         sources_.push_back(std::move(list));
       } else {
         FlowFile text = FlowReader().read(file);
@@ -112,7 +113,10 @@ class PolicyLoader {
     return ports;
   }
 
+  // A text without flows means a table without flows, unless commands say what
+  // the tables are to have.
   void addText(const FlowFile& text, FlowTranslator* translator) {
+    if (text.flows.empty() && hasCommandLists_) return;
     Translation translation = translator->add(text.flows);
     append(translation.refusals, &policy_.refusals);
     append(translation.notes, &policy_.notes);
@@ -221,6 +225,7 @@ class PolicyLoader {
   };
 
   const std::vector<uint16_t> givenPorts_;
+  bool hasCommandLists_ = false;
   IdAllocator ids_;
   std::vector<std::variant<FlowFile, CommandList>> sources_;
   std::map<RuleKey, InForce> inForce_;

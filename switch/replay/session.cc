@@ -122,6 +122,7 @@ class Session {
       if (!options_.outDir.empty()) {
         const std::string file = outputFile(options_.outDir, gate);
         std::filesystem::remove(file);
+        std::filesystem::remove(CaptureSink::PartOf(file));
         arg.set_path(file);
       }
       const bess::CreateResult made = bess::CreateModule(

@@ -22,7 +22,7 @@ void PrintTo(const RefusalCase& row, std::ostream* out) { *out << row.line; }
 const RefusalCase kCases[] = {
     {"ip", "no actions; write actions=drop for a flow that drops"},
     {"ip,reactions=drop",
-     "no actions; write actions=drop for a flow that drops"},
+     "unknown field \"reactions\", did you mean \"actions\"?"},
     // Unknown words, wrong values.
     {"actions=otput:1", "unknown action \"otput\", did you mean \"output\"?"},
     {"actions=go_to_table:1",

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
 // The program "ofswitch check" itself: its output, its exit status.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -71,6 +72,37 @@ TEST_F(CheckCommand, AddsNothingToCommandLists) {
   check("-v list.json");
   EXPECT_EQ(status_, 0);
   EXPECT_EQ(out_, "0 flows and 1 command accepted, 0 refused\n");
+}
+
+TEST_F(CheckCommand, AddsNoTableToCommandListsForATextWithoutFlows) {
+  write("list.json", R"([{"getStats": {}}])");
+  write("empty.txt", "# none\n");
+  check("-v list.json empty.txt");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(out_, "0 flows and 1 command accepted, 0 refused\n");
+}
+
+TEST_F(CheckCommand, ReadsStandardInput) {
+  write("flows.txt", "actions=drop\nactions=flod\n");
+  check("- < flows.txt");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(out_, "1 flow accepted, 1 refused\n");
+  EXPECT_EQ(err_,
+            "standard input:2: unknown action \"flod\", did you mean "
+            "\"flood\"?\n");
+  write("flows.txt", "actions=drop\n");
+  check("--build - < flows.txt");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_THAT(out_, testing::HasSubstr("1 flow accepted, 0 refused\n"));
+  EXPECT_THAT(out_, testing::HasSubstr("table 0"));
+}
+
+TEST_F(CheckCommand, ExitsWith2WhenItIsUsedWrongly) {
+  for (const char* wrong : {"", "--bogus", "--ports x flows.txt"}) {
+    check(wrong);
+    EXPECT_EQ(status_, 2) << wrong;
+    EXPECT_EQ(std::count(err_.begin(), err_.end(), '\n'), 1) << err_;
+  }
 }
 
 TEST_F(CheckCommand, FailsWhenItsOutputIsLost) {

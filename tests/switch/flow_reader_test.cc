@@ -51,6 +51,55 @@ TEST(FlowReader, TakesWordsInAnyOrderAndNotation) {
             "actions=output:2");
 }
 
+TEST(FlowReader, TakesWhatOtherSystemsAddToTextFiles) {
+  const FlowFile file =
+      readText("\xef\xbb\xbftable=1,actions=drop\r\n\r\nactions=output:2\r\n");
+  EXPECT_EQ(texts(file.refusals), std::vector<std::string>());
+  ASSERT_EQ(file.flows.size(), 2u);
+  EXPECT_EQ(flowText(file.flows[0]), "table=1,priority=32768,actions=drop");
+  EXPECT_EQ(flowText(file.flows[1]), "table=0,priority=32768,actions=output:2");
+  EXPECT_EQ(file.flows[1].line, 3);
+  // The mark is one only at the start of a file.
+  EXPECT_EQ(readText("\n\xef\xbb\xbf"
+                     "actions=drop\n")
+                .refusals.size(),
+            1u);
+}
+
+TEST(FlowReader, TellsOfActionsThatAreMissingOrMistyped) {
+  EXPECT_EQ(
+      texts(readText("in_port=1\n"
+                     "in_port=1,output:2\n"
+                     "in_port=1 acitons=drop\n"
+                     "ip actions:drop\n"
+                     "tcp,actions\n")
+                .refusals),
+      (std::vector<std::string>{
+          "flows.txt:1: no actions; write actions=drop for a flow that drops",
+          "flows.txt:2: no actions; write actions=drop for a flow that drops",
+          "flows.txt:3: unknown field \"acitons\", did you mean \"actions\"?",
+          "flows.txt:4: actions:drop: write \"actions=\" before the actions",
+          "flows.txt:5: actions: write \"actions=\" before the actions"}));
+}
+
+TEST(FlowReader, QuotesLongWordsInPart) {
+  const std::string longWord(10'000, 'x');
+  const std::string shown = std::string(80, 'x') + "...";
+  EXPECT_EQ(texts(readText(longWord +
+                           ",actions=drop\n"
+                           "priority=" +
+                           longWord +
+                           ",actions=drop\n"
+                           "actions=" +
+                           longWord + "\n")
+                      .refusals),
+            (std::vector<std::string>{
+                "flows.txt:1: unknown field \"" + shown + "\"",
+                "flows.txt:2: priority=" + shown.substr(9) + ": \"" + shown +
+                    "\" is not a number",
+                "flows.txt:3: unknown action \"" + shown + "\""}));
+}
+
 TEST(FlowReader, ReadsADumpBack) {
   const FlowFile file = readText(
       "NXST_FLOW reply (xid=0x4):\n"

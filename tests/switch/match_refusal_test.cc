@@ -105,8 +105,8 @@ const RefusalCase kCases[] = {
      "vlan_vid=0: the module cannot tell an untagged frame from one tagged "
      "with VID 0 and priority 0; write vlan_tci=0x0000/0xefff to match both"},
     {"vlan_vid=5",
-     "vlan_vid=5: matches no frame, an untagged frame has no VID and no "
-     "priority; write dl_vlan=VID for a tagged one"},
+     "vlan_vid=5: matches no frame without the bit 0x1000, which stands for "
+     "the tag; did you mean dl_vlan=5?"},
     {"vlan_vid=0x1000/0x1000",
      "vlan_vid=0x1000/0x1000: the module cannot tell a tag with VID 0 and "
      "priority 0 from no tag; match a VID or a priority above 0"},

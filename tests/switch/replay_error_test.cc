@@ -91,6 +91,72 @@ INSTANTIATE_TEST_SUITE_P(
                   "in.pcap: is read, and would be overwritten"}),
     [](const auto& one) { return one.param.name; });
 
+TEST_F(ReplayErrors, OutputsThatCannotBeWrittenAreFoundBeforeTheWork) {
+  std::filesystem::create_directories(folder_ / "out" / "port-2.pcap");
+  replay(
+      "--flows good.txt --in 1=in.pcap --out-dir out --stats nowhere/s.json");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stdout_, "");
+  EXPECT_EQ(stderr_,
+            "nowhere/s.json: No such file or directory\n"
+            "out/port-2.pcap: is a directory\n");
+  EXPECT_TRUE(exists("out/port-2.pcap"));
+  replay("--flows good.txt --in 1=in.pcap --stats out");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stderr_, "out: Is a directory\n");
+  EXPECT_EQ(stdout_, "");
+}
+
+// What a run leaves that was interrupted has another name.
+TEST_F(ReplayErrors, ACaptureHasItsNameWhenItIsWhole) {
+  write("out.txt", "actions=output:2\n");
+  std::filesystem::create_directories(folder_ / "out");
+  std::filesystem::create_directories(folder_ / "out" / "port-2.pcap.part");
+  replay("--flows good.txt --in 1=in.pcap --out-dir out");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stderr_, "out/port-2.pcap.part: is a directory\n");
+  std::filesystem::remove(folder_ / "out" / "port-2.pcap.part");
+  replayWell("--flows good.txt --in 1=in.pcap --out-dir out");
+  EXPECT_THAT(written("out/port-2.pcap"), SizeIs(1));
+  EXPECT_FALSE(exists("out/port-2.pcap.part"));
+}
+
+TEST_F(ReplayErrors, AFlowToAPortThatIsNotConnectedIsNoted) {
+  write("flows.txt",
+        "tcp,actions=output:2,output:9\nudp,actions=output:8,controller\n"
+        "icmp,actions=output:1\n");
+  replay("--flows flows.txt --in 1=in.pcap --ports 1,2");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(
+      stderr_,
+      "flows.txt:1: note: output:9: port 9 is not connected, what is sent "
+      "there goes nowhere\n"
+      "flows.txt:2: note: output:8: port 8 is not connected, what is sent "
+      "there goes nowhere\n");
+}
+
+TEST_F(ReplayErrors, WrongUseIsTold) {
+  for (const char* wrong : {"", "--flows good.txt", "--bogus",
+                            "--flows good.txt --in 1=in.pcap --workers 0"}) {
+    replay(wrong);
+    EXPECT_EQ(status_, 2) << wrong;
+    EXPECT_EQ(std::count(stderr_.begin(), stderr_.end(), '\n'), 1) << stderr_;
+  }
+}
+
+TEST_F(ReplayErrors, FlowsCanComeFromStandardInput) {
+  replayWell("--flows - --in 1=in.pcap < good.txt");
+  EXPECT_EQ(packetsOf("standard input:1"), 1);
+}
+
+// An empty text says nothing about table 0 when commands do.
+TEST_F(ReplayErrors, NoFlowIsAddedToTablesOfCommandLists) {
+  write("empty.txt", "# none\n");
+  write("list.json", R"([{"getStats": {"tableId": 0}}])");
+  replay("--flows list.json empty.txt --in 1=in.pcap");
+  EXPECT_EQ(table(0)["numFlows"], 0) << stats_;
+}
+
 TEST_F(ReplayErrors, AllThatIsWrongIsShownAtOnce) {
   replay("--flows bad.txt bad.json --in 1=none.pcap 2=raw.pcap");
   EXPECT_EQ(status_, 1);
