@@ -194,6 +194,7 @@ void Rig::setFlows(uint32_t table, bool ipv6,
 void Rig::fill(const std::vector<FrameBytes>& frames,
                bess::PacketBatch* batch) {
   batch->clear();
+  if (next_ >= frames.size()) next_ = 0;  // these are other frames
   bess::Packet* packets[kBurst];
   if (!pool_.AllocBulk(packets, kBurst, sizeof(FrameBytes))) {
     die("the packet pool is dry");

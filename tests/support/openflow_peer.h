@@ -18,4 +18,10 @@ struct OpenFlowPeer {
   static const Mio::Ptr<QuilModules::AclDb>& aclDb(const OpenFlow& module) {
     return module.aclDb_;
   }
+  // Fills `actions` with one a packet of the table's batch.
+  static int lookup(OpenFlow& module, uint8_t table,
+                    bess::PacketBatch** tableBatches,
+                    const OfFlowAction** actions) {
+    return module.lookupFlowAcl(table, tableBatches, actions);
+  }
 };
