@@ -16,6 +16,7 @@
 #include "switch/commands/commands.h"
 #include "switch/commands/service_notice.h"
 #include "switch/control/control_server.h"
+#include "switch/flow/diagnostic.h"
 #include "switch/flow/flow_reader.h"
 #include "switch/live/config.h"
 #include "switch/live/live_switch.h"
@@ -56,7 +57,7 @@ std::string workersText(const SwitchConfig& config) {
 void printSummary(const LiveSwitch& live) {
   const SwitchConfig& config = live.config();
   for (const std::string& note : live.startNotes()) {
-    fmt::print("note: {}\n", note);
+    fmt::print("note: {}\n", printable(note));
   }
   const pb::PortsReply ports = live.ports();
   for (const pb::Port& port : ports.ports()) {

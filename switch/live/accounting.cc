@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "switch/terminal/amounts.h"
+
 namespace ofswitch {
 namespace {
 
@@ -160,10 +162,9 @@ class Accountant {
                ends);
     }
     if (notCopied_ > counts_.failedCopies) {
-      disagree(
-          "{} packets did not reach their next table, but only {} copies "
-          "failed",
-          notCopied_, counts_.failedCopies);
+      disagree("{} did not reach the next table, but only {} failed",
+               plural(notCopied_, "packet"),
+               plural(counts_.failedCopies, "copy", "copies"));
     }
     drop(nullptr, SwitchDrop::kNoBufferForOutput,
          counts_.failedCopies - std::min(counts_.failedCopies, notCopied_));

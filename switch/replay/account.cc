@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "switch/terminal/amounts.h"
+
 namespace ofswitch {
 namespace {
 
@@ -135,10 +137,9 @@ class Accountant {
                account_.packetsIn, ends);
     }
     if (account_.notCopied > counts_.failedCopies) {
-      disagree(
-          "{} packets did not reach their next table, but only {} copies "
-          "failed",
-          account_.notCopied, counts_.failedCopies);
+      disagree("{} did not reach the next table, but only {} failed",
+               plural(account_.notCopied, "packet"),
+               plural(counts_.failedCopies, "copy", "copies"));
     }
   }
 

@@ -21,6 +21,7 @@
 #include "platform/quil_modules/counter_db.h"
 #include "plugin.h"
 #include "switch/replay/module_commands.h"
+#include "switch/terminal/amounts.h"
 #include "switch/terminal/progress.h"
 #include "utils/acl_build_memory.h"
 #include "worker.h"
@@ -234,9 +235,10 @@ class Session {
         cut += source->counts()[i].cut;
       }
       if (cut > 0) {
-        result_.warnings.push_back(fmt::format(
-            "{}: {} packets were captured without their ends, and replayed so",
-            input.path, cut));
+        result_.warnings.push_back(
+            fmt::format("{}: {} captured without {}, and replayed so",
+                        input.path, plural(cut, "packet was", "packets were"),
+                        cut == 1 ? "its end" : "their ends"));
       }
     }
     for (auto& [number, port] : ports) {

@@ -108,7 +108,11 @@ TEST_F(CaptureModules, WhatGoesInComesOutWithItsTime) {
   CaptureSource* from = source({{3, dir_ / "in"}});
   CaptureSink* to = sink(dir_ / "out");
   play({from}, to);
+  // A file that has its name is whole.
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
+  EXPECT_TRUE(std::filesystem::exists(dir_ / "out.part"));
   EXPECT_EQ(to->Finish(), "");
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "out.part"));
   EXPECT_EQ(readCapture(dir_ / "out"), rows);
   EXPECT_EQ(to->packets(), 100u);
   EXPECT_EQ(to->bytes(), 100 * rows[0].bytes.size());

@@ -142,7 +142,7 @@ const Discrepancy kDiscrepancies[] = {
      [](SwitchCounts* counts) {
        counts->matched[{5, {Kind::kSent}}] = 14;
      },
-     "1 packets did not reach their next table, but only 0 copies failed"},
+     "1 packet did not reach the next table, but only 0 copies failed"},
     {"GateAndPortDisagree",
      [](SwitchCounts* counts) { counts->ports[0].gatePackets = 39; },
      "port 1: 39 packets left for it, but 38 arrived"},

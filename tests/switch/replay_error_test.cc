@@ -201,9 +201,9 @@ TEST_F(ReplayErrors, CutFramesAreReplayedAndMentioned) {
           {{1, text(udp(1).bytes()).substr(0, 40), 1000}, row(2, udp(2))});
   replay("--flows good.txt --in 1=snap.pcap --out-dir out");
   EXPECT_EQ(status_, 0);
-  EXPECT_EQ(stderr_,
-            "snap.pcap: 1 packets were captured without their ends, and "
-            "replayed so\n");
+  EXPECT_EQ(
+      stderr_,
+      "snap.pcap: 1 packet was captured without its end, and replayed so\n");
   EXPECT_EQ(written("out/port-2.pcap")[0].bytes.size(), 40u);
 }
 
