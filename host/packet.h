@@ -3,6 +3,7 @@
 
 #include <rte_mbuf.h>
 #include <rte_memcpy.h>
+#include <rte_prefetch.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -175,6 +176,24 @@ class alignas(64) Packet {
     return seg;
   }
 
+  // A free buffer of `pool`, null without. It comes out of the thread's own
+  // cache if there is one, where the ones that follow are known and can be
+  // fetched into the processor's cache meanwhile.
+  static rte_mbuf* TakeFree(rte_mempool* pool) {
+    constexpr unsigned kAhead = 3;
+    rte_mempool_cache* cache = rte_mempool_default_cache(pool, rte_lcore_id());
+    if (cache == nullptr || cache->len <= kAhead) [[unlikely]] {
+      return rte_mbuf_raw_alloc(pool);
+    }
+    void* taken = cache->objs[--cache->len];
+    const auto* soon =
+        static_cast<const Packet*>(cache->objs[cache->len - kAhead]);
+    rte_prefetch0(soon);
+    rte_prefetch0(soon->metadata_);
+    rte_prefetch0(soon->data_);
+    return static_cast<rte_mbuf*>(taken);
+  }
+
   static Packet* CopyChained(const Packet* src);
   static Packet* CopyFailed();  // counts; answers null
 
@@ -209,7 +228,7 @@ inline Packet* Packet::copy(const Packet* src) {
     return CopyChained(src);
   }
   // A free mbuf already has one reference, one segment and no successor.
-  rte_mbuf* mbuf = rte_mbuf_raw_alloc(src->mbuf_.pool);
+  rte_mbuf* mbuf = TakeFree(src->mbuf_.pool);
   if (mbuf == nullptr) [[unlikely]] {
     return CopyFailed();
   }

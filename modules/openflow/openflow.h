@@ -139,6 +139,10 @@ class OpenFlow final : public Module {
   int lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
                     const OfFlowAction** actions);
 
+  // Hands each packet to the batch of the table that it starts at.
+  void sortByStartTable(Context* ctx, const bess::PacketBatch& batch,
+                        bess::PacketBatch** tableBatches);
+
   // Sends the copies that `action` asks for; the packet itself stays.
   void outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
                     const OfFlowAction& action,

@@ -3,11 +3,15 @@
 // A packet's headers as the classifiers' lookup keys.
 #pragma once
 
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "modules/openflow/datapath/frame.h"
 #include "modules/openflow/translate/acl_layout.h"
+
+static_assert(std::endian::native == std::endian::little);
 
 // Where the frame's L3 header lies and of what kind it is.
 struct FrameL3 {
@@ -39,10 +43,19 @@ inline FrameL3 locateL3(const uint8_t* frame) {
   return found;
 }
 
+// A MAC and the two zero bytes behind it, in one piece.
+inline void buildMac(const uint8_t* mac, uint8_t* key) {
+  uint64_t bytes;
+  std::memcpy(&bytes, mac, sizeof(bytes));
+  bytes &= 0xffff'ffff'ffff;  // little endian: the first six
+  std::memcpy(key, &bytes, sizeof(bytes));
+}
+
 inline void buildL2Key(const uint8_t* frame, const FrameL3& found,
                        OfL2Key* key) {
-  std::memcpy(key->ethDst, frame, 6);
-  std::memcpy(key->ethSrc, frame + 6, 6);
+  static_assert(sizeof(key->ethDst) == 8 && sizeof(key->ethSrc) == 8);
+  buildMac(frame, key->ethDst);
+  buildMac(frame + 6, key->ethSrc);
   key->vlanTci = found.vlanTci;
   store16(reinterpret_cast<uint8_t*>(key) + offsetof(OfL2Key, ethType),
           found.ethType);
@@ -69,8 +82,10 @@ inline void buildL4Key(uint8_t proto, uint8_t icmpProto, const uint8_t* l4,
 
 // Any L4 header is taken to follow, fragment or not.
 inline void buildIpv4Key(const uint8_t* l3, OfIpv4Key* key) {
-  std::memcpy(&key->ipv4Src, l3 + 12, 4);
-  std::memcpy(&key->ipv4Dst, l3 + 16, 4);
+  static_assert(offsetof(OfIpv4Key, ipv4Dst) ==
+                offsetof(OfIpv4Key, ipv4Src) + 4);
+  std::memcpy(reinterpret_cast<uint8_t*>(key) + offsetof(OfIpv4Key, ipv4Src),
+              l3 + 12, 8);
   key->l4.ipTos = l3[1];
   key->l4.ipTtl = l3[8];
   key->l2.ipProto = l3[9];
@@ -79,8 +94,10 @@ inline void buildIpv4Key(const uint8_t* l3, OfIpv4Key* key) {
 
 // No extension headers are walked.
 inline void buildIpv6Key(const uint8_t* l3, OfIpv6Key* key) {
-  std::memcpy(key->ipv6Src, l3 + 8, 16);
-  std::memcpy(key->ipv6Dst, l3 + 24, 16);
+  static_assert(offsetof(OfIpv6Key, ipv6Dst) ==
+                offsetof(OfIpv6Key, ipv6Src) + 16);
+  std::memcpy(reinterpret_cast<uint8_t*>(key) + offsetof(OfIpv6Key, ipv6Src),
+              l3 + 8, 32);
   key->l4.ipTos = static_cast<uint8_t>(load16(l3) >> 4);
   key->l4.ipTtl = l3[7];
   key->l2.ipProto = l3[6];

@@ -69,6 +69,24 @@ void OpenFlow::outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
   }
 }
 
+void OpenFlow::sortByStartTable(Context* ctx, const bess::PacketBatch& batch,
+                                bess::PacketBatch** tableBatches) {
+  for (int i = 0; i < batch.cnt(); i++) {
+    bess::Packet* packet = batch.pkts()[i];
+    const OfPacketMetadata& block = *packetMetadata(packet);
+    const uint32_t start =
+        block.flags & kStartTableValid ? block.startTable : 0;
+    if (start >= kNumTables) [[unlikely]] {
+      DropPacket(ctx, packet);  // there is no such table
+      continue;
+    }
+    if (tableBatches[start] == nullptr) {
+      tableBatches[start] = ctx->task->AllocPacketBatch();
+    }
+    tableBatches[start]->add(packet);
+  }
+}
+
 void OpenFlow::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   bess::PacketBatch* tableBatches[kNumTables] = {};
   const int cnt = batch->cnt();
@@ -77,18 +95,16 @@ void OpenFlow::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
     rte_prefetch0(packetMetadata(packets[i]));
     rte_prefetch0(packets[i]->head_data<const uint8_t*>());
   }
+  uint64_t flags = 0;  // of any packet
   for (int i = 0; i < cnt; i++) {
-    const OfPacketMetadata& block = *packetMetadata(packets[i]);
-    const uint32_t start =
-        block.flags & kStartTableValid ? block.startTable : 0;
-    if (start >= kNumTables) [[unlikely]] {
-      DropPacket(ctx, packets[i]);  // there is no such table
-      continue;
-    }
-    if (tableBatches[start] == nullptr) {
-      tableBatches[start] = ctx->task->AllocPacketBatch();
-    }
-    tableBatches[start]->add(packets[i]);
+    flags |= packetMetadata(packets[i])->flags;
+  }
+  if (cnt > 0 && !(flags & kStartTableValid)) {
+    // The usual case: all of them start at table 0.
+    tableBatches[0] = ctx->task->AllocPacketBatch();
+    tableBatches[0]->add(batch);
+  } else {
+    sortByStartTable(ctx, *batch, tableBatches);
   }
 
   for (uint32_t t = 0; t < kNumTables; t++) {
