@@ -7,7 +7,7 @@
 #include <sstream>
 #include <utility>
 
-#include "switch/client/file_text.h"
+#include "switch/flow/file_text.h"
 #include "switch/flow/words.h"
 
 namespace ofswitch {

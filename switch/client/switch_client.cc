@@ -7,8 +7,8 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "switch/client/file_text.h"
 #include "switch/client/probe.h"
+#include "switch/flow/file_text.h"
 
 namespace ofswitch {
 namespace {

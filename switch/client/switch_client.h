@@ -26,7 +26,8 @@ class SwitchClient {
  public:
   using Stub = pb::Switch::Stub;
 
-  // Connects. Waits for a switch that is still starting. Throws ClientError.
+  // Connects. Waits for a switch that is still starting. Throws ClientError,
+  // or FileError for a file that TLS needs.
   explicit SwitchClient(const DoorOptions& door);
 
   // For calls that are answered by a stream; check() takes what Finish()

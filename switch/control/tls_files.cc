@@ -5,25 +5,20 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
+#include "switch/flow/file_text.h"
 #include "switch/live/live_switch.h"
 
 namespace ofswitch {
 namespace {
 
-std::string readFile(const char* key, const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  if (!in || !(text << in.rdbuf())) {
-    throw StartError(fmt::format("control.tls.{}: {}: cannot be read: {}", key,
-                                 path, std::strerror(errno)));
+std::string readTlsFile(const char* key, const std::string& path) {
+  try {
+    return readFile(path);
+  } catch (const FileError& error) {
+    throw StartError(fmt::format("control.tls.{}: {}", key, error.what()));
   }
-  return text.str();
 }
 
 // gRPC would find out when the first client comes, and then only log it.
@@ -59,10 +54,10 @@ std::shared_ptr<grpc::ServerCredentials> makeTlsCredentials(
     const SwitchConfig& config) {
   grpc::SslServerCredentialsOptions options(
       GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
-  options.pem_root_certs = readFile("client_ca", config.tlsClientCa);
+  options.pem_root_certs = readTlsFile("client_ca", config.tlsClientCa);
   options.pem_key_cert_pairs.push_back(
-      {readFile("key", config.tlsKey),
-       readFile("certificate", config.tlsCertificate)});
+      {readTlsFile("key", config.tlsKey),
+       readTlsFile("certificate", config.tlsCertificate)});
   checkFiles(config);
   return grpc::SslServerCredentials(options);
 }

@@ -4,15 +4,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <set>
-#include <sstream>
 
 #include "switch/flow/diagnostic.h"
+#include "switch/flow/file_text.h"
 #include "switch/flow/flow.h"
 #include "switch/live/listen_address.h"
 #include "switch/live/yaml_section.h"
@@ -216,17 +213,13 @@ SwitchConfig parseConfig(const std::string& text, const std::string& name) {
 }
 
 SwitchConfig loadConfig(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) {
-    const std::string why = std::strerror(errno);
-    throw ConfigError(Diagnostic{path, 0, "cannot open: " + why}.text());
+  std::string text;
+  try {
+    text = readFile(path);
+  } catch (const FileError& error) {
+    throw ConfigError(error.what());
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) {
-    throw ConfigError(Diagnostic{path, 0, "cannot read"}.text());
-  }
-  return parseConfig(text.str(), path);
+  return parseConfig(text, path);
 }
 
 }  // namespace ofswitch

@@ -161,7 +161,7 @@ TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
   config.tlsClientCa = certificates().path("none.pem");
   EXPECT_EQ(startError(config),
             "control.tls.client_ca: " + config.tlsClientCa +
-                ": cannot be read: No such file or directory");
+                ": cannot open: No such file or directory");
 }
 
 }  // namespace

@@ -202,15 +202,20 @@ TEST(Config, MetricsHaveAnAddressOrMore) {
             "127.0.0.1:9469");
 }
 
-TEST(Config, MissingFile) {
+std::string whyNotLoaded(const std::string& path) {
   try {
-    loadConfig("/nowhere/switch.yaml");
-    FAIL() << "was taken";
+    loadConfig(path);
   } catch (const ConfigError& error) {
-    EXPECT_STREQ(error.what(),
-                 "/nowhere/switch.yaml: cannot open: No such file or "
-                 "directory");
+    return error.what();
   }
+  return "was taken";
+}
+
+TEST(Config, FilesThatCannotBeRead) {
+  EXPECT_EQ(whyNotLoaded("/nowhere/switch.yaml"),
+            "/nowhere/switch.yaml: cannot open: No such file or directory");
+  // Reads like an empty file to who does not look closely.
+  EXPECT_EQ(whyNotLoaded("/usr"), "/usr: cannot be read: Is a directory");
 }
 
 // The example says what every key's default is.

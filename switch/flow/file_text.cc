@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include "switch/client/file_text.h"
+#include "switch/flow/file_text.h"
 
 #include <fmt/format.h>
 
@@ -7,8 +7,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-
-#include "switch/client/switch_client.h"
 
 namespace ofswitch {
 
@@ -18,14 +16,14 @@ std::string readAll(std::istream& in, const std::string& name) {
     if (!in.bad()) return text;
   } catch (const std::ios_base::failure&) {  // so it is for a directory
   }
-  throw ClientError(
+  throw FileError(
       fmt::format("{}: cannot be read: {}", name, std::strerror(errno)));
 }
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
-    throw ClientError(
+    throw FileError(
         fmt::format("{}: cannot open: {}", path, std::strerror(errno)));
   }
   return readAll(in, path);
