@@ -4,10 +4,12 @@
 #include <fmt/core.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "switch/client/change_call.h"
@@ -94,10 +96,24 @@ int change(const FlowOptions& options, const FlowSources& sources,
   return reply.applied() ? 0 : 1;
 }
 
+// A flow has actions=, so that what has no "=" and is a file was meant as one.
+void checkForFiles(const std::vector<std::string>& flows) {
+  for (const std::string& flow : flows) {
+    std::error_code ignored;
+    if (flow.find('=') == std::string::npos &&
+        std::filesystem::exists(flow, ignored)) {
+      throw CLI::ValidationError(
+          "flows add",
+          fmt::format("{} is a file, no flow; say --file {}", flow, flow));
+    }
+  }
+}
+
 int addFlows(const FlowOptions& options) {
   if (options.arguments.empty() && options.files.empty()) {
     throw CLI::ValidationError("flows add", "say FLOW, or --file FILE");
   }
+  checkForFiles(options.arguments);
   const FlowSources sources = readSources(options, "flow");
   if (sources.empty()) throw ClientError("flows add: there is no flow to add");
   return change(options, sources, pb::FLOW_OPERATION_ADD);

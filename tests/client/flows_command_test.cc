@@ -147,6 +147,13 @@ TEST_F(FlowsCommand, TellsOfFilesThatCannotBeRead) {
   run("flows replace .");
   EXPECT_EQ(status_, 1);
   EXPECT_EQ(err_, "ofswitch: .: cannot be read: Is a directory\n");
+  write("flows.txt", "actions=drop\n");
+  run("flows add flows.txt");
+  EXPECT_EQ(status_, 2);
+  EXPECT_EQ(err_,
+            "ofswitch: flows add: flows.txt is a file, no flow; say --file "
+            "flows.txt\n");
+  EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_UNSPECIFIED);
 }
 
 TEST_F(FlowsCommand, DeletesWhatFiltersSelect) {
