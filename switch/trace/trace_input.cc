@@ -7,6 +7,7 @@
 #include <cctype>
 #include <charconv>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 
 #include "modules/capture_reader.h"
@@ -64,7 +65,7 @@ uint64_t frameNumber(std::string_view text, const std::string& argument) {
 }
 
 void readCapture(const std::string& path, uint64_t number,
-                 PacketArgument* packet) try {
+                 PacketArgument* packet) {
   bess::CaptureReader reader(path);
   bess::CapturedFrame frame;
   while (reader.Next(&frame)) {
@@ -77,13 +78,11 @@ void readCapture(const std::string& path, uint64_t number,
     }
     return;
   }
-  if (!reader.error().empty()) fail("{}", reader.error());
-  fail("{}: there is no frame {}, the file has {}", path, number,
-       reader.frames());
-} catch (const PacketArgumentError&) {
-  throw;
-} catch (const std::runtime_error& error) {
-  fail("{}", error.what());
+  throw std::runtime_error(
+      !reader.error().empty()
+          ? reader.error()
+          : fmt::format("{}: there is no frame {}, the file has {}", path,
+                        number, reader.frames()));
 }
 
 }  // namespace

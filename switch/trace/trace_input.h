@@ -22,7 +22,8 @@ struct PacketArgument {
 
 // Reads flow text ("in_port=1,tcp,tp_dst=80"), bytes in hexadecimal, with or
 // without blanks and colons between them, or "FILE#N", the N-th frame of a
-// capture file, counted from 1. Throws PacketArgumentError.
+// capture file, counted from 1. Throws PacketArgumentError, and another
+// std::runtime_error for a file that cannot be read or has no such frame.
 PacketArgument readPacketArgument(const std::string& text);
 
 }  // namespace ofswitch

@@ -135,6 +135,10 @@ TEST_F(TraceCommand, ErrorsAreOneLineAndHaveTheirStatus) {
   EXPECT_EQ(odd.status, 2);
   EXPECT_EQ(odd.err,
             "ofswitch: 3 hexadecimal digits are no whole number of bytes\n");
+  const Result noFile = trace("/nowhere/in.pcap#1");
+  EXPECT_EQ(noFile.status, 1);
+  EXPECT_EQ(noFile.err,
+            "ofswitch: /nowhere/in.pcap: No such file or directory\n");
   EXPECT_EQ(trace("in_port=1 --table 40").err,
             "ofswitch: table=40: tables are numbers from 0 to 31\n");
   switch_->end(SIGTERM);

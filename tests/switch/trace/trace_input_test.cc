@@ -14,7 +14,7 @@ using openflow_test::writeFile;
 std::string errorOf(const std::string& text) {
   try {
     readPacketArgument(text);
-  } catch (const PacketArgumentError& error) {
+  } catch (const std::runtime_error& error) {
     return error.what();
   }
   return "no error";
