@@ -109,6 +109,14 @@ std::unique_ptr<MetricsServer> serveMetrics(const LiveSwitch& live) {
   return server;
 }
 
+void printDoor(const SwitchConfig& config) {
+  fmt::print("control: {}\n", config.controlSocket);
+  if (!config.controlAddress.empty()) {
+    fmt::print("control: {}{}\n", config.controlAddress,
+               config.tlsCertificate.empty() ? "" : " with TLS");
+  }
+}
+
 // A classifier that is being built cannot be interrupted and may take longer
 // than whoever stops the switch waits.
 void exitInTime() {
@@ -132,6 +140,7 @@ int run(const RunOptions& options) {
   const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
   const DpdkTelemetry telemetry(live);
   ControlServer control(std::move(sockets), &live);
+  printDoor(live.config());
   fmt::print("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
   tellServiceManager("READY=1");

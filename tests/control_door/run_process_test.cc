@@ -67,6 +67,7 @@ TEST_F(ControlOfAProcess, OpensWithItAndClosesWithIt) {
   struct stat found {};
   ASSERT_EQ(stat(socket().c_str(), &found), 0);
   EXPECT_EQ(found.st_mode & 0777, 0600);
+  EXPECT_THAT(process->log(), HasSubstr("control: " + socket() + "\n"));
   EXPECT_TRUE(isServed());
   EXPECT_EQ(process->end(SIGTERM), 0);
   EXPECT_FALSE(std::filesystem::exists(socket()));
