@@ -16,6 +16,7 @@ namespace {
 // Frees whatever enters: the cheapest thing that can stand behind a gate.
 class FreeingSink final : public Module {
  public:
+  FreeingSink() { max_allowed_workers_ = Worker::kMaxWorkers; }
   CommandResponse Init(const bess::pb::EmptyArg&) { return CommandSuccess(); }
   void ProcessBatch(Context*, bess::PacketBatch* batch) override {
     bess::Packet::Free(batch);
@@ -145,12 +146,15 @@ Rig::Rig()
   name_ = made.module->name();
   const bess::CreateResult sink = bess::CreateModule("FreeingSink");
   check(sink.response);
+  sink_ = sink.module;
   for (uint16_t gate = 1; gate <= 8; gate++) {
     check(bess::ConnectModules(name_, gate, sink.module->name(), gate));
   }
   task_ = new Task(module_, nullptr);
   context()->task = task_;
-  QuilModules::bessCounterDb.create(0, 1 << 20);
+  for (int wid = 0; wid < 3; wid++) {
+    QuilModules::bessCounterDb.create(wid, 1 << 20);
+  }
   theRig = this;
 }
 

@@ -34,7 +34,7 @@ quil::pb::OpenFlowAddFlow prefixPortFlow6(uint32_t i);
 uint32_t flowDst(uint32_t i);
 uint16_t flowPort(uint32_t i);
 
-// One a process.
+// One a process. The thread that makes it is worker 0; there may be others.
 class Rig {
  public:
   Rig();
@@ -43,6 +43,7 @@ class Rig {
   static Rig& instance();
 
   OpenFlow& module() { return *module_; }
+  Module& sink() { return *sink_; }  // which frees what enters
   Task* task() { return task_; }
   Context* context() { return worker_.context(); }
   bess::InlineWorker& worker() { return worker_; }
@@ -65,6 +66,7 @@ class Rig {
  private:
   std::string name_;
   OpenFlow* module_;
+  Module* sink_;
   bess::InlineWorker worker_;
   bess::PacketPool pool_;
   Task* task_;
