@@ -153,6 +153,7 @@ class alignas(64) Module {
     std::atomic<uint64_t> deadends = 0;
     bool active = false;  // written on the command thread, workers paused
   };
+  static_assert(sizeof(PerWorker) == 64);
 
   void DropOverflow(Context* ctx, bess::Packet* pkt);
 

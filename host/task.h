@@ -42,8 +42,8 @@ struct task_result {
 //    and counted.
 // All of it is rewound when a run starts.
 //
-// Used by one thread at a time.
-class Task {
+// Used by one thread at a time, and on cache lines of its own.
+class alignas(64) Task {
  public:
   static constexpr int kPacketBatches = 1024;
   static constexpr int kGateBatches = 1 << 16;

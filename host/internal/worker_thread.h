@@ -15,7 +15,8 @@ namespace bess::internal {
 
 // The thread of one worker. Everything but Main is called on the command
 // thread, and the list of tasks changes only while the worker is paused.
-class WorkerThread {
+// No two of them share a cache line: each is written in every round.
+class alignas(64) WorkerThread {
  public:
   // Starts it paused, or throws std::runtime_error.
   WorkerThread(int wid, int core);

@@ -65,6 +65,10 @@ struct OpenFlowTable {
   OpenFlowInfo<of_flow_acl_rule> ipv4;
   OpenFlowInfo<of_flow_acl_rule_ipv6> ipv6;
   // Plain increments, by the control thread (0 to 3) and by every worker that
-  // runs the table: two workers at once may lose a count.
-  uint64_t counters[kNumTableCounters];
+  // runs the table: two workers at once may lose a count. On cache lines of
+  // their own: what counts a miss must not take the slots above, which every
+  // batch reads, from the other workers' caches.
+  alignas(64) uint64_t counters[kNumTableCounters];
 };
+static_assert(offsetof(OpenFlowTable, counters) == 128);
+static_assert(sizeof(OpenFlowTable) == 256);

@@ -3,16 +3,19 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 
 namespace QuilModules {
 
-// One worker's counters. Only that worker adds; anyone may read meanwhile.
-class WorkerCounters {
+// One worker's counters. Only that worker adds; anyone may read meanwhile. They
+// share no cache line with anything else.
+class alignas(64) WorkerCounters {
  public:
   explicit WorkerCounters(uint32_t size)
-      : size_(size), counters_(new std::atomic<uint64_t>[size] {}) {}
+      : size_(size), counters_(Allocate(size)) {}
 
   // A counter that does not exist counts nothing.
   void add(uint32_t id, uint64_t n) {
@@ -31,9 +34,26 @@ class WorkerCounters {
 
   uint32_t size() const { return size_; }
 
+  // The first of them; the others follow in order.
+  const std::atomic<uint64_t>* data() const { return counters_.get(); }
+
  private:
+  static constexpr std::align_val_t kLine{64};
+
+  struct Delete {
+    void operator()(std::atomic<uint64_t>* counters) const {
+      operator delete[](counters, kLine);
+    }
+  };
+
+  static std::atomic<uint64_t>* Allocate(uint32_t size) {
+    constexpr size_t kPerLine = 64 / sizeof(std::atomic<uint64_t>);
+    const size_t whole = (size + kPerLine - 1) / kPerLine * kPerLine;
+    return new (kLine) std::atomic<uint64_t>[whole] {};
+  }
+
   const uint32_t size_;
-  const std::unique_ptr<std::atomic<uint64_t>[]> counters_;
+  const std::unique_ptr<std::atomic<uint64_t>[], Delete> counters_;
 };
 
 // The counters of all workers, by worker index. Made and destroyed on the

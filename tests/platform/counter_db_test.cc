@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <urcu-qsbr.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <limits>
 #include <thread>
 
@@ -107,6 +109,27 @@ TEST(CounterDb, WaitsForTheWorkerBeforeItFrees) {
   rcu_thread_online();
   EXPECT_GE(counted, 10000u);
   EXPECT_EQ(counted % 32, 0u);
+}
+
+// Two workers' counters on one line would make every packet of one wait for the
+// other.
+TEST(WorkerCounters, ShareNoCacheLineWithAnythingElse) {
+  EXPECT_EQ(alignof(WorkerCounters), 64u);
+  for (const uint32_t size : {1u, 7u, 8u, 9u, 1000u}) {
+    WorkerCounters one(size);
+    WorkerCounters other(size);
+    const auto begin = [](const WorkerCounters& counters) {
+      return reinterpret_cast<uintptr_t>(counters.data());
+    };
+    EXPECT_EQ(begin(one) % 64, 0u) << size;
+    EXPECT_EQ(begin(other) % 64, 0u) << size;
+    const uintptr_t apart =
+        std::max(begin(one), begin(other)) - std::min(begin(one), begin(other));
+    EXPECT_GE(apart, (size * sizeof(uint64_t) + 63) / 64 * 64) << size;
+    one.add(size - 1, 5);
+    EXPECT_EQ(one.data()[size - 1].load(), 5u);
+    EXPECT_EQ(other.read(size - 1), 0u);
+  }
 }
 
 }  // namespace
