@@ -101,6 +101,7 @@ nlohmann::json toJson(const std::vector<Diagnostic>& diagnostics) {
   for (const Diagnostic& one : diagnostics) {
     array.push_back(
         {{"file", one.file}, {"line", one.line}, {"reason", one.reason}});
+    if (one.column != 0) array.back()["column"] = one.column;
   }
   return array;
 }

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "switch/flow/json_message_check.h"
 #include "switch/flow/json_places.h"
 #include "switch/flow/refused.h"
 #include "switch/flow/suggest.h"
@@ -21,9 +22,17 @@ namespace {
 constexpr std::array<std::string_view, 3> kNames = {"updateFlows", "setAclIds",
                                                     "getStats"};
 
+// A mistake at a place of the text.
+struct RefusedPart {
+  JsonMistake mistake;
+};
+
 template <class T>
 T parseMessage(std::string_view json) {
   T message;
+  if (auto mistake = findMistake(json, *T::descriptor())) {
+    throw RefusedPart{std::move(*mistake)};
+  }
   const auto status = google::protobuf::util::JsonStringToMessage(
       google::protobuf::StringPiece(json.data(), json.size()), &message);
   if (!status.ok()) {
@@ -92,6 +101,8 @@ class ListReader {
           break;
         }
       }
+    } catch (const RefusedPart& refused) {
+      refuseAt(refused.mistake.part, place() + refused.mistake.reason);
     } catch (const Refused& refused) {
       refuseAt(element, place() + refused.what());
     }
@@ -129,7 +140,16 @@ class ListReader {
   }
 
   void refuseAt(std::string_view part, std::string reason) {
-    list_.refusals.push_back({list_.name, lineOf(part), std::move(reason)});
+    list_.refusals.push_back(
+        {list_.name, lineOf(part), std::move(reason), columnOf(part)});
+  }
+
+  int columnOf(std::string_view part) const {
+    const auto offset = static_cast<size_t>(part.data() - text_.data());
+    const size_t lineEnd =
+        offset == 0 ? std::string_view::npos : text_.rfind('\n', offset - 1);
+    return static_cast<int>(
+        lineEnd == std::string_view::npos ? offset + 1 : offset - lineEnd);
   }
 
   // Parts come in the order of the text, so the newlines are counted once.

@@ -7,9 +7,10 @@ namespace ofswitch {
 namespace {
 
 std::string where(const Diagnostic& diagnostic) {
-  return diagnostic.line == 0
-             ? diagnostic.file
-             : fmt::format("{}:{}", diagnostic.file, diagnostic.line);
+  std::string text = diagnostic.file;
+  if (diagnostic.line != 0) text += fmt::format(":{}", diagnostic.line);
+  if (diagnostic.column != 0) text += fmt::format(":{}", diagnostic.column);
+  return text;
 }
 
 }  // namespace

@@ -15,8 +15,10 @@ struct Diagnostic {
   std::string file;
   int line = 0;
   std::string reason;
+  int column = 0;  // 0 where lines are short
 
-  // "flows.txt:12: reason", on one line and safe to show.
+  // "flows.txt:12: reason" or "list.json:12:3: reason", on one line and safe to
+  // show.
   std::string text() const;
 
   // "flows.txt:12: note: reason", for what is no reason to refuse the line.

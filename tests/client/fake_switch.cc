@@ -29,6 +29,7 @@ grpc::Status FakeSwitch::ChangeFlows(
     *event.mutable_progress() = one;
     writer->Write(event);
   }
+  std::this_thread::sleep_for(changeTime);
   *event.mutable_reply() = changeReply;
   if (status.ok()) writer->Write(event);
   return status;

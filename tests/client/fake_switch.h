@@ -3,7 +3,7 @@
 
 #include <grpcpp/grpcpp.h>
 
-#include <functional>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,6 +28,7 @@ class FakeSwitch final : public pb::Switch::Service {
   std::vector<pb::FlowEntry> flows;
   std::vector<pb::FlowProgress> progress;
   pb::FlowChangeReply changeReply;
+  std::chrono::milliseconds changeTime{0};  // between progress and reply
   pb::TablesReply tables;
   pb::PortsReply ports;
   std::vector<pb::StatsReply> stats;  // the last one stays

@@ -139,6 +139,22 @@ TEST_F(FlowsCommand, TellsOfNotesAndFailures) {
             "built\n");
 }
 
+TEST_F(FlowsCommand, ShowsABarOnATerminalWhenItTakesLong) {
+  pb::FlowProgress progress;
+  progress.set_done(1);
+  progress.set_total(4);
+  fake_.progress = {progress};
+  fake_.changeTime = std::chrono::milliseconds(2600);
+  // script(1) gives it a terminal.
+  run("", "script -qec '" OFSWITCH " flows add a' /dev/null < /dev/null; true");
+  EXPECT_THAT(out_, HasSubstr("\rchanging flows [##########" +
+                              std::string(30, ' ') + "]  25% 2 s\033[K"));
+  // Wiped before the answer.
+  EXPECT_THAT(out_, HasSubstr("\r\033[Kflows: 0 added"));
+  run("flows add a");
+  EXPECT_EQ(err_, "");
+}
+
 TEST_F(FlowsCommand, TellsOfFilesThatCannotBeRead) {
   run("flows add --file nowhere.txt");
   EXPECT_EQ(status_, 1);

@@ -124,7 +124,7 @@ TEST_F(CheckCommand, ShowsEveryRefusalOfEveryFile) {
   EXPECT_EQ(err_,
             "a.txt:1: unknown field \"nw_dts\", did you mean \"nw_dst\"?\n"
             "a.txt:3: unknown action \"flod\", did you mean \"flood\"?\n"
-            "b.json:2: command 0: getStats: tableId: 32 must be below 32\n"
+            "b.json:2:1: command 0: getStats: tableId: 32 must be below 32\n"
             "c.txt: cannot open: No such file or directory\n");
 }
 

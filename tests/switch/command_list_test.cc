@@ -89,107 +89,146 @@ void PrintTo(const RefusalCase& row, std::ostream* out) { *out << row.text; }
 
 const RefusalCase kCases[] = {
     // The text.
-    {"", "1: not JSON: the text ends too early"},
-    {"[\n {\"getStats\": {},\n}]", "3: not JSON: unexpected \"}\""},
-    {"[1, 2", "1: not JSON: the text ends too early"},
-    {"[1]\n\n?", "3: not JSON: unexpected \"?\""},
-    {"[\"\xff\"]", "1: not JSON: unexpected \"\xff\""},
-    {"{}", "1: a command list is an array: [...]"},
+    {"", "1:1: not JSON: the text ends too early"},
+    {"[\n {\"getStats\": {},\n}]", "3:1: not JSON: unexpected \"}\""},
+    {"[1, 2", "1:6: not JSON: the text ends too early"},
+    {"[1]\n\n?", "3:1: not JSON: unexpected \"?\""},
+    {"[\"\xff\"]", "1:3: not JSON: unexpected \"\xff\""},
+    {"{}", "1:1: a command list is an array: [...]"},
     {"[\n\n7]",
-     "3: command 0: write an object of one member, updateFlows, setAclIds or "
+     "3:1: command 0: write an object of one member, updateFlows, setAclIds or "
      "getStats"},
     {"[{\"getStats\": {}, \"setAclIds\": {}}]",
-     "1: command 0: write an object of one member, updateFlows, setAclIds or "
+     "1:2: command 0: write an object of one member, updateFlows, setAclIds or "
      "getStats"},
     {"[{\"getStats\": {}},\n{\"getStat\": {}}]",
-     "2: command 1: unknown command \"getStat\", did you mean \"getStats\"?"},
+     "2:1: command 1: unknown command \"getStat\", did you mean \"getStats\"?"},
     {"[{\"updateFlows\": {\"table\": 3}}]",
-     "1: command 0: updateFlows: table: Cannot find field."},
+     "1:20: command 0: updateFlows: unknown field \"table\", did you mean "
+     "\"tableId\"?"},
+    {"[{\"updateFlows\": 3}]",
+     "1:18: command 0: updateFlows: 3 must be an object"},
+    {"[\n {\"updateFlows\":\n  {\"tableId\": \"x\"}}]",
+     "3:15: command 0: updateFlows: tableId: \"x\" must be a number from 0 to "
+     "4294967295"},
+    {"[{\"updateFlows\": {\"tableId\": 4294967296}}]",
+     "1:30: command 0: updateFlows: tableId: 4294967296 must be a number from "
+     "0 "
+     "to 4294967295"},
+    {"[{\"updateFlows\": {\"tableId\": 1.5}}]",
+     "1:30: command 0: updateFlows: tableId: 1.5 must be a number from 0 to "
+     "4294967295"},
+    {"[{\"updateFlows\": {\"tableId\": [1]}}]",
+     "1:30: command 0: updateFlows: tableId: must be a number from 0 to "
+     "4294967295"},
+    {"[{\"updateFlows\": {\"tableId\": 1, \"tableId\": 2}}]",
+     "1:34: command 0: updateFlows: tableId: stands there twice"},
+    {"[{\"updateFlows\": {\"flowType\": \"IPV6\"}}]",
+     "1:31: command 0: updateFlows: flowType: \"IPV6\" must be one of "
+     "OPENFLOW_TYPE_IPV4, OPENFLOW_TYPE_IPV6"},
+    {"[{\"updateFlows\": {\"adds\": {}}}]",
+     "1:27: command 0: updateFlows: adds: must be an array"},
+    {"[{\"updateFlows\": {\"adds\": [{}, 3]}}]",
+     "1:32: command 0: updateFlows: adds[1]: 3 must be an object"},
+    {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"fooo\": 1}}]}}]",
+     "1:40: command 0: updateFlows: adds[0].match: unknown field \"fooo\""},
+    {"[{\"updateFlows\": {\"adds\": [{\"action\": {\"fields\": "
+     "{\"setOutputPort\": 7}}}]}}]",
+     "1:68: command 0: updateFlows: adds[0].action.fields.setOutputPort: 7 "
+     "must be true or false"},
+    {"[{\"updateFlows\": {\"adds\": [{\"action\": {\"values\": "
+     "{\"ethSrc\": \"zz!\"}}}]}}]",
+     "1:61: command 0: updateFlows: adds[0].action.values.ethSrc: \"zz!\" must "
+     "be bytes in base64"},
     // Tables and slots.
     {"[{\"getStats\": {\"tableId\": 32}}]",
-     "1: command 0: getStats: tableId: 32 must be below 32"},
+     "1:2: command 0: getStats: tableId: 32 must be below 32"},
     {"[{\"setAclIds\": {\"tableId\": 32}}]",
-     "1: command 0: setAclIds: tableId: 32 must be below 32"},
+     "1:2: command 0: setAclIds: tableId: 32 must be below 32"},
     {"[{\"updateFlows\": {\"tableId\": 4000000000}}]",
-     "1: command 0: updateFlows: tableId: 4000000000 must be below 32"},
+     "1:2: command 0: updateFlows: tableId: 4000000000 must be below 32"},
     {"[{\"setAclIds\": {\"tableId\": 1, \"aclId\": 65536, "
      "\"ipv6AclId\": 100}}]",
-     "1: command 0: setAclIds: aclId: 65536 must be below 65536"},
+     "1:2: command 0: setAclIds: aclId: 65536 must be below 65536"},
     {"[{\"setAclIds\": {\"tableId\": 1, \"aclId\": 100, "
      "\"ipv6AclId\": 70000}}]",
-     "1: command 0: setAclIds: ipv6AclId: 70000 must be below 65536"},
+     "1:2: command 0: setAclIds: ipv6AclId: 70000 must be below 65536"},
     {"[{\"setAclIds\": {\"tableId\": 1, \"aclId\": 100, "
      "\"ipv6AclId\": 100}}]",
-     "1: command 0: setAclIds: ipv6AclId: slot 100 is the table's aclId too"},
+     "1:2: command 0: setAclIds: ipv6AclId: slot 100 is the table's aclId too"},
     {"[{\"setAclIds\": {\"tableId\": 1, \"aclId\": 2, \"ipv6AclId\": 9}}]",
-     "1: command 0: setAclIds: ipv6AclId: slot 9 belongs to table 4"},
+     "1:2: command 0: setAclIds: ipv6AclId: slot 9 belongs to table 4"},
     {"[{\"setAclIds\": {\"tableId\": 1, \"aclId\": 100, \"ipv6AclId\": 101}},"
      "\n{\"setAclIds\": {\"tableId\": 2, \"aclId\": 101, \"ipv6AclId\": 5}}]",
-     "2: command 1: setAclIds: aclId: slot 101 belongs to table 1"},
+     "2:1: command 1: setAclIds: aclId: slot 101 belongs to table 1"},
     // Flows.
     {"[{\"updateFlows\": {\"flowType\": 7}}]",
-     "1: command 0: updateFlows: flowType: 7 is neither 0 "
+     "1:2: command 0: updateFlows: flowType: 7 is neither 0 "
      "(OPENFLOW_TYPE_IPV4) nor 1 (OPENFLOW_TYPE_IPV6)"},
     {"[{\"updateFlows\": {\"adds\": [{},\n{\"priority\": 536870912}]}}]",
-     "2: command 0: updateFlows: adds[1].priority: 536870912 is above "
+     "2:1: command 0: updateFlows: adds[1].priority: 536870912 is above "
      "536870911"},
     {"[{\"updateFlows\": {\"adds\": [{\"packetCounterId\": 8388608}]}}]",
-     "1: command 0: updateFlows: adds[0].packetCounterId: 8388608 is above "
+     "1:28: command 0: updateFlows: adds[0].packetCounterId: 8388608 is above "
      "8388607"},
     {"[{\"updateFlows\": {\"adds\": [{\"byteCounterId\": 4294967295}]}}]",
-     "1: command 0: updateFlows: adds[0].byteCounterId: 4294967295 is above "
+     "1:28: command 0: updateFlows: adds[0].byteCounterId: 4294967295 is above "
      "8388607"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"fields\": "
      "{\"ethDst\": true}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.ethDst: 0 bytes, must "
+     "1:28: command 0: updateFlows: adds[0].match.values.ethDst: 0 bytes, must "
      "be 6"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"fields\": "
      "{\"ethDst\": true}, \"values\": {\"ethDst\": \"AgAAAAAB\"}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.ethDstMask: 0 bytes, "
+     "1:28: command 0: updateFlows: adds[0].match.values.ethDstMask: 0 bytes, "
      "must be 6"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"fields\": "
      "{\"ethSrc\": true}, \"values\": {\"ethSrc\": \"AgAAAAABAA==\"}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.ethSrc: 7 bytes, must "
+     "1:28: command 0: updateFlows: adds[0].match.values.ethSrc: 7 bytes, must "
      "be 6"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"fields\": "
      "{\"ipv6Src\": true}, \"values\": {\"ipv6Src\": \"AgAAAAAB\"}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.ipv6Src: 6 bytes, must "
+     "1:28: command 0: updateFlows: adds[0].match.values.ipv6Src: 6 bytes, "
+     "must "
      "be 16"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"fields\": "
      "{\"ipv6Dst\": true}, \"values\": {\"ipv6Dst\": "
      "\"AAAAAAAAAAAAAAAAAAAAAA==\"}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.ipv6DstMask: 0 bytes, "
+     "1:28: command 0: updateFlows: adds[0].match.values.ipv6DstMask: 0 bytes, "
      "must be 16"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"values\": "
      "{\"ethType\": 65536}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.ethType: 65536 is "
+     "1:28: command 0: updateFlows: adds[0].match.values.ethType: 65536 is "
      "above 65535"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"values\": "
      "{\"vlanPcp\": 8}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.vlanPcp: 8 is above 7"},
+     "1:28: command 0: updateFlows: adds[0].match.values.vlanPcp: 8 is above "
+     "7"},
     {"[{\"updateFlows\": {\"adds\": [{\"match\": {\"values\": "
      "{\"tcpFlags\": 256}}}]}}]",
-     "1: command 0: updateFlows: adds[0].match.values.tcpFlags: 256 is above "
+     "1:28: command 0: updateFlows: adds[0].match.values.tcpFlags: 256 is "
+     "above "
      "255"},
     {"[{\"updateFlows\": {\"adds\": [{\"action\": {\"fields\": "
      "{\"setEthSrc\": true}}}]}}]",
-     "1: command 0: updateFlows: adds[0].action.values.ethSrc: 0 bytes, must "
+     "1:28: command 0: updateFlows: adds[0].action.values.ethSrc: 0 bytes, "
+     "must "
      "be 6"},
     {"[{\"updateFlows\": {\"adds\": [{\"action\": {\"values\": "
      "{\"vlanVid\": 70000}}}]}}]",
-     "1: command 0: updateFlows: adds[0].action.values.vlanVid: 70000 is "
+     "1:28: command 0: updateFlows: adds[0].action.values.vlanVid: 70000 is "
      "above 65535"},
     {"[{\"updateFlows\": {\"adds\": [{\"action\": {\"values\": "
      "{\"ogate\": [1, 8192]}}}]}}]",
-     "1: command 0: updateFlows: adds[0].action.values.ogate[1]: 8192 is "
+     "1:28: command 0: updateFlows: adds[0].action.values.ogate[1]: 8192 is "
      "above 8191"},
     {"[{\"updateFlows\": {\"tableId\": 3, \"adds\": [{\"action\": "
      "{\"fields\": {\"gotoTbl\": true}, \"values\": {\"nextTbl\": 3}}}]}}]",
-     "1: command 0: updateFlows: adds[0].action.values.nextTbl: 3 must be "
+     "1:42: command 0: updateFlows: adds[0].action.values.nextTbl: 3 must be "
      "above tableId 3 and below 32"},
     {"[{\"updateFlows\": {\"tableId\": 3, \"adds\": [{\"action\": "
      "{\"fields\": {\"gotoTbl\": true}, \"values\": {\"nextTbl\": 260}}}]}}]",
-     "1: command 0: updateFlows: adds[0].action.values.nextTbl: 260 must be "
+     "1:42: command 0: updateFlows: adds[0].action.values.nextTbl: 260 must be "
      "above tableId 3 and below 32"},
 };
 
@@ -245,7 +284,7 @@ TEST(CommandList, RemembersBindingsFromListToList) {
   const CommandList list = reader.read(kSecond, "b.json");
   ASSERT_EQ(list.refusals.size(), 1u);
   EXPECT_EQ(list.refusals[0].text(),
-            "b.json:1: command 0: setAclIds: ipv6AclId: slot 100 belongs to "
+            "b.json:1:2: command 0: setAclIds: ipv6AclId: slot 100 belongs to "
             "table 1");
 }
 

@@ -75,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "bad.txt:2: unknown field \"nw_dts\", did you mean "
                   "\"nw_dst\"?"},
         ErrorCase{"BadCommand", "--flows bad.json --in 1=in.pcap",
-                  "bad.json:1: command 0: updateFlows: tableId: 32 must be "
+                  "bad.json:1:2: command 0: updateFlows: tableId: 32 must be "
                   "below 32"},
         ErrorCase{"OutDirUnderAFile",
                   "--flows good.txt --in 1=in.pcap --out-dir good.txt/out",
@@ -163,7 +163,7 @@ TEST_F(ReplayErrors, AllThatIsWrongIsShownAtOnce) {
   EXPECT_THAT(stderr_, HasSubstr("none.pcap: "));
   EXPECT_THAT(stderr_, HasSubstr("raw.pcap: "));
   EXPECT_THAT(stderr_, HasSubstr("bad.txt:2: "));
-  EXPECT_THAT(stderr_, HasSubstr("bad.json:1: "));
+  EXPECT_THAT(stderr_, HasSubstr("bad.json:1:2: "));
   EXPECT_EQ(std::count(stderr_.begin(), stderr_.end(), '\n'), 4);
 }
 
