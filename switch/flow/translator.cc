@@ -2,10 +2,12 @@
 #include "switch/flow/translator.h"
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 
 #include "switch/flow/encode.h"
 #include "switch/flow/refused.h"
+#include "switch/flow/unconnected.h"
 
 namespace ofswitch {
 namespace {
@@ -50,18 +52,9 @@ class FlowTranslator::Batch {
     updates_.put(flow.table, installed.rule, std::move(prepared.rules.action));
   }
 
-  // A mistyped port would else show only in packets that are missing.
   void noteUnconnected(const Flow& flow) {
-    for (const Action& action : flow.actions) {
-      const auto port = static_cast<uint16_t>(action.value);
-      if (action.kind == ActionKind::kOutput &&
-          !std::ranges::binary_search(t_.ports_, port)) {
-        notes_.push_back({flow.file, flow.line,
-                          fmt::format("output:{}: port {} is not connected, "
-                                      "what is sent there goes nowhere",
-                                      port, port)});
-      }
-    }
+    std::ranges::copy(unconnectedOutputs(flow, t_.ports_),
+                      std::back_inserter(notes_));
   }
 
   // Gives each reachable empty table its miss flow, and takes it from those

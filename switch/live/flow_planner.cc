@@ -9,6 +9,7 @@
 
 #include "switch/flow/encode.h"
 #include "switch/flow/refused.h"
+#include "switch/flow/unconnected.h"
 
 namespace ofswitch {
 namespace {
@@ -48,6 +49,7 @@ bool FlowBook::Planner::put(const std::vector<Flow>& flows, bool resetCounts,
   dropRepeated(&wanted);
   if (!enoughCounters(wanted)) return false;
   for (const Wanted& one : wanted) {
+    noteUnconnected(*one.flow);
     putOne(one, resetCounts, restart);
     put_.insert(one.key);
   }
@@ -88,6 +90,12 @@ void FlowBook::Planner::dropRepeated(std::vector<Wanted>* wanted) {
     }
   }
   *wanted = std::move(kept);
+}
+
+void FlowBook::Planner::noteUnconnected(const Flow& flow) {
+  for (Diagnostic& note : unconnectedOutputs(flow, book_.ports_)) {
+    if (plan_.notes.size() < kMaxNotes) plan_.notes.push_back(std::move(note));
+  }
 }
 
 bool FlowBook::Planner::enoughCounters(const std::vector<Wanted>& wanted) {

@@ -45,6 +45,7 @@ class FlowBook::Planner {
   bool prepareAll(const std::vector<Flow>& flows, std::vector<Wanted>* wanted);
   bool enoughCounters(const std::vector<Wanted>& wanted);
   void dropRepeated(std::vector<Wanted>* wanted);
+  void noteUnconnected(const Flow& flow);
   void putOne(const Wanted& wanted, bool resetCounts, bool restart);
   bool sameRules(const InstalledFlow& before, const PreparedFlow& after) const;
   InstalledRule makeRule(const Match& match, uint32_t priority,

@@ -212,6 +212,19 @@ TEST(FlowBook, ReplaceSendsTheDifferenceOnly) {
   EXPECT_EQ(bench.replace(kThree).unchanged(), 1);
 }
 
+TEST(FlowBook, NotesOutputsToPortsThatAreNotThere) {
+  BookBench bench;
+  const FlowBook::Plan plan = bench.book.planAdd(
+      BookBench::flows("in_port=1,actions=output:2\n"
+                       "in_port=2,actions=output:1,output:99\n"),
+      false);
+  EXPECT_THAT(plan.refusals, IsEmpty());
+  ASSERT_THAT(plan.notes, SizeIs(1));
+  EXPECT_EQ(plan.notes[0].text(),
+            "test:2: output:99: port 99 is not connected, what is sent there "
+            "goes nowhere");
+}
+
 TEST(FlowBook, LastOfEqualsWinsAndIsNamed) {
   BookBench bench;
   FlowBook::Plan plan =
