@@ -59,10 +59,21 @@ Diagnostic diagnosticOf(const pb::Diagnostic& message) {
   return {message.name(), static_cast<int>(message.line()), message.reason()};
 }
 
-void printReply(const pb::FlowChangeReply& reply, bool verbose) {
-  for (const pb::Diagnostic& refusal : reply.refusals()) {
-    fmt::print(stderr, "{}\n", diagnosticOf(refusal).text());
+// Not all, lest those of a file of another kind fill the terminal.
+void printRefusals(const pb::FlowChangeReply& reply) {
+  constexpr int kShown = 20;
+  const int count = reply.refusals_size();
+  const int shown = count > kShown + 1 ? kShown : count;
+  for (int i = 0; i < shown; i++) {
+    fmt::print(stderr, "{}\n", diagnosticOf(reply.refusals(i)).text());
   }
+  if (shown < count) {
+    fmt::print(stderr, "and {} more, which --json lists\n", count - shown);
+  }
+}
+
+void printReply(const pb::FlowChangeReply& reply, bool verbose) {
+  printRefusals(reply);
   for (const pb::Diagnostic& note : reply.notes()) {
     fmt::print(stderr, "{}\n", diagnosticOf(note).noteText());
   }

@@ -117,6 +117,18 @@ TEST_F(FlowsCommand, TellsWhereRefusedLinesCameFrom) {
   EXPECT_EQ(json()["refusals"][3]["line"], 2);
 }
 
+TEST_F(FlowsCommand, PrintsTheFirstOfManyRefusals) {
+  for (uint32_t line = 1; line <= 50; line++) refuse(line, "wrong");
+  run("flows add -", "seq 50 |");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(err_, HasSubstr("standard input:20: wrong\n"
+                              "and 30 more, which --json lists\n"
+                              "ofswitch: nothing was changed: 50 lines "
+                              "refused\n"));
+  run("flows add - --json", "seq 50 |");
+  EXPECT_EQ(json()["refusals"].size(), 50u);
+}
+
 TEST_F(FlowsCommand, TellsOfNotesAndFailures) {
   pb::Diagnostic* note = fake_.changeReply.add_notes();
   note->set_line(1);
