@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -162,7 +163,7 @@ void addLogCommand(CLI::App* app, int* status) {
       ->add_option("-n,--last", options->last,
                    "Only so many of the entries there are")
       ->type_name("N")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(1u, std::numeric_limits<uint32_t>::max()));
   command->add_flag("--json", options->json, "Print an object a line");
   addDoorOptions(command, &options->door);
   addLevels(command, status);
