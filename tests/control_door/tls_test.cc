@@ -159,9 +159,8 @@ TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
                                     ": is no certificate in PEM format");
   config = tlsConfig();
   config.tlsClientCa = certificates().path("none.pem");
-  EXPECT_EQ(startError(config),
-            "control.tls.client_ca: " + config.tlsClientCa +
-                ": cannot open: No such file or directory");
+  EXPECT_EQ(startError(config), "control.tls.client_ca: " + config.tlsClientCa +
+                                    ": cannot open: No such file or directory");
 }
 
 }  // namespace
