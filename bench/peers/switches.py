@@ -117,10 +117,10 @@ class Testpmd:
         self.hugepages = hugepages
 
     def measure(self, _folder, capture, traffic, seconds):
-        memory = [] if self.hugepages else ["--no-huge"]
+        memory = ["--in-memory"] if self.hugepages else ["--no-huge", "--no-shconf"]
         other = next(cpu for cpu in sorted(os.sched_getaffinity(0)) if cpu != self.core)
         running = Process(
-            ["stdbuf", "-oL", "dpdk-testpmd", "-l", f"{other},{self.core}", "--no-pci", "--no-telemetry", "--no-shconf",
+            ["stdbuf", "-oL", "dpdk-testpmd", "-l", f"{other},{self.core}", "--no-pci", "--no-telemetry",
              "-m", str(self.memory_mb), *memory,
              "--vdev", f"net_pcap0,rx_pcap={capture},infinite_rx=1", "--vdev", "net_null0,no-rx=1",
              "--", "--total-num-mbufs", str(buffers(traffic)), "--no-flush-rx", "--forward-mode=io",
