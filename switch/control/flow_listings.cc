@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "switch/control/message_codec.h"
 
@@ -22,7 +23,7 @@ constexpr auto kLongestRest = std::chrono::seconds(10);
 // One client's listing. The atomic members are for others to see.
 class FlowListings::Reader {
  public:
-  explicit Reader(const FlowListings* listings) : listings_(listings) {}
+  explicit Reader(FlowListings* listings) : listings_(listings) {}
 
   More fill(const grpc::ByteBuffer& request, StreamCall* call) {
     if (!hasBegun_) {
@@ -53,7 +54,7 @@ class FlowListings::Reader {
   }
 
  private:
-  const FlowListings* const listings_;
+  FlowListings* const listings_;
   FlowListing listing_;
   bool hasBegun_ = false;
   std::atomic<bool> isWaiting_ = false;
@@ -64,32 +65,18 @@ class FlowListings::Reader {
 std::shared_ptr<StreamCall> FlowListings::start(
     WorkQueue* queue, grpc::CallbackServerContext* context,
     const grpc::ByteBuffer* request) {
-  const auto reader = std::make_shared<Reader>(this);
-  std::shared_ptr<StreamCall> call =
-      StreamCall::start(queue, context, [reader, request](StreamCall* stream) {
-        return reader->fill(*request, stream);
-      });
-  const std::lock_guard lock(mutex_);
-  entries_.push_back({reader, call});
-  return call;
+  return calls_.start(queue, context, request, std::make_shared<Reader>(this));
 }
 
 void FlowListings::tick() {
   std::vector<std::shared_ptr<StreamCall>> waiting;
   std::vector<std::shared_ptr<StreamCall>> resting;
-  {
-    const std::lock_guard lock(mutex_);
-    std::erase_if(entries_,
-                  [](const Entry& entry) { return entry.reader.expired(); });
-    for (const Entry& entry : entries_) {
-      const auto reader = entry.reader.lock();
-      auto call = entry.call.lock();
-      if (reader == nullptr || call == nullptr) continue;
-      if (reader->isWaiting()) {
-        waiting.push_back(std::move(call));
-      } else if (reader->rests()) {
-        resting.push_back(std::move(call));
-      }
+  for (auto& [reader, call] : calls_.alive()) {
+    if (call == nullptr) continue;
+    if (reader->isWaiting()) {
+      waiting.push_back(std::move(call));
+    } else if (reader->rests()) {
+      resting.push_back(std::move(call));
     }
   }
   if (waiting.empty()) return;
@@ -100,12 +87,9 @@ void FlowListings::tick() {
   }
 }
 
-bool FlowListings::isFull() const {
-  const std::lock_guard lock(mutex_);
+bool FlowListings::isFull() {
   size_t kept = 0;
-  for (const Entry& entry : entries_) {
-    if (const auto reader = entry.reader.lock()) kept += reader->left();
-  }
+  for (const auto& entry : calls_.alive()) kept += entry.reader->left();
   return kept >= mostFlows_;
 }
 

@@ -3,9 +3,8 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
-#include <vector>
 
+#include "switch/control/call_list.h"
 #include "switch/control/stream_call.h"
 #include "switch/control/work_queue.h"
 #include "switch/live/live_switch.h"
@@ -31,17 +30,12 @@ class FlowListings {
 
  private:
   class Reader;
-  struct Entry {
-    std::weak_ptr<Reader> reader;
-    std::weak_ptr<StreamCall> call;
-  };
 
-  bool isFull() const;
+  bool isFull();
 
   const LiveSwitch* const live_;
   const size_t mostFlows_;
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;
+  CallList<Reader> calls_;
 };
 
 }  // namespace ofswitch

@@ -61,36 +61,18 @@ class LogFollowers::Reader {
 std::shared_ptr<StreamCall> LogFollowers::start(
     WorkQueue* queue, grpc::CallbackServerContext* context,
     const grpc::ByteBuffer* request) {
-  const auto reader = std::make_shared<Reader>(live_);
-  std::shared_ptr<StreamCall> call =
-      StreamCall::start(queue, context, [reader, request](StreamCall* stream) {
-        return reader->fill(*request, stream);
-      });
-  const std::lock_guard lock(mutex_);
-  entries_.push_back({reader, call});
-  return call;
+  return calls_.start(queue, context, request, std::make_shared<Reader>(live_));
 }
 
 void LogFollowers::tick() {
-  {
-    const std::lock_guard lock(mutex_);
-    std::erase_if(entries_,
-                  [](const Entry& entry) { return entry.reader.expired(); });
-    if (entries_.empty()) return;
-  }
+  const auto calls = calls_.alive();
+  if (calls.empty()) return;
   pb::LogRequest news;
   news.set_since(end_);
   end_ = live_->readLog(news).next;
-  std::vector<std::shared_ptr<StreamCall>> behind;
-  {
-    const std::lock_guard lock(mutex_);
-    for (const Entry& entry : entries_) {
-      const auto reader = entry.reader.lock();
-      if (reader == nullptr || reader->next() >= end_) continue;
-      if (auto call = entry.call.lock()) behind.push_back(std::move(call));
-    }
+  for (const auto& [reader, call] : calls) {
+    if (call != nullptr && reader->next() < end_) call->wake();
   }
-  for (const auto& call : behind) call->wake();
 }
 
 }  // namespace ofswitch

@@ -3,9 +3,8 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <vector>
 
+#include "switch/control/call_list.h"
 #include "switch/control/stream_call.h"
 #include "switch/control/work_queue.h"
 #include "switch/live/live_switch.h"
@@ -29,15 +28,10 @@ class LogFollowers {
 
  private:
   class Reader;
-  struct Entry {
-    std::weak_ptr<Reader> reader;
-    std::weak_ptr<StreamCall> call;
-  };
 
   const LiveSwitch* const live_;
   uint64_t end_ = 0;  // of the log, as the last tick has seen it
-  std::mutex mutex_;
-  std::vector<Entry> entries_;
+  CallList<Reader> calls_;
 };
 
 }  // namespace ofswitch
