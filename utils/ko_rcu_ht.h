@@ -14,7 +14,6 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
-#include <vector>
 
 #include "utils/RteAllocator.h"
 
@@ -76,17 +75,22 @@ class KoRcuHt {
   // Releases every node after one grace period. No other thread may be able to
   // reach the table any more. Throws std::runtime_error when liburcu refuses.
   ~KoRcuHt() noexcept(false) {
-    std::vector<Node*> removed;
+    // Linked as they would be on their way to call_rcu's thread: destruction
+    // must not need memory.
+    cds_wfcq_node* removed = nullptr;
     cds_lfht_iter it;
     for (Node* node = first(&it); node != nullptr; node = next(&it)) {
       if (unlink(node)) {
-        removed.push_back(node);
+        node->rcu.next.next = removed;
+        removed = &node->rcu.next;
       } else {
         freeNode(node);
       }
     }
     synchronize_rcu();
-    for (Node* node : removed) {
+    while (removed != nullptr) {
+      Node* node = asNode(caa_container_of(removed, rcu_head, next));
+      removed = removed->next;
       freeNode(node);
     }
     destroyTable();
@@ -162,6 +166,11 @@ class KoRcuHt {
     return reinterpret_cast<Node*>(link);  // the link is the first member
   }
 
+  static Node* asNode(rcu_head* head) {
+    return reinterpret_cast<Node*>(reinterpret_cast<char*>(head) -
+                                   offsetof(Node, rcu));
+  }
+
   // False when another writer unlinked the node first.
   bool unlink(Node* node) {
     const bool unlinked = cds_lfht_del(ht_, &node->link) == 0;
@@ -179,10 +188,7 @@ class KoRcuHt {
     }
   }
 
-  static void freeDeferred(rcu_head* head) {
-    freeNode(reinterpret_cast<Node*>(reinterpret_cast<char*>(head) -
-                                     offsetof(Node, rcu)));
-  }
+  static void freeDeferred(rcu_head* head) { freeNode(asNode(head)); }
 
   // Static, and with rte_free instead of the allocator, because the table may
   // be gone. A release that throws terminates the process: nobody up the stack

@@ -33,13 +33,13 @@ class AclDb::Leftovers {
     return *leftovers;
   }
 
-  void add(Tables tables) {
+  void add(std::list<Tables>* tables) noexcept {
     const std::lock_guard lock(mutex_);
-    kept_.push_back(std::move(tables));
+    kept_.splice(kept_.end(), *tables);
   }
 
   void cleanUp() {
-    const std::vector<Tables> kept = take();
+    const std::list<Tables> kept = take();
     bool waited = false;
     for (const Tables& tables : kept) {
       for (unsigned target = 0; target < kNumTargets; target++) {
@@ -60,7 +60,7 @@ class AclDb::Leftovers {
   }
 
  private:
-  std::vector<Tables> take() {
+  std::list<Tables> take() {
     const std::lock_guard lock(mutex_);
     return std::exchange(kept_, {});
   }
@@ -75,7 +75,7 @@ class AclDb::Leftovers {
   }
 
   std::mutex mutex_;
-  std::vector<Tables> kept_;
+  std::list<Tables> kept_;
 };
 
 void releaseUserdata(AclCtxData* data, unsigned target) {
@@ -100,16 +100,16 @@ const Mio::Entity::Type& AclDb::entityType() {
   return *type;
 }
 
-AclDb::AclDb() { Leftovers::instance().cleanUp(); }
+AclDb::AclDb() : tables_(1) { Leftovers::instance().cleanUp(); }
 
-AclDb::~AclDb() { Leftovers::instance().add(std::move(tables_)); }
+AclDb::~AclDb() { Leftovers::instance().add(&tables_); }
 
 AclCtxTable* AclDb::getAclCtxTableByTarget(unsigned target) {
   if (target >= kNumTargets) {
     return nullptr;
   }
   const std::lock_guard lock(mutex_);
-  std::unique_ptr<Slots>& slots = tables_[target];
+  std::unique_ptr<Slots>& slots = tables_.front()[target];
   if (slots == nullptr) {
     slots = std::make_unique<Slots>();
   }

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 
@@ -96,7 +97,7 @@ class AclDb : public Mio::Entity {
   ~AclDb() override;
 
   std::mutex mutex_;
-  Tables tables_;
+  std::list<Tables> tables_;  // one; a list, to be moved without memory
 };
 
 }  // namespace QuilModules
