@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 
 #include "utils/available_memory.h"
 #include "utils/internal/import_slot.h"
@@ -91,23 +92,30 @@ void AclBuildScope::countedFree(void* block) {
   if (scope == nullptr || !scope->unmap(block)) std::free(block);
 }
 
-// Null when the system has no memory either.
-void* AclBuildScope::map(size_t bytes) {
-  Block block;
+// Null when the system has no memory either. What calls is C.
+void* AclBuildScope::map(size_t bytes) noexcept {
+  // A small build does not get beyond its first 2 MiB, and clearing a page of
+  // that size takes longer than all of it.
+  const size_t small = blocks_.empty() ? kHugePage : 0;
+  try {
+    blocks_.emplace_back();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  Block& block = blocks_.back();
   block.bytes = bytes;
   block.mapped = bytes + kHugePage;  // room to begin where a huge page does
   block.mapping = mmap(nullptr, block.mapped, PROT_READ | PROT_WRITE,
                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (block.mapping == MAP_FAILED) return nullptr;
+  if (block.mapping == MAP_FAILED) {
+    blocks_.pop_back();
+    return nullptr;
+  }
   const auto address = reinterpret_cast<uintptr_t>(block.mapping);
   block.start = static_cast<char*>(block.mapping) + -address % kHugePage;
-  // A small build does not get beyond its first 2 MiB, and clearing a page of
-  // that size takes longer than all of it.
-  const size_t small = blocks_.empty() ? kHugePage : 0;
   const size_t whole = bytes / kHugePage * kHugePage;
   if (whole > small) madvise(block.start + small, whole - small, MADV_HUGEPAGE);
 
-  blocks_.push_back(block);
   used_ += bytes;
   memory_.peak = std::max(memory_.peak, used_);
   return block.start;

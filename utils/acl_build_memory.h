@@ -79,7 +79,7 @@ class AclBuildScope {
     size_t mapped = 0;
   };
 
-  void* map(size_t bytes);
+  void* map(size_t bytes) noexcept;
   bool unmap(void* start);
 
   AclBuildMemory memory_;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
-// Builds a classifier out of all flows of one table and family and publishes
-// it: build aside, exchange one pointer, retire the old one after a grace
-// period. The slot keeps what it has when a build fails, also for taking more
-// memory than builds may.
+// Builds a classifier out of all flows of one table and family, aside, and has
+// it published. The slot keeps what it has when a build fails, also for taking
+// more memory than builds may; the userdata of such a build stays allocated.
 #include <fmt/core.h>
 #include <glog/logging.h>
 #include <rte_acl.h>
@@ -12,10 +11,10 @@
 #include <urcu/rculfhash.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "modules/openflow/openflow.h"
-#include "modules/openflow/tables/acl_retire.h"
 #include "modules/openflow/trace.h"
 #include "utils/acl_build_memory.h"
 
@@ -57,6 +56,12 @@ void prefetchEntry(const OpenFlowEntry<FLOW_TYPE>& entry) {
     rte_prefetch0(bytes + at);
   }
 }
+
+// A classifier on its way to being published.
+struct AclFree {
+  void operator()(rte_acl_ctx* ctx) const { rte_acl_free(ctx); }
+};
+using AclPtr = std::unique_ptr<rte_acl_ctx, AclFree>;
 
 // rte_acl_build within the memory that builds may take.
 int buildAcl(rte_acl_ctx* ctx, const rte_acl_config& config) {
@@ -146,7 +151,7 @@ int OpenFlow::programAcl(FLOW_TYPE* rules, QuilModules::KoAclUserdata* userdata,
   param.rule_size =
       ipv6 ? RTE_ACL_RULE_SZ(kNumIpv6Fields) : RTE_ACL_RULE_SZ(kNumIpv4Fields);
   param.max_rule_num = info->numFlows;
-  rte_acl_ctx* ctx = rte_acl_create(&param);
+  AclPtr ctx(rte_acl_create(&param));
   if (ctx == nullptr) {
     OF_TRACE(kTraceError,
              "programAcl Failed to create rte acl context: %s for tableId: %s, "
@@ -156,64 +161,36 @@ int OpenFlow::programAcl(FLOW_TYPE* rules, QuilModules::KoAclUserdata* userdata,
     return -1;
   }
 
-  int rc = rte_acl_add_rules(ctx, reinterpret_cast<rte_acl_rule*>(rules),
+  int rc = rte_acl_add_rules(ctx.get(), reinterpret_cast<rte_acl_rule*>(rules),
                              info->numFlows);
   if (rc != 0) {
     OF_TRACE(kTraceError,
              "programAcl Failed to add acl rules for aclCtx: %s, tableId: %s, "
              "flowType: %s, numFlows: %s error: %s",
              name, tableId, info->flowType, info->numFlows, rc);
-    rte_acl_free(ctx);
     counters[kAclAddRulesFailures]++;
     return -1;
   }
 
-  rc = buildAcl(ctx, aclConfigOf(info->flowType));
+  rc = buildAcl(ctx.get(), aclConfigOf(info->flowType));
   if (rc != 0) {
     OF_TRACE(kTraceError,
              "programAcl Failed to build acl for tableId: %s, flowType: %s "
              "error: %s",
              tableId, info->flowType, rc);
-    rte_acl_free(ctx);
     counters[kAclBuildFailures]++;
     return -1;
   }
 
-  rc = updateAclCtx(info->aclCtx, ctx, userdata, info->numFlows);
+  rc = updateAclCtx(info->aclCtx, ctx.get(), userdata, info->numFlows);
   if (rc != 0) {
     OF_TRACE(kTraceError,
              "programAcl Failed to update acl context for tableId: %s, "
              "flowType: %s error: %s",
              tableId, info->flowType, rc);
-    rte_acl_free(ctx);
     return -1;
   }
-  return 0;
-}
-
-int OpenFlow::updateAclCtx(QuilModules::AclCtx* slot, rte_acl_ctx* ctx,
-                           QuilModules::KoAclUserdata* userdata,
-                           uint32_t numUserdata) {
-  OF_TRACE(kTraceStep,
-           "int OpenFlow::updateAclCtx(AclCtx*, rte_acl_ctx*, KoAclUserdata*, "
-           "unsigned int): ");
-  QuilModules::AclCtxData* data = nullptr;
-  if (ctx != nullptr) {
-    OF_TRACE(kTraceDump, "updateAclCtx Allocating new acl context user data");
-    data = new QuilModules::AclCtxData{ctx, userdata, numUserdata};
-  }
-
-  // Pairs with the rcu_dereference of lookupFlowAcl: whoever sees `data` sees
-  // the whole build.
-  QuilModules::AclCtxData* old = rcu_xchg_pointer(&slot->data, data);
-  if (old != nullptr) {
-    if (old->ctx == slot->freedCtx) {
-      old->ctx = nullptr;  // a DeInit has freed it already
-    }
-    auto* retire = new AclCtxRetire{old, kAclTarget, {}};
-    call_rcu(&retire->head, freeAcxAsync);
-  }
-  slot->freedCtx = nullptr;
+  ctx.release();  // the slot's now
   return 0;
 }
 

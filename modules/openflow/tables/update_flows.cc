@@ -3,14 +3,16 @@
 // The command "updateFlows": changes the flow store of one table and family,
 // then has its classifier rebuilt and published.
 //
-// Everything that can fail for want of memory is allocated before the store is
-// touched: an update that fails with -12 has changed nothing. A build that
-// fails afterwards leaves the changed store behind the old classifier; the next
-// build takes everything from the store.
+// An update's own memory is allocated before the store is touched: one that
+// fails with -12, or throws std::bad_alloc there, has changed nothing. A build
+// that fails afterwards leaves the changed store behind the old classifier; the
+// next build takes everything from the store.
 #include <alloca.h>
 #include <rte_malloc.h>
 
 #include <cerrno>
+#include <memory>
+#include <new>
 
 #include "modules/openflow/openflow.h"
 #include "modules/openflow/trace.h"
@@ -35,6 +37,17 @@ bool allocateEntries(OpenFlowEntry<FLOW_TYPE>** entries, int numAdds) {
   }
   return true;
 }
+
+template <typename FLOW_TYPE>
+void freeEntries(OpenFlowEntry<FLOW_TYPE>** entries, int numAdds) {
+  for (int i = 0; i < numAdds; i++) {
+    rte_free(entries[i]);
+  }
+}
+
+struct RteFree {
+  void operator()(void* memory) const { rte_free(memory); }
+};
 
 // The first add that outputs to more gates than fit an action record, or -1. A
 // gate list without an output is not read.
@@ -102,22 +115,25 @@ int OpenFlow::processUpdateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg,
 
   // An add raises the count by one at most, so this is room enough.
   const size_t total = size_t{info->numFlows} + numAdds;
-  FLOW_TYPE* rules = nullptr;
+  std::unique_ptr<FLOW_TYPE, RteFree> rules;
   QuilModules::KoAclUserdata* userdata = nullptr;
   if (total > 0) {
-    rules = static_cast<FLOW_TYPE*>(
-        rte_malloc("openflowallrules", total * info->ruleSize, 64));
+    rules.reset(static_cast<FLOW_TYPE*>(
+        rte_malloc("openflowallrules", total * info->ruleSize, 64)));
     if (rules == nullptr) {
       OF_TRACE(
           kTraceError,
           "processUpdateFlows Failed to allocate memory for all acl rules");
       counters[kUpdateFailures]++;
-      for (int i = 0; i < numAdds; i++) {
-        rte_free(entries[i]);
-      }
+      freeEntries(entries, numAdds);
       return -ENOMEM;
     }
-    userdata = new QuilModules::KoAclUserdata[total + 1]();
+    try {
+      userdata = new QuilModules::KoAclUserdata[total + 1]();
+    } catch (const std::bad_alloc&) {
+      freeEntries(entries, numAdds);
+      throw;
+    }
   }
 
   for (int i = 0; i < numAdds; i++) {
@@ -127,7 +143,7 @@ int OpenFlow::processUpdateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg,
     deleteFlow(flow, info);
   }
 
-  const int rc = programAcl(rules, userdata, info);
+  const int rc = programAcl(rules.get(), userdata, info);
   if (rc != 0) {
     OF_TRACE(kTraceError,
              "processUpdateFlows Failed to program acl rules for tableId: %s, "
@@ -135,7 +151,6 @@ int OpenFlow::processUpdateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg,
              info->tableId, info->flowType);
     counters[kUpdateFailures]++;
   }
-  rte_free(rules);
   return rc;
 }
 
