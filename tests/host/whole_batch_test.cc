@@ -88,4 +88,22 @@ TEST_F(WholeBatchTest, ALoopEndsInDrops) {
   EXPECT_EQ(probe_->task()->overflow_drops(), 2u);
 }
 
+using WholeBatchDeathTest = WholeBatchTest;
+
+TEST_F(WholeBatchDeathTest, WorkerIndexIsChecked) {
+  Connect(probe_, 0, MakeSink("sink"), 0);
+  bess::Packet* pkt = MakePacket("a");
+  PacketBatch batch;
+  batch.clear();
+  batch.add(pkt);
+  for (int wid : {-1, 16}) {
+    Context ctx;
+    ctx.wid = wid;
+    ctx.task = probe_->task();
+    EXPECT_DEATH(probe_->RunNextModule(&ctx, &batch),
+                 "Check failed: wid < MAX_WORKERS && wid >= 0");
+  }
+  bess::Packet::Free(pkt);
+}
+
 }  // namespace
