@@ -12,6 +12,7 @@
 
 #include "modules/openflow/tables/acl_retire.h"
 #include "tests/control/control_test.h"
+#include "tests/support/watched.h"
 
 namespace openflow_test {
 namespace {
@@ -212,7 +213,11 @@ TEST(AclCtxRetire, TheTargetSaysWhichBlocksAreFreed) {
     userdata[3].action = last;  // beyond the bound
     auto* data = new QuilModules::AclCtxData{nullptr, userdata, 3};
     auto* retire = new AclCtxRetire{data, row.target, {}};
+    const Watched theRecord(data);
+    const Watched theRetirement(retire);
     freeAcxAsync(&retire->head);
+    EXPECT_TRUE(theRecord.deleted());
+    EXPECT_TRUE(theRetirement.deleted());
     EXPECT_THAT(Calls::state().aclFrees, ElementsAre(nullptr));
     EXPECT_EQ(Calls::countFrees(nullptr), row.nullFrees);
     EXPECT_EQ(Calls::countFrees(block), row.blockFrees);

@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "tests/platform/rte_calls.h"
+#include "tests/support/watched.h"
 
 namespace {
 
+using openflow_test::Watched;
 using QuilModules::AclCtx;
 using QuilModules::AclCtxData;
 using QuilModules::AclCtxTable;
@@ -149,13 +151,16 @@ TEST_F(AclDbTest, ANewDatabaseCleansUpAfterTheOld) {
   slot.generation = 9;
   const rte_acl_ctx* ctx = slot.data->ctx;
   const std::vector<void*> blocks = blocksOf(*slot.data);
+  const Watched record(slot.data);
   RteCalls::log().clear();
 
   db.reset();
   EXPECT_THAT(RteCalls::log(), IsEmpty());
+  EXPECT_FALSE(record.deleted());
   EXPECT_EQ(slot.data->numUserdata, 3u) << "a late reader still reads it";
 
   db = getOrMake();
+  EXPECT_TRUE(record.deleted());
   EXPECT_THAT(
       RteCalls::log(),
       ElementsAre(Call{Kind::kGracePeriod, nullptr}, Call{Kind::kAclFree, ctx},

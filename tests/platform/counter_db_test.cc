@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "platform/quil_modules/counter_db.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <urcu-qsbr.h>
 
@@ -8,6 +9,9 @@
 #include <cstdint>
 #include <limits>
 #include <thread>
+
+#include "tests/platform/rte_calls.h"
+#include "tests/support/watched.h"
 
 namespace {
 
@@ -80,6 +84,19 @@ TEST(CounterDb, CreatesOnlyOnce) {
   EXPECT_EQ(db[2]->size(), 100u);
   EXPECT_EQ(db[2]->read(0), 0u);
   db.destroy(2);
+}
+
+TEST(CounterDb, DestroysAfterAGracePeriod) {
+  CounterDb db;
+  ASSERT_TRUE(db.create(15, 4));
+  const openflow_test::Watched counters(db[15]);
+  RteCalls::log().clear();
+  db.destroy(15);
+  EXPECT_THAT(RteCalls::log(), testing::ElementsAre(RteCalls::Call{
+                                   RteCalls::Kind::kGracePeriod, nullptr}));
+  EXPECT_TRUE(counters.deleted());
+  db.destroy(15);
+  EXPECT_EQ(RteCalls::log().size(), 1u) << "there is nothing to wait for";
 }
 
 // A worker looks its counters up for every batch; they go only between two.
