@@ -2,6 +2,10 @@
 //
 // Builds that fail. The flows stay changed, the slot keeps its classifier, and
 // the userdata array of the build is kept as well, with all it owns.
+#include <urcu-qsbr.h>
+
+#include <utility>
+
 #include "tests/control/control_test.h"
 
 namespace openflow_test {
@@ -36,9 +40,10 @@ class BuildFailure : public FamilyTest {
 INSTANTIATE_FAMILIES(BuildFailure);
 
 QuilModules::KoAclUserdata* BuildFailure::keptUserdata(size_t records) {
+  rcu_barrier();  // what is retired is not kept
   std::vector<void*> arrays = Calls::liveArrays(userdataSize(records));
-  if (mine().data != nullptr) {
-    std::erase(arrays, mine().data->userdata);
+  for (uint32_t id = 0; id < 2 * kNumTables; id++) {
+    if (slot(id).data != nullptr) std::erase(arrays, slot(id).data->userdata);
   }
   EXPECT_EQ(arrays.size(), 1u);
   return arrays.empty() ? nullptr
@@ -61,8 +66,8 @@ void BuildFailure::expectFailure(const Step& step) {
 
   // The update and the step.
   std::vector<uint64_t> expected(12, 0);
-  expected[0] = 1;
   expected[step.counter] = 1;
+  expected[0] = 1;
   EXPECT_EQ(std::vector<uint64_t>(std::begin(table(3).counters),
                                   std::end(table(3).counters)),
             expected);
@@ -117,6 +122,61 @@ TEST_P(BuildFailure, OfTheBuildItself) {
   expectFailure({&Calls::State::failAclBuild, 3, true,
                  "programAcl Failed to build acl for tableId: 3, flowType: " +
                      type() + " error: -12"});
+}
+
+// Nothing that publication does can fail; an update is ready for it all the
+// same. There is no counter for it but the update's.
+TEST_P(BuildFailure, OfThePublication) {
+  expectFailure(
+      {&Calls::State::failPublish, 0, true,
+       "programAcl Failed to update acl context for tableId: 3, flowType: " +
+           type() + " error: -1"});
+}
+
+// Which one of several updates fails is nothing to the others.
+TEST_P(BuildFailure, OfTheFirstAMiddleAndTheLastUpdate) {
+  constexpr std::pair<uint32_t, int> kPlaces[] = {
+      {4, kIpv4}, {4, kIpv6}, {5, kIpv4}, {6, kIpv6}};
+  for (const uint32_t t : {4, 5, 6}) bind(t);
+  uint32_t priority = 1;
+  const auto updateAll = [&] {
+    std::vector<bool> failed;
+    for (const auto& [t, family] : kPlaces) {
+      const Update flow = Update(t, family).add(Flow(1, priority));
+      failed.push_back(module().updateFlows(flow).has_error());
+    }
+    return failed;
+  };
+  const auto published = [&] {
+    std::vector<uint32_t> priorities;
+    for (const auto& [t, family] : kPlaces) {
+      priorities.push_back(publishedActions(slotOf(t, family))[0]->priority);
+    }
+    return priorities;
+  };
+  updateAll();
+  for (const auto fault :
+       {&Calls::State::failAclCreate, &Calls::State::failAclAddRules,
+        &Calls::State::failAclBuild, &Calls::State::failPublish}) {
+    for (const int failing : {0, 2, 3}) {
+      std::vector<uint32_t> expected(4, ++priority);
+      expected[failing] = priority - 1;
+      Calls::state().*fault = Calls::Fault::call(failing);
+      std::vector<bool> failed(4, false);
+      failed[failing] = true;
+      EXPECT_EQ(updateAll(), failed);
+      EXPECT_EQ(published(), expected);
+      freeKeptUserdata(keptUserdata(3), 3);
+      EXPECT_EQ(updateAll(), std::vector<bool>(4, false));
+      EXPECT_EQ(published(), std::vector<uint32_t>(4, priority));
+    }
+  }
+  const auto failures = [&](uint32_t t) {
+    return std::vector<uint64_t>(table(t).counters, table(t).counters + 4);
+  };
+  EXPECT_THAT(failures(4), ElementsAre(4, 1, 1, 1));
+  EXPECT_THAT(failures(5), ElementsAre(4, 1, 1, 1));
+  EXPECT_THAT(failures(6), ElementsAre(4, 1, 1, 1));
 }
 
 TEST_P(BuildFailure, OfAPriorityThatTheLibraryRefuses) {

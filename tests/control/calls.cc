@@ -12,6 +12,8 @@
 #include <new>
 #include <utility>
 
+#include "modules/openflow/openflow.h"
+
 namespace Calls {
 
 namespace {
@@ -197,6 +199,18 @@ int rte_acl_build(rte_acl_ctx* ctx, const rte_acl_config* config) {
   state().aclBuilds.push_back({ctx, config});
   const AclLibrary library;
   return state().failAclBuild.strikes() ? -ENOMEM : real(ctx, config);
+}
+
+// The linker has the module call this one (see CMakeLists.txt).
+int __real__ZN8OpenFlow12updateAclCtxEPN11QuilModules6AclCtxEP11rte_acl_ctxPNS0_14KoAclUserdata_Ej(
+    OpenFlow*, QuilModules::AclCtx*, rte_acl_ctx*, QuilModules::KoAclUserdata*,
+    uint32_t);
+int __wrap__ZN8OpenFlow12updateAclCtxEPN11QuilModules6AclCtxEP11rte_acl_ctxPNS0_14KoAclUserdata_Ej(
+    OpenFlow* module, QuilModules::AclCtx* slot, rte_acl_ctx* ctx,
+    QuilModules::KoAclUserdata* userdata, uint32_t numUserdata) {
+  if (state().failPublish.strikes()) return -1;
+  return __real__ZN8OpenFlow12updateAclCtxEPN11QuilModules6AclCtxEP11rte_acl_ctxPNS0_14KoAclUserdata_Ej(
+      module, slot, ctx, userdata, numUserdata);
 }
 
 void rte_acl_free(rte_acl_ctx* ctx) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <rte_acl.h>
+#include <urcu-qsbr.h>
 #include <urcu/rculfhash.h>
 
 #include <cstddef>
@@ -90,6 +91,7 @@ struct State {
   Fault failAclCreate;
   Fault failAclAddRules;
   Fault failAclBuild;
+  Fault failPublish;   // OpenFlow::updateAclCtx
   Fault failNew;       // operator new(std::nothrow)
   Fault failArrayNew;  // operator new[]
 

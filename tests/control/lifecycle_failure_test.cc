@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "tests/control/control_test.h"
 
@@ -107,11 +108,19 @@ TEST_F(InitFailure, LeavesNothingAllocated) {
   other.DeInit();
 }
 
-class DeInitFailure : public ControlTest {};
+class DeInitFailure : public ControlTest,
+                      public testing::WithParamInterface<unsigned> {};
 
-TEST_F(DeInitFailure, ThrowsAtTheStoreThatCannotBeDestroyed) {
-  const OpenFlowTable before = table(2);
-  Calls::state().failTableDestroy = Calls::Fault::call(5);
+INSTANTIATE_TEST_SUITE_P(Store, DeInitFailure, testing::Values(0, 5, 32, 63));
+
+TEST_P(DeInitFailure, ThrowsAtTheStoreThatCannotBeDestroyed) {
+  const unsigned failing = GetParam();
+  bind(0);
+  update(Update(0).add(Flow(1, 10)));
+  const rte_acl_ctx* ctx = slotOf(0, kIpv4).data->ctx;
+  std::vector<OpenFlowTable> before;
+  for (unsigned t = 0; t < kNumTables; t++) before.push_back(table(t));
+  Calls::state().failTableDestroy = Calls::Fault::call(failing);
   testing::internal::CaptureStderr();
   std::string what = "nothing thrown";
   const TraceMark mark;
@@ -124,11 +133,21 @@ TEST_F(DeInitFailure, ThrowsAtTheStoreThatCannotBeDestroyed) {
             "Destroying hash table failed\n");
   EXPECT_EQ(what, "failed to destruct object");
   EXPECT_THAT(traced(mark), ElementsAre("2 virtual void OpenFlow::DeInit(): "));
-  EXPECT_EQ(Calls::state().tablesDestroyed.size(), 6u);
-  EXPECT_EQ(table(2).ipv6.flows, before.ipv6.flows);
-  for (unsigned t = 3; t < kNumTables; t++) {
-    delete table(t).ipv4.flows;
-    delete table(t).ipv6.flows;
+  EXPECT_EQ(Calls::state().tablesDestroyed.size(), failing + 1);
+  // The store of the classifier comes before it.
+  EXPECT_EQ(Calls::state().aclFrees, failing == 0
+                                         ? std::vector<const void*>{}
+                                         : std::vector<const void*>{ctx});
+  // What comes behind stays, and can be destroyed.
+  for (unsigned store = failing + 1; store < 2 * kNumTables; store++) {
+    const OpenFlowTable& record = table(store / 2);
+    EXPECT_EQ(record.ipv4.flows, before[store / 2].ipv4.flows);
+    EXPECT_EQ(record.ipv6.flows, before[store / 2].ipv6.flows);
+    if (store % 2 == 0) {
+      delete record.ipv4.flows;
+    } else {
+      delete record.ipv6.flows;
+    }
   }
   module_.reset();
 }

@@ -152,15 +152,21 @@ TEST_P(UpdateFailure, WithoutMemoryForOneActionTheUpdateSucceeds) {
 
 using UpdateFailureDeathTest = UpdateFailure;
 
+// The first, one in the middle and the last of three adds; one replaces a flow.
 TEST_P(UpdateFailureDeathTest, WithoutMemoryForANodeIsFatal) {
-  Calls::state().failType = "RTE_KoRcuHt";
-  Calls::state().failZmalloc = Calls::Fault::every();
-  EXPECT_DEATH(module().updateFlows(message().add(Flow(3, 1))),
-               "Check failed: 0 .*/src/QuilModules/RteAllocator:72");
+  for (const int node : {0, 1, 2}) {
+    EXPECT_DEATH(
+        {
+          Calls::state().failType = "RTE_KoRcuHt";
+          Calls::state().failZmalloc = Calls::Fault::call(node);
+          module().updateFlows(
+              message().add(Flow(3, 1)).add(Flow(1, 1)).add(Flow(4, 1)));
+        },
+        "Check failed: 0 .*/src/QuilModules/RteAllocator:72");
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Family, UpdateFailureDeathTest,
-                         testing::Values(kIpv4));
+INSTANTIATE_FAMILIES(UpdateFailureDeathTest);
 
 // ---- Updates that are refused before anything is touched.
 

@@ -221,6 +221,44 @@ TEST_F(EdgeFrames, EveryHeaderLength) {
   runAll(packets, 2);
 }
 
+// The L4 header would begin up to 60 bytes behind the L3 header, in the buffer,
+// partly in it, or beyond.
+TEST_F(EdgeFrames, EveryHeaderLengthAtTheBuffersEnd) {
+  add(0, {rewriteIp().setVlanVid(9).output({2})});
+  std::vector<InputPacket> packets;
+  for (uint8_t words = 0; words <= 15; words++) {
+    for (const uint8_t proto : {1, 6, 17}) {
+      for (const size_t length : {14, 33, 34, 35, 36, 42, 50, 54}) {
+        packets.emplace_back(Frame::eth()
+                                 .ipv4(kIpA, kIpB)
+                                 .rawIhl(words)
+                                 .tcp(7, 80)
+                                 .proto(proto)
+                                 .keep(length));
+        packets.back().headroom = kBufferSize - length;
+      }
+    }
+  }
+  runAll(packets, 2);
+}
+
+// A frame that is all buffer, and frames of one byte at either end of it.
+TEST_F(EdgeFrames, LoneBytesAtTheBuffersEnds) {
+  add(0, {rewriteIp().popVlan().setVlanVid(9).output({2}).trap(1)});
+  for (const size_t length : {0, 1}) {
+    for (const size_t headroom : {size_t{0}, kBufferSize - length}) {
+      InputPacket packet(Bytes(length, 0x81));
+      packet.headroom = headroom;
+      const RunResult result = harness().run({packet});
+      ASSERT_EQ(result.gate(2).size(), 1u);
+      EXPECT_EQ(result.gate(2)[0].bytes.size(), length);
+      ASSERT_EQ(result.gate(0).size(), 1u);
+      EXPECT_EQ(result.drops, 1u);
+      EXPECT_EQ(result.leakedPackets, 0);
+    }
+  }
+}
+
 TEST_F(EdgeFrames, EveryProtocolNumber) {
   add(0, {rewriteIp().output({2})});
   std::vector<InputPacket> packets;

@@ -5,6 +5,8 @@
 #include <dlfcn.h>
 #include <rte_acl.h>
 
+#include <utility>
+
 #include "tests/datapath/datapath_test.h"
 #include "tests/support/openflow_peer.h"
 
@@ -98,7 +100,52 @@ TEST_F(LookupFailure, OtherTablesGoOn) {
   EXPECT_EQ(result.drops, 1u);
 }
 
+// All tables in a chain, two calls for each: the pass that fails is the last
+// one, and the tables before it have done their work.
+TEST_F(LookupFailure, InTheFirstAMiddleAndTheLastTableOfAChain) {
+  for (uint32_t t = 0; t < kFlowTables; t++) {
+    const Flow flow = t + 1 < kFlowTables
+                          ? Flow(1, 10).output({1}).gotoTable(t + 1)
+                          : Flow(1, 10).output({1});
+    add(t, {flow});
+    add(t, {Flow(1, 5).output({2})}, Family::kIpv6);
+  }
+  const std::vector<InputPacket> packets(kMaxBatch, tcpFrame());
+  for (const int call : {1, 2, 33, 34, 63, 64}) {
+    SCOPED_TRACE(call);
+    failingCall = call;
+    const auto table = static_cast<unsigned>(call - 1) / 2;
+    const RunResult result = harness().run(packets);
+    EXPECT_EQ(failingCall, 0);
+    EXPECT_EQ(result.gate(1).size(), table * kMaxBatch);
+    EXPECT_EQ(result.drops, table * kMaxBatch);
+    EXPECT_EQ(result.tables.size(), 1u);
+    EXPECT_EQ(result.table(table).classifyErrors, 1u);
+    EXPECT_EQ(result.table(table).batchDrops, 1u);
+    EXPECT_EQ(result.leakedPackets, 0);
+  }
+}
+
 using LookupDeathTest = LookupFailure;
+
+// What an update leaves that had no memory for a flow's action.
+TEST_F(LookupDeathTest, AMatchedFlowNeedsItsAction) {
+  for (const Family family : {Family::kIpv4, Family::kIpv6}) {
+    add(0, {Flow(1, 10).ipProto(6).output({1})}, family);
+    OpenFlowTable& table = OpenFlowPeer::table(harness().module(), 0);
+    const QuilModules::AclCtx* slot =
+        family == Family::kIpv4 ? table.ipv4.aclCtx : table.ipv6.aclCtx;
+    void* action = std::exchange(slot->data->userdata[1].action, nullptr);
+    const Frame tcp = family == Family::kIpv4
+                          ? tcpFrame()
+                          : Frame::eth().ipv6(kIp6A, kIp6B).tcp(7, 80);
+    EXPECT_DEATH(harness().run({tcp}), "");
+    // Others do not meet it.
+    EXPECT_EQ(harness().run({Frame::eth().arp(kIpA, kIpB)}).numEmitted(), 0u);
+    slot->data->userdata[1].action = action;
+    harness().clearFlows();
+  }
+}
 
 TEST_F(LookupDeathTest, PublishedIpv6RecordNeedsAClassifier) {
   addBoth();

@@ -198,6 +198,36 @@ TEST(ManyGates, FullBatchToEveryOne) {
   EXPECT_EQ(result.leakedPackets, 0);
 }
 
+// The same packets to several hundred gates, 64 from every table of a chain.
+TEST(ManyGates, HundredsFromOneChain) {
+  constexpr uint32_t kChain = 8;
+  HarnessOptions options;
+  options.gates.resize(kChain * 64);
+  std::iota(options.gates.begin(), options.gates.end(), uint16_t{0});
+  options.poolPackets = 16383;
+  ModuleHarness harness(options);
+  for (uint32_t t = 0; t < kChain; t++) {
+    Flow flow = Flow(1, 10).flood(gateRange(t * 64, 64));
+    if (t + 1 < kChain) flow.gotoTable(t + 1);
+    harness.addFlows(t, {flow});
+  }
+  std::vector<InputPacket> packets;
+  for (uint16_t i = 0; i < 16; i++) {
+    packets.emplace_back(Frame::eth().ipv4(kIpA, kIpB).tcp(i, 80), from(100));
+  }
+  const RunResult result = harness.run(packets);
+  EXPECT_EQ(result.gates.size(), 511u) << "all but the in-port";
+  for (const auto& [gate, emitted] : result.gates) {
+    ASSERT_EQ(emitted.size(), packets.size()) << gate;
+    for (size_t i = 0; i < packets.size(); i++) {
+      EXPECT_EQ(emitted[i].bytes, packets[i].bytes) << gate;
+    }
+  }
+  EXPECT_EQ(result.drops, kChain * packets.size());
+  EXPECT_TRUE(result.tables.empty()) << result;
+  EXPECT_EQ(result.leakedPackets, 0);
+}
+
 // ---- Limits of the command.
 
 TEST(GateLimit, MoreThan64FailTheWholeUpdate) {
