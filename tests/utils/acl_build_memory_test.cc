@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <rte_acl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <thread>
 #include <vector>
@@ -122,6 +125,51 @@ TEST_F(AclBuildMemoryTest, RefusesWhatIsBeyondTheLimit) {
   const AclBuildScope scope;
   EXPECT_EQ(classifier.build(), 0) << "the classifier is not the worse for it";
   EXPECT_FALSE(scope.memory().refused);
+}
+
+TEST_F(AclBuildMemoryTest, TheLimitItselfIsWithin) {
+  Classifier classifier(20000);
+  size_t peak = 0;
+  {
+    const AclBuildScope scope;
+    EXPECT_EQ(classifier.build(), 0);
+    peak = scope.memory().peak;
+  }
+  setAclBuildLimit(peak);
+  {
+    const AclBuildScope scope;
+    EXPECT_EQ(classifier.build(), 0);
+    EXPECT_EQ(scope.memory().peak, peak);
+  }
+  setAclBuildLimit(peak - 1);
+  const AclBuildScope scope;
+  EXPECT_EQ(classifier.build(), -ENOMEM);
+  EXPECT_TRUE(scope.memory().refused);
+}
+
+// What a build took goes back to the system, each time.
+TEST_F(AclBuildMemoryTest, LeavesNoMappingsBehind) {
+  const auto mappings = [] {
+    std::ifstream maps("/proc/self/maps");
+    return std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
+  };
+  const auto mappedPages = [] {
+    std::ifstream statm("/proc/self/statm");
+    size_t pages = 0;
+    statm >> pages;
+    return pages;
+  };
+  Classifier classifier(2000);
+  const auto build = [&] {
+    const AclBuildScope scope;
+    EXPECT_EQ(classifier.build(), 0);
+  };
+  build();
+  const auto before = mappings();
+  const size_t pagesBefore = mappedPages();
+  for (int i = 0; i < 8; i++) build();
+  EXPECT_LE(mappings(), before + 3);
+  EXPECT_LE(mappedPages() * 4096, pagesBefore * 4096 + kBlock);
 }
 
 TEST_F(AclBuildMemoryTest, RefusesTheVeryFirstBlock) {

@@ -82,6 +82,9 @@ TEST_F(AvailableMemory, KnowsControlGroupsOfTheFirstVersion) {
   write("sys/fs/cgroup/memory/a/memory.limit_in_bytes", "3000\n");
   write("sys/fs/cgroup/memory/a/memory.usage_in_bytes", "1000\n");
   EXPECT_EQ(available(), 2000u);
+  write("sys/fs/cgroup/memory/a/memory.stat",
+        "inactive_file 100\nactive_file 300\ntotal_inactive_file 500\n");
+  EXPECT_EQ(available(), 2500u) << "with the groups below";
 }
 
 // In a container the group's own directory may be the mount.
