@@ -236,15 +236,19 @@ TEST_F(EmitTest, ALoopInTheGraphEndsInDrops) {
   // Each packet comes back for ever; the task runs out of batches first.
   Connect(probe_, 0, probe_, 0);
   probe_->on_run = [&](Context* ctx, PacketBatch*) { Emit(ctx, "a", {0}); };
+  int rounds = 0;
   probe_->on_batch = [&](Context* ctx, PacketBatch* batch) {
+    rounds++;
     for (int i = 0; i < batch->cnt(); i++) {
       probe_->EmitPacket(ctx, batch->pkts()[i], 0);
     }
   };
   Run();
+  EXPECT_EQ(rounds, Task::kGateBatches);
   EXPECT_EQ(probe_->task()->overflow_drops(), 1u);
   EXPECT_EQ(probe_->deadends(0), 1u);
   Run();
+  EXPECT_EQ(rounds, 2 * Task::kGateBatches);
   EXPECT_EQ(probe_->task()->overflow_drops(), 2u);
 }
 

@@ -81,10 +81,13 @@ TEST_F(WholeBatchTest, ALoopEndsInDrops) {
     batch->add(MakePacket("b"));
     probe_->RunNextModule(ctx, batch);
   };
+  int rounds = 0;
   probe_->on_batch = [&](Context* ctx, PacketBatch* batch) {
+    rounds++;
     probe_->RunNextModule(ctx, batch);
   };
   Run();
+  EXPECT_EQ(rounds, Task::kQueueLength);
   EXPECT_EQ(probe_->task()->overflow_drops(), 2u);
 }
 
