@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <time.h>
+#include <urcu-qsbr.h>
 
 #include <thread>
 
@@ -93,6 +94,16 @@ class IdleWorkerTest : public HostTest {
 
 TEST_F(IdleWorkerTest, LeavesTheProcessorToOthers) {
   EXPECT_LT(IdleFor300ms(), milliseconds(60));
+}
+
+// Sleeps double, so that after 700 ms it is in one that ends at 1280.
+TEST_F(IdleWorkerTest, HoldsUpNoGracePeriodWhileItSleeps) {
+  Worker::SetLongestIdleSleep(std::chrono::seconds(2));
+  IdleFor300ms();
+  std::this_thread::sleep_for(milliseconds(400));
+  const auto begin = std::chrono::steady_clock::now();
+  synchronize_rcu();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(400));
 }
 
 TEST_F(IdleWorkerTest, PollsAllTheTimeWhenToldSo) {

@@ -3,8 +3,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <rte_lcore.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <urcu-qsbr.h>
 
 #include <atomic>
@@ -96,6 +98,8 @@ TEST_F(WorkerTest, RunsItsTasksWhereItSays) {
   int cpus = 0;
   int cpu = -1;
   bool online = false;
+  char name[16] = "";
+  int slack = 0;
   const StopWorkers stop;
   probe->on_run = [&](Context* ctx, PacketBatch*) {
     if (done) {
@@ -108,6 +112,8 @@ TEST_F(WorkerTest, RunsItsTasksWhereItSays) {
     cpus = CPU_COUNT(&set);
     cpu = sched_getcpu();
     online = rcu_read_ongoing();
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    slack = prctl(PR_GET_TIMERSLACK);
     done = true;
   };
   ASSERT_EQ(Worker::AttachTasks(probe, 15), "");
@@ -119,6 +125,16 @@ TEST_F(WorkerTest, RunsItsTasksWhereItSays) {
   EXPECT_EQ(cpus, 1);
   EXPECT_EQ(cpu, core);
   EXPECT_TRUE(online);
+  EXPECT_STREQ(name, "worker15");
+  EXPECT_EQ(slack, 1000) << "in nanoseconds, for short sleeps";
+}
+
+// Of which DPDK has 128.
+TEST_F(WorkerTest, GivesItsLcoreBack) {
+  for (int i = 0; i < RTE_MAX_LCORE + 1; i++) {
+    ASSERT_EQ(Worker::Add(0), "") << i;
+    ASSERT_EQ(Worker::Stop(0), "") << i;
+  }
 }
 
 TEST_F(WorkerTest, PauseWaitsForTheTaskRun) {
