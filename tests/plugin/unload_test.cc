@@ -6,6 +6,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "module.h"
 
 namespace {
@@ -24,6 +26,27 @@ TEST(Plugin, IsGoneWhenItIsClosed) {
     EXPECT_FALSE(isRegistered());
     EXPECT_EQ(dlopen(OPENFLOW_PLUGIN, RTLD_NOW | RTLD_NOLOAD), nullptr);
   }
+}
+
+// Whether the class could be registered is not looked at: the library loads,
+// and there is no class of it.
+TEST(Plugin, LoadsWhereItsClassIsTaken) {
+  const auto notThis = [](const std::string& className) {
+    return ModuleBuilder::RegisterModuleClass(
+        [] { return new Module; }, className, "taken", "taken by another", 1, 2,
+        {}, MODULE_INIT_FUNC(&Module::Init));
+  };
+  ASSERT_TRUE(notThis("OpenFlow"));
+  void* plugin = dlopen(OPENFLOW_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(plugin, nullptr) << dlerror();
+  const ModuleBuilder& taken =
+      ModuleBuilder::all_module_builders().at("OpenFlow");
+  EXPECT_EQ(taken.help_text(), "taken by another");
+  EXPECT_EQ(taken.NumOGates(), 2);
+  EXPECT_TRUE(taken.cmds().empty());
+  dlclose(plugin);
+  EXPECT_EQ(dlopen(OPENFLOW_PLUGIN, RTLD_NOW | RTLD_NOLOAD), nullptr);
+  ModuleBuilder::DeregisterModuleClass("OpenFlow");
 }
 
 }  // namespace
