@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "utils/internal/import_slot.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <rte_acl.h>
+#include <rte_malloc.h>
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <fstream>
+#include <string>
+
+namespace {
+
+bool refuseMprotect = false;
+
+}  // namespace
+
+// The program's own version of the system's function.
+extern "C" int mprotect(void* address, size_t size, int protection) noexcept {
+  using Mprotect = decltype(&mprotect);
+  static const auto real =
+      reinterpret_cast<Mprotect>(dlsym(RTLD_NEXT, "mprotect"));
+  if (refuseMprotect) {
+    errno = EACCES;
+    return -1;
+  }
+  return real(address, size, protection);
+}
+
+namespace Dpdk::internal {
+namespace {
+
+constexpr char kLibrary[] = "librte_acl.so";
+
+int frees = 0;
+
+void countFree(void* block) {
+  frees++;
+  rte_free(block);
+}
+
+// Makes the library free something, and says how often it came by here.
+int countLibrarysFrees() {
+  frees = 0;
+  rte_acl_param param = {};
+  param.name = "slots";
+  param.rule_size = RTE_ACL_RULE_SZ(1);
+  rte_acl_ctx* ctx = rte_acl_create(&param);
+  EXPECT_NE(ctx, nullptr);
+  rte_acl_free(ctx);
+  return frees;
+}
+
+// How the library's memory is mapped: its parts' permissions.
+std::string permissions() {
+  std::ifstream maps("/proc/self/maps");
+  std::string all;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(kLibrary) == std::string::npos) continue;
+    all += line.substr(0, line.find(' ') + 5) + "\n";
+  }
+  return all;
+}
+
+TEST(ImportSlot, IsLeftAloneWhereItsPageCannotBeOpened) {
+  refuseMprotect = true;
+  EXPECT_FALSE(redirectImport(kLibrary, "rte_free",
+                              reinterpret_cast<void*>(&countFree)));
+  refuseMprotect = false;
+  EXPECT_EQ(countLibrarysFrees(), 0);
+}
+
+TEST(ImportSlot, IsOpenOnlyForTheStore) {
+  const std::string before = permissions();
+  EXPECT_NE(before, "");
+  EXPECT_TRUE(redirectImport(kLibrary, "rte_free",
+                             reinterpret_cast<void*>(&countFree)));
+  EXPECT_EQ(permissions(), before);
+  EXPECT_GT(countLibrarysFrees(), 0);
+  void* own = rte_malloc("own", 64, 0);
+  frees = 0;
+  rte_free(own);
+  EXPECT_EQ(frees, 0) << "nobody else's calls change";
+  EXPECT_TRUE(
+      redirectImport(kLibrary, "rte_free", reinterpret_cast<void*>(&rte_free)));
+  EXPECT_EQ(countLibrarysFrees(), 0);
+}
+
+// The kernel's library is listed like any other, and is no file.
+TEST(ImportSlot, IsNotLookedForInWhatCannotBeOpened) {
+  EXPECT_FALSE(redirectImport("linux-vdso", "calloc", nullptr));
+}
+
+}  // namespace
+}  // namespace Dpdk::internal
