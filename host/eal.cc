@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "internal/wide_copy.h"
+
 namespace bess {
 namespace {
 
@@ -107,6 +109,7 @@ std::string InitEal(const EalOptions& options) {
     return text;
   }
   pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
+  internal::AllowWideCopies(options.max_simd_bits);
   ready = true;
   return "";
 }

@@ -2,13 +2,14 @@
 #pragma once
 
 #include <rte_mbuf.h>
-#include <rte_memcpy.h>
 #include <rte_prefetch.h>
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+#include "internal/wide_copy.h"
 #include "pktbatch.h"
 
 namespace bess {
@@ -44,7 +45,7 @@ class alignas(64) Packet {
   // packet's own or what lies behind them: modules that read headers at fixed
   // positions read the same in a short packet's copy as in the packet. One
   // constant-size copy is also the fastest.
-  static constexpr uint16_t kMinCopy = 128;
+  static constexpr uint16_t kMinCopy = internal::kWideCopySize;
 
   Packet() = delete;
   Packet(const Packet&) = delete;
@@ -157,6 +158,9 @@ class alignas(64) Packet {
 
   static void Free(Packet* pkt) { rte_pktmbuf_free(&pkt->mbuf_); }
   static void Free(Packet** pkts, size_t cnt) {
+    if (cnt == 0 || FreePlain(pkts, cnt)) [[likely]] {
+      return;
+    }
     rte_pktmbuf_free_bulk(reinterpret_cast<rte_mbuf**>(pkts),
                           static_cast<unsigned>(cnt));
   }
@@ -180,20 +184,72 @@ class alignas(64) Packet {
   // cache if there is one, where the ones that follow are known and can be
   // fetched into the processor's cache meanwhile.
   static rte_mbuf* TakeFree(rte_mempool* pool) {
-    constexpr unsigned kAhead = 3;
-    rte_mempool_cache* cache = rte_mempool_default_cache(pool, rte_lcore_id());
-    if (cache == nullptr || cache->len <= kAhead) [[unlikely]] {
+    const unsigned lcore = rte_lcore_id();
+    if (pool->cache_size == 0 || lcore >= RTE_MAX_LCORE) [[unlikely]] {
       return rte_mbuf_raw_alloc(pool);
     }
-    void* taken = cache->objs[--cache->len];
-    const auto* soon =
-        static_cast<const Packet*>(cache->objs[cache->len - kAhead]);
-    rte_prefetch0(soon);
-    rte_prefetch0(soon->metadata_);
-    rte_prefetch0(soon->data_);
-    return static_cast<rte_mbuf*>(taken);
+    rte_mempool_cache* cache = &pool->local_cache[lcore];
+    if (cache->len == 0) [[unlikely]] {
+      return rte_mbuf_raw_alloc(pool);
+    }
+    return static_cast<rte_mbuf*>(cache->objs[--cache->len]);
   }
 
+  // Makes a free buffer a packet of `len` bytes behind full headroom. Whole
+  // words are stored, as receiving drivers do it; what is not named is 0.
+  static void InitMbuf(rte_mbuf* mbuf, uint16_t len, uint16_t port,
+                       uint32_t tag) {
+    static_assert(std::endian::native == std::endian::little);
+    static_assert(offsetof(rte_mbuf, data_off) == 16);
+    static_assert(offsetof(rte_mbuf, refcnt) == 18);
+    static_assert(offsetof(rte_mbuf, nb_segs) == 20);
+    static_assert(offsetof(rte_mbuf, port) == 22);
+    static_assert(offsetof(rte_mbuf, ol_flags) == 24);
+    static_assert(offsetof(rte_mbuf, packet_type) == 32);
+    static_assert(offsetof(rte_mbuf, pkt_len) == 36);
+    static_assert(offsetof(rte_mbuf, data_len) == 40);
+    static_assert(offsetof(rte_mbuf, vlan_tci) == 42);
+    static_assert(offsetof(rte_mbuf, hash.usr) == 44);
+    auto* words = reinterpret_cast<std::byte*>(mbuf) + 16;
+    StoreWord(words, kHeadroom | kWhole | uint64_t{port} << 48);
+    StoreWord(words + 8, 0);  // ol_flags
+    StoreWord(words + 16, uint64_t{len} << 32);
+    StoreWord(words + 24, len | uint64_t{tag} << 32);
+  }
+
+  static void StoreWord(std::byte* to, uint64_t word) {
+    memcpy(to, &word, sizeof(word));
+  }
+
+  // Gives back `cnt` packets at once if none of them needs more than that: all
+  // unchained, of one owner, with their own buffers and from one pool. Answers
+  // whether it has.
+  static bool FreePlain(Packet* const* pkts, size_t cnt) {
+    rte_mempool* pool = pkts[0]->mbuf_.pool;
+    uint64_t other = 0;  // what is not as it has to be, of all of them
+    for (size_t i = 0; i < cnt; i++) {
+      const rte_mbuf& mbuf = pkts[i]->mbuf_;
+      uint64_t word;
+      memcpy(&word, &mbuf.rearm_data, sizeof(word));
+      other |= (word ^ kWhole) & kWholeMask;
+      other |= mbuf.ol_flags & (RTE_MBUF_F_INDIRECT | RTE_MBUF_F_EXTERNAL);
+      other |= reinterpret_cast<uintptr_t>(mbuf.pool) ^
+               reinterpret_cast<uintptr_t>(pool);
+    }
+    if (other != 0) [[unlikely]] {
+      return false;
+    }
+    rte_mempool_put_bulk(pool, reinterpret_cast<void* const*>(pkts),
+                         static_cast<unsigned>(cnt));
+    return true;
+  }
+
+  // refcnt and nb_segs of a packet with one owner and one segment, where they
+  // lie in the word that starts at data_off.
+  static constexpr uint64_t kWhole = uint64_t{1} << 16 | uint64_t{1} << 32;
+  static constexpr uint64_t kWholeMask = 0x0000'ffff'ffff'0000;
+
+  static Packet* CopyAny(const Packet* src);  // of any length and shape
   static Packet* CopyChained(const Packet* src);
   static Packet* CopyFailed();  // counts; answers null
 
@@ -224,29 +280,19 @@ class alignas(64) Packet {
 inline Packet* Packet::copy(const Packet* src) {
   static_assert(LayoutHolds() && kPrivateSize == 256 && kMetadataOffset == 192);
   const uint16_t len = src->mbuf_.data_len;
-  if (!src->is_linear() || len > kDataRoom) [[unlikely]] {
-    return CopyChained(src);
+  const bool small = len <= kMinCopy && src->is_linear() &&
+                     src->mbuf_.data_off + kMinCopy <= src->mbuf_.buf_len;
+  if (!small) {
+    return CopyAny(src);
   }
-  // A free mbuf already has one reference, one segment and no successor.
   rte_mbuf* mbuf = TakeFree(src->mbuf_.pool);
   if (mbuf == nullptr) [[unlikely]] {
     return CopyFailed();
   }
-  mbuf->data_off = kHeadroom;
-  mbuf->port = src->mbuf_.port;
-  mbuf->ol_flags = 0;
-  mbuf->packet_type = 0;
-  mbuf->pkt_len = len;
-  mbuf->data_len = len;
-  mbuf->vlan_tci = 0;
-  mbuf->hash.usr = src->mbuf_.hash.usr;
+  InitMbuf(mbuf, len, src->mbuf_.port, src->mbuf_.hash.usr);
   Packet* dst = from_mbuf(mbuf);
   dst->clear_metadata_flags();
-  if (len <= kMinCopy && src->tailroom() >= kMinCopy - len) {
-    memcpy(dst->data(), src->data(), kMinCopy);
-  } else {
-    rte_memcpy(dst->data(), src->data(), len);
-  }
+  internal::WideCopy(dst->data_, src->data());
   return dst;
 }
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Copies of packets: what they have of the packet, and what they have not.
 #include "packet.h"
+
+#include <set>
+
 #include "packet_fixture.h"
 
 namespace {
@@ -159,6 +162,22 @@ TEST_F(PacketTest, CopyComesFromTheSourcesPool) {
   Packet::Free(copy);
   Packet::Free(src);
   EXPECT_EQ(other.available(), 7u);
+}
+
+// Out of the thread's cache, and out of the pool when that is empty.
+TEST_F(PacketTest, CopiesCanBeHadUntilAPoolWithACacheIsDry) {
+  constexpr size_t kCapacity = 127;
+  PacketPool pool(kCapacity, 32);
+  Packet* src = pool.Alloc(4);
+  std::set<Packet*> copies = {src};
+  while (Packet* copy = Packet::copy(src)) {
+    EXPECT_TRUE(copies.insert(copy).second) << "given out twice";
+  }
+  EXPECT_EQ(copies.size(), kCapacity);
+  for (Packet* copy : copies) {
+    Packet::Free(copy);
+  }
+  EXPECT_EQ(pool.available(), kCapacity);
 }
 
 TEST_F(PacketTest, CopyOfAChainThatFitsIsLinear) {
