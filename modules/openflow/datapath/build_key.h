@@ -43,65 +43,115 @@ inline FrameL3 locateL3(const uint8_t* frame) {
   return found;
 }
 
-// A MAC and the two zero bytes behind it, in one piece.
-inline void buildMac(const uint8_t* mac, uint8_t* key) {
-  uint64_t bytes;
-  std::memcpy(&bytes, mac, sizeof(bytes));
-  bytes &= 0xffff'ffff'ffff;  // little endian: the first six
-  std::memcpy(key, &bytes, sizeof(bytes));
+// Keys are written in whole words, each over all bytes that the classifier
+// reads as one: it would have to wait for words put together from bytes.
+template <typename Word>
+inline Word loadWord(const uint8_t* bytes) {
+  Word word;
+  std::memcpy(&word, bytes, sizeof(word));
+  return word;
 }
 
-inline void buildL2Key(const uint8_t* frame, const FrameL3& found,
-                       OfL2Key* key) {
-  static_assert(sizeof(key->ethDst) == 8 && sizeof(key->ethSrc) == 8);
-  buildMac(frame, key->ethDst);
-  buildMac(frame + 6, key->ethSrc);
-  key->vlanTci = found.vlanTci;
-  store16(reinterpret_cast<uint8_t*>(key) + offsetof(OfL2Key, ethType),
-          found.ethType);
+template <typename Word>
+inline void storeWord(void* bytes, Word word) {
+  std::memcpy(bytes, &word, sizeof(word));
 }
 
-// Both ports; `l4` points to a TCP or UDP header.
-inline void buildPorts(const uint8_t* l4, OfL4Key* key) {
-  std::memcpy(reinterpret_cast<uint8_t*>(key), l4, 4);
-  static_assert(offsetof(OfL4Key, l4DstPort) == 2);
-}
+// The fields of an L4 header that keys have, and two of the IP header, which
+// lie between them. Zero where the packet has none.
+struct L4Words {
+  uint64_t ports = 0;  // to icmpCode; the first byte is the lowest
+  uint32_t flags = 0;  // tcpFlags and padding
+};
+static_assert(offsetof(OfL4Key, l4SrcPort) == 0);
+static_assert(offsetof(OfL4Key, l4DstPort) == 2);
+static_assert(offsetof(OfL4Key, ipTos) == 4 && offsetof(OfL4Key, ipTtl) == 5);
+static_assert(offsetof(OfL4Key, icmpType) == 6);
+static_assert(offsetof(OfL4Key, icmpCode) == 7);
+static_assert(offsetof(OfL4Key, tcpFlags) == 8);
 
-inline void buildL4Key(uint8_t proto, uint8_t icmpProto, const uint8_t* l4,
-                       OfL4Key* key) {
-  if (proto == kProtoTcp) {
-    buildPorts(l4, key);
-    key->tcpFlags = l4[13];
-  } else if (proto == kProtoUdp) {
-    buildPorts(l4, key);
+inline L4Words loadL4(uint8_t proto, uint8_t icmpProto, uint8_t tos,
+                      uint8_t ttl, const uint8_t* l4) {
+  L4Words words;
+  words.ports = uint64_t{tos} << 32 | uint64_t{ttl} << 40;
+  if (proto == kProtoUdp) {
+    words.ports |= loadWord<uint32_t>(l4);
+  } else if (proto == kProtoTcp) {
+    words.ports |= loadWord<uint32_t>(l4);
+    words.flags = l4[13];
   } else if (proto == icmpProto) {
-    key->icmpType = l4[0];
-    key->icmpCode = l4[1];
+    words.ports |= uint64_t{loadWord<uint16_t>(l4)} << 48;  // type, code
   }
+  return words;
+}
+
+// `proto` is 0 where the key's family is not the packet's.
+inline void buildL2Key(const uint8_t* frame, const FrameL3& found,
+                       uint8_t proto, OfL2Key* key) {
+  // A MAC and the two zero bytes behind it.
+  constexpr uint64_t kMacBytes = 0xffff'ffff'ffff;
+  key->ipProto = proto;
+  storeWord(key->ethSrc, loadWord<uint64_t>(frame + 6) & kMacBytes);
+  storeWord(key->ethDst, loadWord<uint64_t>(frame) & kMacBytes);
+  static_assert(offsetof(OfL2Key, ethType) == offsetof(OfL2Key, vlanTci) + 2);
+  storeWord<uint32_t>(
+      reinterpret_cast<uint8_t*>(key) + offsetof(OfL2Key, vlanTci),
+      found.vlanTci | uint32_t{__builtin_bswap16(found.ethType)} << 16);
+}
+
+inline void buildL4Key(const L4Words& words, uint64_t metadata, OfL4Key* key) {
+  auto* bytes = reinterpret_cast<uint8_t*>(key);
+  storeWord(bytes, words.ports);
+  storeWord(bytes + offsetof(OfL4Key, tcpFlags), words.flags);
+  storeWord(bytes + offsetof(OfL4Key, metadata), metadata);
 }
 
 // Any L4 header is taken to follow, fragment or not.
-inline void buildIpv4Key(const uint8_t* l3, OfIpv4Key* key) {
+inline void buildIpv4Key(const uint8_t* frame, const FrameL3& found,
+                         uint64_t metadata, OfIpv4Key* key) {
+  const uint8_t* l3 = found.l3;
+  uint8_t proto = 0;
+  uint32_t arpTpa = 0;
+  uint64_t addresses = 0;
+  L4Words l4;
+  if (found.ethType == kEthTypeIpv4) {
+    proto = l3[9];
+    addresses = loadWord<uint64_t>(l3 + 12);
+    l4 = loadL4(proto, kProtoIcmp, l3[1], l3[8], l3 + 4 * (l3[0] & 0x0f));
+  } else if (found.ethType == kEthTypeArp) {
+    arpTpa = loadWord<uint32_t>(l3 + 24);
+  }
   static_assert(offsetof(OfIpv4Key, ipv4Dst) ==
                 offsetof(OfIpv4Key, ipv4Src) + 4);
-  std::memcpy(reinterpret_cast<uint8_t*>(key) + offsetof(OfIpv4Key, ipv4Src),
-              l3 + 12, 8);
-  key->l4.ipTos = l3[1];
-  key->l4.ipTtl = l3[8];
-  key->l2.ipProto = l3[9];
-  buildL4Key(l3[9], kProtoIcmp, l3 + 4 * (l3[0] & 0x0f), &key->l4);
+  buildL2Key(frame, found, proto, &key->l2);
+  storeWord(reinterpret_cast<uint8_t*>(key) + offsetof(OfIpv4Key, arpTpa),
+            arpTpa);
+  storeWord(reinterpret_cast<uint8_t*>(key) + offsetof(OfIpv4Key, ipv4Src),
+            addresses);
+  buildL4Key(l4, metadata, &key->l4);
 }
 
 // No extension headers are walked.
-inline void buildIpv6Key(const uint8_t* l3, OfIpv6Key* key) {
+inline void buildIpv6Key(const uint8_t* frame, const FrameL3& found,
+                         uint64_t metadata, OfIpv6Key* key) {
+  const uint8_t* l3 = found.l3;
   static_assert(offsetof(OfIpv6Key, ipv6Dst) ==
                 offsetof(OfIpv6Key, ipv6Src) + 16);
-  std::memcpy(reinterpret_cast<uint8_t*>(key) + offsetof(OfIpv6Key, ipv6Src),
-              l3 + 8, 32);
-  key->l4.ipTos = static_cast<uint8_t>(load16(l3) >> 4);
-  key->l4.ipTtl = l3[7];
-  key->l2.ipProto = l3[6];
-  buildL4Key(l3[6], kProtoIcmpv6, l3 + kIpv6HeaderSize, &key->l4);
+  if (found.ethType != kEthTypeIpv6) {
+    buildL2Key(frame, found, 0, &key->l2);
+    std::memset(key->ipv6Src, 0, sizeof(key->ipv6Src));
+    std::memset(key->ipv6Dst, 0, sizeof(key->ipv6Dst));
+    buildL4Key({}, metadata, &key->l4);
+    return;
+  }
+  const uint8_t proto = l3[6];
+  buildL2Key(frame, found, proto, &key->l2);
+  std::memcpy(key->ipv6Src, l3 + 8, sizeof(key->ipv6Src));
+  std::memcpy(key->ipv6Dst, l3 + 24, sizeof(key->ipv6Dst));
+  const auto trafficClass = static_cast<uint8_t>(load16(l3) >> 4);
+  buildL4Key(
+      loadL4(proto, kProtoIcmpv6, trafficClass, l3[7], l3 + kIpv6HeaderSize),
+      metadata, &key->l4);
 }
 
 // Fills the keys asked for, whole, from the kFrameWindow bytes at `frame`. A
@@ -112,21 +162,9 @@ inline void buildKeys(const uint8_t* frame, uint64_t metadata, OfIpv4Key* ipv4,
                       OfIpv6Key* ipv6) {
   const FrameL3 found = locateL3(frame);
   if constexpr (kIpv4) {
-    std::memset(static_cast<void*>(ipv4), 0, sizeof(*ipv4));
-    buildL2Key(frame, found, &ipv4->l2);
-    ipv4->l4.metadata = metadata;
-    if (found.ethType == kEthTypeIpv4) {
-      buildIpv4Key(found.l3, ipv4);
-    } else if (found.ethType == kEthTypeArp) {
-      std::memcpy(&ipv4->arpTpa, found.l3 + 24, 4);
-    }
+    buildIpv4Key(frame, found, metadata, ipv4);
   }
   if constexpr (kIpv6) {
-    std::memset(static_cast<void*>(ipv6), 0, sizeof(*ipv6));
-    buildL2Key(frame, found, &ipv6->l2);
-    ipv6->l4.metadata = metadata;
-    if (found.ethType == kEthTypeIpv6) {
-      buildIpv6Key(found.l3, ipv6);
-    }
+    buildIpv6Key(frame, found, metadata, ipv6);
   }
 }
