@@ -134,8 +134,8 @@ class OpenFlow final : public Module {
  private:
   friend struct OpenFlowPeer;  // tests look inside through it
 
-  // Finds each packet's action, null for none. Non-zero: the batch must be
-  // dropped.
+  // Finds each packet's action, one of priority 0 for none. Non-zero: the batch
+  // must be dropped.
   int lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
                     const OfFlowAction** actions);
 

@@ -32,27 +32,31 @@ TEST(FlowAction, LiesInMemoryAsWorkersCopyIt) {
 
 // Workers test several flags at once in this form.
 TEST(FlowAction, ReadsAsOneNumber) {
-  OfActionFields rewrites{};
-  rewrites.setEthDst = rewrites.setEthSrc = 1;
-  rewrites.setVlanVid = rewrites.setVlanPcp = 1;
-  rewrites.setIpTos = rewrites.setIpv4Src = rewrites.setIpv4Dst = 1;
-  rewrites.setL4SrcPort = rewrites.setL4DstPort = 1;
-  rewrites.setIcmpType = rewrites.setIcmpCode = 1;
-  rewrites.popVlan = rewrites.decTtl = 1;
-  EXPECT_EQ(actionBits(rewrites), kRewriteBits);
+  OfFlowAction action;
+  std::memset(static_cast<void*>(&action), 0xff, sizeof(action));
+  action.fields = {};
+  EXPECT_EQ(actionBits(action), 0u);
+  OfActionFields& fields = action.fields;
+  fields.setEthDst = fields.setEthSrc = 1;
+  fields.setVlanVid = fields.setVlanPcp = 1;
+  fields.setIpTos = fields.setIpv4Src = fields.setIpv4Dst = 1;
+  fields.setL4SrcPort = fields.setL4DstPort = 1;
+  fields.setIcmpType = fields.setIcmpCode = 1;
+  fields.popVlan = fields.decTtl = 1;
+  EXPECT_EQ(actionBits(action), kRewriteBits);
 
-  OfActionFields outputs{};
-  outputs.setOutputAll = 1;
-  EXPECT_EQ(actionBits(outputs), kOutputAllBit);
-  outputs.setOutputAll = 0, outputs.setOutputFlood = 1;
-  EXPECT_EQ(actionBits(outputs), kOutputFloodBit);
-  outputs.setOutputFlood = 0, outputs.setOutputPort = 1;
-  EXPECT_EQ(actionBits(outputs), kOutputPortBit);
-  outputs.setOutputPort = 0, outputs.setOutputDrop = 1;
-  EXPECT_EQ(actionBits(outputs), kOutputDropBit);
-  outputs.setOutputAll = outputs.setOutputFlood = outputs.setOutputPort = 1;
-  outputs.setOutputInPort = outputs.setOutputController = outputs.gotoTbl = 1;
-  EXPECT_EQ(actionBits(outputs), kOutputBits);
+  fields = {};
+  fields.setOutputAll = 1;
+  EXPECT_EQ(actionBits(action), kOutputAllBit);
+  fields.setOutputAll = 0, fields.setOutputFlood = 1;
+  EXPECT_EQ(actionBits(action), kOutputFloodBit);
+  fields.setOutputFlood = 0, fields.setOutputPort = 1;
+  EXPECT_EQ(actionBits(action), kOutputPortBit);
+  fields.setOutputPort = 0, fields.setOutputDrop = 1;
+  EXPECT_EQ(actionBits(action), kOutputDropBit);
+  fields.setOutputAll = fields.setOutputFlood = fields.setOutputPort = 1;
+  fields.setOutputInPort = fields.setOutputController = fields.gotoTbl = 1;
+  EXPECT_EQ(actionBits(action), kOutputBits);
 }
 
 // Where the values lie, counted from the record's start.

@@ -54,54 +54,41 @@ int classify(const rte_acl_ctx* ctx, int cnt, Lookup<Key>* lookup) {
                           static_cast<uint32_t>(cnt), 1);
 }
 
-// Starts the loads of what the results select, one level after the other: a
-// large table's userdata and actions lie anywhere in memory.
-void prefetchActions(const QuilModules::AclCtxData& data,
-                     const uint32_t* results, int cnt) {
-  for (int i = 0; i < cnt; i++) {
-    rte_prefetch0(&data.userdata[results[i]].action);
+// What a packet gets that no flow matches: priority 0 means no match.
+constexpr OfFlowAction kNoAction = {};
+
+// Up to so many records of userdata are at hand; those of larger tables are
+// asked for before they are read, so that their loads overlap.
+constexpr uint32_t kUserdataAtHand = 256;
+
+// The actions that the results select. Starts their loads, too. A match of a
+// flow whose action could not be allocated has none, and faults when its
+// priority is read.
+void findActions(const QuilModules::AclCtxData& data, const uint32_t* results,
+                 int cnt, const OfFlowAction** actions) {
+  const QuilModules::KoAclUserdata_* userdata = data.userdata;
+  if (data.numUserdata > kUserdataAtHand) {
+    for (int i = 0; i < cnt; i++) {
+      rte_prefetch0(&userdata[results[i]].action);
+    }
   }
   for (int i = 0; i < cnt; i++) {
-    rte_prefetch0(data.userdata[results[i]].action);
+    actions[i] =
+        results[i] == 0
+            ? &kNoAction
+            : static_cast<const OfFlowAction*>(userdata[results[i]].action);
+    rte_prefetch0(actions[i]);
   }
 }
 
-// The action of a match; null for none. A match of a flow whose action could
-// not be allocated has none either, and faults when its priority is read.
-const OfFlowAction* matchedAction(const QuilModules::AclCtxData& data,
-                                  uint32_t result, uint32_t* priority) {
-  if (result == 0) {
-    *priority = 0;
-    return nullptr;
-  }
-  const auto* action =
-      static_cast<const OfFlowAction*>(data.userdata[result].action);
-  *priority = action->priority;
-  return action;
-}
-
-// The action of the higher priority, the IPv6 one of two equal ones; null when
-// neither family matched with a priority above 0.
-void chooseActions(const QuilModules::AclCtxData& data4,
-                   const uint32_t* results4,
-                   const QuilModules::AclCtxData& data6,
-                   const uint32_t* results6, int cnt,
+// Puts the action of the higher priority, the IPv6 one of two equal ones, into
+// `actions`, which has the IPv4 ones.
+void chooseActions(const OfFlowAction* const* ipv6, int cnt,
                    const OfFlowAction** actions) {
   for (int i = 0; i < cnt; i++) {
-    uint32_t priority4;
-    uint32_t priority6;
-    const OfFlowAction* ipv4 = matchedAction(data4, results4[i], &priority4);
-    const OfFlowAction* ipv6 = matchedAction(data6, results6[i], &priority6);
-    actions[i] = priority4 > priority6 ? ipv4 : priority6 != 0 ? ipv6 : nullptr;
-  }
-}
-
-void chooseActions(const QuilModules::AclCtxData& data, const uint32_t* results,
-                   int cnt, const OfFlowAction** actions) {
-  for (int i = 0; i < cnt; i++) {
-    uint32_t priority;
-    const OfFlowAction* action = matchedAction(data, results[i], &priority);
-    actions[i] = priority != 0 ? action : nullptr;
+    if (actions[i]->priority <= ipv6[i]->priority) {
+      actions[i] = ipv6[i];
+    }
   }
 }
 
@@ -161,18 +148,16 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
   }
 
   if (data4 != nullptr) {
-    prefetchActions(*data4, lookup4.results, cnt);
+    findActions(*data4, lookup4.results, cnt, actions);
   }
   if (data6 != nullptr) {
-    prefetchActions(*data6, lookup6.results, cnt);
-  }
-  if (data6 == nullptr) {
-    chooseActions(*data4, lookup4.results, cnt, actions);
-  } else if (data4 == nullptr) {
-    chooseActions(*data6, lookup6.results, cnt, actions);
-  } else {
-    chooseActions(*data4, lookup4.results, *data6, lookup6.results, cnt,
-                  actions);
+    if (data4 == nullptr) {
+      findActions(*data6, lookup6.results, cnt, actions);
+    } else {
+      const OfFlowAction* ipv6[bess::PacketBatch::kMaxBurst];
+      findActions(*data6, lookup6.results, cnt, ipv6);
+      chooseActions(ipv6, cnt, actions);
+    }
   }
   return 0;
 }

@@ -133,7 +133,7 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
   for (int i = 0; i < cnt; i++) {
     bess::Packet* packet = batch->pkts()[i];
     const OfFlowAction* action = actions[i];
-    if (action == nullptr) {
+    if (action->priority == 0) {
       table.counters[kTableMisses]++;
       DropPacket(ctx, packet);
       continue;
@@ -142,7 +142,7 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
       flowCounters->add(action->packetCounterId, 1);
       flowCounters->add(action->byteCounterId, packet->total_len());
     }
-    const uint32_t bits = actionBits(action->fields);
+    const uint32_t bits = actionBits(*action);
     if (bits & kRewriteBits) {
       rewritePacket(packet, *action);
     }

@@ -4,6 +4,7 @@
 // bit an action, every argument in the form in which packets get it.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -35,14 +36,6 @@ struct OfActionFields {
   uint8_t gotoTbl : 1;
 };
 static_assert(sizeof(OfActionFields) == 3);
-
-// The same as one number, bit i of it being the i-th field. Several flags at
-// once are tested in this form.
-inline uint32_t actionBits(const OfActionFields& fields) {
-  uint8_t bytes[sizeof(fields)];
-  std::memcpy(bytes, &fields, sizeof(fields));
-  return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16;
-}
 
 // setEthDst to setIcmpCode, popVlan, decTtl.
 inline constexpr uint32_t kRewriteBits = 0x7ff | 1u << 17 | 1u << 18;
@@ -85,6 +78,18 @@ struct alignas(64) OfFlowAction {
 static_assert(sizeof(OfFlowAction) == 192);
 static_assert(offsetof(OfFlowAction, fields) == 12);
 static_assert(offsetof(OfFlowAction, values) == 16);
+
+// An action's fields as one number, bit i of it being the i-th of them. Several
+// flags at once are tested in this form.
+inline uint32_t actionBits(const OfFlowAction& action) {
+  static_assert(std::endian::native == std::endian::little);
+  uint32_t word;  // the byte behind the fields is in it, and cut off again
+  std::memcpy(&word,
+              reinterpret_cast<const uint8_t*>(&action) +
+                  offsetof(OfFlowAction, fields),
+              sizeof(word));
+  return word & ((1u << 8 * sizeof(OfActionFields)) - 1);
+}
 
 // For traces. One-byte arguments are printed as one character, and the bits of
 // setOutputAll and setOutputFlood are left out: readers of traces know it so.
