@@ -96,8 +96,8 @@ void PortOut::DealQueues() {
   }
 }
 
-// For packets that are not plainly fit: shorter or longer than most devices
-// take, in more pieces, or for a port that is down.
+// For batches that are not plainly fit: shorter or longer packets than most
+// devices take, in more pieces, or for a port that is down.
 std::optional<DropCause> PortOut::Unfit(Packet* pkt, bool up) const {
   if (!up) {
     return DropCause::kTxPortDown;
@@ -126,46 +126,58 @@ uint16_t PortOut::Burst(const Lane& lane, Packet** pkts, uint16_t count) {
   return rte_eth_tx_burst(port_->id(), lane.queue, mbufs, count);
 }
 
+// Keeps those packets of the first `cnt` that can be sent, in their order, and
+// drops the others. Answers how many are left.
+int PortOut::DropUnfit(Context* ctx, Packet** pkts, int cnt, bool up,
+                       PortCounters* counters) {
+  int left = 0;
+  for (int i = 0; i < cnt; i++) {
+    if (const auto cause = Unfit(pkts[i], up); cause.has_value()) {
+      counters->Drop(*cause);
+      DropPacket(ctx, pkts[i]);
+    } else {
+      pkts[left++] = pkts[i];
+    }
+  }
+  return left;
+}
+
 void PortOut::ProcessBatch(Context* ctx, PacketBatch* batch) {
   PortCounters* counters = port_->counters(ctx->wid);
-  PortCounters::Add(counters->tx_entered, static_cast<uint64_t>(batch->cnt()));
+  Packet** pkts = batch->pkts();
+  int cnt = batch->cnt();
+  PortCounters::Add(counters->tx_entered, static_cast<uint64_t>(cnt));
 
-  Packet* fit[PacketBatch::kMaxBurst];
-  uint64_t bytes[PacketBatch::kMaxBurst + 1];  // of the packets before
-  bytes[0] = 0;
-  uint16_t count = 0;
   const bool up = port_->link_up();
   const uint32_t max_frame = port_->max_frame();
   const int max_segments = port_->max_segments();
-  const int cnt = batch->cnt();
+  bool plain = up;  // all of them, as nearly always
   for (int i = 0; i < cnt; i++) {
-    Packet* pkt = batch->pkts()[i];
-    const auto len = static_cast<uint32_t>(pkt->total_len());
-    const bool plain = up && len >= Port::kHeaderLen && len <= max_frame &&
-                       pkt->nb_segs() <= max_segments;
-    if (!plain) [[unlikely]] {
-      if (const auto cause = Unfit(pkt, up); cause.has_value()) {
-        counters->Drop(*cause);
-        DropPacket(ctx, pkt);
-        continue;
-      }
-    }
-    fit[count] = pkt;
-    bytes[count + 1] = bytes[count] + len;
-    count++;
+    const auto len = static_cast<uint32_t>(pkts[i]->total_len());
+    plain &= len >= Port::kHeaderLen && len <= max_frame &&
+             pkts[i]->nb_segs() <= max_segments;
+  }
+  if (!plain) [[unlikely]] {
+    cnt = DropUnfit(ctx, pkts, cnt, up, counters);
+  }
+  uint64_t bytes = 0;
+  for (int i = 0; i < cnt; i++) {
+    bytes += static_cast<uint64_t>(pkts[i]->total_len());
   }
 
+  // Packets that were sent are the device's: only the others are looked at.
   const Lane& lane = lanes_[ctx->wid];
-  uint16_t sent = 0;
-  for (int tries = 0; sent < count && tries <= kRetries; tries++) {
-    sent += Burst(lane, fit + sent, count - sent);
+  int sent = 0;
+  for (int tries = 0; sent < cnt && tries <= kRetries; tries++) {
+    sent += Burst(lane, pkts + sent, static_cast<uint16_t>(cnt - sent));
   }
-  PortCounters::Add(counters->tx_packets, sent);
-  PortCounters::Add(counters->tx_bytes, bytes[sent]);
-  for (uint16_t i = sent; i < count; i++) {
+  for (int i = sent; i < cnt; i++) {
+    bytes -= static_cast<uint64_t>(pkts[i]->total_len());
     counters->Drop(DropCause::kTxQueueFull);
-    DropPacket(ctx, fit[i]);
+    DropPacket(ctx, pkts[i]);
   }
+  PortCounters::Add(counters->tx_packets, static_cast<uint64_t>(sent));
+  PortCounters::Add(counters->tx_bytes, bytes);
 }
 
 std::string PortOut::GetDesc() const { return port_->name(); }

@@ -51,6 +51,9 @@ class PortOut final : public Module {
   // Why the packet cannot be sent, if so. May put its segments together.
   std::optional<bess::DropCause> Unfit(bess::Packet* pkt, bool up) const;
 
+  int DropUnfit(Context* ctx, bess::Packet** pkts, int cnt, bool up,
+                bess::PortCounters* counters);
+
   uint16_t Burst(const Lane& lane, bess::Packet** pkts, uint16_t count);
 
   bess::Port* port_ = nullptr;
