@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "packet_pool.h"
 #include "tests/datapath/datapath_test.h"
 #include "tests/support/openflow_peer.h"
 
@@ -71,6 +72,24 @@ TEST_F(LookupFailure, NextBatchIsNotAffected) {
   addBoth();
   expectBatchDropped(1);
   runOne(tcpFrame(), 1);
+}
+
+// Whoever looks at the batch later finds no freed packets in it.
+TEST_F(LookupFailure, LeavesTheTablesBatchEmpty) {
+  addBoth();
+  bess::PacketPool pool(7, 0);
+  bess::PacketBatch batch;
+  batch.clear();
+  for (int i = 0; i < 5; i++) {
+    batch.add(pool.Alloc(60));
+  }
+  bess::PacketBatch* tableBatches[kNumTables] = {&batch};
+  Context ctx;
+  failingCall = 1;
+  harness().module().processTableBatch(&ctx, 0, tableBatches);
+  EXPECT_TRUE(batch.empty());
+  EXPECT_EQ(tableBatches[0], &batch);
+  EXPECT_EQ(pool.available(), 7u);
 }
 
 // One call for each family, whatever the number of packets.
