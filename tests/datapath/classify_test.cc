@@ -240,6 +240,17 @@ TEST_F(Priority, ZeroOfOneFamilyYieldsToTheOther) {
   runOne(tcpFrame(), 2);
 }
 
+TEST_F(Priority, ZeroIsAMissBesideAFamilyThatDoesNotMatch) {
+  for (const Family zero : {k4, k6}) {
+    const Family other = zero == k4 ? k6 : k4;
+    add(0, {Flow(1, 0).output({1})}, zero);
+    add(0, {Flow(1, 5).ipProto(17).output({2})}, other);
+    EXPECT_EQ(run({tcpFrame()}).table(0).tableMisses, 1u);
+    add(0, {Flow(1, 0).output({2})}, other);
+    EXPECT_EQ(run({tcpFrame()}).table(0).tableMisses, 1u);
+  }
+}
+
 TEST_F(Priority, ZeroBesideTheHighest) {
   constexpr uint32_t kHighest = (1u << 29) - 1;
   add(0, {Flow(1, 0).output({1}), Flow(2, kHighest).ipProto(6).output({2}),
