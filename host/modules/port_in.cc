@@ -56,26 +56,42 @@ task_result PortIn::RunTask(Context* ctx, PacketBatch* batch, void*) {
   }
   const uint32_t longest = port_->max_received_frame();
   PortCounters* counters = port_->counters(ctx->wid);
-  uint64_t bytes = 0;
+  batch->set_cnt(count);
+  bool fit = true;  // all of them, as nearly always
   for (uint16_t i = 0; i < count; i++) {
-    Packet* pkt = pkts[i];
-    const uint32_t len = static_cast<uint32_t>(pkt->total_len());
-    if (len > longest) [[unlikely]] {
-      counters->Drop(DropCause::kRxTooLong);
-      DropPacket(ctx, pkt);
-      continue;
-    }
-    bytes += len;
-    pkt->clear_metadata_flags();
-    pkt->set_tag(0);
-    bess::SetReceivedOn(pkt, port_->number());
-    batch->add(pkt);
+    fit &= static_cast<uint32_t>(pkts[i]->total_len()) <= longest;
+    pkts[i]->clear_metadata_flags();
+    pkts[i]->set_tag(0);
+    bess::SetReceivedOn(pkts[i], port_->number());
+  }
+  if (!fit) [[unlikely]] {
+    DropTooLong(ctx, batch, longest, counters);
+  }
+  uint64_t bytes = 0;
+  for (int i = 0; i < batch->cnt(); i++) {
+    bytes += static_cast<uint64_t>(pkts[i]->total_len());
   }
   const auto handed_on = static_cast<uint32_t>(batch->cnt());
   PortCounters::Add(counters->rx_packets, handed_on);
   PortCounters::Add(counters->rx_bytes, bytes);
   RunNextModule(ctx, batch);
   return {.block = false, .packets = handed_on, .bits = bytes * 8};
+}
+
+// The others stay, in their order.
+void PortIn::DropTooLong(Context* ctx, PacketBatch* batch, uint32_t longest,
+                         PortCounters* counters) {
+  const int cnt = batch->cnt();
+  batch->clear();
+  for (int i = 0; i < cnt; i++) {
+    Packet* pkt = batch->pkts()[i];
+    if (static_cast<uint32_t>(pkt->total_len()) <= longest) {
+      batch->add(pkt);
+    } else {
+      counters->Drop(DropCause::kRxTooLong);
+      DropPacket(ctx, pkt);
+    }
+  }
 }
 
 std::string PortIn::GetDesc() const {

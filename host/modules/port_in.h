@@ -26,6 +26,9 @@ class PortIn final : public Module {
   std::string GetDesc() const override;
 
  private:
+  void DropTooLong(Context* ctx, bess::PacketBatch* batch, uint32_t longest,
+                   bess::PortCounters* counters);
+
   bess::Port* port_ = nullptr;
   uint16_t queue_ = 0;
 };
