@@ -28,6 +28,7 @@
 #include "pktbatch.h"
 #include "platform/mio/mio.h"
 #include "platform/quil_modules/acl_db.h"
+#include "platform/quil_modules/counter_db.h"
 
 // One instance of the module. Made by the host through the registered class
 // "OpenFlow"; lives in DPDK memory.
@@ -134,9 +135,11 @@ class OpenFlow final : public Module {
  private:
   friend struct OpenFlowPeer;  // tests look inside through it
 
-  // Finds each packet's action, one of priority 0 for none. Non-zero: the batch
-  // must be dropped.
+  // Finds each packet's action, one of priority 0 for none, and asks for what
+  // counting it in `flowCounters` (null: nothing) will touch. Non-zero: the
+  // batch must be dropped.
   int lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
+                    const QuilModules::WorkerCounters* flowCounters,
                     const OfFlowAction** actions);
 
   // Hands each packet to the batch of the table that it starts at.

@@ -22,6 +22,6 @@ struct OpenFlowPeer {
   static int lookup(OpenFlow& module, uint8_t table,
                     bess::PacketBatch** tableBatches,
                     const OfFlowAction** actions) {
-    return module.lookupFlowAcl(table, tableBatches, actions);
+    return module.lookupFlowAcl(table, tableBatches, nullptr, actions);
   }
 };

@@ -57,9 +57,13 @@ int classify(const rte_acl_ctx* ctx, int cnt, Lookup<Key>* lookup) {
 // What a packet gets that no flow matches: priority 0 means no match.
 constexpr OfFlowAction kNoAction = {};
 
-// Up to so many records of userdata are at hand; those of larger tables are
-// asked for before they are read, so that their loads overlap.
-constexpr uint32_t kUserdataAtHand = 256;
+// In tables of more flows than this, what a match leads to is spread over more
+// memory than is at hand. It is asked for, level by level, before it is read.
+constexpr uint32_t kFlowsAtHand = 256;
+
+bool isSpread(const QuilModules::AclCtxData* data) {
+  return data != nullptr && data->numUserdata > kFlowsAtHand;
+}
 
 // The actions that the results select. Starts their loads, too. A match of a
 // flow whose action could not be allocated has none, and faults when its
@@ -67,7 +71,7 @@ constexpr uint32_t kUserdataAtHand = 256;
 void findActions(const QuilModules::AclCtxData& data, const uint32_t* results,
                  int cnt, const OfFlowAction** actions) {
   const QuilModules::KoAclUserdata_* userdata = data.userdata;
-  if (data.numUserdata > kUserdataAtHand) {
+  if (isSpread(&data)) {
     for (int i = 0; i < cnt; i++) {
       rte_prefetch0(&userdata[results[i]].action);
     }
@@ -95,6 +99,7 @@ void chooseActions(const OfFlowAction* const* ipv6, int cnt,
 }  // namespace
 
 int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
+                            const QuilModules::WorkerCounters* flowCounters,
                             const OfFlowAction** actions) {
   OpenFlowTable& table = tables_[tableId];
   const bess::PacketBatch& batch = *tableBatches[tableId];
@@ -157,6 +162,12 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
       const OfFlowAction* ipv6[bess::PacketBatch::kMaxBurst];
       findActions(*data6, lookup6.results, cnt, ipv6);
       chooseActions(ipv6, cnt, actions);
+    }
+  }
+  if (flowCounters != nullptr && (isSpread(data4) || isSpread(data6))) {
+    for (int i = 0; i < cnt; i++) {
+      flowCounters->prefetch(actions[i]->packetCounterId);
+      flowCounters->prefetch(actions[i]->byteCounterId);
     }
   }
   return 0;

@@ -8,7 +8,6 @@
 #include "modules/openflow/datapath/packet_metadata.h"
 #include "modules/openflow/datapath/rewrite.h"
 #include "modules/openflow/openflow.h"
-#include "platform/quil_modules/counter_db.h"
 #include "task.h"
 #include "worker.h"
 
@@ -119,16 +118,17 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
   OpenFlowTable& table = tables_[tableId];
   bess::PacketBatch* batch = tableBatches[tableId];
 
+  QuilModules::WorkerCounters* flowCounters =
+      QuilModules::bessCounterDb[ctx->wid];
   const OfFlowAction* actions[bess::PacketBatch::kMaxBurst];
-  if (lookupFlowAcl(tableId, tableBatches, actions) != 0) [[unlikely]] {
+  if (lookupFlowAcl(tableId, tableBatches, flowCounters, actions) != 0)
+      [[unlikely]] {
     bess::Packet::Free(batch);
     batch->clear();
     table.counters[kBatchDrops]++;
     return;
   }
 
-  QuilModules::WorkerCounters* flowCounters =
-      QuilModules::bessCounterDb[ctx->wid];
   const int cnt = batch->cnt();
   for (int i = 0; i < cnt; i++) {
     bess::Packet* packet = batch->pkts()[i];
