@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 
+#include "internal/stale_runtime_dirs.h"
 #include "internal/wide_copy.h"
 
 namespace bess {
@@ -107,6 +109,11 @@ std::string InitEal(const EalOptions& options) {
                                 : "; is there that much free memory?";
     }
     return text;
+  }
+  if (!options.telemetry.empty()) {
+    internal::RemoveStaleRuntimeDirs(
+        std::filesystem::path(rte_eal_get_runtime_dir()).parent_path(),
+        options.telemetry);
   }
   pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
   internal::AllowWideCopies(options.max_simd_bits);

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <filesystem>
+#include <set>
 
 #include "tests/switch/running_switch.h"
 #include "tests/telemetry/http_get.h"
@@ -68,6 +69,49 @@ TEST_F(RunTelemetry, ServesMetricsAndTheSocketOfDpdk) {
   EXPECT_EQ(process.end(SIGTERM), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - stop, std::chrono::seconds(2));
   EXPECT_FALSE(std::filesystem::exists(runtime));
+}
+
+TEST_F(RunTelemetry, ClearsAwayWhatTheKilledHaveLeft) {
+  namespace fs = std::filesystem;
+  const fs::path parent = dir_.path() / "dpdk";
+  const auto directories = [&] {
+    std::set<fs::path> found;
+    for (const auto& entry : fs::directory_iterator(parent)) {
+      found.insert(entry.path());
+    }
+    return found;
+  };
+  const std::string metrics = "false";
+  RunningSwitch killed(config(metrics), dir_ / "log");
+  ASSERT_TRUE(killed.waitFor("running: ")) << killed.log();
+  const fs::path stale = parent / lineOf(killed.log(), "dpdk-telemetry.py -f ");
+  EXPECT_EQ(killed.end(SIGKILL), -SIGKILL);
+  ASSERT_THAT(directories(), testing::ElementsAre(stale));
+
+  RunningSwitch living(config(metrics), dir_ / "log");
+  ASSERT_TRUE(living.waitFor("running: ")) << living.log();
+  const fs::path own = parent / lineOf(living.log(), "dpdk-telemetry.py -f ");
+  EXPECT_THAT(directories(), testing::ElementsAre(own));
+
+  // What is not like what a switch leaves is left alone, and so is a directory
+  // whose socket is listened on although there is no process of its number.
+  fs::create_directory(parent / "ofswitch");
+  fs::create_directory(parent / "ofswitch99999999x");
+  fs::create_directory(parent / "ofswitch99999998");
+  openflow_test::writeFile(parent / "ofswitch99999998" / "notes", "");
+  fs::create_directory_symlink(own, parent / "ofswitch99999997");
+  fs::rename(own, parent / "ofswitch99999996");
+  const std::set<fs::path> kept = directories();
+  EXPECT_THAT(kept, testing::SizeIs(5));
+  std::string text = openflow_test::readFile(dir_ / "switch.yaml");
+  text.replace(text.find("control.sock"), 12, "third.sock");
+  openflow_test::writeFile(dir_ / "third.yaml", text);
+  RunningSwitch third(dir_ / "third.yaml", dir_ / "third.log");
+  ASSERT_TRUE(third.waitFor("running: ")) << third.log();
+  EXPECT_EQ(third.end(SIGTERM), 0);
+  EXPECT_EQ(directories(), kept);
+  fs::rename(parent / "ofswitch99999996", own);
+  EXPECT_EQ(living.end(SIGTERM), 0);
 }
 
 TEST_F(RunTelemetry, RefusesAPortThatIsTaken) {
