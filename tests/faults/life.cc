@@ -5,11 +5,19 @@
 #include <rte_malloc.h>
 #include <urcu-qsbr.h>
 
+#include <algorithm>
+
 #include "modules/openflow/tables/acl_retire.h"
 
 namespace faults {
 
 using openflow_test::Flow;
+
+namespace {
+
+constexpr uint32_t kGeneration = 10000000;
+
+}  // namespace
 
 quil::pb::OpenFlowUpdateFlowsArg updateOf(
     uint32_t tableId, int flowType, const Versions& adds,
@@ -50,7 +58,18 @@ QuilModules::AclCtx& Life::slot(uint32_t id) {
 
 void Life::bind(uint32_t tableId) {
   EXPECT_EQ(bind(tableId, 2 * tableId, 2 * tableId + 1), "done");
-  slot(2 * tableId).generation = slot(2 * tableId + 1).generation = 10000000;
+  slot(2 * tableId).generation = kGeneration;
+  slot(2 * tableId + 1).generation = kGeneration;
+}
+
+void Life::empty(uint32_t tableId, int flowType) {
+  std::vector<uint32_t> all;
+  for (const auto& [id, version] : stored(tableId, flowType)) all.push_back(id);
+  EXPECT_EQ(update(updateOf(tableId, flowType, {}, all)), "done");
+  rcu_barrier();
+  EXPECT_EQ(published(tableId, flowType), Versions());
+  std::ranges::fill(table(tableId).counters, 0);
+  slot(2 * tableId + flowType).generation = kGeneration;
 }
 
 std::string Life::bind(uint32_t tableId, uint32_t aclId, uint32_t ipv6AclId) {

@@ -70,6 +70,10 @@ class Life {
   std::string bind(uint32_t tableId, uint32_t aclId, uint32_t ipv6AclId);
   QuilModules::AclCtx& slot(uint32_t id);
 
+  // Deletes the flows of a table that bind() has bound, waits until they are
+  // released, and starts its counters and the slot's builds anew.
+  void empty(uint32_t tableId, int flowType);
+
   std::string update(const quil::pb::OpenFlowUpdateFlowsArg& arg);
 
   // What the flow store holds; also checks its count.

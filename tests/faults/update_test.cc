@@ -2,8 +2,8 @@
 //
 // Updates whose n-th request for memory is refused, for every n until they need
 // no more: what is answered, counted and traced, what packets meet meanwhile,
-// that the next update repairs everything, and what stays allocated when the
-// module is gone.
+// that the next update repairs everything, and what stays allocated when all
+// flows are gone.
 #include <set>
 #include <utility>
 
@@ -82,11 +82,15 @@ class UpdateFaults : public testing::TestWithParam<std::tuple<int, Change>> {
     return change().after.empty() ? Tally{} : Tally{{"openflowuserdata", 1}};
   }
 
-  void expectSuccess(Life* life);
-  void expectRefusal(Life* life, const Consequence& wanted);
+  void expectSuccess();
+  void expectRefusal(const Consequence& wanted);
+  void expectKept(const Tally& kept, int others, int blocksBefore);
 
-  // One life in which request n fails; false when there is no such request.
+  // The change to a table that is empty before and after, while request n
+  // fails; false when there is no such request.
   bool refuse(int n);
+
+  Life life_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Family, UpdateFaults,
@@ -162,10 +166,10 @@ Consequence UpdateFaults::expected(const std::string& tag, const Tally& granted,
   return failed;
 }
 
-// What a life has lost when it is over: what the operation is to keep, and
-// `others` blocks of classifiers that no watch saw being built.
-void expectKept(const Tally& kept, int others, int blocksBefore) {
-  releaseAll();
+// What is lost when the table is empty again: what the operation is to keep,
+// and `others` blocks of classifiers that no watch saw being built.
+void UpdateFaults::expectKept(const Tally& kept, int others, int blocksBefore) {
+  life_.empty(kTable, family());
   EXPECT_EQ(Ledger::live(), kept);
   int blocks = blocksBefore + others;
   for (const auto& [tag, number] : kept) {
@@ -175,16 +179,16 @@ void expectKept(const Tally& kept, int others, int blocksBefore) {
   Ledger::settle();
 }
 
-void UpdateFaults::expectSuccess(Life* life) {
-  EXPECT_EQ(life->stored(kTable, family()), change().after);
-  EXPECT_EQ(life->published(kTable, family()), change().after);
+void UpdateFaults::expectSuccess() {
+  EXPECT_EQ(life_.stored(kTable, family()), change().after);
+  EXPECT_EQ(life_.published(kTable, family()), change().after);
 }
 
-void UpdateFaults::expectRefusal(Life* life, const Consequence& wanted) {
-  EXPECT_EQ(life->counters(kTable), wanted.counters);
-  EXPECT_EQ(life->stored(kTable, family()),
+void UpdateFaults::expectRefusal(const Consequence& wanted) {
+  EXPECT_EQ(life_.counters(kTable), wanted.counters);
+  EXPECT_EQ(life_.stored(kTable, family()),
             wanted.storeChanged ? change().after : change().before);
-  Versions published = life->published(kTable, family());
+  Versions published = life_.published(kTable, family());
   if (!wanted.published) {
     EXPECT_EQ(published, change().before);
     return;
@@ -200,27 +204,23 @@ void UpdateFaults::expectRefusal(Life* life, const Consequence& wanted) {
 }
 
 bool UpdateFaults::refuse(int n) {
-  const auto arg = updateOf(kTable, family(), change().adds, change().deletes);
-  releaseAll();
   const int blocksBefore = dpdkBlocks();
-  Life life;
-  life.bind(kTable);
   int others = 0;  // classifiers that come and go beside the one in question
   if (!change().before.empty()) {
-    life.update(updateOf(kTable, family(), change().before, {}));
+    life_.update(updateOf(kTable, family(), change().before, {}));
     others++;
   }
 
+  const auto arg = updateOf(kTable, family(), change().adds, change().deletes);
   const TraceMark mark;
   Ledger::Watch watch(n);
-  const std::string result = life.update(arg);
+  const std::string result = life_.update(arg);
   const std::string tag = watch.refusedTag();
   SCOPED_TRACE("request " + std::to_string(n) + " refused: " + tag);
   if (!watch.refused()) {
     EXPECT_EQ(result, "done");
-    EXPECT_TRUE(life.counters(kTable).empty());
-    expectSuccess(&life);
-    life.end();
+    EXPECT_TRUE(life_.counters(kTable).empty());
+    expectSuccess();
     expectKept(lastFlowsBlock(), others, blocksBefore);
     return false;
   }
@@ -228,18 +228,17 @@ bool UpdateFaults::refuse(int n) {
   const Consequence wanted = expected(tag, watch.granted(), result);
   EXPECT_EQ(result, wanted.result);
   EXPECT_EQ(mark.texts(0), wanted.failures);
-  expectRefusal(&life, wanted);
+  expectRefusal(wanted);
 
   // The same again succeeds, and makes everything good.
-  EXPECT_EQ(life.update(arg), "done");
-  expectSuccess(&life);
-  EXPECT_EQ(life.counters(kTable), wanted.counters);
+  EXPECT_EQ(life_.update(arg), "done");
+  expectSuccess();
+  EXPECT_EQ(life_.counters(kTable), wanted.counters);
   if (!change().after.empty()) others++;
-  life.end();
   static std::set<std::string> ways;
   if (ways.insert(std::to_string(family()) + tag + result).second) {
     // Trace statements that run for the first time take memory for good.
-    releaseAll();
+    life_.empty(kTable, family());
     Ledger::settle();
     return refuse(n);
   }
@@ -248,13 +247,11 @@ bool UpdateFaults::refuse(int n) {
 }
 
 TEST_P(UpdateFaults, AreAnsweredAndRepaired) {
-  // Trace statements that run for the first time take memory for good.
-  {
-    Life life;
-    life.bind(kTable);
-    life.update(updateOf(kTable, family(), change().before, {}));
-    life.update(updateOf(kTable, family(), change().adds, change().deletes));
-  }
+  life_.bind(kTable);
+  // The first run of all that can succeed.
+  life_.update(updateOf(kTable, family(), change().before, {}));
+  life_.update(updateOf(kTable, family(), change().adds, change().deletes));
+  life_.empty(kTable, family());
   int n = 0;
   while (refuse(n)) {
     n++;
