@@ -62,13 +62,7 @@ Packet* Packet::CopyAny(const Packet* src) {
   InitMbuf(mbuf, len, src->mbuf_.port, src->mbuf_.hash.usr);
   Packet* dst = from_mbuf(mbuf);
   dst->clear_metadata_flags();
-  // Each is the faster one on its side, by up to a half.
-  constexpr uint16_t kMiddle = 512;
-  if (len <= kMiddle) {
-    memcpy(dst->data_, src->data(), len);
-  } else {
-    rte_memcpy(dst->data_, src->data(), len);
-  }
+  rte_memcpy(dst->data_, src->data(), len);
   return dst;
 }
 
