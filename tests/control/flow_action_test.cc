@@ -44,6 +44,22 @@ TEST(FlowAction, ReadsAsOneNumber) {
   fields.setIcmpType = fields.setIcmpCode = 1;
   fields.popVlan = fields.decTtl = 1;
   EXPECT_EQ(actionBits(action), kRewriteBits);
+  fields = {};
+  fields.setEthDst = fields.setEthSrc = 1;
+  EXPECT_EQ(actionBits(action), kRewriteMacBits);
+  fields = {};
+  fields.setVlanVid = fields.popVlan = 1;
+  EXPECT_EQ(actionBits(action), kRewriteTagBits);
+  fields = {};
+  fields.setVlanPcp = 1;
+  EXPECT_EQ(actionBits(action), kRewritePcpBit);
+  fields = {};
+  fields.setIpTos = fields.setIpv4Src = fields.setIpv4Dst = fields.decTtl = 1;
+  EXPECT_EQ(actionBits(action), kRewriteIpBits);
+  fields = {};
+  fields.setL4SrcPort = fields.setL4DstPort = 1;
+  fields.setIcmpType = fields.setIcmpCode = 1;
+  EXPECT_EQ(actionBits(action), kRewriteL4Bits);
 
   fields = {};
   fields.setOutputAll = 1;
@@ -54,6 +70,9 @@ TEST(FlowAction, ReadsAsOneNumber) {
   EXPECT_EQ(actionBits(action), kOutputPortBit);
   fields.setOutputPort = 0, fields.setOutputDrop = 1;
   EXPECT_EQ(actionBits(action), kOutputDropBit);
+  fields.setOutputDrop = 0, fields.gotoTbl = 1;
+  EXPECT_EQ(actionBits(action), kGotoBit);
+  fields.setOutputDrop = 1;
   fields.setOutputAll = fields.setOutputFlood = fields.setOutputPort = 1;
   fields.setOutputInPort = fields.setOutputController = fields.gotoTbl = 1;
   EXPECT_EQ(actionBits(action), kOutputBits);

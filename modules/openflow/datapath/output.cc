@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
-// The outputs that do more to their copy than send it: to the controller, and
-// on to a later table.
+// The output that does more to its copy than send it: to the controller.
 #include <cstring>
 
 #include "modules/openflow/datapath/packet_metadata.h"
@@ -84,28 +83,4 @@ void OpenFlow::outputController(Context* ctx, bess::Packet* packet,
   }
   appendTrailer(copy);
   EmitPacket(ctx, copy, gate);
-}
-
-// A table that is not a later one would never run, or run again: no copy.
-void OpenFlow::gotoTable(Context* ctx, uint8_t tableId, bess::Packet* packet,
-                         uint8_t nextTable, bess::PacketBatch** tableBatches) {
-  if (nextTable <= tableId || nextTable >= kNumTables) [[unlikely]] {
-    return;
-  }
-  bess::Packet* copy = bess::Packet::copy(packet);
-  if (copy == nullptr) [[unlikely]] {
-    return;
-  }
-  const OfPacketMetadata& from = *packetMetadata(packet);
-  OfPacketMetadata* to = packetMetadata(copy);
-  to->metadata = flowMetadata(from);
-  to->inPort = inPort(from);
-  to->flags |= kMetadataValid | kInPortValid;
-
-  // Never more than 32: each packet of the input batch has one copy on its way
-  // at most, and visits no table twice.
-  if (tableBatches[nextTable] == nullptr) {
-    tableBatches[nextTable] = ctx->task->AllocPacketBatch();
-  }
-  tableBatches[nextTable]->add(copy);
 }

@@ -2,13 +2,21 @@
 //
 // Header rewrites. L4 checksums are updated from the differences of what
 // changed (RFC 1624), the IPv4 header's is computed anew. One's-complement sums
-// do not depend on byte order, so words are summed as they lie in memory.
+// do not depend on byte order, so words are summed as they lie in memory; nor
+// on the size of the words, so 32 bits are summed at once.
+//
+// What changes is put together in registers, and stored when nothing will be
+// read of it: a load has to wait for stores that are narrower than itself.
 #include "modules/openflow/datapath/rewrite.h"
 
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "modules/openflow/datapath/frame.h"
+
+static_assert(std::endian::native == std::endian::little);
 
 namespace {
 
@@ -17,111 +25,128 @@ constexpr size_t kTaggedL2Size = kMacsSize + kVlanTagSize;
 constexpr size_t kTcpChecksumOffset = 16;
 constexpr size_t kUdpChecksumOffset = 6;
 constexpr size_t kIcmpChecksumOffset = 2;
-constexpr size_t kIpv4ChecksumOffset = 10;
+constexpr size_t kIpv4HeaderSize = 20;  // without options
 
-uint16_t loadRaw16(const uint8_t* bytes) {
-  uint16_t word;
+// In memory order.
+template <typename Word>
+Word load(const uint8_t* bytes) {
+  Word word;
   std::memcpy(&word, bytes, sizeof(word));
   return word;
 }
 
-void storeRaw16(uint8_t* bytes, uint16_t word) {
+template <typename Word>
+void store(uint8_t* bytes, Word word) {
   std::memcpy(bytes, &word, sizeof(word));
 }
 
-uint16_t fold(uint32_t sum) {
+// A one's-complement sum in 16 bits; 0 only of nothing but zeros.
+uint16_t fold(uint64_t sum) {
+  sum = (sum & 0xffff'ffff) + (sum >> 32);
   sum = (sum & 0xffff) + (sum >> 16);
   sum = (sum & 0xffff) + (sum >> 16);
-  return static_cast<uint16_t>(sum);
+  return static_cast<uint16_t>((sum & 0xffff) + (sum >> 16));
 }
 
 // The difference that replacing `from` by `to` makes: ~m + m' of RFC 1624.
-uint32_t difference(uint16_t from, uint16_t to) {
-  return static_cast<uint16_t>(~from) + uint32_t{to};
+template <typename Word>
+uint64_t difference(Word from, Word to) {
+  return uint64_t{static_cast<Word>(~from)} + to;
 }
 
-uint32_t replace16(uint8_t* bytes, uint16_t value) {
-  const uint32_t diff = difference(loadRaw16(bytes), value);
-  storeRaw16(bytes, value);
+uint64_t replacePort(uint8_t* bytes, uint16_t port) {
+  const uint64_t diff = difference(load<uint16_t>(bytes), port);
+  store(bytes, port);
   return diff;
 }
 
-uint32_t replace32(uint8_t* bytes, uint32_t value) {
-  uint16_t halves[2];
-  std::memcpy(halves, &value, sizeof(halves));
-  return replace16(bytes, halves[0]) + replace16(bytes + 2, halves[1]);
-}
-
 // HC' = ~(~HC + ~m + m'); 0 is written as 0, also for UDP.
-void updateChecksum(uint8_t* checksum, uint32_t diff) {
-  const uint16_t old = loadRaw16(checksum);
-  storeRaw16(checksum,
-             static_cast<uint16_t>(~fold(static_cast<uint16_t>(~old) + diff)));
-}
-
-// Over 4 x IHL bytes; an IHL below 5 has no checksum worth the name and gets 0.
-void computeIpv4Checksum(uint8_t* l3, size_t headerSize) {
-  storeRaw16(l3 + kIpv4ChecksumOffset, 0);
-  if (headerSize < 20) {
-    return;
-  }
-  uint32_t sum = 0;
-  for (size_t at = 0; at < headerSize; at += 2) {
-    sum += loadRaw16(l3 + at);
-  }
-  storeRaw16(l3 + kIpv4ChecksumOffset, static_cast<uint16_t>(~fold(sum)));
+void updateChecksum(uint8_t* checksum, uint64_t diff) {
+  const auto old = static_cast<uint16_t>(~load<uint16_t>(checksum));
+  store(checksum, static_cast<uint16_t>(~fold(old + diff)));
 }
 
 // TCP or UDP. `diff` is what the address rewrites changed in the pseudo-header;
 // `checksumOptional` is true where a zero checksum means none (UDP over IPv4).
-void rewritePorts(uint8_t* l4, uint8_t* checksum, uint32_t diff,
+void rewritePorts(uint8_t* l4, uint8_t* checksum, uint64_t diff,
                   bool checksumOptional, const OfFlowAction& action) {
   if (action.fields.setL4SrcPort) {
-    diff += replace16(l4, action.values.l4SrcPort);
+    diff += replacePort(l4, action.values.l4SrcPort);
   }
   if (action.fields.setL4DstPort) {
-    diff += replace16(l4 + 2, action.values.l4DstPort);
+    diff += replacePort(l4 + 2, action.values.l4DstPort);
   }
-  if (diff != 0 && !(checksumOptional && loadRaw16(checksum) == 0)) {
+  if (diff != 0 && !(checksumOptional && load<uint16_t>(checksum) == 0)) {
     updateChecksum(checksum, diff);
   }
 }
 
 void rewriteIcmp(uint8_t* l4, const OfFlowAction& action) {
-  const uint16_t before = loadRaw16(l4);
+  const auto before = load<uint16_t>(l4);
+  uint16_t after = before;  // the type is the low byte
   if (action.fields.setIcmpType) {
-    l4[0] = action.values.icmpType;
+    after = static_cast<uint16_t>((after & 0xff00) | action.values.icmpType);
   }
   if (action.fields.setIcmpCode) {
-    l4[1] = action.values.icmpCode;
+    after =
+        static_cast<uint16_t>((after & 0x00ff) | action.values.icmpCode << 8);
   }
-  const uint16_t after = loadRaw16(l4);
   if (after != before) {
+    store(l4, after);
     updateChecksum(l4 + kIcmpChecksumOffset, difference(before, after));
   }
 }
 
-void rewriteIpv4(uint8_t* l3, const OfFlowAction& action) {
+// The sum of an IPv4 header's options: whole words behind the first 20 bytes.
+uint64_t sumOptions(const uint8_t* l3, size_t headerSize) {
+  uint64_t sum = 0;
+  for (size_t at = kIpv4HeaderSize; at < headerSize; at += 4) {
+    sum += load<uint32_t>(l3 + at);
+  }
+  return sum;
+}
+
+void rewriteIpv4(uint8_t* l3, const OfFlowAction& action, uint32_t bits) {
   const OfActionFields& fields = action.fields;
   const size_t headerSize = 4 * (l3[0] & 0x0f);
   const uint8_t proto = l3[9];
-  uint32_t diff = 0;
-  if (fields.decTtl) {
-    l3[8]--;  // wraps: a flow that must not send TTL 0 has to match on it
+  uint64_t diff = 0;
+  if (bits & kRewriteIpBits) {
+    auto tos = load<uint32_t>(l3);      // version and IHL, TOS, total length
+    auto ttl = load<uint32_t>(l3 + 8);  // TTL, protocol, checksum
+    auto src = load<uint32_t>(l3 + 12);
+    auto dst = load<uint32_t>(l3 + 16);
+    if (fields.decTtl) {
+      // Wraps: a flow that must not send TTL 0 has to match on it.
+      ttl = (ttl & 0xffff'ff00) | ((ttl - 1) & 0xff);
+    }
+    if (fields.setIpTos) {
+      tos = (tos & 0xffff'00ff) | uint32_t{action.values.ipTos} << 8;
+      l3[1] = action.values.ipTos;
+    }
+    if (fields.setIpv4Src) {
+      diff += difference(src, action.values.ipv4Src);
+      src = action.values.ipv4Src;
+      store(l3 + 12, src);
+    }
+    if (fields.setIpv4Dst) {
+      diff += difference(dst, action.values.ipv4Dst);
+      dst = action.values.ipv4Dst;
+      store(l3 + 16, dst);
+    }
+    // Over 4 x IHL bytes; an IHL below 5 has no checksum worth the name and
+    // gets 0.
+    ttl &= 0x0000'ffff;
+    if (headerSize >= kIpv4HeaderSize) {
+      const uint64_t sum = uint64_t{tos} + load<uint32_t>(l3 + 4) + ttl + src +
+                           dst + sumOptions(l3, headerSize);
+      ttl |= uint32_t{static_cast<uint16_t>(~fold(sum))} << 16;
+    }
+    store(l3 + 8, ttl);
   }
-  if (fields.setIpTos) {
-    l3[1] = action.values.ipTos;
+  if (diff == 0 && !(bits & kRewriteL4Bits)) {
+    return;
   }
-  if (fields.setIpv4Src) {
-    diff += replace32(l3 + 12, action.values.ipv4Src);
-  }
-  if (fields.setIpv4Dst) {
-    diff += replace32(l3 + 16, action.values.ipv4Dst);
-  }
-  if (fields.decTtl | fields.setIpTos | fields.setIpv4Src | fields.setIpv4Dst) {
-    computeIpv4Checksum(l3, headerSize);
-  }
-
   uint8_t* l4 = l3 + headerSize;
   if (proto == kProtoTcp) {
     rewritePorts(l4, l4 + kTcpChecksumOffset, diff, false, action);
@@ -133,7 +158,7 @@ void rewriteIpv4(uint8_t* l3, const OfFlowAction& action) {
 }
 
 // Addresses are never rewritten.
-void rewriteIpv6(uint8_t* l3, const OfFlowAction& action) {
+void rewriteIpv6(uint8_t* l3, const OfFlowAction& action, uint32_t bits) {
   const uint8_t proto = l3[6];
   if (action.fields.decTtl) {
     l3[7]--;
@@ -143,7 +168,9 @@ void rewriteIpv6(uint8_t* l3, const OfFlowAction& action) {
     store16(l3, static_cast<uint16_t>((load16(l3) & 0xf00f) |
                                       action.values.ipTos << 4));
   }
-
+  if (!(bits & kRewriteL4Bits)) {
+    return;
+  }
   uint8_t* l4 = l3 + kIpv6HeaderSize;
   if (proto == kProtoTcp) {
     rewritePorts(l4, l4 + kTcpChecksumOffset, 0, false, action);
@@ -155,16 +182,21 @@ void rewriteIpv6(uint8_t* l3, const OfFlowAction& action) {
 }
 
 // Everything but the tag itself, on kFrameWindow bytes.
-void rewriteHeaders(uint8_t* frame, const OfFlowAction& action) {
-  if (action.fields.setEthDst) {
+void rewriteHeaders(uint8_t* frame, const OfFlowAction& action, uint32_t bits) {
+  if ((bits & kRewriteMacBits) == kRewriteMacBits) {
+    static_assert(offsetof(OfActionValues, ethSrc) == 6);
+    std::memcpy(frame, &action.values, kMacsSize);
+  } else if (action.fields.setEthDst) {
     std::memcpy(frame, action.values.ethDst, 6);
-  }
-  if (action.fields.setEthSrc) {
+  } else if (action.fields.setEthSrc) {
     std::memcpy(frame + 6, action.values.ethSrc, 6);
+  }
+  if (!(bits & (kRewritePcpBit | kRewriteIpBits | kRewriteL4Bits))) {
+    return;
   }
   uint8_t* l3 = frame + kEthHeaderSize;
   if (load16(frame + kEthTypeOffset) == kEthTypeVlan) {
-    if (action.fields.setVlanPcp) {
+    if (bits & kRewritePcpBit) {
       const auto priority = static_cast<uint16_t>(action.values.vlanPcp << 13);
       store16(l3, (load16(l3) & 0x1fff) | priority);
     }
@@ -172,9 +204,9 @@ void rewriteHeaders(uint8_t* frame, const OfFlowAction& action) {
   }
   const uint16_t ethType = load16(l3 - 2);
   if (ethType == kEthTypeIpv4) {
-    rewriteIpv4(l3, action);
+    rewriteIpv4(l3, action, bits);
   } else if (ethType == kEthTypeIpv6) {
-    rewriteIpv6(l3, action);
+    rewriteIpv6(l3, action, bits);
   }
 }
 
@@ -204,9 +236,9 @@ void setVlanVid(bess::Packet* packet, uint16_t vid) {
       return;
     }
     uint8_t* tci = frame + kEthHeaderSize;
-    const auto kept = static_cast<uint8_t>(tci[0] & 0xf0);  // PCP and DEI
-    storeRaw16(tci, vid);
-    tci[0] |= kept;
+    // The first byte has PCP and DEI in its upper half.
+    const auto kept = static_cast<uint16_t>(load<uint16_t>(tci) & 0x00f0);
+    store(tci, static_cast<uint16_t>(vid | kept));
     return;
   }
   auto* tagged = static_cast<uint8_t*>(packet->prepend(kVlanTagSize));
@@ -215,28 +247,31 @@ void setVlanVid(bess::Packet* packet, uint16_t vid) {
   }
   std::memmove(tagged, frame, kMacsSize);
   store16(tagged + kEthTypeOffset, kEthTypeVlan);
-  storeRaw16(tagged + kEthHeaderSize, vid);
+  store(tagged + kEthHeaderSize, vid);
 }
 
 }  // namespace
 
 void rewritePacket(bess::Packet* packet, const OfFlowAction& action) {
-  if (action.fields.popVlan) {
-    popVlan(packet);
-  }
-  if (action.fields.setVlanVid) {
-    setVlanVid(packet, action.values.vlanVid);
+  const uint32_t bits = actionBits(action);
+  if (bits & kRewriteTagBits) {
+    if (action.fields.popVlan) {
+      popVlan(packet);
+    }
+    if (action.fields.setVlanVid) {
+      setVlanVid(packet, action.values.vlanVid);
+    }
   }
   auto* frame = packet->head_data<uint8_t*>();
   const size_t available = bufferBytes(*packet);
   if (available >= kFrameWindow) [[likely]] {
-    rewriteHeaders(frame, action);
+    rewriteHeaders(frame, action, bits);
     return;
   }
   // The frame starts too near its buffer's end: rewrite a copy, and take over
   // what fits.
   uint8_t window[kFrameWindow] = {};
   std::memcpy(window, frame, available);
-  rewriteHeaders(window, action);
+  rewriteHeaders(window, action, bits);
   std::memcpy(frame, window, available);
 }

@@ -44,6 +44,31 @@ inline void OpenFlow::outputPorts(Context* ctx, const bess::Packet* packet,
   }
 }
 
+// A table that is not a later one would never run, or run again: no copy.
+inline void OpenFlow::gotoTable(Context* ctx, uint8_t tableId,
+                                bess::Packet* packet, uint8_t nextTable,
+                                bess::PacketBatch** tableBatches) {
+  if (nextTable <= tableId || nextTable >= kNumTables) [[unlikely]] {
+    return;
+  }
+  bess::Packet* copy = bess::Packet::copy(packet);
+  if (copy == nullptr) [[unlikely]] {
+    return;
+  }
+  const OfPacketMetadata& from = *packetMetadata(packet);
+  OfPacketMetadata* to = packetMetadata(copy);
+  to->metadata = flowMetadata(from);
+  to->inPort = inPort(from);
+  to->flags |= kMetadataValid | kInPortValid;
+
+  // Never more than 32: each packet of the input batch has one copy on its way
+  // at most, and visits no table twice.
+  if (tableBatches[nextTable] == nullptr) {
+    tableBatches[nextTable] = ctx->task->AllocPacketBatch();
+  }
+  tableBatches[nextTable]->add(copy);
+}
+
 void OpenFlow::outputPacket(Context* ctx, uint8_t tableId, bess::Packet* packet,
                             const OfFlowAction& action,
                             bess::PacketBatch** tableBatches) {
@@ -146,12 +171,15 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
     if (bits & kRewriteBits) {
       rewritePacket(packet, *action);
     }
-    // Most flows send to a list of gates and do nothing else.
+    // Most flows send to a list of gates, or on to a later table, and do
+    // nothing else.
     const uint32_t outputs = bits & kOutputBits;
     if (outputs == kOutputAllBit || outputs == kOutputFloodBit) {
       outputPorts(ctx, packet, action->values, inPortGate(packet));
     } else if (outputs == kOutputPortBit) {
       outputPorts(ctx, packet, action->values, kNoGate);
+    } else if (outputs == kGotoBit) {
+      gotoTable(ctx, tableId, packet, action->values.nextTbl, tableBatches);
     } else {
       outputPacket(ctx, tableId, packet, *action, tableBatches);
       if (outputs == 0) {

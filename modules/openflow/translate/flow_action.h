@@ -37,14 +37,22 @@ struct OfActionFields {
 };
 static_assert(sizeof(OfActionFields) == 3);
 
-// setEthDst to setIcmpCode, popVlan, decTtl.
-inline constexpr uint32_t kRewriteBits = 0x7ff | 1u << 17 | 1u << 18;
+// What is rewritten, by the part of the packet.
+inline constexpr uint32_t kRewriteMacBits = 0x3;  // setEthDst, Src
+inline constexpr uint32_t kRewriteTagBits = 1u << 2 | 1u << 17;  // vid, popVlan
+inline constexpr uint32_t kRewritePcpBit = 1u << 3;
+inline constexpr uint32_t kRewriteIpBits = 0x70 | 1u << 18;  // TOS to dst, TTL
+inline constexpr uint32_t kRewriteL4Bits = 0x780;  // setL4SrcPort to IcmpCode
+inline constexpr uint32_t kRewriteBits = kRewriteMacBits | kRewriteTagBits |
+                                         kRewritePcpBit | kRewriteIpBits |
+                                         kRewriteL4Bits;
 inline constexpr uint32_t kOutputAllBit = 1u << 11;
 inline constexpr uint32_t kOutputFloodBit = 1u << 12;
 inline constexpr uint32_t kOutputPortBit = 1u << 13;
 inline constexpr uint32_t kOutputDropBit = 1u << 16;
+inline constexpr uint32_t kGotoBit = 1u << 19;
 // setOutputAll to setOutputDrop, gotoTbl.
-inline constexpr uint32_t kOutputBits = 0x3f << 11 | 1u << 19;
+inline constexpr uint32_t kOutputBits = 0x3f << 11 | kGotoBit;
 
 // Arguments; "network" ones are stored in network order, ready to be written.
 struct OfActionValues {
