@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 namespace bess {
 
@@ -31,9 +32,9 @@ class PacketBatch {
   // Appends all packets of `other`, which keeps its own list. There must be
   // room for them; that is not checked.
   void add(const PacketBatch* other) {
-    for (int i = 0; i < other->cnt_; i++) {
-      add(other->pkts_[i]);
-    }
+    memcpy(pkts_ + cnt_, other->pkts_,
+           sizeof(Packet*) * static_cast<size_t>(other->cnt_));
+    cnt_ += other->cnt_;
   }
 
  private:

@@ -53,6 +53,14 @@ uint32_t MaxLength(const Packet* pkt, uint32_t max_frame) {
   return max_frame + (tagged ? Port::kTagLen : 0);
 }
 
+uint64_t TotalBytes(Packet* const* pkts, int cnt) {
+  uint64_t bytes = 0;
+  for (int i = 0; i < cnt; i++) {
+    bytes += static_cast<uint64_t>(pkts[i]->total_len());
+  }
+  return bytes;
+}
+
 }  // namespace
 
 PortOut::PortOut() { max_allowed_workers_ = Worker::kMaxWorkers; }
@@ -152,17 +160,16 @@ void PortOut::ProcessBatch(Context* ctx, PacketBatch* batch) {
   const uint32_t max_frame = port_->max_frame();
   const int max_segments = port_->max_segments();
   bool plain = up;  // all of them, as nearly always
+  uint64_t bytes = 0;
   for (int i = 0; i < cnt; i++) {
     const auto len = static_cast<uint32_t>(pkts[i]->total_len());
     plain &= len >= Port::kHeaderLen && len <= max_frame &&
              pkts[i]->nb_segs() <= max_segments;
+    bytes += len;
   }
   if (!plain) [[unlikely]] {
     cnt = DropUnfit(ctx, pkts, cnt, up, counters);
-  }
-  uint64_t bytes = 0;
-  for (int i = 0; i < cnt; i++) {
-    bytes += static_cast<uint64_t>(pkts[i]->total_len());
+    bytes = TotalBytes(pkts, cnt);
   }
 
   // Packets that were sent are the device's: only the others are looked at.
@@ -171,8 +178,8 @@ void PortOut::ProcessBatch(Context* ctx, PacketBatch* batch) {
   for (int tries = 0; sent < cnt && tries <= kRetries; tries++) {
     sent += Burst(lane, pkts + sent, static_cast<uint16_t>(cnt - sent));
   }
+  bytes -= TotalBytes(pkts + sent, cnt - sent);
   for (int i = sent; i < cnt; i++) {
-    bytes -= static_cast<uint64_t>(pkts[i]->total_len());
     counters->Drop(DropCause::kTxQueueFull);
     DropPacket(ctx, pkts[i]);
   }

@@ -41,15 +41,17 @@ void buildBatchKeys(const bess::PacketBatch& batch, Lookup<OfIpv4Key>* ipv4,
     buildKeys<kIpv4, kIpv6>(frame.bytes(),
                             flowMetadata(*packetMetadata(packets[i])),
                             &ipv4->keys[i].key, &ipv6->keys[i].key);
+    if constexpr (kIpv4) {
+      ipv4->keyPointers[i] = reinterpret_cast<uint8_t*>(&ipv4->keys[i]);
+    }
+    if constexpr (kIpv6) {
+      ipv6->keyPointers[i] = reinterpret_cast<uint8_t*>(&ipv6->keys[i]);
+    }
   }
 }
 
 template <typename Key>
 int classify(const rte_acl_ctx* ctx, int cnt, Lookup<Key>* lookup) {
-  for (int i = 0; i < cnt; i++) {
-    lookup->keyPointers[i] =
-        reinterpret_cast<const uint8_t*>(&lookup->keys[i].key);
-  }
   return rte_acl_classify(ctx, lookup->keyPointers, lookup->results,
                           static_cast<uint32_t>(cnt), 1);
 }
