@@ -15,7 +15,9 @@
 namespace bench {
 
 // Starts DPDK with `memoryMb`; from hugepages when the environment variable
-// OPENFLOW_BENCH_HUGEPAGES is set. Ends the program when it cannot.
+// OPENFLOW_BENCH_HUGEPAGES is set, with vectors of at most
+// OPENFLOW_BENCH_SIMD_BITS (128, 256 or 512) when that is. Ends the program
+// when it cannot.
 void startEal(size_t memoryMb = 1024);
 
 // Ends the program with a message.
