@@ -79,6 +79,20 @@ TEST_F(SetAclIds, KeepsWhatTheNewSlotsPublish) {
   EXPECT_EQ(publishedActions(slot(2))[0]->priority, 80u);
 }
 
+// Only a mark for the very classifier that a slot publishes says that it is
+// freed.
+TEST_F(SetAclIds, KeepsWhatIsPublishedDespiteAnotherMark) {
+  bind(1, 2, 3);
+  update(Update(1).add(Flow(1, 10)));
+  const QuilModules::AclCtxData* published = slot(2).data;
+  slot(2).freedCtx = reinterpret_cast<rte_acl_ctx*>(&slot(2));
+  slot(3).freedCtx = slot(2).freedCtx;
+  bind(4, 2, 3);
+  EXPECT_EQ(slot(2).data, published);
+  EXPECT_EQ(slot(3).data, nullptr);
+  slot(2).freedCtx = slot(3).freedCtx = nullptr;
+}
+
 TEST_F(SetAclIds, DoesNotCheckSlotNumbers) {
   EXPECT_THAT(bind(3, 65536, 0xffffffff), Succeeds());
   EXPECT_EQ(table(3).ipv4.aclCtx, &slot(0) + 65536);

@@ -190,16 +190,21 @@ std::vector<uint32_t> gates(uint32_t count) {
 }
 
 TEST_P(UpdateFailure, OfMoreThan64GatesAppliesNothing) {
-  const TraceMark mark;
-  EXPECT_THAT(
-      module().updateFlows(
-          message().add(Flow(3, 1)).add(Flow(4, 1).output(gates(65))).erase(1)),
-      FailsWith(-1, kFailed));
-  EXPECT_TRUE(newEntries().empty());
-  EXPECT_THAT(counters(), ElementsAre(1, 0, 0, 0));
-  EXPECT_EQ(mark.texts(0).size(), 1u);
-  EXPECT_THAT(mark.texts(0)[0], testing::HasSubstr("flowId: 4"));
-  expectNothingChanged();
+  uint64_t failures = 0;
+  for (const Flow& flow :
+       {Flow(4, 1).output(gates(65)), Flow(4, 1).flood(gates(65)),
+        Flow(4, 1).outputAll(gates(65))}) {
+    const TraceMark mark;
+    EXPECT_THAT(
+        module().updateFlows(message().add(Flow(3, 1)).add(flow).erase(1)),
+        FailsWith(-1, kFailed));
+    EXPECT_TRUE(newEntries().empty());
+    EXPECT_THAT(counters(), ElementsAre(++failures, 0, 0, 0));
+    EXPECT_THAT(mark.texts(0),
+                ElementsAre("processUpdateFlows flowId: 4 has 65 output gates, "
+                            "at most 64 fit"));
+    expectNothingChanged();
+  }
   update(message().add(Flow(4, 1).output(gates(64))));
   EXPECT_EQ(numFlows(), 3u);
 }

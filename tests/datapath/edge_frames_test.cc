@@ -2,7 +2,9 @@
 //
 // Frames that no sender should send, and buffers that leave no room: everything
 // is done to them that a flow says, and compared with the twin.
+#include "modules/openflow/datapath/rewrite.h"
 #include "tests/datapath/datapath_test.h"
+#include "tests/support/packet_factory.h"
 
 namespace openflow_test {
 namespace {
@@ -98,6 +100,27 @@ TEST_F(EdgeFrames, PopNeedsFourBytes) {
   }
   InputPacket tagBehind(Frame(tagged).keep(3));
   EXPECT_EQ(runOne(tagBehind, 2).bytes.size(), 3u);
+}
+
+// The tag is in the buffer each time, but the data ends before it.
+TEST_F(EdgeFrames, PopNeedsFourBytesOfData) {
+  PacketFactory factory(63);
+  OfFlowAction action{};
+  action.fields.popVlan = 1;
+  const Bytes tagged = Frame::eth().vlan(5).ipv4(kIpA, kIpB).tcp(7, 80);
+  for (uint16_t length = 0; length <= 20; length++) {
+    bess::Packet* packet = factory.make(tagged);
+    packet->set_data_len(length);
+    packet->set_total_len(length);
+    const auto* start = packet->head_data<const uint8_t*>();
+    rewritePacket(packet, action);
+    const uint16_t popped = length < 4 ? 0 : 4;
+    EXPECT_EQ(packet->head_data<const uint8_t*>(), start + popped) << length;
+    EXPECT_EQ(packet->head_len(), length - popped) << length;
+    EXPECT_EQ(packet->total_len(), length - popped) << length;
+    EXPECT_EQ(start[popped], tagged[0]) << length;
+    bess::Packet::Free(packet);
+  }
 }
 
 TEST_F(EdgeFrames, ControllerGetsFramesOfEveryLength) {

@@ -2,6 +2,7 @@
 //
 // The sweep over the tables: start tables, misses, counters of tables, flows
 // and workers.
+#include "platform/quil_modules/counter_db.h"
 #include "tests/datapath/datapath_test.h"
 
 namespace openflow_test {
@@ -193,6 +194,19 @@ TEST_F(Walk, EveryWorkerHasItsOwnCounters) {
   EXPECT_EQ(harness().flowCounter(20, 3), 1u);
   EXPECT_EQ(harness().flowCounter(20, 15), 1u);
   EXPECT_EQ(harness().flowCounter(21, 3), 54u);
+}
+
+TEST(WorkerWithoutCounters, CountsNothingAndSendsAll) {
+  ModuleHarness harness;
+  harness.addFlows(0, {any().counters(20, 21).output({1})});
+  EXPECT_EQ(harness.run({tcpFrame()}).flowCounters.at(20), 1u);
+  harness.onCommandThread([] { QuilModules::bessCounterDb.destroy(0); });
+  ASSERT_EQ(QuilModules::bessCounterDb[0], nullptr);
+  const RunResult result = harness.run({tcpFrame()});
+  EXPECT_EQ(result.gate(1).size(), 1u);
+  EXPECT_EQ(result.drops, 1u);
+  EXPECT_TRUE(result.flowCounters.empty());
+  EXPECT_TRUE(result.tables.empty()) << result;
 }
 
 // ---- Flows change between batches.

@@ -11,13 +11,22 @@
 #include <fstream>
 #include <string>
 
+#include "utils/acl_build_memory.h"
+
 namespace {
 
 bool refuseMprotect = false;
+bool refuseDlopen = false;
 
 }  // namespace
 
-// The program's own version of the system's function.
+// The program's own versions of the system's functions.
+extern "C" void* dlopen(const char* file, int mode) noexcept {
+  using Dlopen = decltype(&dlopen);
+  static const auto real = reinterpret_cast<Dlopen>(dlsym(RTLD_NEXT, "dlopen"));
+  return refuseDlopen ? nullptr : real(file, mode);
+}
+
 extern "C" int mprotect(void* address, size_t size, int protection) noexcept {
   using Mprotect = decltype(&mprotect);
   static const auto real =
@@ -88,8 +97,53 @@ TEST(ImportSlot, IsOpenOnlyForTheStore) {
   EXPECT_EQ(countLibrarysFrees(), 0);
 }
 
-// The kernel's library is listed like any other, and is no file.
-TEST(ImportSlot, IsNotLookedForInWhatCannotBeOpened) {
+TEST(ImportSlot, IsLeftAloneInALibraryThatIsOnItsWayOut) {
+  refuseDlopen = true;
+  EXPECT_FALSE(redirectImport(kLibrary, "rte_free",
+                              reinterpret_cast<void*>(&countFree)));
+  refuseDlopen = false;
+  EXPECT_EQ(countLibrarysFrees(), 0);
+}
+
+int maps = 0;
+
+void* countMmap(void* address, size_t size, int protection, int flags, int file,
+                off_t offset) {
+  maps++;
+  return mmap(address, size, protection, flags, file, offset);
+}
+
+// Ours are bound call by call, and their slots stay open.
+TEST(ImportSlot, OfALibraryThatIsBoundLazily) {
+  refuseMprotect = true;  // nobody needs it
+  EXPECT_TRUE(redirectImport("libacl_build_memory.so", "mmap",
+                             reinterpret_cast<void*>(&countMmap)));
+  refuseMprotect = false;
+  rte_acl_param param = {};
+  param.name = "lazy";
+  param.rule_size = RTE_ACL_RULE_SZ(1);
+  param.max_rule_num = 1;
+  rte_acl_ctx* ctx = rte_acl_create(&param);
+  RTE_ACL_RULE_DEF(Rule, 1) rule = {};
+  rule.data = {1, 1, 1};
+  EXPECT_EQ(rte_acl_add_rules(ctx, reinterpret_cast<rte_acl_rule*>(&rule), 1),
+            0);
+  rte_acl_config config = {};
+  config.num_categories = 1;
+  config.num_fields = 1;
+  config.defs[0] = {RTE_ACL_FIELD_TYPE_BITMASK, 1, 0, 0, 0};
+  {
+    const AclBuildScope scope;
+    EXPECT_EQ(rte_acl_build(ctx, &config), 0);
+  }
+  EXPECT_GT(maps, 0);
+  rte_acl_free(ctx);
+  EXPECT_TRUE(redirectImport("libacl_build_memory.so", "mmap",
+                             reinterpret_cast<void*>(&mmap)));
+}
+
+// The kernel's library is listed like any other, and imports nothing.
+TEST(ImportSlot, IsNotFoundInTheKernelsLibrary) {
   EXPECT_FALSE(redirectImport("linux-vdso", "calloc", nullptr));
 }
 

@@ -102,6 +102,19 @@ TEST_F(AvailableMemory, OfAMachineWithMoreThanItsGroup) {
   EXPECT_EQ(available(), 8000u * 1024);
 }
 
+TEST_F(AvailableMemory, IsUnlimitedWhereTheLineIsMissing) {
+  write("proc/meminfo", "MemTotal: 24682000 kB\nMemFree: 20000000 kB\n");
+  EXPECT_EQ(available(), SIZE_MAX);
+  write("proc/meminfo", "MemTotal: much\nMemAvailable: 7 kB\n");
+  EXPECT_EQ(available(), 7u * 1024);
+}
+
+TEST_F(AvailableMemory, OfAGroupThatDoesNotTellItsUseIsTheMachines) {
+  write("proc/self/cgroup", "0::/\n");
+  write("sys/fs/cgroup/memory.max", "4000\n");
+  EXPECT_EQ(available(), 8000u * 1024);
+}
+
 TEST_F(AvailableMemory, SkipsLinesThatItDoesNotUnderstand) {
   write("proc/self/cgroup", "\nnonsense\n1:memory\n");
   EXPECT_EQ(available(), 8000u * 1024);
