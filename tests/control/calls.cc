@@ -243,6 +243,7 @@ void* operator new[](size_t size) {
   }
   void* array = ::operator new(size);
   if (Calls::recording) {
+    std::memset(array, state().fill, size);
     Calls::arrays().emplace_back(array, size);
   }
   return array;

@@ -95,7 +95,7 @@ struct State {
   Fault failNew;       // operator new(std::nothrow)
   Fault failArrayNew;  // operator new[]
 
-  // What rte_malloc's memory is filled with.
+  // What memory from rte_malloc and operator new[] is filled with.
   uint8_t fill = 0xa5;
 };
 
