@@ -13,6 +13,15 @@
 #include <cstddef>
 #include <cstring>
 
+// Sanitizers do not see what assembly does.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define BESS_WATCHED_BY_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define BESS_WATCHED_BY_SANITIZER 1
+#endif
+#endif
+
 namespace bess::internal {
 
 inline constexpr size_t kWideCopySize = 128;
@@ -27,12 +36,8 @@ void AllowWideCopies(unsigned max_simd_bits);
 
 // Copies kWideCopySize bytes. The two sides do not overlap.
 inline void WideCopy(char* to, const char* from) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  constexpr bool kVisible = true;  // sanitizers do not see what assembly does
-#else
-  constexpr bool kVisible = false;
-#endif
-  if (!kVisible && wide_copies) [[likely]] {
+#ifndef BESS_WATCHED_BY_SANITIZER
+  if (wide_copies) [[likely]] {
     asm volatile(
         "vmovdqu64   (%1), %%zmm16\n\t"
         "vmovdqu64 64(%1), %%zmm17\n\t"
@@ -41,9 +46,10 @@ inline void WideCopy(char* to, const char* from) {
         :
         : "r"(to), "r"(from)
         : "memory");
-  } else {
-    memcpy(to, from, kWideCopySize);
+    return;
   }
+#endif
+  memcpy(to, from, kWideCopySize);
 }
 
 }  // namespace bess::internal
