@@ -55,17 +55,19 @@ bess::pb::CommandResponse OpenFlow::getStats(
   const OpenFlowTable& table = tables_[arg.tableid()];
   response.set_numflows(table.ipv4.numFlows);
   response.set_numipv6flows(table.ipv6.numFlows);
-  response.set_updatefailures(table.counters[kUpdateFailures]);
-  response.set_aclcreatefailures(table.counters[kAclCreateFailures]);
-  response.set_acladdrulesfailures(table.counters[kAclAddRulesFailures]);
-  response.set_aclbuildfailures(table.counters[kAclBuildFailures]);
-  response.set_classifyerrors(table.counters[kClassifyErrors]);
-  response.set_noaclctx(table.counters[kNoAclCtx]);
-  response.set_noclassifier(table.counters[kNoClassifier]);
-  response.set_batchdrops(table.counters[kBatchDrops]);
-  response.set_tablemisses(table.counters[kTableMisses]);
-  response.set_sparecounter(table.counters[kSpareCounter]);
-  response.set_dropactions(table.counters[kDropActions]);
-  response.set_nooutputdrops(table.counters[kNoOutputDrops]);
+  response.set_updatefailures(readEvents(table.counters[kUpdateFailures]));
+  response.set_aclcreatefailures(
+      readEvents(table.counters[kAclCreateFailures]));
+  response.set_acladdrulesfailures(
+      readEvents(table.counters[kAclAddRulesFailures]));
+  response.set_aclbuildfailures(readEvents(table.counters[kAclBuildFailures]));
+  response.set_classifyerrors(readEvents(table.counters[kClassifyErrors]));
+  response.set_noaclctx(readEvents(table.counters[kNoAclCtx]));
+  response.set_noclassifier(readEvents(table.counters[kNoClassifier]));
+  response.set_batchdrops(readEvents(table.counters[kBatchDrops]));
+  response.set_tablemisses(readEvents(table.counters[kTableMisses]));
+  response.set_sparecounter(readEvents(table.counters[kSpareCounter]));
+  response.set_dropactions(readEvents(table.counters[kDropActions]));
+  response.set_nooutputdrops(readEvents(table.counters[kNoOutputDrops]));
   return CommandSuccess(response);
 }

@@ -4,6 +4,7 @@
 // address family, and its event counters.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -64,11 +65,27 @@ inline constexpr int kNumTableCounters = 12;
 struct OpenFlowTable {
   OpenFlowInfo<of_flow_acl_rule> ipv4;
   OpenFlowInfo<of_flow_acl_rule_ipv6> ipv6;
-  // Plain increments, by the control thread (0 to 3) and by every worker that
-  // runs the table: two workers at once may lose a count. On cache lines of
-  // their own: what counts a miss must not take the slots above, which every
-  // batch reads, from the other workers' caches.
+  // Counted up by countEvent: by the control thread (0 to 3) and by every
+  // worker that runs the table. Two workers at once may lose a count. On cache
+  // lines of their own: what counts a miss must not take the slots above, which
+  // every batch reads, from the other workers' caches.
   alignas(64) uint64_t counters[kNumTableCounters];
 };
+
+// One more. A load and a store instead of a locked instruction: workers do not
+// wait for each other to count a drop.
+inline void countEvent(uint64_t& counter) {
+  const std::atomic_ref<uint64_t> shared(counter);
+  shared.store(shared.load(std::memory_order_relaxed) + 1,
+               std::memory_order_relaxed);
+}
+
+// What has been counted; threads may be counting meanwhile.
+inline uint64_t readEvents(const uint64_t& counter) {
+  // The reference wants a mutable object, also to read it.
+  return std::atomic_ref<uint64_t>(const_cast<uint64_t&>(counter))
+      .load(std::memory_order_relaxed);
+}
+
 static_assert(offsetof(OpenFlowTable, counters) == 128);
 static_assert(sizeof(OpenFlowTable) == 256);

@@ -6,6 +6,11 @@
 // Actions are referred to, not copied: a published record and its actions are
 // never written again, and a worker reports no quiescent state before its batch
 // is done, so they outlive the pass whatever the control thread does.
+
+// rcu_dereference as the one atomic load that it is, instead of a call that
+// gets a pointer which this file has loaded by ordinary means.
+#define URCU_INLINE_SMALL_FUNCTIONS
+
 #include <glog/logging.h>
 #include <rte_acl.h>
 #include <rte_prefetch.h>
@@ -110,7 +115,7 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
   const QuilModules::AclCtx* slot4 = rcu_dereference(table.ipv4.aclCtx);
   const QuilModules::AclCtx* slot6 = rcu_dereference(table.ipv6.aclCtx);
   if (slot4 == nullptr || slot6 == nullptr) [[unlikely]] {
-    table.counters[kNoAclCtx]++;
+    countEvent(table.counters[kNoAclCtx]);
     return -1;
   }
   // Each record is loaded once: its classifier and its userdata belong
@@ -118,7 +123,7 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
   const QuilModules::AclCtxData* data4 = rcu_dereference(slot4->data);
   const QuilModules::AclCtxData* data6 = rcu_dereference(slot6->data);
   if (data4 == nullptr && data6 == nullptr) [[unlikely]] {
-    table.counters[kNoClassifier]++;
+    countEvent(table.counters[kNoClassifier]);
     return -1;
   }
   // The classifiers arrive while the keys are built.
@@ -141,7 +146,7 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
 
   if (data4 != nullptr) {
     if (classify(data4->ctx, cnt, &lookup4) != 0) [[unlikely]] {
-      table.counters[kClassifyErrors]++;
+      countEvent(table.counters[kClassifyErrors]);
       return -1;
     }
   }
@@ -149,7 +154,7 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
     const rte_acl_ctx* acx6 = data6->ctx;
     CHECK(acx6);
     if (classify(acx6, cnt, &lookup6) != 0) [[unlikely]] {
-      table.counters[kClassifyErrors]++;
+      countEvent(table.counters[kClassifyErrors]);
       return -1;
     }
   }

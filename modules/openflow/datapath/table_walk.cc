@@ -150,7 +150,7 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
       [[unlikely]] {
     bess::Packet::Free(batch);
     batch->clear();
-    table.counters[kBatchDrops]++;
+    countEvent(table.counters[kBatchDrops]);
     return;
   }
 
@@ -159,7 +159,7 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
     bess::Packet* packet = batch->pkts()[i];
     const OfFlowAction* action = actions[i];
     if (action->priority == 0) {
-      table.counters[kTableMisses]++;
+      countEvent(table.counters[kTableMisses]);
       DropPacket(ctx, packet);
       continue;
     }
@@ -183,9 +183,9 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
     } else {
       outputPacket(ctx, tableId, packet, *action, tableBatches);
       if (outputs == 0) {
-        table.counters[kNoOutputDrops]++;
+        countEvent(table.counters[kNoOutputDrops]);
       } else if (outputs & kOutputDropBit) {
-        table.counters[kDropActions]++;
+        countEvent(table.counters[kDropActions]);
       }
     }
     DropPacket(ctx, packet);  // what left, left as a copy

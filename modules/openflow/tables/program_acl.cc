@@ -157,7 +157,7 @@ int OpenFlow::programAcl(FLOW_TYPE* rules, QuilModules::KoAclUserdata* userdata,
              "programAcl Failed to create rte acl context: %s for tableId: %s, "
              "flowType: %s",
              name, tableId, info->flowType);
-    counters[kAclCreateFailures]++;
+    countEvent(counters[kAclCreateFailures]);
     return -1;
   }
 
@@ -168,7 +168,7 @@ int OpenFlow::programAcl(FLOW_TYPE* rules, QuilModules::KoAclUserdata* userdata,
              "programAcl Failed to add acl rules for aclCtx: %s, tableId: %s, "
              "flowType: %s, numFlows: %s error: %s",
              name, tableId, info->flowType, info->numFlows, rc);
-    counters[kAclAddRulesFailures]++;
+    countEvent(counters[kAclAddRulesFailures]);
     return -1;
   }
 
@@ -178,7 +178,7 @@ int OpenFlow::programAcl(FLOW_TYPE* rules, QuilModules::KoAclUserdata* userdata,
              "programAcl Failed to build acl for tableId: %s, flowType: %s "
              "error: %s",
              tableId, info->flowType, rc);
-    counters[kAclBuildFailures]++;
+    countEvent(counters[kAclBuildFailures]);
     return -1;
   }
 

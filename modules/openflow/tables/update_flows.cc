@@ -101,7 +101,7 @@ int OpenFlow::processUpdateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg,
         "processUpdateFlows flowId: %s has %s output gates, at most %s fit",
         arg.adds(bad).flowid(), arg.adds(bad).action().values().ogate_size(),
         kMaxOutputGates);
-    counters[kUpdateFailures]++;
+    countEvent(counters[kUpdateFailures]);
     return -1;
   }
 
@@ -109,7 +109,7 @@ int OpenFlow::processUpdateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg,
   if (!allocateEntries(entries, numAdds)) {
     OF_TRACE(kTraceError,
              "processUpdateFlows Failed to allocate memory for flow entries");
-    counters[kUpdateFailures]++;
+    countEvent(counters[kUpdateFailures]);
     return -ENOMEM;
   }
 
@@ -124,7 +124,7 @@ int OpenFlow::processUpdateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg,
       OF_TRACE(
           kTraceError,
           "processUpdateFlows Failed to allocate memory for all acl rules");
-      counters[kUpdateFailures]++;
+      countEvent(counters[kUpdateFailures]);
       freeEntries(entries, numAdds);
       return -ENOMEM;
     }
@@ -149,7 +149,7 @@ int OpenFlow::processUpdateFlows(const quil::pb::OpenFlowUpdateFlowsArg& arg,
              "processUpdateFlows Failed to program acl rules for tableId: %s, "
              "flowType: %s",
              info->tableId, info->flowType);
-    counters[kUpdateFailures]++;
+    countEvent(counters[kUpdateFailures]);
   }
   return rc;
 }

@@ -151,7 +151,7 @@ TableCounters ModuleHarness::Impl::tableCounters(unsigned table) {
   if (options.pluginPath.empty()) {
     const auto& counters =
         OpenFlowPeer::table(static_cast<OpenFlow&>(*module), table).counters;
-    std::copy(std::begin(counters), std::end(counters), values);
+    std::ranges::transform(counters, values, readEvents);
   } else {
     quil::pb::OpenFlowGetStatsArg arg;
     arg.set_tableid(table);
