@@ -1,19 +1,16 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "qsbr.h"
 
-// The inline flavour of the header declares the reader's record.
-#define _LGPL_SOURCE
 #include <urcu-qsbr.h>
 
+#include "internal/qsbr_record.h"
+
 namespace bess {
-namespace {
+
+using internal::IsQsbrReader;
 
 // Registering twice would corrupt liburcu's list of readers.
-bool IsReader() { return URCU_TLS(urcu_qsbr_reader).registered != 0; }
-
-}  // namespace
-
-QsbrReader::QsbrReader() : registered_here_(!IsReader()) {
+QsbrReader::QsbrReader() : registered_here_(!IsQsbrReader()) {
   if (registered_here_) {
     rcu_register_thread();
   }
@@ -25,7 +22,7 @@ QsbrReader::~QsbrReader() {
   }
 }
 
-QsbrOffline::QsbrOffline() : was_online_(IsReader() && rcu_read_ongoing()) {
+QsbrOffline::QsbrOffline() : was_online_(IsQsbrReader() && rcu_read_ongoing()) {
   if (was_online_) {
     rcu_thread_offline();
   }
