@@ -41,6 +41,11 @@ function(of_sanitize name)
                            -fno-sanitize-recover=all)
     target_link_options(${name} PUBLIC -fsanitize=${OPENFLOW_SANITIZE})
   endif()
+  get_target_property(type ${name} TYPE)
+  if(OPENFLOW_SANITIZE MATCHES thread AND type STREQUAL EXECUTABLE)
+    # First of its libraries: it stands in front of liburcu and DPDK.
+    target_link_libraries(${name} PRIVATE tsan_models)
+  endif()
 endfunction()
 
 # of_proto_library(NAME ROOT FILE...): a shared library of generated messages, importable by paths relative to

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// liburcu's QSBR flavour, as ThreadSanitizer should see it:
+//
+//   publishing a pointer               happens before  what its readers do
+//   all a reader does before it is     happens before  the end of a grace
+//   period quiescent, offline or gone                         that waits for it
+//   call_rcu                           happens before  its callback
+//   a callback                         happens before  the end of rcu_barrier
+//
+// A reader that has not been quiescent is in no order with a callback: memory
+// that goes too early is reported. The exchange of a pointer is an atomic
+// operation here, for which rcu_dereference has the matching load.
+#include <sanitizer/tsan_interface.h>
+#include <urcu-qsbr.h>
+
+#include <mutex>
+#include <unordered_map>
+
+#include "tests/thread_sanitizer/next.h"
+
+using tsan_models::next;
+
+namespace {
+
+using Callback = void (*)(rcu_head*);
+
+// Addresses that stand for the two orders.
+char gracePeriods;
+char callbacks;
+
+std::mutex mutex;
+std::unordered_map<rcu_head*, Callback>& pending() {
+  // Never destroyed: callbacks run until the process ends.
+  static auto* pending = new std::unordered_map<rcu_head*, Callback>;
+  return *pending;
+}
+
+void runCallback(rcu_head* head) {
+  Callback callback;
+  {
+    const std::lock_guard lock(mutex);
+    const auto found = pending().find(head);
+    callback = found->second;
+    pending().erase(found);
+  }
+  __tsan_acquire(&gracePeriods);
+  callback(head);
+  __tsan_release(&callbacks);
+}
+
+}  // namespace
+
+extern "C" {
+
+void urcu_qsbr_quiescent_state() {
+  static auto* real =
+      next<decltype(urcu_qsbr_quiescent_state)>("urcu_qsbr_quiescent_state");
+  __tsan_release(&gracePeriods);
+  real();
+}
+
+void urcu_qsbr_thread_offline() {
+  static auto* real =
+      next<decltype(urcu_qsbr_thread_offline)>("urcu_qsbr_thread_offline");
+  __tsan_release(&gracePeriods);
+  real();
+}
+
+void urcu_qsbr_unregister_thread() {
+  static auto* real = next<decltype(urcu_qsbr_unregister_thread)>(
+      "urcu_qsbr_unregister_thread");
+  __tsan_release(&gracePeriods);
+  real();
+}
+
+void urcu_qsbr_synchronize_rcu() {
+  static auto* real =
+      next<decltype(urcu_qsbr_synchronize_rcu)>("urcu_qsbr_synchronize_rcu");
+  __tsan_release(&gracePeriods);  // a waiting reader is quiescent
+  real();
+  __tsan_acquire(&gracePeriods);
+}
+
+// The lock orders the call before its callback.
+void urcu_qsbr_call_rcu(rcu_head* head, Callback callback) {
+  static auto* real = next<decltype(urcu_qsbr_call_rcu)>("urcu_qsbr_call_rcu");
+  {
+    const std::lock_guard lock(mutex);
+    pending()[head] = callback;
+  }
+  real(head, runCallback);
+}
+
+void urcu_qsbr_barrier() {
+  static auto* real = next<decltype(urcu_qsbr_barrier)>("urcu_qsbr_barrier");
+  __tsan_release(&gracePeriods);
+  real();
+  __tsan_acquire(&callbacks);
+}
+
+void* rcu_xchg_pointer_sym(void** p, void* value) {
+  return __atomic_exchange_n(p, value, __ATOMIC_SEQ_CST);
+}
+
+}  // extern "C"

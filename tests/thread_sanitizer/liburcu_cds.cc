@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// liburcu's hash table, as ThreadSanitizer should see it: what was done to a
+// node before it was added happens before what its finders do with it.
+#include <sanitizer/tsan_interface.h>
+#include <urcu/rculfhash.h>
+
+#include "tests/thread_sanitizer/next.h"
+
+using tsan_models::next;
+
+namespace {
+
+// A caller's match function, which reads nodes that it has not been handed yet.
+struct Match {
+  cds_lfht* table;
+  cds_lfht_match_fct function;
+  const void* key;
+};
+
+int match(cds_lfht_node* node, const void* key) {
+  const auto* wanted = static_cast<const Match*>(key);
+  __tsan_acquire(wanted->table);
+  return wanted->function(node, wanted->key);
+}
+
+}  // namespace
+
+extern "C" {
+
+void cds_lfht_add(cds_lfht* table, unsigned long hash, cds_lfht_node* node) {
+  static auto* real = next<decltype(cds_lfht_add)>("cds_lfht_add");
+  __tsan_release(table);
+  real(table, hash, node);
+}
+
+cds_lfht_node* cds_lfht_add_unique(cds_lfht* table, unsigned long hash,
+                                   cds_lfht_match_fct function, const void* key,
+                                   cds_lfht_node* node) {
+  static auto* real =
+      next<decltype(cds_lfht_add_unique)>("cds_lfht_add_unique");
+  const Match wanted = {table, function, key};
+  __tsan_release(table);
+  cds_lfht_node* there = real(table, hash, match, &wanted, node);
+  __tsan_acquire(table);
+  return there;
+}
+
+cds_lfht_node* cds_lfht_add_replace(cds_lfht* table, unsigned long hash,
+                                    cds_lfht_match_fct function,
+                                    const void* key, cds_lfht_node* node) {
+  static auto* real =
+      next<decltype(cds_lfht_add_replace)>("cds_lfht_add_replace");
+  const Match wanted = {table, function, key};
+  __tsan_release(table);
+  cds_lfht_node* old = real(table, hash, match, &wanted, node);
+  __tsan_acquire(table);
+  return old;
+}
+
+void cds_lfht_lookup(cds_lfht* table, unsigned long hash,
+                     cds_lfht_match_fct function, const void* key,
+                     cds_lfht_iter* iter) {
+  static auto* real = next<decltype(cds_lfht_lookup)>("cds_lfht_lookup");
+  const Match wanted = {table, function, key};
+  real(table, hash, match, &wanted, iter);
+  __tsan_acquire(table);
+}
+
+void cds_lfht_first(cds_lfht* table, cds_lfht_iter* iter) {
+  static auto* real = next<decltype(cds_lfht_first)>("cds_lfht_first");
+  real(table, iter);
+  __tsan_acquire(table);
+}
+
+void cds_lfht_next(cds_lfht* table, cds_lfht_iter* iter) {
+  static auto* real = next<decltype(cds_lfht_next)>("cds_lfht_next");
+  real(table, iter);
+  __tsan_acquire(table);
+}
+
+}  // extern "C"
