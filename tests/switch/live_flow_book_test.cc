@@ -67,6 +67,29 @@ TEST(FlowBook, RefusesMoreFlowsThanCountersWithoutTakingAny) {
   EXPECT_EQ(bench.counters.available(), available);
 }
 
+// Room for the miss flows of all tables, 64 counters, is kept free.
+TEST(FlowBook, TheLastFlowThatFitsIsTaken) {
+  BookBench bench;
+  bench.counters.take();
+  ASSERT_EQ(bench.counters.available(), 998u);
+  std::string text;
+  for (int i = 0; i < (998 - 64) / 2; i++) {
+    text += fmt::format("tcp,tp_dst={},actions=output:1\n", i);
+  }
+  FlowBook::Plan plan =
+      bench.book.planAdd(BookBench::flows(text.substr(text.find('\n') + 1) +
+                                          "ip,actions=dec_ttl,output:1\n"),
+                         false);
+  ASSERT_THAT(plan.refusals, SizeIs(1)) << "a guard has counters, too";
+  EXPECT_TRUE(bench.add(text).applied());
+  // Each table that is reached has got its miss flow by now, and the next one
+  // needs another: its flow fits no more.
+  EXPECT_EQ(bench.counters.available(), 62u);
+  EXPECT_THAT(
+      bench.book.planAdd(BookBench::flows("arp,actions=drop"), false).refusals,
+      SizeIs(1));
+}
+
 TEST(FlowBook, DeletesEarlierTablesFirst) {
   BookBench bench;
   bench.add(kThree);
@@ -140,6 +163,24 @@ TEST(FlowBook, CookieAloneIsNoBuild) {
   EXPECT_EQ(bench.only("cookie=7/-1").installed->rule, before);
 }
 
+// For the module both are a flow that drops; what it drops is another matter.
+TEST(FlowBook, AnotherEndIsCountedApart) {
+  BookBench bench;
+  bench.add("ip,nw_ttl=1,actions=dec_ttl,output:2");
+  const InstalledRule before = bench.only("ip").installed->rule;
+  bench.hit(before);
+  const pb::FlowChangeReply reply = bench.add("ip,nw_ttl=1,actions=drop");
+  EXPECT_EQ(reply.changed(), 1);
+  EXPECT_EQ(reply.builds_size(), 1);
+  const FlowBook::View after = bench.only("ip");
+  EXPECT_NE(after.installed->rule.packetCounterId, before.packetCounterId);
+  EXPECT_EQ(after.counts.packets, 1);
+  bench.hit(after.installed->rule);
+  bench.hit(after.installed->rule);
+  EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kTtlExpired}}]), 1);
+  EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kDropped}}]), 2);
+}
+
 TEST(FlowBook, GuardsFollowTheirFlow) {
   BookBench bench;
   bench.add("ip,actions=dec_ttl,output:2");
@@ -210,6 +251,20 @@ TEST(FlowBook, ReplaceSendsTheDifferenceOnly) {
   EXPECT_EQ(bench.only("in_port=1").added, bench.now - std::chrono::seconds(9));
   EXPECT_EQ(bench.only("in_port=2").added, bench.now);
   EXPECT_EQ(bench.replace(kThree).unchanged(), 1);
+}
+
+TEST(FlowBook, ReplaceGivesTablesThatItReachesTheirMissFlow) {
+  BookBench bench;
+  bench.replace("in_port=1,actions=goto_table:7\n");
+  EXPECT_EQ(bench.book.numRules(7, false), 1u);
+  EXPECT_EQ(bench.book.numFlows(7), 0u);
+  std::vector<int> tables;
+  for (const FlowBook::View& view : bench.book.select({}, true)) {
+    if (view.installed->isTableMiss) {
+      tables.push_back(view.installed->flow.table);
+    }
+  }
+  EXPECT_THAT(tables, ElementsAre(0, 7));
 }
 
 TEST(FlowBook, NotesOutputsToPortsThatAreNotThere) {
@@ -302,41 +357,6 @@ TEST_P(Filters, DeleteAndListTheSame) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, Filters, testing::ValuesIn(kFilterCases),
                          [](const auto& row) { return row.param.name; });
-
-TEST(FlowBook, HardTimeoutCountsFromInstallation) {
-  BookBench bench;
-  bench.add("hard_timeout=10,in_port=1,actions=output:2");
-  bench.now += std::chrono::milliseconds(9999);
-  bench.hit(bench.only("in_port=1").installed->rule);
-  EXPECT_THAT(bench.book.planExpiry(bench.now).steps, IsEmpty());
-  bench.now += std::chrono::milliseconds(1);
-  FlowBook::Plan plan = bench.book.planExpiry(bench.now);
-  EXPECT_EQ(plan.expiredHard, 1);
-  EXPECT_EQ(plan.expiredIdle, 0);
-  EXPECT_EQ(bench.make(std::move(plan)).removed(), 1);
-  EXPECT_THAT(bench.texts(), IsEmpty());
-}
-
-TEST(FlowBook, IdleTimeoutCountsFromTheLastPacket) {
-  BookBench bench;
-  bench.add("idle_timeout=3,ip,actions=dec_ttl,output:2");
-  const auto view = bench.only("ip");
-  for (int second = 0; second < 20; second++) {
-    bench.now += std::chrono::seconds(1);
-    // A packet that the guard drops has used the flow, too.
-    if (second % 2 == 0) {
-      bench.hit(view.installed->guards[0]);
-    }
-    EXPECT_THAT(bench.book.planExpiry(bench.now).steps, IsEmpty()) << second;
-  }
-  EXPECT_EQ(bench.only("ip").lastUsed, bench.now - std::chrono::seconds(1));
-  bench.now += std::chrono::seconds(2);
-  FlowBook::Plan plan = bench.book.planExpiry(bench.now);
-  EXPECT_EQ(plan.expiredIdle, 1);
-  EXPECT_EQ(plan.expiredHard, 0);
-  bench.make(std::move(plan));
-  EXPECT_THAT(bench.texts(), IsEmpty());
-}
 
 }  // namespace
 }  // namespace ofswitch

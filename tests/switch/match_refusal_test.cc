@@ -45,6 +45,7 @@ const RefusalCase kCases[] = {
     {"tcp,tp_dst=-1", "tp_dst=-1: \"-1\" is not a number"},
     {"tcp,tp_dst=0x", "tp_dst=0x: \"0x\" is not a number"},
     {"tcp,tp_dst=09", "tp_dst=09: \"09\" is not a number"},
+    {"tcp,tp_dst=08", "tp_dst=08: \"08\" is not a number"},
     {"ip,nw_ttl=99999999999999999999",
      "nw_ttl=99999999999999999999: \"99999999999999999999\" is not a number"},
     {"dl_src=00:00:00:00:01",
