@@ -2,19 +2,16 @@
 //
 // ofswitch run: the switch itself, in the foreground until it is told to stop.
 #include <fmt/core.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "switch/commands/commands.h"
 #include "switch/commands/service_notice.h"
+#include "switch/commands/stop_request.h"
 #include "switch/control/control_server.h"
 #include "switch/flow/diagnostic.h"
 #include "switch/flow/flow_reader.h"
@@ -27,22 +24,12 @@
 namespace ofswitch {
 namespace {
 
-constexpr auto kStopTime = std::chrono::milliseconds(1800);
+constexpr char kLoading[] = "while flows were being loaded";
 
 struct RunOptions {
   std::string config = kDefaultConfig;
   bool check = false;
 };
-
-// The signals that end the switch. Blocked before any thread is made, so that
-// only this one takes them.
-sigset_t stopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  return signals;
-}
 
 std::string workersText(const SwitchConfig& config) {
   std::string cores;
@@ -83,6 +70,13 @@ void printEnd(const pb::StatsReply& stats) {
 // What can be said without starting anything.
 int check(const SwitchConfig& config) {
   checkControlAddress(config);
+  const std::string obstacle = metricsObstacle(config.metricsAddress);
+  if (!obstacle.empty()) {
+    fmt::print(stderr,
+               "note: metrics: {}: {}; if it is not this switch that runs and "
+               "has it, give another address, or \"metrics: false\"\n",
+               config.metricsAddress, obstacle);
+  }
   size_t flows = 0;
   size_t refusals = 0;
   for (const std::string& path : config.flowFiles) {
@@ -117,26 +111,27 @@ void printDoor(const SwitchConfig& config) {
   }
 }
 
-// A classifier that is being built cannot be interrupted and may take longer
-// than whoever stops the switch waits.
-void exitInTime() {
-  std::thread([] {
-    std::this_thread::sleep_for(kStopTime);
-    fmt::print(stderr, "ofswitch: stopped while flows were being changed\n");
-    _exit(0);
-  }).detach();
+// What a switch that is told to stop may have to wait for.
+const char* workOf(const LiveSwitch& live) {
+  return live.isChangingFlows() ? "while flows were being changed"
+                                : "before its ports were closed";
 }
 
 int run(const RunOptions& options) {
   SwitchConfig config = loadConfig(options.config);
   if (options.check) return check(config);
   config.dpdkTelemetry = true;
-  const sigset_t signals = stopSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
+  StopRequest stop;
+  stop.setWork(kLoading);
   ControlSockets sockets(config);
+  stop.setFile(config.controlSocket);
   LiveSwitch live(config);
-  live.start();
+  try {
+    live.start([&stop] { return stop.isMade(); });
+  } catch (const StartCancelled&) {
+    fmt::print("stopped {}\n", kLoading);
+    return 0;
+  }
   const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
   const DpdkTelemetry telemetry(live);
   ControlServer control(std::move(sockets), &live);
@@ -144,11 +139,11 @@ int run(const RunOptions& options) {
   fmt::print("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
   tellServiceManager("READY=1");
-  int signal = 0;
-  sigwait(&signals, &signal);
+  stop.wait();
   tellServiceManager("STOPPING=1");
-  exitInTime();
+  stop.setWork(workOf(live));
   control.stop();
+  stop.setWork(workOf(live));
   printEnd(live.stop());
   return 0;
 }

@@ -61,6 +61,7 @@ void readPort(YamlSection& section, SwitchConfig* config) {
 void readWorkers(YamlSection& file, SwitchConfig* config) {
   file.each("workers", [&](const YAML::Node& node) {
     config->workers.clear();
+    config->workersPlace = file.place(node);
     if (node.IsScalar()) {
       config->workers.assign(file.toNumber(node, "workers", 1, kMaxWorkers),
                              -1);

@@ -27,6 +27,7 @@ struct SwitchConfig {
   std::vector<PortConfig> ports;  // ascending by number
   // The core of each worker; -1 leaves a worker to the system's scheduler.
   std::vector<int> workers = {-1};
+  std::string workersPlace;  // "switch.yaml:5", where they stand
 
   size_t memoryMb = 512;
   bool hugepages = false;

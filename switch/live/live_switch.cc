@@ -17,9 +17,12 @@ LiveSwitch::LiveSwitch(SwitchConfig config, Now now)
 
 LiveSwitch::~LiveSwitch() { stop(); }
 
-void LiveSwitch::start() { impl_->start(); }
+void LiveSwitch::start(const std::function<bool()>& isCancelled) {
+  impl_->start(isCancelled);
+}
 pb::StatsReply LiveSwitch::stop() { return impl_->stop(); }
 bool LiveSwitch::running() const { return impl_->running_; }
+bool LiveSwitch::isChangingFlows() const { return impl_->isProgramming_; }
 const SwitchConfig& LiveSwitch::config() const { return impl_->config_; }
 
 std::vector<std::string> LiveSwitch::startNotes() const {

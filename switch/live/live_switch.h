@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -32,6 +33,11 @@ namespace ofswitch {
 // Why a switch cannot start: one line for a person.
 struct StartError : std::runtime_error {
   using std::runtime_error::runtime_error;
+};
+
+// Whoever started it wanted it no more.
+struct StartCancelled : std::exception {
+  const char* what() const noexcept override { return "cancelled"; }
 };
 
 // A request of an operator that is wrong: one line for a person. Nothing has
@@ -62,13 +68,17 @@ class LiveSwitch {
 
   // Once. Starts the environment, opens the ports, loads the flow files, then
   // lets the workers run. Throws StartError, and has then undone what it did.
-  void start();
+  // Asks between the builds of classifiers whether it is to go on, and throws
+  // StartCancelled if not.
+  void start(const std::function<bool()>& isCancelled = {});
 
   // Stops receiving, sends what was received, takes everything apart. Answers
   // the final statistics, which are exact.
   pb::StatsReply stop();
 
   bool running() const;
+  // Whether classifiers are being built now.
+  bool isChangingFlows() const;
   const SwitchConfig& config() const;
 
   // Lines for an operator about the start that are no errors, e.g. what

@@ -35,6 +35,10 @@ void addRefusals(const std::vector<Diagnostic>& from,
   }
 }
 
+void checkCancelled(const std::function<bool()>& isCancelled) {
+  if (isCancelled && isCancelled()) throw StartCancelled();
+}
+
 }  // namespace
 
 LiveSwitch::Impl::Impl(SwitchConfig config, Now now)
@@ -48,17 +52,19 @@ SwitchPorts LiveSwitch::Impl::portNumbers() const {
   return portNumbersOf(config_);
 }
 
-void LiveSwitch::Impl::start() {
+void LiveSwitch::Impl::start(const std::function<bool()>& isCancelled) {
   const std::vector<Flow> flows = readFlowFiles();
+  checkCancelled(isCancelled);
   graph_ = std::make_unique<SwitchGraph>(config_);
   try {
     for (const auto& [facility, mask] : config_.logLevels) {
       Mio::setTraceLevels(facility, mask);
     }
     graph_->makeOutputs();
-    loadFlows(flows);
+    loadFlows(flows, isCancelled);
     graph_->startWorkers();
   } catch (...) {
+    isProgramming_ = false;
     programmer_.reset();
     graph_.reset();
     throw;
@@ -109,7 +115,7 @@ void LiveSwitch::Impl::expire() {
     const uint64_t idle = plan.expiredIdle;
     const uint64_t hard = plan.expiredHard;
     pb::FlowChangeReply reply;
-    programmer_->make(std::move(plan), now, {}, &reply);
+    program(std::move(plan), {}, &reply);
     if (reply.applied()) {
       expiredIdle_ += idle;
       expiredHard_ += hard;
@@ -186,7 +192,8 @@ std::vector<Flow> LiveSwitch::Impl::readFlowFiles() const {
   return flows;
 }
 
-void LiveSwitch::Impl::loadFlows(const std::vector<Flow>& flows) {
+void LiveSwitch::Impl::loadFlows(const std::vector<Flow>& flows,
+                                 const std::function<bool()>& isCancelled) {
   programmer_ = std::make_unique<FlowProgrammer>(&book_, graph_->door());
   pb::FlowChangeReply reply;
   onControl([&] {
@@ -194,7 +201,10 @@ void LiveSwitch::Impl::loadFlows(const std::vector<Flow>& flows) {
     addRefusals(plan.refusals, reply.mutable_refusals());
     for (const Diagnostic& note : plan.notes) notes_.push_back(note.text());
     if (plan.refusals.empty()) {
-      programmer_->make(std::move(plan), now_(), {}, &reply);
+      program(
+          std::move(plan),
+          [&](const pb::FlowProgress&) { checkCancelled(isCancelled); },
+          &reply);
     }
   });
   if (reply.refusals_size() > 0) {
@@ -220,9 +230,15 @@ void LiveSwitch::Impl::make(const pb::FlowChange& change,
   addRefusals(plan.refusals, reply->mutable_refusals());
   addRefusals(plan.notes, reply->mutable_notes());
   if (!plan.refusals.empty()) return;
-  programmer_->make(std::move(plan), now_(),
-                    change.progress() ? progress : Progress(), reply);
+  program(std::move(plan), change.progress() ? progress : Progress(), reply);
   changes_ += reply->applied();
+}
+
+void LiveSwitch::Impl::program(FlowBook::Plan plan, const Progress& progress,
+                               pb::FlowChangeReply* reply) {
+  isProgramming_ = true;
+  programmer_->make(std::move(plan), now_(), progress, reply);
+  isProgramming_ = false;
 }
 
 FlowBook::Plan LiveSwitch::Impl::planOf(const pb::FlowChange& change,

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -46,7 +47,7 @@ class LiveSwitch::Impl {
   }
 
   // From the caller's thread.
-  void start();
+  void start(const std::function<bool()>& isCancelled);
   pb::StatsReply stop();
   pb::FlowChangeReply change(const pb::FlowChange& change,
                              const Progress& progress);
@@ -60,7 +61,8 @@ class LiveSwitch::Impl {
 
   const SwitchConfig config_;
   const Now now_;
-  std::atomic<bool> running_ = false;  // any thread
+  std::atomic<bool> running_ = false;        // any thread
+  std::atomic<bool> isProgramming_ = false;  // any thread
   CounterPool counters_;
   FlowBook book_;
   std::unique_ptr<SwitchGraph> graph_;
@@ -69,7 +71,10 @@ class LiveSwitch::Impl {
 
  private:
   std::vector<Flow> readFlowFiles() const;
-  void loadFlows(const std::vector<Flow>& flows);
+  void loadFlows(const std::vector<Flow>& flows,
+                 const std::function<bool()>& isCancelled);
+  void program(FlowBook::Plan plan, const Progress& progress,
+               pb::FlowChangeReply* reply);
   void make(const pb::FlowChange& change, const FlowRequest& request,
             const Progress& progress, pb::FlowChangeReply* reply);
   FlowBook::Plan planOf(const pb::FlowChange& change,

@@ -161,7 +161,12 @@ void SwitchGraph::makeController() {
 void SwitchGraph::startWorkers() {
   for (size_t i = 0; i < config_.workers.size(); i++) {
     SwitchWorker worker{static_cast<int>(i), config_.workers[i], {}};
-    require(Worker::Add(worker.wid, worker.core));
+    if (const std::string error = Worker::Add(worker.wid, worker.core);
+        !error.empty()) {
+      throw StartError(config_.workersPlace.empty()
+                           ? error
+                           : config_.workersPlace + ": workers: " + error);
+    }
     workers_.push_back(worker);
     bess::ControlThread::Instance().Run(
         [&] { bessCounterDb.create(worker.wid, config_.counters); });

@@ -37,6 +37,10 @@ void YamlSection::failAt(const YAML::Node& node,
   throw ConfigError(Diagnostic{file_, line, reason}.text());
 }
 
+std::string YamlSection::place(const YAML::Node& node) const {
+  return fmt::format("{}:{}", file_, node.Mark().line + 1);
+}
+
 void YamlSection::fail(const std::string& reason) const {
   failAt(node_, reason);
 }

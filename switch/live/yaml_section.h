@@ -45,6 +45,8 @@ class YamlSection {
   [[noreturn]] void fail(const std::string& reason) const;
   [[noreturn]] void failAt(const YAML::Node& node,
                            const std::string& reason) const;
+  // "switch.yaml:5"
+  std::string place(const YAML::Node& node) const;
   uint64_t toNumber(const YAML::Node& node, const char* key, uint64_t least,
                     uint64_t most) const;
   std::string toText(const YAML::Node& node, const char* key) const;

@@ -52,16 +52,22 @@ class Socket {
   int fd_;
 };
 
-// Why nobody can listen there; the HTTP server does not tell.
-std::string whyNot(const ListenAddress& address) {
+// 0 when somebody could listen there.
+int bindError(const ListenAddress& address) {
   const Socket probe;
   const sockaddr_in where = address.socketAddress();
   const int on = 1;
   setsockopt(probe.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   return bind(probe.fd(), reinterpret_cast<const sockaddr*>(&where),
               sizeof(where)) == 0
-             ? "the HTTP server does not start"
-             : std::strerror(errno);
+             ? 0
+             : errno;
+}
+
+// Why nobody can listen there; the HTTP server does not tell.
+std::string whyNot(const ListenAddress& address) {
+  const int error = bindError(address);
+  return error == 0 ? "the HTTP server does not start" : std::strerror(error);
 }
 
 void knock(const ListenAddress& address) {
@@ -87,6 +93,13 @@ std::unique_ptr<prometheus::Exposer> listen(const ListenAddress& address) {
 }
 
 }  // namespace
+
+std::string metricsObstacle(const std::string& text) {
+  const std::optional<ListenAddress> address = parseListenAddress(text);
+  if (!address || address->port == 0) return "";
+  const int error = bindError(*address);
+  return error == 0 ? "" : std::strerror(error);
+}
 
 MetricsServer::MetricsServer(const LiveSwitch& live, const std::string& text,
                              size_t mostFlows)

@@ -15,6 +15,9 @@ class Exposer;
 
 namespace ofswitch {
 
+// Why nothing can listen at such an address now, or nothing.
+std::string metricsObstacle(const std::string& address);
+
 // Serves /metrics to Prometheus, over HTTP. Every scrape reads the switch anew,
 // on the host's command thread: workers do not notice, but a scrape waits while
 // flows are being changed.

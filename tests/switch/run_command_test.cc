@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -21,6 +23,7 @@ using namespace std::chrono_literals;
 using ofswitch::RunningSwitch;
 using openflow_test::ScratchDir;
 using testing::HasSubstr;
+using testing::Not;
 using Clock = std::chrono::steady_clock;
 
 class RunCommand : public testing::Test {
@@ -122,6 +125,70 @@ TEST_F(RunCommand, ChecksWithoutStarting) {
   EXPECT_EQ(process.end(0), 1);
   EXPECT_THAT(process.log(), HasSubstr(flows + ":1: "));
   EXPECT_THAT(process.log(), HasSubstr("0 flows, 1 refused\n"));
+}
+
+TEST_F(RunCommand, TellsWhereACoreStandsThatIsNotThere) {
+  write("flows.txt", "");
+  std::string text = kConfig;
+  text.replace(text.find("workers: 2"), 10, "workers: [0, 1023]");
+  const std::string config = write("switch.yaml", text);
+  RunningSwitch process(config, dir_ / "log");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_THAT(process.log(),
+              HasSubstr("ofswitch: " + config + ":4: workers: worker 1: "));
+}
+
+TEST_F(RunCommand, NotesAMetricsPortThatIsTaken) {
+  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  auto* where = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(other, where, length), 0);
+  ASSERT_EQ(listen(other, 1), 0);
+  ASSERT_EQ(getsockname(other, where, &length), 0);
+  const std::string taken =
+      "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  write("flows.txt", "");
+  std::string text = kConfig;
+  text.replace(text.find("metrics: false"), 14, "metrics: " + taken);
+  const std::string config = write("switch.yaml", text);
+  RunningSwitch process(config, dir_ / "log", "--check");
+  EXPECT_EQ(process.end(0), 0);
+  EXPECT_EQ(process.log(),
+            "note: metrics: " + taken +
+                ": Address already in use; if it is not this switch that runs "
+                "and has it, give another address, or \"metrics: false\"\n" +
+                config + ": 2 ports, 2 workers, 0 flows, 0 refused\n");
+  close(other);
+}
+
+TEST_F(RunCommand, StopsSoonWhileItLoadsItsFlows) {
+  constexpr int kTables = 32;
+  constexpr int kFlows = 1500;
+  std::string flows;
+  for (int table = 0; table < kTables; table++) {
+    for (int i = 0; i < kFlows; i++) {
+      flows += "table=" + std::to_string(table) + ",tcp,nw_dst=10." +
+               std::to_string(i / 256) + "." + std::to_string(i % 256) +
+               ".0/24,tp_dst=" + std::to_string(i % 1000 + 1) +
+               ",actions=dec_ttl,output:2\n";
+    }
+  }
+  write("flows.txt", flows);
+  const std::string config = write("switch.yaml", kConfig);
+  RunningSwitch process(config, dir_ / "log");
+  const std::string door = dir_ / "control.sock";
+  while (!std::filesystem::exists(door)) std::this_thread::sleep_for(5ms);
+  std::this_thread::sleep_for(300ms);
+  const auto start = Clock::now();
+  EXPECT_EQ(process.end(SIGTERM), 0);
+  EXPECT_LT(Clock::now() - start, 2500ms);
+  EXPECT_THAT(process.log(),
+              HasSubstr("stopped while flows were being loaded\n"));
+  EXPECT_THAT(process.log(), Not(HasSubstr("running: ")));
+  EXPECT_FALSE(std::filesystem::exists(door));
 }
 
 TEST_F(RunCommand, RefusesBadFlowsBeforeAnythingStarts) {

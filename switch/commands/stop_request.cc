@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/commands/stop_request.h"
+
+#include <fmt/core.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <mutex>
+
+namespace ofswitch {
+namespace {
+
+constexpr auto kStopTime = std::chrono::milliseconds(1800);
+
+sigset_t blockedSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+}  // namespace
+
+// Outlives who made it once the signal has come: the thread keeps the time
+// until the process has ended.
+struct StopRequest::State {
+  const sigset_t signals = blockedSignals();
+  const int signal = signalfd(-1, &signals, SFD_CLOEXEC);
+  const int given_up = eventfd(0, EFD_CLOEXEC);
+  std::atomic<bool> isMade = false;
+  std::atomic<const char*> work = "";
+  std::mutex mutex;
+  std::string file;
+
+  ~State() {
+    close(signal);
+    close(given_up);
+  }
+};
+
+StopRequest::StopRequest()
+    : state_(std::make_shared<State>()),
+      thread_([state = state_] { serve(state.get()); }) {}
+
+StopRequest::~StopRequest() {
+  if (isMade()) {
+    thread_.detach();
+    return;
+  }
+  const uint64_t one = 1;
+  if (write(state_->given_up, &one, sizeof(one)) < 0) std::terminate();
+  thread_.join();
+}
+
+bool StopRequest::isMade() const { return state_->isMade; }
+
+void StopRequest::wait() { state_->isMade.wait(false); }
+
+void StopRequest::setWork(const char* work) { state_->work = work; }
+
+void StopRequest::setFile(const std::string& path) {
+  const std::lock_guard lock(state_->mutex);
+  state_->file = path;
+}
+
+void StopRequest::serve(State* state) {
+  pollfd polled[] = {{state->signal, POLLIN, 0}, {state->given_up, POLLIN, 0}};
+  while (poll(polled, 2, -1) <= 0) {
+  }
+  if (polled[0].revents == 0) return;
+  state->isMade = true;
+  state->isMade.notify_all();
+  std::this_thread::sleep_for(kStopTime);
+  fmt::print(stderr, "ofswitch: stopped {}\n", state->work.load());
+  const std::lock_guard lock(state->mutex);
+  if (!state->file.empty()) unlink(state->file.c_str());
+  _exit(0);
+}
+
+}  // namespace ofswitch
