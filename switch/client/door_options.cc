@@ -54,6 +54,14 @@ void addDoorOptions(CLI::App* command, DoorOptions* options) {
           ->type_name("FILE.pem")
           ->needs(certificate)
           ->group(kGroup);
+  command
+      ->add_option("--wait", options->wait,
+                   "How long a switch that is still loading its flows may take "
+                   "to answer")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.1, 86400.0))
+      ->capture_default_str()
+      ->group(kGroup);
   ca->needs(key);
   certificate->needs(key);
 }

@@ -14,11 +14,13 @@ struct DoorOptions {
   std::string tlsCa = {};
   std::string tlsCertificate = {};
   std::string tlsKey = {};
+  // Seconds that a switch has to answer, for one that is still starting.
+  double wait = 30;
 
   std::string socketPath() const;
 };
 
-// Adds --socket, --address and the --tls options to a command.
+// Adds --socket, --address, --wait and the --tls options to a command.
 void addDoorOptions(CLI::App* command, DoorOptions* options);
 
 }  // namespace ofswitch

@@ -3,9 +3,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <functional>
 
 #include "switch/client/probe.h"
 #include "switch/flow/file_text.h"
@@ -15,8 +18,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A switch opens its door first and answers when its flows are loaded.
-constexpr auto kPatience = 60s;
+// A switch opens its door first and answers when its flows are loaded. Who
+// waits longer than this is told so.
+constexpr auto kQuietTime = 2s;
 
 std::shared_ptr<grpc::ChannelCredentials> credentials(const DoorOptions& door) {
   if (door.tlsCa.empty()) return grpc::InsecureChannelCredentials();
@@ -37,17 +41,39 @@ std::string percentEncoded(const std::string& path) {
   return encoded;
 }
 
-bool isReady(grpc::Channel* channel) {
-  const auto deadline = std::chrono::system_clock::now() + kPatience;
-  grpc_connectivity_state state = channel->GetState(true);
-  while (state != GRPC_CHANNEL_READY) {
-    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE ||
-        !channel->WaitForStateChange(state, deadline)) {
-      return false;
-    }
-    state = channel->GetState(true);
+enum class Answer { kReady, kNone, kWrong };
+
+// How the switch takes the connection. `tellWaiting` is called when that takes
+// long.
+Answer waitForAnswer(grpc::Channel* channel, std::chrono::milliseconds patience,
+                     const std::function<void()>& tellWaiting) {
+  const auto start = std::chrono::system_clock::now();
+  bool isTold = false;
+  while (true) {
+    const grpc_connectivity_state state = channel->GetState(true);
+    if (state == GRPC_CHANNEL_READY) return Answer::kReady;
+    if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) return Answer::kWrong;
+    const auto limit =
+        isTold ? patience
+               : std::min<std::chrono::milliseconds>(kQuietTime, patience);
+    if (channel->WaitForStateChange(state, start + limit)) continue;
+    if (limit == patience) return Answer::kNone;
+    tellWaiting();
+    isTold = true;
   }
-  return true;
+}
+
+// What to try with a peer that speaks, but not as a switch does.
+std::string remedy(const DoorOptions& door) {
+  if (door.address.empty()) return "";
+  return door.tlsCa.empty()
+             ? "; it may want --tls-ca, --tls-cert and --tls-key"
+             : "; it may not use TLS, or not trust the certificate, or not be "
+               "named in its own";
+}
+
+std::chrono::milliseconds patienceOf(const DoorOptions& door) {
+  return std::chrono::milliseconds(static_cast<int64_t>(door.wait * 1000));
 }
 
 std::shared_ptr<grpc::Channel> makeChannel(const DoorOptions& door) {
@@ -56,9 +82,9 @@ std::shared_ptr<grpc::Channel> makeChannel(const DoorOptions& door) {
   grpc::ChannelArguments arguments;
   arguments.SetMaxReceiveMessageSize(-1);
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-  arguments.SetInt(
-      GRPC_ARG_MIN_RECONNECT_BACKOFF_MS,
-      static_cast<int>(std::chrono::milliseconds(kPatience).count()));
+  // It gives up by itself after this time, and must not before we do.
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS,
+                   static_cast<int>((patienceOf(door) + 5s).count()));
   const std::string target = door.address.empty()
                                  ? "unix:" + percentEncoded(door.socketPath())
                                  : "dns:///" + door.address;
@@ -75,16 +101,23 @@ SwitchClient::SwitchClient(const DoorOptions& door)
                                    : probeAddress(door.address);
   if (!obstacle.empty()) throw ClientError(where_ + ": " + obstacle);
   channel_ = makeChannel(door);
-  if (!isReady(channel_.get())) {
+  const Answer answer = waitForAnswer(channel_.get(), patienceOf(door), [&] {
+    fmt::print(stderr,
+               "ofswitch: {}: waiting up to {:g} s for an answer; the switch "
+               "may still be loading its flows\n",
+               where_, door.wait);
+  });
+  if (answer == Answer::kNone) {
     throw ClientError(fmt::format(
-        "{}: something listens there, but it does not answer as a switch "
-        "does{}",
-        where_,
-        door.address.empty() ? ""
-        : door.tlsCa.empty() ? "; it may want --tls-ca, --tls-cert and "
-                               "--tls-key"
-                             : "; it may not use TLS, or not trust the "
-                               "certificate, or not be named in its own"));
+        "{}: something listens there, but it did not answer within {:g} s; if "
+        "it is a switch that loads many flows, say --wait SECONDS",
+        where_, door.wait));
+  }
+  if (answer == Answer::kWrong) {
+    throw ClientError(
+        fmt::format("{}: something listens there, but it does "
+                    "not answer as a switch does{}",
+                    where_, remedy(door)));
   }
   stub_ = pb::Switch::NewStub(channel_);
 }

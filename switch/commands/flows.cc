@@ -18,6 +18,7 @@
 #include "switch/client/message_json.h"
 #include "switch/client/switch_client.h"
 #include "switch/commands/commands.h"
+#include "switch/control/message_codec.h"
 #include "switch/terminal/amounts.h"
 
 namespace ofswitch {
@@ -88,6 +89,18 @@ void printReply(const pb::FlowChangeReply& reply, bool verbose) {
   }
 }
 
+// The switch would only say that a message was too long.
+void checkLength(const pb::FlowChange& request) {
+  const size_t bytes = request.ByteSizeLong();
+  if (bytes > kLargeMessage.bytes) {
+    throw ClientError(fmt::format(
+        "flows: {} bytes of flow text, at most {} are taken at once; split "
+        "the file and use \"flows add\" for each part, or look with "
+        "\"ofswitch check\" whether it holds flows at all",
+        bytes, kLargeMessage.bytes));
+  }
+}
+
 int change(const FlowOptions& options, const FlowSources& sources,
            pb::FlowOperation operation) {
   pb::FlowChange request;
@@ -95,6 +108,7 @@ int change(const FlowOptions& options, const FlowSources& sources,
   request.set_strict(options.strict);
   request.set_reset_counts(options.resetCounts);
   sources.fill(&request);
+  checkLength(request);
   SwitchClient client(options.door);
   pb::FlowChangeReply reply = changeFlows(&client, std::move(request));
   replaceLines(sources, reply.mutable_refusals());

@@ -184,6 +184,17 @@ TEST_F(FlowsCommand, TellsOfFilesThatCannotBeRead) {
   EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_UNSPECIFIED);
 }
 
+TEST_F(FlowsCommand, TellsHowLongAFileMayBe) {
+  write("long.txt", std::string(100'000'000, 'x'));
+  run("flows add --file long.txt");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(err_, testing::MatchesRegex(
+                        "ofswitch: flows: 10000[0-9]+ bytes of flow text, at "
+                        "most 67108864 are taken at once; split the file and "
+                        "use \"flows add\" for each part, or look with "
+                        "\"ofswitch check\" whether it holds flows at all\n"));
+}
+
 TEST_F(FlowsCommand, DeletesWhatFiltersSelect) {
   run("flows del --strict table=3,priority=7,tcp in_port=1");
   EXPECT_EQ(status_, 0) << err_;

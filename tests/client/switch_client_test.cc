@@ -8,11 +8,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
 
+#include "tests/captures/capture_files.h"
 #include "tests/client/fake_switch.h"
 
 namespace ofswitch {
@@ -121,6 +123,38 @@ TEST(SwitchClient, TellsOfAPeerThatIsNoSwitch) {
                 ": something listens there, but it does not answer as a "
                 "switch does; it may want --tls-ca, --tls-cert and --tls-key");
   peer.join();
+  close(fd);
+}
+
+// It accepts, since the kernel does so for it, and says nothing.
+TEST(SwitchClient, TellsOfAPeerThatIsSilent) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "control.sock";
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
+            0);
+  ASSERT_EQ(listen(fd, 8), 0);
+
+  const auto start = std::chrono::steady_clock::now();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(whyNot({.socket = path, .wait = 0.5}),
+            "control socket " + path +
+                ": something listens there, but it did not answer within 0.5 "
+                "s; if it is a switch that loads many flows, say --wait "
+                "SECONDS");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+
+  testing::internal::CaptureStderr();
+  EXPECT_THAT(whyNot({.socket = path, .wait = 2.5}),
+              HasSubstr("did not answer within 2.5 s"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ofswitch: control socket " + path +
+                ": waiting up to 2.5 s for an answer; the switch may still be "
+                "loading its flows\n");
   close(fd);
 }
 
