@@ -40,7 +40,16 @@ CommandResponse CaptureSink::Init(const bess::pb::CaptureSinkArg& arg) {
   return CommandSuccess();
 }
 
-void CaptureSink::DeInit() { Finish(); }
+// Who did not come to call Finish does not know the file to be whole.
+void CaptureSink::DeInit() {
+  if (finished_) {
+    return;
+  }
+  for (Lane& lane : lanes_) {
+    EndBurst(&lane);
+  }
+  writer_.reset();
+}
 
 void CaptureSink::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   Lane& lane = lanes_[ctx->wid];

@@ -99,6 +99,19 @@ class CaptureModules : public testing::Test {
   size_t freeBefore_;
 };
 
+// As when who plays it fails in the midst.
+TEST_F(CaptureModules, AFileThatNobodyFinishedKeepsItsOtherName) {
+  std::vector<CaptureRow> rows;
+  for (uint64_t i = 0; i < 100; i++) rows.push_back({i, text(flow(i)), 0});
+  writeFile(dir_ / "in", captureBytes(rows));
+  play({source({{3, dir_ / "in"}})}, sink(dir_ / "out"));
+  Worker::StopAll();
+  bess::DestroyAllModules();
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
+  const std::string part = readFile(CaptureSink::PartOf(dir_ / "out"));
+  EXPECT_EQ(part.substr(24), captureBytes(rows).substr(24));
+}
+
 TEST_F(CaptureModules, WhatGoesInComesOutWithItsTime) {
   std::vector<CaptureRow> rows;
   for (uint64_t i = 0; i < 100; i++) {
