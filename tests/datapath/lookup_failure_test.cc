@@ -145,6 +145,24 @@ TEST_F(LookupFailure, InTheFirstAMiddleAndTheLastTableOfAChain) {
   }
 }
 
+TEST_F(LookupFailure, BothFamiliesNeedASlot) {
+  addBoth();
+  OpenFlowTable& table = OpenFlowPeer::table(harness().module(), 0);
+  const auto expectDropped = [&] {
+    const RunResult result = harness().run({tcpFrame()});
+    EXPECT_EQ(result.numEmitted(), 0u);
+    EXPECT_EQ(result.table(0).noAclCtx, 1u);
+    EXPECT_EQ(result.table(0).batchDrops, 1u);
+  };
+  QuilModules::AclCtx* slot = std::exchange(table.ipv4.aclCtx, nullptr);
+  expectDropped();
+  table.ipv4.aclCtx = slot;
+  slot = std::exchange(table.ipv6.aclCtx, nullptr);
+  expectDropped();
+  table.ipv6.aclCtx = slot;
+  runOne(tcpFrame(), 1);
+}
+
 using LookupDeathTest = LookupFailure;
 
 // What an update leaves that had no memory for a flow's action.

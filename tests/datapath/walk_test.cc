@@ -34,6 +34,24 @@ TEST_F(Walk, NoStartTableMeansZero) {
   EXPECT_EQ(result.drops, 2u);
 }
 
+TEST_F(Walk, EmptyBatchIsNoBatchForTableZero) {
+  const RunResult result = run({});
+  EXPECT_TRUE(result.tables.empty()) << result;
+}
+
+// Beside a packet that has one.
+TEST_F(Walk, StartTableThatIsNotValidMeansZero) {
+  add(0, {Flow(1, 10).output({1})});
+  add(5, {Flow(2, 10).output({2})});
+  MetadataBlock stale = MetadataBlock{}.withStartTable(5);
+  stale.flags = 0;
+  const RunResult result =
+      run({InputPacket(tcpFrame(), MetadataBlock{}.withStartTable(5)),
+           InputPacket(tcpFrame(), stale)});
+  EXPECT_EQ(result.gate(1).size(), 1u);
+  EXPECT_EQ(result.gate(2).size(), 1u);
+}
+
 TEST_F(Walk, StartTablesAreVisitedInAscendingOrder) {
   add(2, {any().output({1})});
   add(7, {any().output({1})});
