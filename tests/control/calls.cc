@@ -166,8 +166,11 @@ cds_lfht* _cds_lfht_new(unsigned long initSize, unsigned long minBuckets,
 
 int cds_lfht_destroy(cds_lfht* table, pthread_attr_t** attributes) {
   static auto* real = next<decltype(cds_lfht_destroy)>("cds_lfht_destroy");
-  state().tablesDestroyed.push_back(table);
-  state().order.push_back(table);
+  {
+    const std::lock_guard lock(Calls::mutex);
+    state().tablesDestroyed.push_back(table);
+    state().order.push_back(table);
+  }
   const int result = real(table, attributes);
   return state().failTableDestroy.strikes() ? -EBUSY : result;
 }
