@@ -11,35 +11,16 @@
 
 #include <array>
 
+#include "tests/thread_sanitizer/ignore.h"
 #include "tests/thread_sanitizer/next.h"
 
-// ThreadSanitizer's own; its header does not declare them.
-extern "C" {
-void AnnotateIgnoreReadsBegin(const char* file, int line);
-void AnnotateIgnoreReadsEnd(const char* file, int line);
-void AnnotateIgnoreWritesBegin(const char* file, int line);
-void AnnotateIgnoreWritesEnd(const char* file, int line);
-}
-
+using tsan_models::Ignore;
 using tsan_models::next;
 
 namespace {
 
 char heap;
 char lcores;
-
-// While DPDK is inside its own memory, whose locks nobody sees.
-class Ignore {
- public:
-  Ignore() {
-    AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
-    AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
-  }
-  ~Ignore() {
-    AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
-    AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
-  }
-};
 
 void* allocated(void* memory) {
   __tsan_acquire(&heap);
