@@ -44,6 +44,9 @@ const RefusalCase kCases[] = {
     {"tcp,tp_dst=http", "tp_dst=http: \"http\" is not a number"},
     {"tcp,tp_dst=-1", "tp_dst=-1: \"-1\" is not a number"},
     {"tcp,tp_dst=0x", "tp_dst=0x: \"0x\" is not a number"},
+    {"tcp,tcp_flags=syn|ack|fin",
+     "tcp_flags=syn|ack|fin: the module reads the flags fin to cwr, not the "
+     "four above them; write tcp_flags=0x13/0xff"},
     {"tcp,tp_dst=09", "tp_dst=09: \"09\" is not a number"},
     {"tcp,tp_dst=08", "tp_dst=08: \"08\" is not a number"},
     {"ip,nw_ttl=99999999999999999999",
