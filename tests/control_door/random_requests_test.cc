@@ -11,44 +11,15 @@
 
 #include "tests/control_door/control_bench.h"
 #include "tests/control_door/resident_bytes.h"
-#include "tests/support/frame.h"
+#include "tests/control_door/traffic.h"
 
 namespace ofswitch {
 namespace {
 
 using namespace std::chrono_literals;
-using openflow_test::Frame;
-using openflow_test::ip4;
 
 constexpr int kRequests = 6000;
 constexpr unsigned kClients = 3;
-
-// Packets without a pause, until it is destroyed.
-class Traffic {
- public:
-  explicit Traffic(LiveBench* bench)
-      : thread_([this, bench] {
-          const Frame frame =
-              Frame::eth().ipv4(ip4("10.0.0.1"), ip4("10.0.0.2")).tcp(1000, 80);
-          while (!ending_) {
-            bench->receive(1, frame, 32);
-            sent_ += 32;
-          }
-        }) {}
-  ~Traffic() { end(); }
-
-  uint64_t end() {
-    ending_ = true;
-    if (thread_.joinable()) thread_.join();
-    return sent_;
-  }
-  uint64_t sent() const { return sent_; }
-
- private:
-  std::atomic<bool> ending_ = false;
-  std::atomic<uint64_t> sent_ = 0;
-  std::thread thread_;
-};
 
 using Answers = std::map<int, int>;  // by status code
 
