@@ -184,5 +184,21 @@ TEST(FlowRequest, TakesOrRefusesAnything) {
   EXPECT_LT(taken, 19000);
 }
 
+TEST(FlowRequest, AFilterIsTextOrAMessage) {
+  pb::FlowFilter filter;
+  filter.mutable_flow();
+  EXPECT_FALSE(readFlowFilter(filter).table.has_value());
+  filter.set_text("table=3");
+  try {
+    readFlowFilter(filter);
+    FAIL();
+  } catch (const Refused& reason) {
+    EXPECT_STREQ(reason.what(),
+                 "a filter is given as text or as a message, not both");
+  }
+  filter.clear_flow();
+  EXPECT_EQ(readFlowFilter(filter).table, 3);
+}
+
 }  // namespace
 }  // namespace ofswitch
