@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Copies of packets: what they have of the packet, and what they have not.
-#include "packet.h"
-
 #include <set>
 
+#include "packet.h"
 #include "packet_fixture.h"
 
 namespace {
