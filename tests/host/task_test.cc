@@ -98,6 +98,24 @@ TEST_F(TaskTest, SetsTheInputGate) {
   EXPECT_EQ(gates, (std::vector<gate_idx_t>{8191, 17}));
 }
 
+// The gate of the last batch of the run before is not the run's.
+TEST_F(TaskTest, ARunStartsAtInputGate0) {
+  Probe* next = MakeProbe("next");
+  Connect(probe_, 0, next, 17);
+  std::vector<gate_idx_t> gates;
+  probe_->on_run = [&](Context* ctx, PacketBatch*) {
+    gates.push_back(ctx->current_igate);
+    probe_->EmitPacket(ctx, MakePacket("x"), 0);
+  };
+  next->on_batch = [&](Context* ctx, PacketBatch* batch) {
+    gates.push_back(ctx->current_igate);
+    bess::Packet::Free(batch);
+  };
+  worker_.Run(probe_->task());
+  worker_.Run(probe_->task());
+  EXPECT_EQ(gates, (std::vector<gate_idx_t>{0, 17, 0, 17}));
+}
+
 TEST_F(TaskTest, AddToRunQueuesForTheModuleBehindTheGate) {
   Sink* sink = MakeSink("sink");
   Connect(probe_, 0, sink, 4);
