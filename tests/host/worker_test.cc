@@ -14,25 +14,12 @@
 
 #include "modules/source.h"
 #include "probe.h"
+#include "worker_fixture.h"
 
 namespace {
 
 using bess::PacketBatch;
 using testing::ElementsAre;
-
-// Waits until `done`, for at most ten seconds.
-template <typename F>
-bool Eventually(F done) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 int AnyCore() {
   cpu_set_t cpus;
@@ -44,12 +31,6 @@ int AnyCore() {
   }
   return -1;
 }
-
-// Stops all workers at the end of its scope. Declared behind everything that a
-// module's function refers to.
-struct StopWorkers {
-  ~StopWorkers() { Worker::StopAll(); }
-};
 
 class WorkerTest : public HostTest {};
 
