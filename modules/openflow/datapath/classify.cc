@@ -65,8 +65,9 @@ int classify(const rte_acl_ctx* ctx, int cnt, Lookup<Key>* lookup) {
 constexpr OfFlowAction kNoAction = {};
 
 // In tables of more flows than this, what a match leads to is spread over more
-// memory than is at hand. It is asked for, level by level, before it is read.
-constexpr uint32_t kFlowsAtHand = 256;
+// memory than the second-level cache has left for it. It is asked for, level by
+// level, before it is read; below, asking costs more than waiting.
+constexpr uint32_t kFlowsAtHand = 4096;
 
 bool isSpread(const QuilModules::AclCtxData* data) {
   return data != nullptr && data->numUserdata > kFlowsAtHand;
