@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/live/controller_port.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+#include "packet_pool.h"
+#include "tests/captures/capture_files.h"
+#include "tests/switch/live_bench.h"
+
+namespace ofswitch {
+namespace {
+
+constexpr uint16_t kFrameSize = 60;
+
+// A capture file that takes nothing until somebody reads it.
+class StuckCapture {
+ public:
+  StuckCapture() {
+    EXPECT_EQ(mkfifo(path().c_str(), 0600), 0);
+    // For writing, too, so that nobody has to wait for the other end.
+    fd_ = open(path().c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+    EXPECT_GE(fd_, 0);
+  }
+  ~StuckCapture() { close(fd_); }
+  StuckCapture(const StuckCapture&) = delete;
+  StuckCapture& operator=(const StuckCapture&) = delete;
+
+  std::string path() const { return dir_ / "controller.pcap"; }
+
+  // Stops the capture, and answers how many bytes it wrote.
+  size_t drain(ControllerPort* port) {
+    size_t bytes = 0;
+    const auto readAll = [&] {
+      char buffer[4096];
+      for (ssize_t n; (n = read(fd_, buffer, sizeof(buffer))) > 0;) {
+        bytes += static_cast<size_t>(n);
+      }
+    };
+    std::jthread reader([&](const std::stop_token& stop) {
+      while (!stop.stop_requested()) {
+        readAll();
+        std::this_thread::yield();
+      }
+    });
+    EXPECT_EQ(port->stopCapture(), "");
+    reader.request_stop();
+    reader.join();
+    readAll();
+    return bytes;
+  }
+
+ private:
+  openflow_test::ScratchDir dir_;
+  int fd_ = -1;
+};
+
+void give(ControllerPort* port, int wid, int batches) {
+  Context ctx;
+  ctx.wid = wid;
+  for (int i = 0; i < batches; i++) {
+    bess::PacketBatch batch;
+    batch.clear();
+    for (int j = 0; j < 32; j++) {
+      bess::Packet* packet = bess::PacketPool::Default()->Alloc(kFrameSize);
+      ASSERT_NE(packet, nullptr);
+      batch.add(packet);
+    }
+    port->ProcessBatch(&ctx, &batch);
+    ASSERT_TRUE(batch.empty());
+  }
+}
+
+// The writer waits for its file: its queue of 4095 packets and the file's 64
+// KiB fill up, and what comes then is missed, whichever worker brings it.
+TEST(ControllerPort, CountsWhatTheCaptureMissedOfEachWorker) {
+  LiveBench bench({});  // DPDK and a packet pool
+  StuckCapture capture;
+  ControllerPort port;
+  ASSERT_EQ(port.startCapture(capture.path()), "");
+  give(&port, 3, 200);
+  const uint64_t missed = port.counts().notCaptured;
+  EXPECT_GT(missed, 0);
+  give(&port, 7, 100);
+  EXPECT_GT(port.counts().notCaptured, missed);
+  EXPECT_EQ(port.counts().packets, 300 * 32);
+  EXPECT_EQ(port.counts().bytes, 300 * 32 * kFrameSize);
+
+  const size_t bytes = capture.drain(&port);
+  // Two file headers: the file is opened first to see whether it can be.
+  const size_t rows = (bytes - 2 * 24) / (16 + kFrameSize);
+  EXPECT_EQ(bytes, 2 * 24 + rows * (16 + kFrameSize));
+  EXPECT_EQ(rows, port.counts().packets - port.counts().notCaptured);
+}
+
+}  // namespace
+}  // namespace ofswitch
