@@ -94,6 +94,8 @@ TEST_F(HostServiceTest, TellsWhatTheHostConsistsOf) {
   EXPECT_EQ(ports.ports(0).number(), 1);
   EXPECT_EQ(ports.ports(0).device(), "net_ring1");
   EXPECT_EQ(ports.ports(0).driver(), "net_ring");
+  EXPECT_EQ(ports.ports(0).rx_queues(), 1);
+  EXPECT_EQ(ports.ports(2).driver(), "net_pcap");
 
   const auto workers = call(&Stub::ListWorkers);
   ASSERT_EQ(workers.workers_size(), 1);

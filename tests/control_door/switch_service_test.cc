@@ -134,6 +134,11 @@ TEST(SwitchService, AnswersWhatTheSwitchAnswers) {
     pb::PortsReply reply;
     ASSERT_TRUE(control.client().GetPorts(&context, {}, &reply).ok());
     ASSERT_EQ(reply.ports_size(), 4);
+    EXPECT_EQ(reply.ports(0).driver(), "");
+    EXPECT_EQ(reply.ports(0).rx_queues(), 0);
+    EXPECT_EQ(reply.ports(1).driver(), "net_ring");
+    EXPECT_EQ(reply.ports(1).rx_queues(), 1);
+    EXPECT_EQ(reply.ports(3).driver(), "net_pcap");
     EXPECT_EQ(reply.ports(3).tx_packets(), 5);
     EXPECT_TRUE(MessageDifferencer::Equals(reply, live.ports()));
   }
