@@ -11,9 +11,12 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "port_harness.h"
+#include "ports/internal/host_checks.h"
 
 namespace {
 
@@ -185,6 +188,20 @@ TEST_F(PortOpeningTest, NamesTheMissingCapability) {
       testing::ExitedWithCode(0),
       "a packet socket needs the capability CAP_NET_RAW: run as root, or "
       "once: setcap cap_net_admin,cap_net_raw=ep .*host_ports_test");
+}
+
+ptrdiff_t OpenFiles() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                       std::filesystem::directory_iterator());
+}
+
+TEST(HostChecksTest, LeaveNoFileOpen) {
+  const ptrdiff_t before = OpenFiles();
+  bess::internal::CheckTun();
+  EXPECT_EQ(OpenFiles(), before);
+  EXPECT_EQ(bess::internal::CheckReadable("/proc/self/status"), "");
+  EXPECT_NE(bess::internal::CheckReadable("/proc"), "");
+  EXPECT_EQ(OpenFiles(), before);
 }
 
 class PortModulesTest : public PortTest {
