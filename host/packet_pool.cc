@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -33,10 +32,9 @@ void MakePacket(rte_mempool* pool, void* arg, void* object, unsigned index) {
         RTE_PTR_SUB(object, sizeof(rte_mempool_objhdr)));
     header->iova = reinterpret_cast<uintptr_t>(object);
   }
+  // Zeroes the private area, too: what the memory held before it became a pool
+  // must not be read as valid.
   rte_pktmbuf_init(pool, arg, object, index);
-  // What the area held before it became a pool must not be read as valid.
-  memset(static_cast<char*>(object) + sizeof(rte_mbuf), 0,
-         Packet::kPrivateSize);
 }
 
 // A pool whose packets may lie across pages. DPDK's own function for packet

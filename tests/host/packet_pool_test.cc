@@ -3,9 +3,13 @@
 
 #include <gtest/gtest.h>
 #include <rte_eal.h>
+#include <rte_mbuf.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <set>
+#include <span>
 #include <stdexcept>
 #include <vector>
 
@@ -72,6 +76,21 @@ TEST(PacketPoolTest, DevicesSeeThePacketsWhereTheProcessDoes) {
     EXPECT_EQ(rte_mempool_virt2iova(pkt), reinterpret_cast<uintptr_t>(pkt));
   }
   Packet::Free(pkts, 3);
+}
+
+// What a packet's memory held before must not be read as valid metadata. The
+// pool leaves that to DPDK's initialisation of a packet.
+TEST(PacketPoolTest, PrivateAreasStartZeroed) {
+  PacketPool pool(1, 0);
+  Packet* pkt = pool.Alloc();
+  ASSERT_NE(pkt, nullptr);
+  const auto bytes = std::as_writable_bytes(std::span(pkt, 1))
+                         .subspan(sizeof(rte_mbuf), Packet::kPrivateSize);
+  EXPECT_EQ(std::ranges::count(bytes, std::byte{0}), Packet::kPrivateSize);
+  std::ranges::fill(bytes, std::byte{0xff});
+  rte_pktmbuf_init(pkt->mbuf()->pool, nullptr, pkt->mbuf(), 0);
+  EXPECT_EQ(std::ranges::count(bytes, std::byte{0}), Packet::kPrivateSize);
+  Packet::Free(pkt);
 }
 
 TEST(PacketPoolTest, SaysWhatItCouldNotGet) {
