@@ -6,8 +6,8 @@
 // The stores are what a copy costs: at most one cache line is written a cycle,
 // and while eight stores a packet wait for it, the loads behind them wait, too.
 // Everything is compiled for any x86-64 processor, so no compiler would emit
-// the wide ones here by itself. Registers above 15 are used because nothing
-// else has them: the other ones would have to be cleared behind the copy.
+// the wide ones here by itself. Registers above 15 are used because the other
+// ones would have to be cleared behind the copy.
 #pragma once
 
 #include <cstddef>
@@ -45,7 +45,11 @@ inline void WideCopy(char* to, const char* from) {
         "vmovdqu64 %%zmm17, 64(%0)"
         :
         : "r"(to), "r"(from)
+#ifdef __AVX512F__  // the module around it may have these registers in use
+        : "memory", "xmm16", "xmm17");
+#else
         : "memory");
+#endif
     return;
   }
 #endif

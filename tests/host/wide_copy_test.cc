@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "internal/wide_copy.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -47,6 +50,28 @@ TEST_F(WideCopyTest, CopiesWithWideStoresWhereThereAreAny) {
   AllowWideCopies(512);
   EXPECT_EQ(wide_copies, __builtin_cpu_supports("avx512f") != 0);
   CopiesItsBytesAndNoOther();
+}
+
+// A module built for AVX-512 has the copy's registers for itself, too.
+TEST_F(WideCopyTest, LeavesVectorsThatAModuleHasInUse) {
+  AllowWideCopies(512);
+  if (!wide_copies) {
+    return;  // nor does such a module run here
+  }
+  void* module = dlopen(WIDE_REGISTERS_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(module, nullptr) << dlerror();
+  const auto copy = reinterpret_cast<void (*)(float*, char*, const char*)>(
+      dlsym(module, "CopyWithVectorsInUse"));
+  ASSERT_NE(copy, nullptr);
+  std::vector<float> vectors(28 * 16);
+  std::iota(vectors.begin(), vectors.end(), 1.0f);
+  const std::vector<float> before = vectors;
+  const std::string from(kWideCopySize, 'x');
+  std::string to(kWideCopySize, '.');
+  copy(vectors.data(), to.data(), from.data());
+  EXPECT_EQ(to, from);
+  EXPECT_EQ(vectors, before);
+  dlclose(module);
 }
 
 }  // namespace
