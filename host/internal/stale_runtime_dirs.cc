@@ -31,7 +31,8 @@ pid_t ProcessOf(const std::string& name, const std::string& prefix) {
 }
 
 // The socket tells what the number cannot: the process may live in another
-// process namespace, where it has another number.
+// process namespace, where it has another number. Does not wait for one that
+// takes no connections at the moment.
 bool NobodyListens(const fs::path& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
@@ -40,7 +41,8 @@ bool NobodyListens(const fs::path& path) {
     return false;
   }
   memcpy(address.sun_path, text.data(), text.size());
-  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  const int fd =
+      socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   const bool refused = fd >= 0 &&
                        connect(fd, reinterpret_cast<const sockaddr*>(&address),
                                sizeof(address)) != 0 &&
