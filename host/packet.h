@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <rte_lcore.h>
 #include <rte_mbuf.h>
-#include <rte_prefetch.h>
+#include <rte_mempool.h>
 
 #include <bit>
 #include <cstddef>
@@ -181,8 +182,7 @@ class alignas(64) Packet {
   }
 
   // A free buffer of `pool`, null without. It comes out of the thread's own
-  // cache if there is one, where the ones that follow are known and can be
-  // fetched into the processor's cache meanwhile.
+  // cache if there is one, without a call.
   static rte_mbuf* TakeFree(rte_mempool* pool) {
     const unsigned lcore = rte_lcore_id();
     if (pool->cache_size == 0 || lcore >= RTE_MAX_LCORE) [[unlikely]] {

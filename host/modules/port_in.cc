@@ -2,6 +2,7 @@
 #include "modules/port_in.h"
 
 #include <rte_ethdev.h>
+#include <rte_prefetch.h>
 
 #include "internal/registered_class.h"
 #include "modules/port_metadata.h"
