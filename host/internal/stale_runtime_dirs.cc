@@ -56,13 +56,14 @@ bool NobodyListens(const fs::path& path) {
 void RemoveIfStale(const fs::path& dir) {
   std::error_code error;
   std::vector<fs::path> sockets;
-  for (const fs::directory_entry& entry : fs::directory_iterator(dir, error)) {
-    if (!entry.is_socket(error) || !NobodyListens(entry.path())) {
+  fs::directory_iterator entry(dir, error);
+  for (; entry != fs::directory_iterator(); entry.increment(error)) {
+    if (!entry->is_socket(error) || !NobodyListens(entry->path())) {
       return;
     }
-    sockets.push_back(entry.path());
+    sockets.push_back(entry->path());
   }
-  if (sockets.empty()) {
+  if (error || sockets.empty()) {
     return;  // somebody may be about to make one
   }
   for (const fs::path& socket : sockets) {
@@ -76,12 +77,13 @@ void RemoveIfStale(const fs::path& dir) {
 void RemoveStaleRuntimeDirs(const fs::path& parent, const std::string& prefix) {
   std::error_code error;
   std::vector<fs::path> stale;
-  for (const fs::directory_entry& entry :
-       fs::directory_iterator(parent, error)) {
-    const pid_t pid = ProcessOf(entry.path().filename().string(), prefix);
+  fs::directory_iterator entry(parent, error);
+  for (; entry != fs::directory_iterator(); entry.increment(error)) {
+    const pid_t pid = ProcessOf(entry->path().filename().string(), prefix);
+    std::error_code ignored;
     if (pid != 0 && kill(pid, 0) != 0 && errno == ESRCH &&
-        entry.symlink_status(error).type() == fs::file_type::directory) {
-      stale.push_back(entry.path());
+        entry->symlink_status(ignored).type() == fs::file_type::directory) {
+      stale.push_back(entry->path());
     }
   }
   for (const fs::path& dir : stale) {

@@ -142,6 +142,7 @@ int run(const RunOptions& options) {
   stop.wait();
   tellServiceManager("STOPPING=1");
   stop.setWork(workOf(live));
+  stop.setFile("");  // its path is free from here on: for another switch, too
   control.stop();
   stop.setWork(workOf(live));
   printEnd(live.stop());

@@ -39,6 +39,18 @@ void checkCancelled(const std::function<bool()>& isCancelled) {
   if (isCancelled && isCancelled()) throw StartCancelled();
 }
 
+// Sets a flag for its own lifetime, however that ends.
+class Programming {
+ public:
+  explicit Programming(std::atomic<bool>* flag) : flag_(flag) { *flag_ = true; }
+  ~Programming() { *flag_ = false; }
+  Programming(const Programming&) = delete;
+  Programming& operator=(const Programming&) = delete;
+
+ private:
+  std::atomic<bool>* flag_;
+};
+
 }  // namespace
 
 LiveSwitch::Impl::Impl(SwitchConfig config, Now now)
@@ -64,7 +76,6 @@ void LiveSwitch::Impl::start(const std::function<bool()>& isCancelled) {
     loadFlows(flows, isCancelled);
     graph_->startWorkers();
   } catch (...) {
-    isProgramming_ = false;
     programmer_.reset();
     graph_.reset();
     throw;
@@ -236,9 +247,8 @@ void LiveSwitch::Impl::make(const pb::FlowChange& change,
 
 void LiveSwitch::Impl::program(FlowBook::Plan plan, const Progress& progress,
                                pb::FlowChangeReply* reply) {
-  isProgramming_ = true;
+  const Programming programming(&isProgramming_);
   programmer_->make(std::move(plan), now_(), progress, reply);
-  isProgramming_ = false;
 }
 
 FlowBook::Plan LiveSwitch::Impl::planOf(const pb::FlowChange& change,
