@@ -45,17 +45,6 @@ inline FrameL3 locateL3(const uint8_t* frame) {
 
 // Keys are written in whole words, each over all bytes that the classifier
 // reads as one: it would have to wait for words put together from bytes.
-template <typename Word>
-inline Word loadWord(const uint8_t* bytes) {
-  Word word;
-  std::memcpy(&word, bytes, sizeof(word));
-  return word;
-}
-
-template <typename Word>
-inline void storeWord(void* bytes, Word word) {
-  std::memcpy(bytes, &word, sizeof(word));
-}
 
 // The fields of an L4 header that keys have, and two of the IP header, which
 // lie between them. Zero where the packet has none.

@@ -29,6 +29,20 @@ inline constexpr size_t kEthHeaderSize = 14;
 inline constexpr size_t kVlanTagSize = 4;
 inline constexpr size_t kIpv6HeaderSize = 40;
 
+// Words as they lie in memory, at any address.
+template <typename Word>
+inline Word loadWord(const uint8_t* bytes) {
+  Word word;
+  std::memcpy(&word, bytes, sizeof(word));
+  return word;
+}
+
+template <typename Word>
+inline void storeWord(void* bytes, Word word) {
+  std::memcpy(bytes, &word, sizeof(word));
+}
+
+// Numbers in network order.
 inline uint16_t load16(const uint8_t* bytes) {
   return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]);
 }

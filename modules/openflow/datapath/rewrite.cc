@@ -27,19 +27,6 @@ constexpr size_t kUdpChecksumOffset = 6;
 constexpr size_t kIcmpChecksumOffset = 2;
 constexpr size_t kIpv4HeaderSize = 20;  // without options
 
-// In memory order.
-template <typename Word>
-Word load(const uint8_t* bytes) {
-  Word word;
-  std::memcpy(&word, bytes, sizeof(word));
-  return word;
-}
-
-template <typename Word>
-void store(uint8_t* bytes, Word word) {
-  std::memcpy(bytes, &word, sizeof(word));
-}
-
 // A one's-complement sum in 16 bits; 0 only of nothing but zeros.
 uint16_t fold(uint64_t sum) {
   sum = (sum & 0xffff'ffff) + (sum >> 32);
@@ -55,15 +42,15 @@ uint64_t difference(Word from, Word to) {
 }
 
 uint64_t replacePort(uint8_t* bytes, uint16_t port) {
-  const uint64_t diff = difference(load<uint16_t>(bytes), port);
-  store(bytes, port);
+  const uint64_t diff = difference(loadWord<uint16_t>(bytes), port);
+  storeWord(bytes, port);
   return diff;
 }
 
 // HC' = ~(~HC + ~m + m'); 0 is written as 0, also for UDP.
 void updateChecksum(uint8_t* checksum, uint64_t diff) {
-  const auto old = static_cast<uint16_t>(~load<uint16_t>(checksum));
-  store(checksum, static_cast<uint16_t>(~fold(old + diff)));
+  const auto old = static_cast<uint16_t>(~loadWord<uint16_t>(checksum));
+  storeWord(checksum, static_cast<uint16_t>(~fold(old + diff)));
 }
 
 // TCP or UDP. `diff` is what the address rewrites changed in the pseudo-header;
@@ -76,13 +63,13 @@ void rewritePorts(uint8_t* l4, uint8_t* checksum, uint64_t diff,
   if (action.fields.setL4DstPort) {
     diff += replacePort(l4 + 2, action.values.l4DstPort);
   }
-  if (diff != 0 && !(checksumOptional && load<uint16_t>(checksum) == 0)) {
+  if (diff != 0 && !(checksumOptional && loadWord<uint16_t>(checksum) == 0)) {
     updateChecksum(checksum, diff);
   }
 }
 
 void rewriteIcmp(uint8_t* l4, const OfFlowAction& action) {
-  const auto before = load<uint16_t>(l4);
+  const auto before = loadWord<uint16_t>(l4);
   uint16_t after = before;  // the type is the low byte
   if (action.fields.setIcmpType) {
     after = static_cast<uint16_t>((after & 0xff00) | action.values.icmpType);
@@ -92,7 +79,7 @@ void rewriteIcmp(uint8_t* l4, const OfFlowAction& action) {
         static_cast<uint16_t>((after & 0x00ff) | action.values.icmpCode << 8);
   }
   if (after != before) {
-    store(l4, after);
+    storeWord(l4, after);
     updateChecksum(l4 + kIcmpChecksumOffset, difference(before, after));
   }
 }
@@ -101,7 +88,7 @@ void rewriteIcmp(uint8_t* l4, const OfFlowAction& action) {
 uint64_t sumOptions(const uint8_t* l3, size_t headerSize) {
   uint64_t sum = 0;
   for (size_t at = kIpv4HeaderSize; at < headerSize; at += 4) {
-    sum += load<uint32_t>(l3 + at);
+    sum += loadWord<uint32_t>(l3 + at);
   }
   return sum;
 }
@@ -112,10 +99,10 @@ void rewriteIpv4(uint8_t* l3, const OfFlowAction& action, uint32_t bits) {
   const uint8_t proto = l3[9];
   uint64_t diff = 0;
   if (bits & kRewriteIpBits) {
-    auto tos = load<uint32_t>(l3);      // version and IHL, TOS, total length
-    auto ttl = load<uint32_t>(l3 + 8);  // TTL, protocol, checksum
-    auto src = load<uint32_t>(l3 + 12);
-    auto dst = load<uint32_t>(l3 + 16);
+    auto tos = loadWord<uint32_t>(l3);  // version and IHL, TOS, total length
+    auto ttl = loadWord<uint32_t>(l3 + 8);  // TTL, protocol, checksum
+    auto src = loadWord<uint32_t>(l3 + 12);
+    auto dst = loadWord<uint32_t>(l3 + 16);
     if (fields.decTtl) {
       // Wraps: a flow that must not send TTL 0 has to match on it.
       ttl = (ttl & 0xffff'ff00) | ((ttl - 1) & 0xff);
@@ -127,22 +114,22 @@ void rewriteIpv4(uint8_t* l3, const OfFlowAction& action, uint32_t bits) {
     if (fields.setIpv4Src) {
       diff += difference(src, action.values.ipv4Src);
       src = action.values.ipv4Src;
-      store(l3 + 12, src);
+      storeWord(l3 + 12, src);
     }
     if (fields.setIpv4Dst) {
       diff += difference(dst, action.values.ipv4Dst);
       dst = action.values.ipv4Dst;
-      store(l3 + 16, dst);
+      storeWord(l3 + 16, dst);
     }
     // Over 4 x IHL bytes; an IHL below 5 has no checksum worth the name and
     // gets 0.
     ttl &= 0x0000'ffff;
     if (headerSize >= kIpv4HeaderSize) {
-      const uint64_t sum = uint64_t{tos} + load<uint32_t>(l3 + 4) + ttl + src +
-                           dst + sumOptions(l3, headerSize);
+      const uint64_t sum = uint64_t{tos} + loadWord<uint32_t>(l3 + 4) + ttl +
+                           src + dst + sumOptions(l3, headerSize);
       ttl |= uint32_t{static_cast<uint16_t>(~fold(sum))} << 16;
     }
-    store(l3 + 8, ttl);
+    storeWord(l3 + 8, ttl);
   }
   if (diff == 0 && !(bits & kRewriteL4Bits)) {
     return;
@@ -237,8 +224,8 @@ void setVlanVid(bess::Packet* packet, uint16_t vid) {
     }
     uint8_t* tci = frame + kEthHeaderSize;
     // The first byte has PCP and DEI in its upper half.
-    const auto kept = static_cast<uint16_t>(load<uint16_t>(tci) & 0x00f0);
-    store(tci, static_cast<uint16_t>(vid | kept));
+    const auto kept = static_cast<uint16_t>(loadWord<uint16_t>(tci) & 0x00f0);
+    storeWord(tci, static_cast<uint16_t>(vid | kept));
     return;
   }
   auto* tagged = static_cast<uint8_t*>(packet->prepend(kVlanTagSize));
@@ -247,7 +234,7 @@ void setVlanVid(bess::Packet* packet, uint16_t vid) {
   }
   std::memmove(tagged, frame, kMacsSize);
   store16(tagged + kEthTypeOffset, kEthTypeVlan);
-  store(tagged + kEthHeaderSize, vid);
+  storeWord(tagged + kEthHeaderSize, vid);
 }
 
 }  // namespace
