@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "internal/stale_runtime_dirs.h"
+#include "internal/transparent_hugepages.h"
 #include "internal/wide_copy.h"
 
 namespace bess {
@@ -19,6 +20,7 @@ namespace {
 
 std::mutex mutex;
 bool ready = false;
+bool huge_pages = false;
 
 // DPDK can be started only once, even when that failed.
 bool attempted = false;
@@ -117,6 +119,10 @@ std::string InitEal(const EalOptions& options) {
   }
   pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
   internal::AllowWideCopies(options.max_simd_bits);
+  huge_pages = options.hugepages;
+  if (!options.hugepages && !options.pci && !options.shareable) {
+    huge_pages = internal::UseTransparentHugepages();
+  }
   ready = true;
   return "";
 }
@@ -124,6 +130,11 @@ std::string InitEal(const EalOptions& options) {
 bool EalReady() {
   const std::lock_guard lock(mutex);
   return ready;
+}
+
+bool HasHugePages() {
+  const std::lock_guard lock(mutex);
+  return huge_pages;
 }
 
 std::string RuntimeDir() { return rte_eal_get_runtime_dir(); }

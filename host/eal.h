@@ -9,7 +9,8 @@ namespace bess {
 
 struct EalOptions {
   // Memory for packets, classifiers and DPDK's heap. Without hugepages it is
-  // taken from the system as it is touched and cannot grow beyond this.
+  // taken from the system as it is touched and cannot grow beyond this; the
+  // kernel makes huge pages of it then, if it makes any by itself.
   size_t memory_mb = 512;
   // From the kernel, not from files: nothing stays behind, however the process
   // ends, and no hugetlbfs needs to be mounted.
@@ -17,6 +18,10 @@ struct EalOptions {
 
   // Let DPDK look for PCI devices. Without, only virtual ones can be used.
   bool pci = false;
+
+  // Keep the memory, without hugepages, in a file that virtual devices can hand
+  // to other processes. It has no huge pages then.
+  bool shareable = false;
 
   // Widest vector, in bits, that DPDK's libraries may use on processors that
   // have it.
@@ -41,6 +46,10 @@ std::string InitEal(const EalOptions& options = {});
 
 // Whether InitEal has succeeded.
 bool EalReady();
+
+// Whether DPDK's memory consists of pages of 2 MiB or more, reserved ones or
+// such that the kernel makes by itself as it is touched.
+bool HasHugePages();
 
 // Where DPDK keeps what this process shows to others; only its owner can look
 // there. Empty when there is no such place, or before InitEal.

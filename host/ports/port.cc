@@ -60,6 +60,13 @@ Port::~Port() = default;
 
 bool Port::IsPci(const std::string& device) { return DeviceString(device).pci; }
 
+bool Port::SharesMemory(const std::string& device) {
+  const DeviceString parts(device);
+  const std::string* zero_copy = parts.Find("zero-copy");
+  return parts.name.starts_with("net_virtio_user") ||
+         (zero_copy != nullptr && *zero_copy == "yes");
+}
+
 void Port::Open() {
   const DeviceString device(options_.device);
   if (const std::string error = internal::CheckDevice(device); !error.empty()) {

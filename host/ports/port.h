@@ -79,6 +79,10 @@ class Port {
   // was told to look for them (EalOptions::pci).
   static bool IsPci(const std::string& device);
 
+  // Whether the device gives another process DPDK's memory to read and write,
+  // which must then be a file (EalOptions::shareable).
+  static bool SharesMemory(const std::string& device);
+
   const std::string& name() const { return name_; }
   const std::string& device() const { return options_.device; }
   uint32_t number() const { return options_.number; }

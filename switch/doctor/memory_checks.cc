@@ -2,8 +2,10 @@
 #include <fmt/format.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <filesystem>
 
+#include "ports/port.h"
 #include "switch/doctor/checks.h"
 
 namespace ofswitch {
@@ -52,6 +54,21 @@ void checkHugepages(const Hugepages& pages, const SwitchConfig& config,
   }
 }
 
+// Whether ordinary memory gets huge pages without any being reserved.
+bool makesHugePages(const Machine& machine) {
+  const std::string modes =
+      machine.read("/sys/kernel/mm/transparent_hugepage/enabled");
+  return !modes.empty() && modes.find("[never]") == std::string::npos;
+}
+
+// They are only for memory that nobody else knows.
+bool mayHaveThem(const SwitchConfig& config) {
+  return std::ranges::none_of(config.ports, [](const PortConfig& port) {
+    return bess::Port::IsPci(port.device) ||
+           bess::Port::SharesMemory(port.device);
+  });
+}
+
 void checkOrdinary(const Machine& machine, const Hugepages& pages,
                    const SwitchConfig& config, Findings* out) {
   const uint64_t available = machine.number(kMeminfo, "MemAvailable") / 1024;
@@ -65,6 +82,10 @@ void checkOrdinary(const Machine& machine, const Hugepages& pages,
                         config.memoryMb, available));
   }
   if (pages.kb == 0) return;
+  if (makesHugePages(machine) && mayHaveThem(config)) {
+    out->ok("the kernel makes huge pages of them");
+    return;
+  }
   const std::string use = inFile(config, "memory: {hugepages: true}");
   out->gain(
       "without hugepages, lookups and copies miss the processor's TLB "

@@ -79,6 +79,10 @@ void SwitchGraph::startEnvironment() {
   options.pci = std::ranges::any_of(config_.ports, [](const PortConfig& port) {
     return bess::Port::IsPci(port.device);
   });
+  options.shareable =
+      std::ranges::any_of(config_.ports, [](const PortConfig& port) {
+        return bess::Port::SharesMemory(port.device);
+      });
   if (config_.dpdkTelemetry) options.telemetry = "ofswitch";
   require(bess::InitEal(options));
   if (config_.buildMb != 0) Dpdk::setAclBuildLimit(config_.buildMb << 20);
@@ -90,7 +94,7 @@ void SwitchGraph::startEnvironment() {
         "{} packet buffers: {}; raise memory.mb or lower memory.buffers",
         config_.packetBuffers, error.what()));
   }
-  if (!config_.hugepages) {
+  if (!bess::HasHugePages()) {
     notes_.push_back(fmt::format(
         "memory without hugepages: table lookups and packet copies miss the "
         "processor's TLB more often than they need to; \"sysctl -w "

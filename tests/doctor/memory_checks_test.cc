@@ -73,6 +73,30 @@ TEST_F(MemoryChecks, HugepagesWouldBeAGain) {
                                       "in s.yaml: memory: {hugepages: true}"));
 }
 
+TEST_F(MemoryChecks, HugePagesThatTheKernelMakes) {
+  const std::string gain =
+      std::string(kTlb) + "in s.yaml: memory: {hugepages: true}";
+  const std::string wanted = "ok: 512 MB are wanted, 8000 MB are available";
+  const std::string modes = "/sys/kernel/mm/transparent_hugepage/enabled";
+  for (const char* text :
+       {"always [madvise] never\n", "[always] madvise never\n"}) {
+    fake_.write(modes, text);
+    EXPECT_THAT(memory(),
+                ElementsAre(wanted, "ok: the kernel makes huge pages of them"));
+  }
+  for (const char* device :
+       {"net_virtio_user0,path=/run/a.sock", "0000:03:00.0"}) {
+    config_.ports = {{.name = "a", .device = "net_null0"},
+                     {.name = "b", .device = device}};
+    EXPECT_THAT(memory(), ElementsAre(wanted, gain)) << device;
+  }
+  config_.ports.pop_back();
+  EXPECT_THAT(memory(),
+              ElementsAre(wanted, "ok: the kernel makes huge pages of them"));
+  fake_.write(modes, "always madvise [never]\n");
+  EXPECT_THAT(memory(), ElementsAre(wanted, gain));
+}
+
 TEST_F(MemoryChecks, TooLittleMemory) {
   fake_.write("/proc/meminfo", "MemAvailable:   409600 kB\n");
   EXPECT_THAT(memory(),

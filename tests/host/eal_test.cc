@@ -14,9 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "tests/captures/capture_files.h"
+#include "tests/support/huge_pages.h"
 
 // The header leaves out that its function is C's.
 extern "C" {
@@ -30,6 +32,11 @@ template <typename F>
 void InChild(F body) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(exit(body() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+bool IsValid(const void* block, size_t size) {
+  size_t real = 0;
+  return rte_malloc_validate(block, &real) == 0 && real >= size;
 }
 
 bool Expect(bool condition, const char* what) {
@@ -79,6 +86,69 @@ TEST(EalTest, MemoryIsWhatWasAskedFor) {
     void* too_much = rte_malloc(nullptr, 48 << 20, 64);
     return Expect(most != nullptr, "48 MB") &&
            Expect(too_much == nullptr, "no more than 64 MB");
+  });
+}
+
+// What the kernel says of the mapping in which the byte lies.
+std::string MappingOf(const void* byte) {
+  const auto address = reinterpret_cast<uintptr_t>(byte);
+  std::ifstream smaps("/proc/self/smaps");
+  std::string text;
+  bool inside = false;
+  for (std::string line; std::getline(smaps, line);) {
+    unsigned long from = 0;
+    unsigned long to = 0;
+    if (sscanf(line.c_str(), "%lx-%lx ", &from, &to) == 2) {
+      inside = from <= address && address < to;
+    }
+    if (inside) {
+      text += line + "\n";
+    }
+  }
+  return text;
+}
+
+TEST(EalTest, MemoryWithoutHugepagesAsksForSuchAsTheKernelMakes) {
+  InChild([] {
+    bess::InitEal({.memory_mb = 64});
+    auto* block = static_cast<char*>(rte_zmalloc(nullptr, 16 << 20, 64));
+    const std::string mapping = MappingOf(block);
+    const bool asks =
+        mapping.find(" hg") != std::string::npos;  // among VmFlags
+    const bool a_file = mapping.find("memfd:nohuge") != std::string::npos;
+    return Expect(asks == openflow_test::kernelMakesHugePages(),
+                  mapping.c_str()) &&
+           Expect(a_file != asks, mapping.c_str()) &&
+           Expect(bess::HasHugePages() == asks, "says so") &&
+           Expect(block[0] == 0 && block[(16 << 20) - 1] == 0, "zeroed");
+  });
+}
+
+// DPDK has written to its memory before it changes: what was there works on.
+TEST(EalTest, MemoryKeepsItsContentWhenItsPagesChange) {
+  InChild([] {
+    bess::InitEal({.memory_mb = 64});
+    rte_malloc_socket_stats before;
+    rte_malloc_socket_stats after;
+    rte_malloc_get_socket_stats(0, &before);
+    void* block = rte_malloc(nullptr, 1 << 20, 64);
+    const bool valid = IsValid(block, 1 << 20);
+    rte_free(block);
+    rte_malloc_get_socket_stats(0, &after);
+    return Expect(before.heap_totalsz_bytes == size_t{64} << 20, "64 MB") &&
+           Expect(valid, "a valid block") &&
+           Expect(after.heap_freesz_bytes == before.heap_freesz_bytes,
+                  "the heap is whole again");
+  });
+}
+
+TEST(EalTest, ShareableMemoryStaysAFile) {
+  InChild([] {
+    bess::InitEal({.memory_mb = 64, .shareable = true});
+    const std::string mapping = MappingOf(rte_malloc(nullptr, 1 << 20, 64));
+    return Expect(mapping.find("memfd:nohuge") != std::string::npos,
+                  mapping.c_str()) &&
+           Expect(!bess::HasHugePages(), "says so");
   });
 }
 

@@ -140,6 +140,15 @@ TEST_F(PortOpeningTest, TellsDevicesOnPciFromOthers) {
   EXPECT_FALSE(bess::Port::IsPci(""));
 }
 
+TEST_F(PortOpeningTest, TellsDevicesThatShareMemoryFromOthers) {
+  EXPECT_TRUE(bess::Port::SharesMemory("net_virtio_user0,path=/run/a.sock"));
+  EXPECT_TRUE(bess::Port::SharesMemory("net_memif0,role=client,zero-copy=yes"));
+  EXPECT_FALSE(bess::Port::SharesMemory("net_memif0,zero-copy=no"));
+  EXPECT_FALSE(bess::Port::SharesMemory("net_memif0,role=client"));
+  EXPECT_FALSE(bess::Port::SharesMemory("net_null0"));
+  EXPECT_FALSE(bess::Port::SharesMemory("0000:03:00.0"));
+}
+
 TEST_F(PortOpeningTest, RefusesASocketThatAnotherProcessHas) {
   static int round = 0;
   const std::string name =
