@@ -67,4 +67,16 @@ void BareParts::copyAndFree(const bess::PacketBatch& batch) {
   rte_pktmbuf_free_bulk(copies, static_cast<unsigned>(count));
 }
 
+void BareParts::copyAndFreePackets(const bess::PacketBatch& batch) {
+  rte_mbuf* copies[kBurst];
+  const int count = batch.cnt();
+  for (int i = 0; i < count; i++) {
+    const bess::Packet* packet = batch.pkts()[i];
+    copies[i] = rte_pktmbuf_alloc(packet->mbuf()->pool);
+    rte_memcpy(rte_pktmbuf_append(copies[i], packet->data_len()),
+               packet->head_data<void*>(), packet->data_len());
+  }
+  for (int i = 0; i < count; i++) rte_pktmbuf_free(copies[i]);
+}
+
 }  // namespace bench

@@ -59,8 +59,13 @@ class BareParts {
   }
 
   // For each packet, a buffer from the pool, the frame's bytes copied to it,
-  // and a buffer given back.
+  // and a buffer given back. The least that this can be: buffers are not made
+  // packets, but for length and offset, and are given back all at once.
   static void copyAndFree(const bess::PacketBatch& batch);
+
+  // The same in the calls that DPDK has for packets, one after the other:
+  // rte_pktmbuf_alloc, rte_pktmbuf_append, rte_memcpy, rte_pktmbuf_free.
+  static void copyAndFreePackets(const bess::PacketBatch& batch);
 
  private:
   int families_;
