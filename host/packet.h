@@ -43,9 +43,9 @@ class alignas(64) Packet {
   static constexpr size_t kDataRoom = 2048;
 
   // A copy takes along at least so many bytes from the start of the data, the
-  // packet's own or what lies behind them: modules that read headers at fixed
-  // positions read the same in a short packet's copy as in the packet. One
-  // constant-size copy is also the fastest.
+  // packet's own or what lies behind them, if the buffer has so many: modules
+  // that read headers at fixed positions read the same in a short packet's copy
+  // as in the packet. One constant-size copy is also the fastest.
   static constexpr uint16_t kMinCopy = internal::kWideCopySize;
 
   Packet() = delete;
@@ -157,6 +157,7 @@ class alignas(64) Packet {
   // How often copy() found the pool dry, since the start of the process.
   static uint64_t failed_copies();
 
+  // Frees packets and what is chained to them. None may be null.
   static void Free(Packet* pkt) { rte_pktmbuf_free(&pkt->mbuf_); }
   static void Free(Packet** pkts, size_t cnt) {
     if (cnt == 0 || FreePlain(pkts, cnt)) [[likely]] {
