@@ -102,6 +102,15 @@ TEST_F(SetAclIds, DoesNotCheckSlotNumbers) {
 
 using SetAclIdsDeathTest = SetAclIds;
 
+TEST_F(SetAclIdsDeathTest, TheArgumentsAreTracedBeforeTheCheck) {
+  EXPECT_DEATH(
+      {
+        Mio::setTraceLevels("OpenFlow", 1 << 2);
+        bind(32, 5, 6);
+      },
+      "setAclIds tableId: 32, aclId: 5, ipv6AclId: 6\n.*Check failed");
+}
+
 TEST_F(SetAclIdsDeathTest, ATableFrom32UpIsFatal) {
   EXPECT_DEATH(bind(32, 0, 0), "Check failed: tableId < 32");
   EXPECT_DEATH(bind(0xffffffff, 0, 0),

@@ -184,6 +184,13 @@ TEST_F(Lifecycle, ASecondInitLeavesTheFirstStoresAllocated) {
   }
 }
 
+TEST_F(Lifecycle, ASecondInitReleasesTheFirstReference) {
+  module().DeInit();
+  EXPECT_THAT(module().Init({}), Succeeds());
+  tearDown();
+  EXPECT_FALSE(Mio::Entity::singletonExists(kAclDb));
+}
+
 TEST_F(Lifecycle, DestructionDoesNotDeInit) {
   std::vector<std::pair<OpenFlowStore<of_flow_acl_rule>*,
                         OpenFlowStore<of_flow_acl_rule_ipv6>*>>

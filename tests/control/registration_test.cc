@@ -76,6 +76,15 @@ TEST(Registration, InitTakesAnyArgument) {
   }
 }
 
+// What goes to text is the operator's choice.
+TEST(Registration, TurnsNoTraceLevelOn) {
+  const Calls::Scope calls;
+  const std::unique_ptr<Module> module(builder().CreateModule("module"));
+  EXPECT_THAT(builder().RunInit(module.get(), Any()), Succeeds());
+  EXPECT_EQ(Mio::traceLevels("OpenFlow"), 0u);
+  module->DeInit();
+}
+
 class CommandAdapter : public ControlTest {
  protected:
   CommandResponse run(const std::string& name, const Any& arg) {

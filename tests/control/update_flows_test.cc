@@ -78,9 +78,8 @@ TEST_P(UpdateFlows, TracesEveryStepInOrder) {
           "2 programAcl tableId: 3, flowType: " + type(),
           "2 void OpenFlow::makeAclUserdata(OfFlowAction*, KoAclUserdata*): ",
           "2 programAcl aclCtxName: table3-" + slot + ", numFlows: 1",
-          testing::AllOf(
-              testing::StartsWith("2 int OpenFlow::updateAclCtx(AclCtx*, "),
-              testing::EndsWith("): ")),
+          "2 int OpenFlow::updateAclCtx(AclCtx*, rte_acl_ctx*, "
+          "KoAclUserdata*, unsigned int): ",
           "5 updateAclCtx Allocating new acl context user data"));
 }
 
