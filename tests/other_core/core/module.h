@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
+//
+// A host that has the interface of BESS and is none: what modules emit and drop
+// it keeps, for a test to look at.
 #pragma once
 
 #include <functional>
@@ -35,8 +38,22 @@ module_cmd_func_t adapt(bess::pb::CommandResponse (M::*fn)(const A&)) {
 #define MODULE_CMD_FUNC(fn) adapt(fn)
 #define MODULE_INIT_FUNC(fn) adapt(fn)
 
+// What a module class was registered with.
+struct ModuleClass {
+  std::function<Module*()> generator;
+  std::string class_name;
+  std::string name_template;
+  std::string help_text;
+  bess::gate_idx_t igates;
+  bess::gate_idx_t ogates;
+  Commands cmds;
+  module_init_func_t init;
+};
+
 class ModuleBuilder {
  public:
+  static std::vector<ModuleClass>& classes();
+
   static bool RegisterModuleClass(std::function<Module*()> generator,
                                   const std::string& class_name,
                                   const std::string& name_template,
@@ -62,13 +79,22 @@ class alignas(64) Module {
   virtual void AddActiveWorker(int wid, const Task* task);
   virtual CheckConstraintResult CheckModuleConstraints() const;
 
+  int max_allowed_workers() const { return max_allowed_workers_; }
+
   void EmitPacket(Context* ctx, bess::Packet* packet,
                   bess::gate_idx_t ogate = 0);
   void DropPacket(Context* ctx, bess::Packet* packet);
 
  protected:
-  int min_allowed_workers_;
-  int max_allowed_workers_;
-  bool is_task_;
-  bool propagate_workers_;
+  int min_allowed_workers_ = 1;
+  int max_allowed_workers_ = 1;
+  bool is_task_ = false;
+  bool propagate_workers_ = true;
 };
+
+struct Emitted {
+  bess::Packet* packet;
+  bess::gate_idx_t ogate;
+};
+extern std::vector<Emitted> emitted;
+extern std::vector<bess::Packet*> dropped;

@@ -11,16 +11,22 @@ class PacketBatch {
  public:
   static constexpr size_t kMaxBurst = 32;
 
-  int cnt() const;
-  void set_cnt(int cnt);
-  void incr_cnt(int n = 1);
-  Packet* const* pkts() const;
-  Packet** pkts();
-  void clear();
-  void add(Packet* packet);
-  void add(PacketBatch* batch);
-  bool empty();
-  bool full();
+  int cnt() const { return cnt_; }
+  void set_cnt(int cnt) { cnt_ = cnt; }
+  void incr_cnt(int n = 1) { cnt_ += n; }
+  Packet* const* pkts() const { return pkts_; }
+  Packet** pkts() { return pkts_; }
+  void clear() { cnt_ = 0; }
+  void add(Packet* packet) { pkts_[cnt_++] = packet; }
+  void add(PacketBatch* batch) {
+    for (int i = 0; i < batch->cnt(); i++) add(batch->pkts()[i]);
+  }
+  bool empty() { return cnt_ == 0; }
+  bool full() { return cnt_ == kMaxBurst; }
+
+ private:
+  int cnt_;
+  Packet* pkts_[kMaxBurst];
 };
 
 }  // namespace bess

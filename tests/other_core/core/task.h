@@ -9,6 +9,11 @@ class Task {
   bess::PacketBatch* AllocPacketBatch();
   bess::PacketBatch* dead_batch();
   void AddToRun(bess::IGate* igate, bess::PacketBatch* batch);
+
+  int taken = 0;
+
+ private:
+  bess::PacketBatch batches_[64];
 };
 
 struct Context {
