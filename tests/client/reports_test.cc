@@ -30,15 +30,17 @@ class Reports : public ClientCommand {
     reply.set_flows(1);
     reply.set_flow_changes(2);
     reply.set_expired_idle(1);
+    reply.set_expired_hard(7);
     reply.set_packets_received(packets);
     reply.set_bytes_received(100 * packets);
     reply.set_packets_forwarded(packets / 2);
-    reply.set_copies_output(packets);
-    reply.set_packets_sent(packets);
-    reply.set_bytes_sent(100 * packets);
+    reply.set_copies_output(4 * packets);
+    reply.set_packets_sent(3 * packets);
+    reply.set_bytes_sent(300 * packets);
     *reply.add_drops() = drop("table_miss", packets / 2, 0);
     *reply.add_drops() = drop("no_such_port", 0);
     *reply.add_drops() = drop("rx_missed", 3, 0, 2);
+    *reply.add_drops() = drop("rx_missed", 1'000'000 + packets / 10, 0, 3);
     reply.set_closes(true);
     reply.set_exact(true);
     pb::WorkerStats* worker = reply.add_workers();
@@ -145,19 +147,20 @@ TEST_F(Reports, Stats) {
   EXPECT_TRUE(fake_.statsRequest.pause());
   EXPECT_EQ(out_,
             "up 1 h 2 min, 1 flow, 2 flow changes, 1 flow expired by idle "
-            "timeout, 0 by hard timeout\n"
+            "timeout, 7 by hard timeout\n"
             "\n"
             "Packets\n"
             "  packets bytes\n"
             "       10  1000  received\n"
             "        5        forwarded\n"
-            "       10        copies for outputs\n"
-            "       10  1000  copies sent\n"
+            "       40        copies for outputs\n"
+            "       30  3000  copies sent\n"
             "\n"
             "Dropped\n"
             "  packets  where    cause\n"
             "        5  table 0  table_miss  About table_miss.\n"
             "        3  port 2   rx_missed   About rx_missed.\n"
+            "  1000001  port 3   rx_missed   About rx_missed.\n"
             "\n"
             "Workers\n"
             "  worker core rounds  state    serves\n"
@@ -197,21 +200,24 @@ TEST_F(Reports, WatchedStatsHaveRates) {
               HasSubstr("Every packet is accounted for.\n"
                         "\n"
                         "up 12 s, 1 flow, 2 flow changes, 1 flow expired by "
-                        "idle timeout, 0 by hard timeout\n"
+                        "idle timeout, 7 by hard timeout\n"
                         "\n"
                         "Packets\n"
-                        "  packets     bytes packets/s  bit/s\n"
-                        "  4000010 400001000    2.00 M 1.60 G  received\n"
-                        "  2000005              1.00 M         forwarded\n"
-                        "  4000010              2.00 M         copies for "
+                        "   packets      bytes packets/s  bit/s\n"
+                        "   4000010  400001000    2.00 M 1.60 G  received\n"
+                        "   2000005               1.00 M         forwarded\n"
+                        "  16000040               8.00 M         copies for "
                         "outputs\n"
-                        "  4000010 400001000    2.00 M 1.60 G  copies sent\n"
+                        "  12000030 1200003000    6.00 M 4.80 G  copies "
+                        "sent\n"
                         "\n"
                         "Dropped\n"
                         "  packets per second  where    cause\n"
                         "  2000005     1.00 M  table 0  table_miss  About "
                         "table_miss.\n"
                         "        3          0  port 2   rx_missed   About "
+                        "rx_missed.\n"
+                        "  1400001      200 k  port 3   rx_missed   About "
                         "rx_missed.\n"));
   EXPECT_THAT(out_, testing::StartsWith("up 10 s"));
   EXPECT_EQ(out_.find('\033'), std::string::npos);
@@ -226,8 +232,12 @@ TEST_F(Reports, WatchedStatsAsJsonAreOneObjectALine) {
   EXPECT_EQ(first["packetsReceived"], 10);
   EXPECT_FALSE(first.contains("perSecond"));
   EXPECT_EQ(second["packetsReceived"], 30);
-  EXPECT_EQ(second["perSecond"]["packetsReceived"], 10.0);
-  EXPECT_EQ(second["perSecond"]["bytesSent"], 1000.0);
+  EXPECT_EQ(second["perSecond"], nlohmann::json({{"packetsReceived", 10.0},
+                                                 {"bytesReceived", 1000.0},
+                                                 {"packetsForwarded", 5.0},
+                                                 {"copiesOutput", 40.0},
+                                                 {"packetsSent", 30.0},
+                                                 {"bytesSent", 3000.0}}));
 }
 
 // A switch that was started anew meanwhile has counted less.

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -60,6 +62,23 @@ TEST(SwitchClient, AsksByAddress) {
             "connected");
 }
 
+TEST(SwitchClient, AsksByAnIpv6Address) {
+  FakeSwitch fake("[::1]:0");
+  EXPECT_EQ(whyNot({.address = "[::1]:" + std::to_string(fake.port())}),
+            "connected");
+}
+
+// gRPC would read some of these characters as its own.
+TEST(SwitchClient, AsksBySocketsOfAnyName) {
+  FakeSwitch fake;
+  const openflow_test::ScratchDir dir;
+  for (const char* name :
+       {"a b", "50%20", "x?y#z", "\x01", "gr\u00fcn", "a:b@c", "-._~9"}) {
+    std::filesystem::create_symlink(fake.socket(), dir / name);
+    EXPECT_EQ(whyNot({.socket = dir / name}), "connected") << name;
+  }
+}
+
 TEST(SwitchClient, TellsWhereNothingListens) {
   EXPECT_EQ(whyNot({.socket = "/nowhere/c.sock"}),
             "control socket /nowhere/c.sock: does not exist: no switch runs "
@@ -95,9 +114,14 @@ TEST(SwitchClient, TellsWhatIsNoSocketAndNoAddress) {
   EXPECT_EQ(whyNot({.socket = longPath}),
             "control socket " + longPath +
                 ": the path has 125 characters, at most 107 are possible");
-  EXPECT_EQ(whyNot({.address = "9470"}),
-            "control address 9470: must be HOST:PORT, e.g. 127.0.0.1:9470 or "
-            "[::1]:9470");
+  for (const std::string address : {"9470", ":9470", "127.0.0.1:", ":"}) {
+    EXPECT_EQ(whyNot({.address = address}),
+              "control address " + address +
+                  ": must be HOST:PORT, e.g. 127.0.0.1:9470 or [::1]:9470");
+  }
+  EXPECT_EQ(whyNot({.address = "127.0.0.1:none"}),
+            std::string("control address 127.0.0.1:none: ") +
+                gai_strerror(EAI_SERVICE));
 }
 
 TEST(SwitchClient, TellsOfAPeerThatIsNoSwitch) {

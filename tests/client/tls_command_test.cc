@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Commands that ask a switch elsewhere, with certificates.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include "switch/control/control_server.h"
+#include "tests/client/client_command.h"
+#include "tests/control_door/certificates.h"
+#include "tests/switch/live_bench.h"
+
+namespace ofswitch {
+namespace {
+
+class TlsCommand : public ClientCommand {
+ protected:
+  TlsCommand() {
+    SwitchConfig config;
+    config.controlSocket = dir_ / "control.sock";
+    config.controlAddress = "0.0.0.0:0";
+    config.tlsCertificate = certificates().path("server.pem");
+    config.tlsKey = certificates().path("server.key");
+    config.tlsClientCa = certificates().path("ca.pem");
+    door_ =
+        std::make_unique<ControlServer>(ControlSockets(config), &bench_.live());
+  }
+
+  void askAs(const std::string& client, const std::string& authority) {
+    run(fmt::format("ports --address {} --tls-ca {} --tls-cert {} --tls-key {}",
+                    address(), certificates().path(authority + ".pem"),
+                    certificates().path(client + ".pem"),
+                    certificates().path(client + ".key")));
+  }
+
+  std::string address() const {
+    return fmt::format("127.0.0.1:{}", door_->tcpPort());
+  }
+  std::string noSwitch() const {
+    return fmt::format(
+        "ofswitch: control address {}: something listens there, but it does "
+        "not answer as a switch does; ",
+        address());
+  }
+
+  LiveBench bench_{{}};
+  std::unique_ptr<ControlServer> door_;
+};
+
+TEST_F(TlsCommand, IsAnsweredWhenEachTrustsTheOther) {
+  askAs("client", "ca");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_THAT(out_, testing::HasSubstr("net_ring1"));
+}
+
+TEST_F(TlsCommand, SaysWhatMayBeWrong) {
+  askAs("client", "other");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_, noSwitch() +
+                      "it may not use TLS, or not trust the certificate, or "
+                      "not be named in its own\n");
+  run("ports --address " + address());
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_,
+            noSwitch() + "it may want --tls-ca, --tls-cert and --tls-key\n");
+}
+
+TEST_F(TlsCommand, TakesItsOptionsTogether) {
+  for (const char* some :
+       {"--tls-ca a", "--tls-ca a --tls-cert b", "--tls-cert b --tls-key c",
+        "--tls-ca a --tls-key c", "--tls-key c"}) {
+    run(fmt::format("ports --address {} {}", address(), some));
+    EXPECT_EQ(status_, 2) << some;
+    EXPECT_THAT(err_, testing::HasSubstr("--tls-")) << some;
+  }
+  run("ports --tls-ca a --tls-cert b --tls-key c");
+  EXPECT_EQ(status_, 2);
+  run("ports --socket s --address " + address());
+  EXPECT_EQ(status_, 2);
+}
+
+}  // namespace
+}  // namespace ofswitch
