@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/host_service.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
+
 #include "openflow.pb.h"
+#include "packet_pool.h"
+#include "ports/port.h"
 #include "tests/control_door/control_bench.h"
 #include "tests/support/frame.h"
 
@@ -14,6 +20,7 @@ namespace {
 using openflow_test::Frame;
 using openflow_test::ip4;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
@@ -135,6 +142,128 @@ TEST_F(HostServiceTest, TellsOfAModuleAndItsGates) {
   EXPECT_EQ(counters[1].name(), "rx_packets");
   EXPECT_EQ(counters[1].value(), 4);
   EXPECT_EQ(statistics.packet_buffers(), 16383);
+}
+
+TEST_F(HostServiceTest, TellsOfClassesTheirGatesAndCommands) {
+  std::map<std::string, bess::pb::ListModuleClassesResponse::Class> classes;
+  const auto reply = call(&Stub::ListModuleClasses);
+  for (const auto& one : reply.classes()) classes[one.name()] = one;
+  EXPECT_EQ(classes["PortIn"].input_gates(), 0);
+  EXPECT_EQ(classes["PortIn"].output_gates(), 1);
+  EXPECT_EQ(classes["PortIn"].help(),
+            "receives packets from one queue of a port");
+  EXPECT_EQ(classes["PortIn"].plugin(), "");
+  EXPECT_EQ(classes["PortOut"].input_gates(), 1);
+  EXPECT_EQ(classes["PortOut"].output_gates(), 0);
+  EXPECT_EQ(classes["CaptureSink"].commands_size(), 0);
+  std::vector<std::string> commands;
+  for (const auto& one : classes["OpenFlow"].commands()) {
+    commands.push_back(one.name() + " " + one.arg_type() +
+                       (one.thread_safe() ? "" : " alone"));
+  }
+  EXPECT_THAT(commands, ElementsAre("updateFlows OpenFlowUpdateFlowsArg",
+                                    "setAclIds OpenFlowAclArg",
+                                    "getStats OpenFlowGetStatsArg"));
+}
+
+TEST_F(HostServiceTest, TellsWhereGatesLead) {
+  bess::pb::GetModuleRequest request;
+  request.set_name("port3_out");
+  const auto out = call(&Stub::GetModule, request);
+  EXPECT_EQ(out.module().name(), "port3_out");
+  EXPECT_EQ(out.module().description(), "port3");
+  EXPECT_EQ(out.output_gates_size(), 0);
+  ASSERT_EQ(out.input_gates_size(), 1);
+  EXPECT_EQ(out.input_gates(0).gate(), 0);
+  ASSERT_EQ(out.input_gates(0).from_size(), 1);
+  EXPECT_EQ(out.input_gates(0).from(0).module(), "openflow");
+  EXPECT_EQ(out.input_gates(0).from(0).output_gate(), 3);
+
+  request.set_name("openflow");
+  const auto tables = call(&Stub::GetModule, request);
+  std::vector<std::string> to;
+  for (const auto& gate : tables.output_gates()) {
+    to.push_back(gate.to_module());
+    EXPECT_EQ(gate.input_gate(), 0);
+  }
+  EXPECT_THAT(to,
+              ElementsAre("controller", "port1_out", "port2_out", "port3_out"));
+  std::vector<std::string> from;
+  for (const auto& one : tables.input_gates(0).from()) {
+    from.push_back(one.module());
+    EXPECT_EQ(one.output_gate(), 0);
+  }
+  EXPECT_THAT(from, ElementsAre("port1_in0", "port2_in0", "port3_in0"));
+  EXPECT_THAT(tables.workers(), ElementsAre(0));
+}
+
+TEST_F(HostServiceTest, TellsAllOfAPort) {
+  ASSERT_EQ(bess::OpenPort("spare", {.device = "net_null7",
+                                     .number = 77,
+                                     .rx_queues = 3,
+                                     .tx_queues = 2}),
+            "");
+  const auto reply = call(&Stub::ListPorts);
+  const auto& ports = reply.ports();
+  const bess::Port* spare = bess::FindPort("spare");
+  const auto told = std::ranges::find(
+      ports, "spare", [](const auto& one) { return one.name(); });
+  ASSERT_NE(told, ports.end());
+  EXPECT_EQ(told->number(), 77);
+  EXPECT_EQ(told->device(), "net_null7");
+  EXPECT_EQ(told->driver(), "net_null");
+  EXPECT_EQ(told->mac(), spare->mac());
+  EXPECT_EQ(told->mac().size(), 17);
+  EXPECT_EQ(told->mtu(), 1500);
+  EXPECT_EQ(told->rx_queues(), 3);
+  EXPECT_EQ(told->tx_queues(), 2);
+  EXPECT_TRUE(told->link_up());
+  EXPECT_EQ(bess::ClosePort("spare"), "");
+}
+
+std::string countersText(const bess::pb::StatisticsResponse::Port& port) {
+  std::string text;
+  for (const auto& counter : port.counters()) {
+    if (counter.value() == 0) continue;
+    text += fmt::format("{}={} ", counter.name(), counter.value());
+  }
+  return text;
+}
+
+TEST_F(HostServiceTest, CountsUnderTheRightNames) {
+  const Frame frame =
+      Frame::eth().ipv4(ip4("10.0.0.1"), ip4("10.0.0.2")).tcp(7, 80);
+  const size_t size = openflow_test::Bytes(frame).size();
+  control_.bench().receive(1, frame, 4);
+  control_.bench().receive(1, openflow_test::Bytes(10));    // no header
+  control_.bench().receive(1, openflow_test::Bytes(1600));  // above the MTU
+  control_.bench().settled();
+  bess::Packet* held = bess::PacketPool::Default()->Alloc(60);
+
+  const auto statistics = call(&Stub::GetStatistics);
+  ASSERT_EQ(statistics.ports_size(), 3);
+  EXPECT_EQ(statistics.ports(0).number(), 1);
+  EXPECT_EQ(statistics.ports(0).name(), "port1");
+  EXPECT_EQ(countersText(statistics.ports(0)),
+            fmt::format("rx_received=6 rx_packets=6 rx_bytes={} ",
+                        4 * size + 10 + 1600));
+  EXPECT_EQ(countersText(statistics.ports(1)), "");
+  EXPECT_EQ(statistics.ports(2).number(), 3);
+  EXPECT_EQ(countersText(statistics.ports(2)),
+            fmt::format("tx_entered=6 tx_packets=4 tx_bytes={} "
+                        "tx_frame_too_long=1 tx_frame_too_short=1 ",
+                        4 * size));
+  EXPECT_EQ(statistics.ports(2).counters_size(),
+            6 + static_cast<int>(bess::kDropCauses.size()));
+  std::string ended;
+  for (const auto& module : statistics.modules()) {
+    if (module.ended_packets() == 0) continue;
+    ended += fmt::format("{}={} ", module.name(), module.ended_packets());
+  }
+  EXPECT_EQ(ended, "openflow=6 port3_out=2 ");
+  EXPECT_EQ(statistics.packet_buffers(), 16383);
+  EXPECT_EQ(statistics.free_packet_buffers(), 16382);
+  bess::Packet::Free(held);
 }
 
 TEST_F(HostServiceTest, RunsACommandThatOnlyReads) {
