@@ -5,19 +5,15 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "eal.h"
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
+#include "tests/telemetry/telemetry_client.h"
 
 namespace ofswitch {
 namespace {
@@ -28,49 +24,6 @@ using openflow_test::ip4;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
-
-class Client {
- public:
-  Client() : fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-    const timeval patience = {.tv_sec = 10, .tv_usec = 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    const std::string path = bess::RuntimeDir() + "/dpdk_telemetry.v2";
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&address),
-                      sizeof(address)),
-              0)
-        << path << ": " << std::strerror(errno);
-    const json hello = json::parse(receive());
-    EXPECT_EQ(hello["pid"], getpid());
-    EXPECT_EQ(hello["max_output_len"], 16384);
-  }
-  ~Client() { close(fd_); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  json ask(const std::string& command) const {
-    EXPECT_EQ(send(fd_, command.data(), command.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(command.size()));
-    const std::string answer = receive();
-    EXPECT_LT(answer.size(), 16384);
-    const json all = json::parse(answer);
-    EXPECT_EQ(all.size(), 1);
-    return all.begin().value();
-  }
-
- private:
-  std::string receive() const {
-    std::string bytes(1 << 16, '\0');
-    const ssize_t length = recv(fd_, bytes.data(), bytes.size(), 0);
-    EXPECT_GT(length, 0) << std::strerror(errno);
-    bytes.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    return bytes;
-  }
-
-  int fd_;
-};
 
 Frame tcpTo(uint16_t port) {
   return Frame::eth().ipv4(ip4("10.0.0.1"), ip4("10.0.0.2")).tcp(1000, port);
@@ -95,7 +48,7 @@ TEST(DpdkTelemetry, TellsExactlyWhatHappened) {
   bench.receive(2, tcpTo(80), 7);  // no flow for port 2
   bench.settled();
 
-  const Client client;
+  const TelemetryClient client;
   EXPECT_THAT(client.ask("/").get<std::vector<std::string>>(),
               IsSupersetOf({"/ofswitch/stats", "/ofswitch/ports",
                             "/ofswitch/tables", "/ofswitch/flows"}));
@@ -167,7 +120,7 @@ TEST(DpdkTelemetry, LongListsComeInParts) {
   }
   LiveBench bench(withTelemetry(text));
   const DpdkTelemetry telemetry(bench.live());
-  const Client client;
+  const TelemetryClient client;
   int seen = 0;
   int parts = 0;
   for (json next = 0; !next.is_null(); parts++) {
@@ -190,7 +143,7 @@ TEST(DpdkTelemetry, LongListsComeInParts) {
 TEST(DpdkTelemetry, RefusesWrongParameters) {
   LiveBench bench(withTelemetry());
   const DpdkTelemetry telemetry(bench.live());
-  const Client client;
+  const TelemetryClient client;
   for (const char* command :
        {"/ofswitch/flows", "/ofswitch/flows,", "/ofswitch/flows,32",
         "/ofswitch/flows,-1", "/ofswitch/flows,0x1", "/ofswitch/flows,0,",
@@ -211,7 +164,7 @@ TEST(DpdkTelemetry, RefusesWrongParameters) {
 TEST(DpdkTelemetry, OutlivesTheSwitch) {
   const char* kError = "the switch does not run";
   LiveBench bench(withTelemetry());
-  const Client client;
+  const TelemetryClient client;
   {
     const DpdkTelemetry telemetry(bench.live());
     EXPECT_EQ(client.ask("/ofswitch/stats")["flows"], 3);
@@ -233,7 +186,7 @@ TEST(DpdkTelemetry, ManyAskWhileSwitchesComeAndGo) {
   }
   for (int i = 0; i < 3; i++) {
     askers.emplace_back([&] {
-      const Client client;
+      const TelemetryClient client;
       while (!done) {
         for (const char* command : {"/ofswitch/stats", "/ofswitch/tables",
                                     "/ofswitch/flows,4", "/ofswitch/ports,1"}) {
