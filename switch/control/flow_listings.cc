@@ -15,9 +15,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using More = StreamCall::More;
 
-// How long a client may rest while others wait.
-constexpr auto kLongestRest = std::chrono::seconds(10);
-
 }  // namespace
 
 // One client's listing. The atomic members are for others to see.
@@ -50,7 +47,8 @@ class FlowListings::Reader {
   bool isWaiting() const { return isWaiting_; }
   size_t left() const { return left_; }
   bool rests() const {
-    return left_ > 0 && Clock::now() - lastSent_.load() > kLongestRest;
+    return left_ > 0 &&
+           Clock::now() - lastSent_.load() > listings_->longestRest_;
   }
 
  private:

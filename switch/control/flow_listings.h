@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 
@@ -17,8 +18,11 @@ namespace ofswitch {
 // those whose clients do not read are ended.
 class FlowListings {
  public:
-  explicit FlowListings(const LiveSwitch* live, size_t mostFlows = 1'000'000)
-      : live_(live), mostFlows_(mostFlows) {}
+  // `longestRest` is how long a client may rest while others wait.
+  explicit FlowListings(
+      const LiveSwitch* live, size_t mostFlows = 1'000'000,
+      std::chrono::milliseconds longestRest = std::chrono::seconds(10))
+      : live_(live), mostFlows_(mostFlows), longestRest_(longestRest) {}
 
   // Answers one call; `queue` runs what waits for the command thread.
   std::shared_ptr<StreamCall> start(WorkQueue* queue,
@@ -35,6 +39,7 @@ class FlowListings {
 
   const LiveSwitch* const live_;
   const size_t mostFlows_;
+  const std::chrono::milliseconds longestRest_;
   CallList<Reader> calls_;
 };
 

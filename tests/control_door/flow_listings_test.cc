@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/control/flow_listings.h"
+
+#include <fmt/format.h>
+#include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "switch.grpc.pb.h"
+#include "switch/control/work_queue.h"
+#include "tests/captures/capture_files.h"
+#include "tests/switch/live_bench.h"
+
+namespace ofswitch {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kFlows = 3000;
+
+// A service that has nothing but listings, which together keep few flows.
+class Service final
+    : public pb::Switch::WithRawCallbackMethod_DumpFlows<pb::Switch::Service> {
+ public:
+  Service(FlowListings* listings, WorkQueue* queue)
+      : listings_(listings), queue_(queue) {}
+
+  grpc::ServerWriteReactor<grpc::ByteBuffer>* DumpFlows(
+      grpc::CallbackServerContext* context,
+      const grpc::ByteBuffer* request) override {
+    return listings_->start(queue_, context, request).get();
+  }
+
+ private:
+  FlowListings* const listings_;
+  WorkQueue* const queue_;
+};
+
+class FlowListingsTest : public testing::Test {
+ protected:
+  struct Client {
+    std::unique_ptr<pb::Switch::Stub> stub;
+    grpc::ClientContext context;
+    std::unique_ptr<grpc::ClientReader<pb::FlowEntry>> reader;
+
+    // How many entries come until the end.
+    int readAll() const {
+      pb::FlowEntry entry;
+      int count = 0;
+      while (reader->Read(&entry)) count++;
+      return count;
+    }
+    bool readOne() const {
+      pb::FlowEntry entry;
+      return reader->Read(&entry);
+    }
+  };
+
+  FlowListingsTest() {
+    std::string text;
+    for (int i = 0; i < kFlows; i++) {
+      text += fmt::format("priority={},tcp,tp_dst={},actions=drop\n", 60000 - i,
+                          i + 1);
+    }
+    bench_.add(text);
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort("unix:" + path(),
+                             grpc::InsecureServerCredentials());
+    builder.RegisterService(&service_);
+    server_ = builder.BuildAndStart();
+  }
+  ~FlowListingsTest() override {
+    server_->Shutdown(std::chrono::system_clock::now());
+  }
+
+  std::unique_ptr<Client> list(const std::string& filter = "") {
+    auto client = std::make_unique<Client>();
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
+    client->stub = pb::Switch::NewStub(grpc::CreateCustomChannel(
+        "unix:" + path(), grpc::InsecureChannelCredentials(), arguments));
+    pb::FlowFilter message;
+    message.set_text(filter);
+    client->reader = client->stub->DumpFlows(&client->context, message);
+    return client;
+  }
+
+  std::string path() const { return dir_ / "listings.sock"; }
+
+  // Whether something comes while time passes for the listings.
+  bool comesWhileTicking(const Client& client,
+                         std::chrono::milliseconds patience) {
+    one_ = std::async(std::launch::async, [&] { return client.readOne(); });
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (std::chrono::steady_clock::now() < end) {
+      listings_.tick();
+      if (one_.wait_for(5ms) == std::future_status::ready) return true;
+    }
+    return false;
+  }
+
+  LiveBench bench_{{.counters = 1 << 16}};
+  openflow_test::ScratchDir dir_;
+  FlowListings listings_{&bench_.live(), 100, 1s};
+  WorkQueue queue_{2, 16};
+  Service service_{&listings_, &queue_};
+  std::unique_ptr<grpc::Server> server_;
+  std::future<bool> one_;
+};
+
+TEST_F(FlowListingsTest, WaitWhileOthersKeepTooMuch) {
+  const auto slow = list();
+  ASSERT_TRUE(slow->readOne());
+  std::this_thread::sleep_for(100ms);  // until nothing more fits
+  const auto next = list("tcp,tp_dst=7");
+  EXPECT_FALSE(comesWhileTicking(*next, 300ms));
+  // It has had no time to rest: it gets all of its flows.
+  EXPECT_EQ(slow->readAll(), kFlows - 1);
+  EXPECT_TRUE(slow->reader->Finish().ok());
+  for (int i = 0; i < 2000 && one_.wait_for(5ms) != std::future_status::ready;
+       i++) {
+    listings_.tick();
+  }
+  EXPECT_TRUE(one_.get());
+  EXPECT_FALSE(next->readOne());
+  EXPECT_TRUE(next->reader->Finish().ok());
+}
+
+TEST_F(FlowListingsTest, GoOnWithoutTicksWhenThereIsRoom) {
+  for (int i = 0; i < 3; i++) {
+    const auto client = list();
+    EXPECT_EQ(client->readAll(), kFlows);
+    EXPECT_TRUE(client->reader->Finish().ok());
+  }
+  const auto wrong = list("tabel=3");
+  EXPECT_EQ(wrong->readAll(), 0);
+  EXPECT_EQ(wrong->reader->Finish().error_code(),
+            grpc::StatusCode::INVALID_ARGUMENT);
+}
+
+TEST_F(FlowListingsTest, EndThoseThatRestWhileOthersWait) {
+  const auto resting = list();
+  ASSERT_TRUE(resting->readOne());
+  std::this_thread::sleep_for(100ms);
+  const auto next = list("tcp,tp_dst=7");
+  EXPECT_TRUE(comesWhileTicking(*next, 10s));
+  EXPECT_LT(resting->readAll(), kFlows - 1);
+  EXPECT_EQ(resting->reader->Finish().error_code(),
+            grpc::StatusCode::CANCELLED);
+}
+
+TEST_F(FlowListingsTest, GivePlacesBack) {
+  for (int i = 0; i < 40; i++) {
+    const auto client = list("tcp,tp_dst=7");
+    EXPECT_EQ(client->readAll(), 1);
+    EXPECT_TRUE(client->reader->Finish().ok()) << i;
+  }
+}
+
+TEST_F(FlowListingsTest, RefuseWhatThereIsNoPlaceFor) {
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 16; i++) clients.push_back(list());
+  ASSERT_TRUE(clients[0]->readOne());
+  std::this_thread::sleep_for(200ms);  // until all of them have come
+  const auto more = list();
+  EXPECT_EQ(more->readAll(), 0);
+  const grpc::Status status = more->reader->Finish();
+  EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_EQ(status.error_message(), "too many requests at once; try again");
+  for (const auto& client : clients) client->context.TryCancel();
+}
+
+}  // namespace
+}  // namespace ofswitch
