@@ -104,6 +104,27 @@ TEST_F(MemoryChecks, TooLittleMemory) {
                           "available -> in s.yaml: memory: {mb: 200}"));
 }
 
+TEST_F(MemoryChecks, JustEnoughMemory) {
+  fake_.write("/proc/meminfo", "MemAvailable:   524288 kB\n");
+  EXPECT_THAT(memory(),
+              ElementsAre("ok: 512 MB are wanted, 512 MB are available"));
+  config_.file = "";
+  config_.memoryMb = 513;
+  EXPECT_THAT(memory(),
+              ElementsAre("problem: 513 MB are wanted, only 512 MB are "
+                          "available -> in switch.yaml: memory: {mb: 256}"));
+}
+
+TEST_F(MemoryChecks, JustEnoughHugepages) {
+  config_.memoryMb = 1024;
+  EXPECT_EQ(memory().back(),
+            std::string(kTlb) + "in s.yaml: memory: {hugepages: true}");
+  config_.memoryMb = 1025;
+  EXPECT_EQ(memory().back(), std::string(kTlb) +
+                                 "sysctl -w vm.nr_hugepages=601; then in "
+                                 "s.yaml: memory: {hugepages: true}");
+}
+
 TEST_F(MemoryChecks, ControlSocket) {
   EXPECT_THAT(control("/run/ofswitch/control.sock"),
               ElementsAre("ok: /run/ofswitch/control.sock"));
@@ -111,6 +132,8 @@ TEST_F(MemoryChecks, ControlSocket) {
               ElementsAre("problem: this user cannot make files in "
                           "/usr/sbin/ethtool -> sudo install -d -o $(id -un) "
                           "/usr/sbin/ethtool/deep"));
+  EXPECT_EQ(control("/run/" + std::string(102, 'x')),
+            std::vector{"ok: /run/" + std::string(102, 'x')});
   const std::string longest = "/run/" + std::string(103, 'x');
   EXPECT_THAT(control(longest),
               ElementsAre(fmt::format("problem: {} has 108 characters, at most "

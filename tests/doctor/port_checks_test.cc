@@ -136,8 +136,10 @@ TEST_F(PortChecks, CardHeldByTheKernel) {
                           "-> modprobe vfio-pci",
                           "problem: no driver holds 0000:05:00.0 -> "
                           "dpdk-devbind.py --bind=vfio-pci 0000:05:00.0"));
-  fake_.addCard("0000:06:00.0", "mlx5_core");
-  EXPECT_THAT(port("06:00.0"), ElementsAre("ok: 06:00.0"));
+  for (const char* driver : {"mlx5_core", "igb_uio", "uio_pci_generic"}) {
+    fake_.addCard("0000:06:00.0", driver);
+    EXPECT_THAT(port("06:00.0"), ElementsAre("ok: 06:00.0")) << driver;
+  }
 }
 
 TEST_F(PortChecks, CardWithoutIommu) {
@@ -169,6 +171,10 @@ TEST_F(PortChecks, LockedMemory) {
               ElementsAre("problem: the card reads and writes 512 MB of locked "
                           "memory, and this process may lock 8 MB -> ulimit -l "
                           "unlimited"));
+  fake_.write("/proc/self/limits",
+              "Max locked memory         536870912            536870912        "
+              "    bytes\n");
+  EXPECT_THAT(port("03:00.0"), ElementsAre("ok: 03:00.0"));
   fake_.write("/proc/self/limits",
               "Max locked memory         unlimited            unlimited        "
               "    bytes\n");

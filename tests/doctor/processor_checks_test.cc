@@ -65,6 +65,8 @@ TEST_F(ProcessorChecks, SlowClock) {
             "gain: clock source hpet: reading the time costs a system call");
   fake_.write(folder + "current_clocksource", "kvm-clock\n");
   EXPECT_EQ(processor()[1], "ok: clock source kvm-clock");
+  fake_.remove(folder + "current_clocksource");
+  EXPECT_EQ(processor().size(), 1u);
 }
 
 TEST_F(ProcessorChecks, SpeedThatFollowsTheLoad) {
@@ -105,6 +107,10 @@ TEST_F(ProcessorChecks, SharedCores) {
       cores({-1, -1}),
       ElementsAre("gain: 2 workers without a core of their own: the system "
                   "moves them about -> in s.yaml: workers: [2, 3]"));
+  EXPECT_THAT(cores({-1, -1, -1, -1}),
+              ElementsAre("gain: 4 workers without a core of their own: the "
+                          "system moves them about -> in s.yaml: workers: "
+                          "[0, 1, 2, 3]"));
   EXPECT_THAT(cores({-1, -1, -1, -1, -1}),
               ElementsAre("gain: 5 workers take turns on 4 cores -> in s.yaml: "
                           "workers: [0, 1, 2, 3]"));

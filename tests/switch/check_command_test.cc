@@ -184,6 +184,46 @@ TEST_F(CheckCommand, PrintsJson) {
   EXPECT_EQ(report["installed"][0]["guards"][0]["match"], "ip,nw_ttl=0/0xfe");
 }
 
+TEST_F(CheckCommand, PrintsAllOfItInJson) {
+  using json = nlohmann::json;
+  write("a.txt", "tcp6,actions=goto_table:1\ntcp6,actions=drop\n");
+  write("b.json", "[\n{\"getStats\": {\"tableId\": 32}}, {\"getStats\": {}}]");
+  check("--json a.txt b.json");
+  EXPECT_EQ(json::parse(out_),
+            json({{"flows", 2},
+                  {"commands", 1},
+                  {"refused", 1},
+                  {"refusals",
+                   {{{"file", "b.json"},
+                     {"line", 2},
+                     {"column", 1},
+                     {"reason",
+                      "command 0: getStats: tableId: 32 must be below 32"}}}},
+                  {"notes",
+                   {{{"file", "a.txt"},
+                     {"line", 2},
+                     {"reason",
+                      "replaces the flow of a.txt:1, which has the same "
+                      "table, priority and match"}}}}}));
+  write("a.txt", "tcp6,actions=goto_table:1\n");
+  check("--json -v a.txt");
+  EXPECT_EQ(json::parse(out_)["installed"],
+            json({{{"file", "a.txt"},
+                   {"line", 1},
+                   {"flow", "table=0,priority=32768,tcp6,actions=goto_table:1"},
+                   {"family", "ipv6"},
+                   {"modulePriority", 65538},
+                   {"tableMiss", false},
+                   {"guards", json::array()}},
+                  {{"file", ""},
+                   {"line", 0},
+                   {"flow", "table=1,priority=0,actions=drop"},
+                   {"family", "ipv4"},
+                   {"modulePriority", 1},
+                   {"tableMiss", true},
+                   {"guards", json::array()}}}));
+}
+
 TEST_F(CheckCommand, ExplainsItself) {
   check("--help");
   EXPECT_EQ(status_, 0);

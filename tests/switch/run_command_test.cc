@@ -23,6 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 using ofswitch::RunningSwitch;
 using openflow_test::ScratchDir;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using Clock = std::chrono::steady_clock;
@@ -48,8 +49,7 @@ constexpr char kConfig[] =
     "metrics: false\n";
 
 TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
-  write("flows.txt",
-        "in_port=1,actions=output:2\nin_port=2,actions=output:1\n");
+  write("flows.txt", "in_port=1,actions=output:2\nin_port=2,actions=drop\n");
   const std::string config = write("switch.yaml", kConfig);
   for (const int signal : {SIGTERM, SIGINT}) {
     RunningSwitch process(config, dir_ / "log");
@@ -63,7 +63,10 @@ TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
     EXPECT_EQ(log.find("note: memory without hugepages: ") != log.npos,
               !openflow_test::kernelMakesHugePages())
         << log;
-    EXPECT_THAT(log, HasSubstr("port 1 port1: net_null0 (net_null), "));
+    EXPECT_THAT(log, ContainsRegex("port 2 port2: net_null1 \\(net_null\\), "
+                                   "[0-9A-Fa-f:]{17}, 1 queue, MTU 1500, link "
+                                   "up\n"));
+    EXPECT_THAT(log, Not(HasSubstr("port 0")));
     unsigned long received = 0;
     unsigned long sent = 0;
     unsigned long dropped = 0;
@@ -73,36 +76,44 @@ TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
               3)
         << log;
     EXPECT_GT(received, 0);
+    EXPECT_GT(sent, 0);
+    EXPECT_GT(dropped, 0);
     EXPECT_EQ(received, sent + dropped);
   }
 }
 
+// A name that begins with "@" is not in the file system.
 TEST_F(RunCommand, TellsTheServiceManagerHowFarItIs) {
   write("flows.txt", "in_port=1,actions=output:2\n");
   const std::string config = write("switch.yaml", kConfig);
-  const std::string path = dir_ / "notify";
-  const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-  ASSERT_LT(path.size(), sizeof(address.sun_path));
-  path.copy(address.sun_path, path.size());
-  ASSERT_EQ(
-      bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  const timeval patience = {.tv_sec = 20, .tv_usec = 0};
-  setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-  const auto told = [manager] {
-    char text[64];
-    const ssize_t length = recv(manager, text, sizeof(text), 0);
-    return std::string(text, length < 0 ? 0 : static_cast<size_t>(length));
-  };
+  for (const std::string& path :
+       {(dir_ / "notify").string(), "@" + (dir_ / "notify").string()}) {
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    ASSERT_LT(path.size(), sizeof(address.sun_path));
+    path.copy(address.sun_path, path.size());
+    if (path[0] == '@') address.sun_path[0] = '\0';
+    const auto length =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), length), 0);
+    const timeval patience = {.tv_sec = 20, .tv_usec = 0};
+    setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    const auto told = [manager] {
+      char text[64];
+      const ssize_t length = recv(manager, text, sizeof(text), 0);
+      return std::string(text, length < 0 ? 0 : static_cast<size_t>(length));
+    };
 
-  setenv("NOTIFY_SOCKET", path.c_str(), 1);
-  RunningSwitch process(config, dir_ / "log");
-  unsetenv("NOTIFY_SOCKET");
-  EXPECT_EQ(told(), "READY=1");
-  EXPECT_THAT(process.log(), HasSubstr("running: 2 ports, 2 workers, 1 flow"));
-  EXPECT_EQ(process.end(SIGTERM), 0);
-  EXPECT_EQ(told(), "STOPPING=1");
-  close(manager);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    RunningSwitch process(config, dir_ / "log");
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_EQ(told(), "READY=1");
+    EXPECT_THAT(process.log(),
+                HasSubstr("running: 2 ports, 2 workers, 1 flow"));
+    EXPECT_EQ(process.end(SIGTERM), 0);
+    EXPECT_EQ(told(), "STOPPING=1");
+    close(manager);
+  }
 }
 
 TEST_F(RunCommand, RefusesWhatItCannotStart) {
@@ -128,6 +139,32 @@ TEST_F(RunCommand, ChecksWithoutStarting) {
   EXPECT_EQ(process.end(0), 1);
   EXPECT_THAT(process.log(), HasSubstr(flows + ":1: "));
   EXPECT_THAT(process.log(), HasSubstr("0 flows, 1 refused\n"));
+}
+
+TEST_F(RunCommand, ChecksAllFilesAndTheControlAddress) {
+  const std::string a = write("a.txt", "in_port=1,actions=output:2\nx\n");
+  const std::string b =
+      write("b.txt", "tcp,actions=drop\nudp,actions=drop\ny\n");
+  std::string text = kConfig;
+  text.replace(text.find("flows.txt"), 9, "[a.txt, b.txt]");
+  text.replace(text.find("workers: 2"), 10, "workers: [0]");
+  const std::string config = write("switch.yaml", text);
+  {
+    RunningSwitch process(config, dir_ / "log", "--check");
+    EXPECT_EQ(process.end(0), 1);
+    EXPECT_EQ(
+        process.log(),
+        a + ":2: no actions; write actions=drop for a flow that drops\n" + b +
+            ":3: no actions; write actions=drop for a flow that drops\n" +
+            config + ": 2 ports, 1 worker on core 0, 3 flows, 2 refused\n");
+  }
+  text.replace(text.find("socket: control.sock"), 20, "address: 0.0.0.0:9470");
+  write("switch.yaml", text);
+  RunningSwitch process(config, dir_ / "log", "--check");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_THAT(process.log(),
+              HasSubstr("0.0.0.0:9470 can be reached from elsewhere and needs "
+                        "control.tls: certificate, key and client_ca\n"));
 }
 
 TEST_F(RunCommand, TellsWhereACoreStandsThatIsNotThere) {

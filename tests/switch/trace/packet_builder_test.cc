@@ -69,6 +69,12 @@ TEST(PacketBuilder, FramesOfEachProtocol) {
   EXPECT_EQ(hex(built("arp,arp_tpa=10.0.0.9")).substr(0, 84),
             "ffffffffffff020000000001080600010800060400010200000000"
             "01c00002010000000000000a000009");
+  EXPECT_EQ(hex(built("rarp")).substr(0, 84),
+            "ffffffffffff020000000001803500010800060400030200000000"
+            "01c000020102000000000100000000");
+  const std::string tcp = hex(built("tcp,tp_dst=80"));
+  EXPECT_EQ(tcp.substr(68, 32), "c000005000000000000000005002ffff");
+  EXPECT_EQ(tcp.substr(104), std::string(16, '0'));
   EXPECT_EQ(hex(built("dl_type=0x88cc")).substr(24, 8), "88cc0000");
   EXPECT_EQ(hex(built("in_port=1")).substr(24, 8), "88b50000");
 }

@@ -23,7 +23,11 @@ std::string errorOf(const std::string& text) {
 TEST(TraceInput, FlowTextStaysAsItIs) {
   const PacketArgument packet = readPacketArgument("in_port=1,tcp,tp_dst=80");
   EXPECT_EQ(packet.request.text(), "in_port=1,tcp,tp_dst=80");
-  EXPECT_EQ(readPacketArgument("arp").request.text(), "arp");
+  for (const char* text : {"arp", "", " ", "0x", "0xg"}) {
+    const PacketArgument one = readPacketArgument(text);
+    EXPECT_TRUE(one.request.has_text()) << text;
+    EXPECT_EQ(one.request.text(), text);
+  }
 }
 
 TEST(TraceInput, Hexadecimal) {
@@ -63,6 +67,8 @@ TEST(TraceInput, FramesOfCaptures) {
             (dir / "none.pcap").string() + ": No such file or directory");
   EXPECT_EQ(errorOf("x.pcap"),
             "x.pcap: say which frame of the file, x.pcap#1 for the first");
+  EXPECT_EQ(errorOf("x.pcapng"),
+            "x.pcapng: say which frame of the file, x.pcapng#1 for the first");
 }
 
 }  // namespace
