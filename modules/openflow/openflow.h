@@ -32,7 +32,7 @@
 
 // One instance of the module. Made by the host through the registered class
 // "OpenFlow"; lives in DPDK memory.
-class OpenFlow final : public Module {
+class OpenFlow : public Module {
  public:
   // The class's commands, in the order in which they are registered.
   static const Commands cmds;

@@ -79,8 +79,6 @@ class alignas(64) Module {
   virtual void AddActiveWorker(int wid, const Task* task);
   virtual CheckConstraintResult CheckModuleConstraints() const;
 
-  int max_allowed_workers() const { return max_allowed_workers_; }
-
   void EmitPacket(Context* ctx, bess::Packet* packet,
                   bess::gate_idx_t ogate = 0);
   void DropPacket(Context* ctx, bess::Packet* packet);

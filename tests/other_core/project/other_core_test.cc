@@ -144,7 +144,18 @@ TEST_F(OtherCore, IsToldOfOneClass) {
   EXPECT_THAT(names, ElementsAre("updateFlows OpenFlowUpdateFlowsArg",
                                  "setAclIds OpenFlowAclArg",
                                  "getStats OpenFlowGetStatsArg"));
-  EXPECT_EQ(module_->max_allowed_workers(), 16);
+}
+
+// Looks at what the base class keeps for its heirs.
+struct Heir : OpenFlow {
+  using Module::max_allowed_workers_;
+  using Module::min_allowed_workers_;
+};
+
+TEST_F(OtherCore, MayBeRunBySixteenWorkers) {
+  const auto heir = std::make_unique<Heir>();
+  EXPECT_EQ(heir->max_allowed_workers_, 16);
+  EXPECT_EQ(heir->min_allowed_workers_, 1);
 }
 
 TEST_F(OtherCore, OutputsAreCopies) {
