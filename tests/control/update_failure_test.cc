@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <new>
 
+#include "control.h"
 #include "tests/control/control_test.h"
 
 namespace openflow_test {
@@ -148,6 +149,19 @@ TEST_P(UpdateFailure, WithoutMemoryForOneActionTheUpdateSucceeds) {
   update(message().add(Flow(3, 30)));
   (void)heapUse();
   EXPECT_GT(Calls::countFrees(nullptr), 0);
+}
+
+// The list of entries lies on the stack of the thread that runs commands.
+TEST_P(UpdateFailure, AMillionAddsFitTheCommandThreadsStack) {
+  quil::pb::OpenFlowUpdateFlowsArg arg = message();
+  for (int i = 0; i < 1'000'000; i++) arg.add_adds();
+  Calls::state().failType = "openflowentry";
+  Calls::state().failZmalloc = Calls::Fault::every();
+  CommandResponse response;
+  bess::ControlThread::Instance().Run(
+      [&] { response = module().updateFlows(arg); });
+  EXPECT_THAT(response, FailsWith(-ENOMEM, kFailed));
+  expectNothingChanged();
 }
 
 using UpdateFailureDeathTest = UpdateFailure;
