@@ -68,6 +68,15 @@ TEST(Account, Closes) {
   EXPECT_EQ(account.tables[1].entered, 60u);
 }
 
+// A flood to two ports leaves one or two copies.
+TEST(Account, ClosesForAllTheCopiesThatFlowsMayMake) {
+  ReplayCounts counts = consistent();
+  counts.dropped += 40;
+  const Account account = makeAccount(counts);
+  EXPECT_TRUE(account.closes()) << account.discrepancies[0];
+  EXPECT_EQ(account.unconnected, 42u);
+}
+
 struct Spoiled {
   const char* name;
   std::function<void(ReplayCounts*)> spoil;

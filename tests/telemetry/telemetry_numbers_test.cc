@@ -192,7 +192,7 @@ TEST(NumbersOfPorts, SayHowManyPortsItLeavesOut) {
   SwitchConfig config;
   for (uint16_t i = 1; i <= 20; i++) {
     config.ports.push_back({i, std::string(900, static_cast<char>('a' + i)),
-                            fmt::format("net_null{}", i), 1, 0});
+                            fmt::format("net_null{}", i), 2, 0});
   }
   config.workers = {-1};
   config.memoryMb = 256;
@@ -207,6 +207,9 @@ TEST(NumbersOfPorts, SayHowManyPortsItLeavesOut) {
   for (int i = 0; i <= 20; i++) told += ports.contains(std::to_string(i));
   EXPECT_GT(told, 10);
   EXPECT_EQ(ports["ports_left_out"], 21 - told);
+  const json port = TelemetryClient().ask("/ofswitch/ports,20");
+  EXPECT_EQ(port["rx_queues"], 2);
+  EXPECT_EQ(port["tx_queues"], 1);
   live.stop();
 }
 
