@@ -162,6 +162,32 @@ TEST_F(Pass, LeavesTheMetadataOfWhatCameIn) {
   }
 }
 
+// Flows have one output list at most. A record with two is served with both:
+// the one without the in-port, of which there is one, then the whole one.
+TEST_F(Pass, ServesSeveralOutputListsOfARecord) {
+  add(0, {any().output({1, 2})});
+  const QuilModules::AclCtx* slot =
+      OpenFlowPeer::table(harness().module(), 0).ipv4.aclCtx;
+  auto* record = static_cast<OfFlowAction*>(slot->data->userdata[1].action);
+  const auto copies = [&] {
+    const RunResult result =
+        harness().run({InputPacket(tcpFrame(), MetadataBlock{}.withInPort(2))});
+    EXPECT_EQ(result.drops, 1u);
+    EXPECT_TRUE(result.tables.empty()) << result;
+    return std::pair(result.gate(1).size(), result.gate(2).size());
+  };
+  record->fields.setOutputAll = 1;
+  EXPECT_EQ(copies(), std::pair(2ul, 1ul));
+  record->fields.setOutputFlood = 1;
+  EXPECT_EQ(copies(), std::pair(2ul, 1ul));
+  record->fields.setOutputAll = 0;
+  EXPECT_EQ(copies(), std::pair(2ul, 1ul));
+  record->fields.setOutputPort = 0;
+  EXPECT_EQ(copies(), std::pair(1ul, 0ul));
+  record->fields.setOutputAll = 1;
+  EXPECT_EQ(copies(), std::pair(1ul, 0ul));
+}
+
 // ---- What waits for a later table.
 
 MetadataBlock blockOf(const bess::Packet* packet) {
