@@ -83,7 +83,8 @@ class Bench {
     all.set_operation(pb::FLOW_OPERATION_DELETE);
     change(all);
     if (!flows_.empty()) fail("{} flows cannot be deleted", flows_.size());
-    for (const auto& [facility, level] : live_.setLogLevels({}).levels()) {
+    const pb::LogLevels levels = live_.setLogLevels({});
+    for (const auto& [facility, level] : levels.levels()) {
       Mio::setTraceLevels(facility, 0);
     }
   }
@@ -276,13 +277,12 @@ void request(Bench* bench, uint8_t method, std::string_view bytes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const google::protobuf::LogSilencer noComplaints;
-  // Never destroyed: DPDK's threads run to the end of the process.
-  static auto* const bench = new ofswitch::Bench;
+  static ofswitch::Bench bench;
   openflow_fuzz::Input input(data, size);
   for (int n = 0; n < ofswitch::kMaxRequests && !input.empty(); n++) {
     const auto method = input.take<uint8_t>();
-    ofswitch::request(bench, method, input.bytes(input.take<uint16_t>()));
+    ofswitch::request(&bench, method, input.bytes(input.take<uint16_t>()));
   }
-  bench->clear();
+  bench.clear();
   return 0;
 }
