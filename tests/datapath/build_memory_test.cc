@@ -15,12 +15,9 @@
 
 #include "modules/openflow/flow_table.h"
 #include "tests/datapath/datapath_test.h"
+#include "tests/support/kept_for_good.h"
 #include "tests/support/traces.h"
 #include "utils/acl_build_memory.h"
-
-// Of the leak checker, where there is one.
-extern "C" [[gnu::weak]] void __lsan_disable();
-extern "C" [[gnu::weak]] void __lsan_enable();
 
 namespace openflow_test {
 namespace {
@@ -59,18 +56,11 @@ class Limit {
 
 class BuildMemory : public DataPath {
  protected:
-  // Sends an update whose build must fail; the module keeps the records of such
-  // a build for good.
+  // Sends an update whose build must fail.
   bess::pb::CommandResponse failing(
       const quil::pb::OpenFlowUpdateFlowsArg& arg) {
-    harness().onCommandThread([] {
-      if (__lsan_disable != nullptr) __lsan_disable();
-    });
-    const bess::pb::CommandResponse response = harness().updateFlows(arg);
-    harness().onCommandThread([] {
-      if (__lsan_enable != nullptr) __lsan_enable();
-    });
-    return response;
+    const KeptForGood records;
+    return harness().updateFlows(arg);
   }
 };
 

@@ -7,17 +7,7 @@
 #include <atomic>
 #include <cerrno>
 
-#include "control.h"
-
-// Of the leak checker, where there is one.
-extern "C" [[gnu::weak]] void __lsan_disable();
-extern "C" [[gnu::weak]] void __lsan_enable();
-
 namespace {
-
-void onControlThread(void (*fn)()) {
-  if (fn != nullptr) bess::ControlThread::Instance().Run(fn);
-}
 
 std::atomic<int> buildsLeft = -1;  // negative: refuse none
 
@@ -25,16 +15,9 @@ std::atomic<int> buildsLeft = -1;  // negative: refuse none
 
 namespace ofswitch {
 
-// The module never frees the records of a build that failed.
-RefuseBuild::RefuseBuild(int successes) {
-  onControlThread(__lsan_disable);
-  buildsLeft = successes;
-}
+RefuseBuild::RefuseBuild(int successes) { buildsLeft = successes; }
 
-RefuseBuild::~RefuseBuild() {
-  buildsLeft = -1;
-  onControlThread(__lsan_enable);
-}
+RefuseBuild::~RefuseBuild() { buildsLeft = -1; }
 
 }  // namespace ofswitch
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "tests/support/kept_for_good.h"
+
 namespace ofswitch {
 
 // Makes the classifier library refuse one build of this process: the one after
@@ -9,6 +11,9 @@ class RefuseBuild {
  public:
   explicit RefuseBuild(int successes);
   ~RefuseBuild();
+
+ private:
+  const openflow_test::KeptForGood records_;
 };
 
 }  // namespace ofswitch
