@@ -87,6 +87,27 @@ function(of_grpc_library name root)
   target_link_libraries(${name} PUBLIC PkgConfig::GRPC)
 endfunction()
 
+# How much more time than an ordinary build's the programs of this one may take: tests/support/time_limit.h.
+if(OPENFLOW_SANITIZE MATCHES thread)
+  set(OF_TIME_FACTOR 10)
+elseif(OPENFLOW_SANITIZE OR CMAKE_CXX_FLAGS MATCHES coverage)
+  set(OF_TIME_FACTOR 5)
+else()
+  set(OF_TIME_FACTOR 1)
+endif()
+
+# of_test_run(NAME SECONDS): how a ctest entry is run. SECONDS are its time limit in an ordinary build.
+function(of_test_run name seconds)
+  if(OF_TIME_FACTOR GREATER 1)
+    math(EXPR seconds "${seconds} * 3")
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${seconds})
+  if(OPENFLOW_SANITIZE MATCHES thread)
+    set_property(TEST ${name} APPEND PROPERTY
+      ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/tsan.supp")
+  endif()
+endfunction()
+
 # of_test(NAME SOURCES... [LIBS LIBS...] [LABELS ...]): one GoogleTest program and its ctest entry. A program is one
 # entry because most of them start the EAL, which is done once a process.
 function(of_test name)
@@ -96,9 +117,9 @@ function(of_test name)
   of_build_fast(${name})
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest)
   add_test(NAME ${name} COMMAND ${name})
-  set_tests_properties(${name} PROPERTIES TIMEOUT 600 LABELS "${arg_LABELS}")
-  if(OPENFLOW_SANITIZE MATCHES thread)
-    set_property(TEST ${name} APPEND PROPERTY
-      ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/tsan.supp")
+  of_test_run(${name} 600)
+  set_tests_properties(${name} PROPERTIES LABELS "${arg_LABELS}")
+  if(OF_TIME_FACTOR GREATER 1)
+    target_compile_definitions(${name} PRIVATE OPENFLOW_TIME_FACTOR=${OF_TIME_FACTOR})
   endif()
 endfunction()

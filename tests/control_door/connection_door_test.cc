@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/captures/capture_files.h"
+#include "tests/support/time_limit.h"
 
 namespace ofswitch {
 namespace {
@@ -41,7 +42,8 @@ class Connections {
 
   bool waitFor(size_t count) {
     std::unique_lock lock(mutex_);
-    return wake_.wait_for(lock, std::chrono::seconds(10),
+    return wake_.wait_for(lock,
+                          openflow_test::timeLimit(std::chrono::seconds(10)),
                           [&] { return fds_.size() == count; });
   }
 

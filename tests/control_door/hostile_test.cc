@@ -17,6 +17,7 @@
 #include "tests/control_door/raw_call.h"
 #include "tests/control_door/resident_bytes.h"
 #include "tests/support/frame.h"
+#include "tests/support/time_limit.h"
 
 namespace ofswitch {
 namespace {
@@ -24,6 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 using openflow_test::Frame;
 using openflow_test::ip4;
+using openflow_test::timeLimit;
 using testing::HasSubstr;
 using testing::SizeIs;
 
@@ -34,17 +36,18 @@ constexpr RawMethod kGetTables = kMethods[2];
 constexpr size_t kMiB = size_t{1} << 20;
 
 bool isServed(ControlBench* control) {
-  return rawCall(control->connect(), kGetTables, "", 10s).status.ok();
+  return rawCall(control->connect(), kGetTables, "", timeLimit(10s))
+      .status.ok();
 }
 
 TEST(HostileClients, MessagesAboveTheLimitAreRefused) {
   ControlBench control;
   const auto channel = control.connect();
-  const RawAnswer tooLong =
-      rawCall(channel, kChangeFlows, std::string(65 * kMiB, 'x'), 60s);
+  const RawAnswer tooLong = rawCall(
+      channel, kChangeFlows, std::string(65 * kMiB, 'x'), timeLimit(60s));
   EXPECT_EQ(tooLong.status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
   const RawAnswer question =
-      rawCall(channel, kGetTables, std::string(70'000, '\0'), 60s);
+      rawCall(channel, kGetTables, std::string(70'000, '\0'), timeLimit(60s));
   EXPECT_EQ(question.status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
   EXPECT_EQ(question.status.error_message(),
             "the request has 70000 bytes, at most 65536 are taken");
@@ -66,7 +69,8 @@ TEST(HostileClients, RequestsThatUnfoldAreRefusedBeforeTheyAreParsed) {
   const std::string unknownFields = repeat({'\xf8', '\x01', '\0'}, 60 * kMiB);
   const size_t before = residentBytes();
   for (const std::string* request : {&emptyFlows, &unknownFields}) {
-    const RawAnswer answer = rawCall(channel, kChangeFlows, *request, 60s);
+    const RawAnswer answer =
+        rawCall(channel, kChangeFlows, *request, timeLimit(60s));
     EXPECT_EQ(answer.status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
     EXPECT_EQ(answer.status.error_message(),
               "the request has more than 4000000 fields");
@@ -84,13 +88,14 @@ TEST(HostileClients, MalformedMessagesAreRefused) {
   for (const std::string& bytes :
        {std::string("\x22\x05xx"), std::string("\xff"), deep,
         std::string(11, '\xff')}) {
-    const RawAnswer answer = rawCall(channel, kChangeFlows, bytes, 10s);
+    const RawAnswer answer =
+        rawCall(channel, kChangeFlows, bytes, timeLimit(10s));
     EXPECT_EQ(answer.status.error_code(), grpc::StatusCode::INVALID_ARGUMENT);
     EXPECT_EQ(answer.status.error_message(),
               "the bytes of the request are no FlowChange");
     EXPECT_EQ(answer.messages, 0);
   }
-  EXPECT_EQ(rawCall(channel, kChangeFlows, "\x12\x02\xc3\x28", 10s)
+  EXPECT_EQ(rawCall(channel, kChangeFlows, "\x12\x02\xc3\x28", timeLimit(10s))
                 .status.error_message(),
             "text is not in UTF-8");
 }
@@ -218,7 +223,7 @@ TEST(HostileClients, WhoStopsReadingCostsLittleAndHoldsUpNobody) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_THAT(control.dump(), SizeIs(kFlows));
   control.add("table=1,actions=drop\n");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, timeLimit(10s));
 
   // One that reads on gets what there was when it asked.
   int left = 0;
@@ -228,7 +233,7 @@ TEST(HostileClients, WhoStopsReadingCostsLittleAndHoldsUpNobody) {
   // The door closes although the others still do not read.
   const auto stop = std::chrono::steady_clock::now();
   control.door().stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - stop, 2s);
+  EXPECT_LT(std::chrono::steady_clock::now() - stop, timeLimit(2s));
   for (auto& client : clients) {
     if (client == clients[7]) continue;
     while (client->reader->Read(&entry)) {

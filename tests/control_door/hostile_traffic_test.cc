@@ -19,6 +19,7 @@
 #include "tests/control_door/raw_call.h"
 #include "tests/control_door/resident_bytes.h"
 #include "tests/control_door/traffic.h"
+#include "tests/support/time_limit.h"
 
 namespace ofswitch {
 namespace {
@@ -36,7 +37,9 @@ class HostileTraffic : public testing::Test {
   HostileTraffic() { control_.add("in_port=1,actions=output:3\n"); }
 
   bool isServed() const {
-    return rawCall(control_.connect(), kGetTables, "", 10s).status.ok();
+    return rawCall(control_.connect(), kGetTables, "",
+                   openflow_test::timeLimit(10s))
+        .status.ok();
   }
 
   int connectOnce() const {
@@ -116,8 +119,8 @@ TEST_F(HostileTraffic, PassesWhileMessagesOf100MBAreRefused) {
   Traffic traffic(&control_.bench());
   const std::string tooLong(100'000'000, 'x');
   const auto refused = [&] {
-    const RawAnswer answer =
-        rawCall(control_.connect(), kChangeFlows, tooLong, 60s);
+    const RawAnswer answer = rawCall(control_.connect(), kChangeFlows, tooLong,
+                                     openflow_test::timeLimit(60s));
     EXPECT_EQ(answer.status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
     EXPECT_THAT(
         answer.status.error_message(),
@@ -145,7 +148,9 @@ TEST_F(HostileTraffic, PassesWhileAThousandClientsComeAtOnce) {
       std::vector<std::shared_ptr<grpc::Channel>> channels;
       for (int i = 0; i < kClients; i++) channels.push_back(control_.connect());
       for (const auto& channel : channels) {
-        served += rawCall(channel, kGetTables, "", 60s).status.ok();
+        served +=
+            rawCall(channel, kGetTables, "", openflow_test::timeLimit(60s))
+                .status.ok();
       }
     });
   }

@@ -16,12 +16,14 @@
 #include <thread>
 
 #include "switch.grpc.pb.h"
+#include "tests/support/time_limit.h"
 #include "tests/switch/running_switch.h"
 
 namespace ofswitch {
 namespace {
 
 using namespace std::chrono_literals;
+using openflow_test::timeLimit;
 
 constexpr int kFlows = 200;
 
@@ -161,7 +163,8 @@ TEST_F(KilledSwitch, StartsAlsoWhenItWasKilledAtItsStart) {
   std::mt19937 random(7);
   for (int round = 0; round < 4; round++) {
     const auto process = start();
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
+    std::this_thread::sleep_for(
+        timeLimit(std::chrono::milliseconds(random() % 400)));
     EXPECT_EQ(process->end(SIGKILL), -SIGKILL);
   }
   const auto process = start();

@@ -12,6 +12,7 @@
 #include "tests/control_door/control_bench.h"
 #include "tests/control_door/resident_bytes.h"
 #include "tests/control_door/traffic.h"
+#include "tests/support/time_limit.h"
 
 namespace ofswitch {
 namespace {
@@ -38,8 +39,9 @@ Answers sendRandom(const ControlBench& control, uint32_t seed, int count) {
   for (int i = 0; i < count; i++) {
     const RandomRequests::Request request = requests.next();
     const bool isEndless = followsTheLog(request);
-    const RawAnswer answer = rawCall(channel, request.method, request.bytes,
-                                     isEndless ? 200ms : 60000ms);
+    const RawAnswer answer =
+        rawCall(channel, request.method, request.bytes,
+                isEndless ? 200ms : openflow_test::timeLimit(60000ms));
     const int code = answer.status.error_code();
     answers[code]++;
     EXPECT_EQ(code == grpc::StatusCode::DEADLINE_EXCEEDED, isEndless)
@@ -85,7 +87,8 @@ TEST(RandomRequests, AreAllAnsweredWhilePacketsFlow) {
   // The log of port 3's file and the flows that were added are in it.
   EXPECT_LT(residentBytes(), before + (size_t{32} << 20));
   EXPECT_TRUE(rawCall(control.connect(),
-                      {"/ofswitch.pb.Switch/GetStats", false}, "", 10s)
+                      {"/ofswitch.pb.Switch/GetStats", false}, "",
+                      openflow_test::timeLimit(10s))
                   .status.ok());
 }
 

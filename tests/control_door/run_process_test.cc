@@ -11,6 +11,7 @@
 
 #include "switch.grpc.pb.h"
 #include "tests/control_door/raw_call.h"
+#include "tests/support/time_limit.h"
 #include "tests/switch/running_switch.h"
 
 namespace ofswitch {
@@ -52,7 +53,8 @@ class ControlOfAProcess : public testing::Test {
   }
 
   bool isServed() const {
-    return rawCall(connect(), {"/ofswitch.pb.Switch/GetTables", false}, "", 10s)
+    return rawCall(connect(), {"/ofswitch.pb.Switch/GetTables", false}, "",
+                   openflow_test::timeLimit(10s))
         .status.ok();
   }
 
@@ -106,7 +108,7 @@ TEST_F(ControlOfAProcess, EndsInTimeWhoeverReadsOrDoesNot) {
 
   const auto begin = Clock::now();
   EXPECT_EQ(process->end(SIGTERM), 0);
-  EXPECT_LT(Clock::now() - begin, 2s);
+  EXPECT_LT(Clock::now() - begin, openflow_test::timeLimit(2s));
   EXPECT_THAT(process->log(), HasSubstr("stopped: "));
   while (unread->Read(&flow)) {
   }
@@ -148,7 +150,7 @@ TEST_F(ControlOfAProcess, TellsItsHealth) {
   for (const char* name : {"", "ofswitch.pb.Switch", "bess.pb.Host"}) {
     const RawAnswer answer =
         rawCall(connect(), {"/grpc.health.v1.Health/Check", false},
-                textField(1, name), 10s);
+                textField(1, name), openflow_test::timeLimit(10s));
     ASSERT_TRUE(answer.status.ok()) << answer.status.error_message();
     EXPECT_EQ(answer.last, "\x08\x01");  // status: SERVING
   }
@@ -159,14 +161,15 @@ TEST_F(ControlOfAProcess, DescribesItsServices) {
   ASSERT_TRUE(process->waitFor(kRunning)) << process->log();
   constexpr RawMethod kReflection = {
       "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", true};
-  const RawAnswer services =
-      rawCall(connect(), kReflection, textField(7, "*"), 10s);
+  const RawAnswer services = rawCall(connect(), kReflection, textField(7, "*"),
+                                     openflow_test::timeLimit(10s));
   ASSERT_TRUE(services.status.ok()) << services.status.error_message();
   EXPECT_THAT(services.last, HasSubstr("ofswitch.pb.Switch"));
   EXPECT_THAT(services.last, HasSubstr("bess.pb.Host"));
   EXPECT_THAT(services.last, HasSubstr("grpc.health.v1.Health"));
   const RawAnswer file =
-      rawCall(connect(), kReflection, textField(4, "ofswitch.pb.Switch"), 10s);
+      rawCall(connect(), kReflection, textField(4, "ofswitch.pb.Switch"),
+              openflow_test::timeLimit(10s));
   ASSERT_TRUE(file.status.ok()) << file.status.error_message();
   EXPECT_THAT(file.last, HasSubstr("ChangeFlows"));
 }

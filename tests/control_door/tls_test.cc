@@ -6,6 +6,7 @@
 #include "switch/control/tls_files.h"
 #include "tests/control_door/certificates.h"
 #include "tests/control_door/control_bench.h"
+#include "tests/support/time_limit.h"
 
 namespace ofswitch {
 namespace {
@@ -48,7 +49,7 @@ class TlsDoor : public testing::Test {
         fmt::format("127.0.0.1:{}", door_->tcpPort()), credentials, arguments));
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() +
-                         std::chrono::seconds(10));
+                         openflow_test::timeLimit(std::chrono::seconds(10)));
     pb::PortsReply reply;
     const grpc::Status status = client->GetPorts(&context, {}, &reply);
     *ports = reply.ports_size();

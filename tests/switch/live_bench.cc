@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "packet_pool.h"
+#include "tests/support/time_limit.h"
 #include "worker.h"
 
 namespace ofswitch {
@@ -17,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPatience = 10s;
+constexpr auto kPatience = openflow_test::timeLimit(10s);
 
 rte_ring* ringOf(uint16_t port) {
   const std::string name = fmt::format("ETH_RXTX0_net_ring{}", port);

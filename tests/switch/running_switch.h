@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tests/captures/capture_files.h"
+#include "tests/support/time_limit.h"
 
 namespace ofswitch {
 
@@ -40,8 +41,8 @@ class RunningSwitch {
   std::string log() const { return openflow_test::readFile(log_); }
 
   bool waitFor(const std::string& text) const {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() +
+                          openflow_test::timeLimit(std::chrono::seconds(20));
     while (std::chrono::steady_clock::now() < deadline) {
       if (log().find(text) != std::string::npos) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
