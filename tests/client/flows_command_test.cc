@@ -1,26 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include <gmock/gmock.h>
+#include "tests/client/flows_command.h"
 
-#include "tests/client/client_command.h"
+#include <gmock/gmock.h>
 
 namespace ofswitch {
 namespace {
 
 using testing::HasSubstr;
 using testing::StartsWith;
-
-class FlowsCommand : public ClientCommand {
- protected:
-  FlowsCommand() { fake_.changeReply.set_applied(true); }
-
-  void refuse(uint32_t line, const std::string& reason) {
-    fake_.changeReply.set_applied(false);
-    pb::Diagnostic* refusal = fake_.changeReply.add_refusals();
-    refusal->set_name(fake_.change.text_name());
-    refusal->set_line(line);
-    refusal->set_reason(reason);
-  }
-};
 
 TEST_F(FlowsCommand, TellsWhatAChangeDid) {
   pb::FlowChangeReply& reply = fake_.changeReply;
@@ -89,66 +76,6 @@ TEST_F(FlowsCommand, SendsWhatIsNotAsciiSoThatItIsRefusedAndQuoted) {
   run("flows add $(printf 'n\\351,actions=drop')");
   EXPECT_EQ(status_, 0) << err_;
   EXPECT_EQ(fake_.change.text(), "n\\xe9,actions=drop\n");
-}
-
-TEST_F(FlowsCommand, TellsWhereRefusedLinesCameFrom) {
-  write("a.txt", "x\ny\n");
-  write("b.txt", "z");
-  refuse(1, "one");
-  refuse(2, "two");
-  refuse(3, "three");
-  refuse(5, "four\x1b");
-  refuse(6, "five");
-  run("flows add q 'r\ns' --file a.txt --file b.txt");
-  EXPECT_EQ(status_, 1);
-  EXPECT_EQ(out_, "");
-  EXPECT_EQ(err_,
-            "flow 1: one\n"
-            "flow 2:1: two\n"
-            "flow 2:2: three\n"
-            "a.txt:2: four\\x1b\n"
-            "b.txt:1: five\n"
-            "ofswitch: nothing was changed: 5 lines refused\n");
-  run("flows add q 'r\ns' --file a.txt --file b.txt --json");
-  EXPECT_EQ(status_, 1);
-  EXPECT_EQ(err_, "");
-  EXPECT_EQ(json()["applied"], false);
-  EXPECT_EQ(json()["refusals"][3]["name"], "a.txt");
-  EXPECT_EQ(json()["refusals"][3]["line"], 2);
-}
-
-TEST_F(FlowsCommand, PrintsTheFirstOfManyRefusals) {
-  for (uint32_t line = 1; line <= 50; line++) refuse(line, "wrong");
-  run("flows add -", "seq 50 |");
-  EXPECT_EQ(status_, 1);
-  EXPECT_THAT(err_, HasSubstr("standard input:20: wrong\n"
-                              "and 30 more, which --json lists\n"
-                              "ofswitch: nothing was changed: 50 lines "
-                              "refused\n"));
-  run("flows add - --json", "seq 50 |");
-  EXPECT_EQ(json()["refusals"].size(), 50u);
-}
-
-TEST_F(FlowsCommand, TellsOfNotesAndFailures) {
-  pb::Diagnostic* note = fake_.changeReply.add_notes();
-  note->set_line(1);
-  note->set_reason("replaced by line 2");
-  fake_.changeReply.set_total_time_ns(5'000);
-  run("flows add a b");
-  EXPECT_EQ(status_, 0);
-  EXPECT_EQ(err_, "flow 1: note: replaced by line 2\n");
-  EXPECT_EQ(out_,
-            "flows: 0 added, 0 changed, 0 removed, 0 unchanged\n"
-            "no build, 5 us in all\n");
-  fake_.changeReply.clear_notes();
-  fake_.changeReply.set_applied(false);
-  fake_.changeReply.set_failure("table 3 IPv4: it cannot be built");
-  run("flows add a b");
-  EXPECT_EQ(status_, 1);
-  EXPECT_EQ(out_, "");
-  EXPECT_EQ(err_,
-            "ofswitch: nothing was changed: table 3 IPv4: it cannot be "
-            "built\n");
 }
 
 TEST_F(FlowsCommand, ShowsABarOnATerminalWhenItTakesLong) {
