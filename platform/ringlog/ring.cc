@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <deque>
 
 namespace Ringlog {
 
@@ -139,6 +140,7 @@ class Ring::CellWriter {
 
 // A statement as copied out of its cells.
 struct Ring::Record {
+  uint64_t position;
   uint64_t tsc;
   const Site* site;
   uint32_t thread;
@@ -266,6 +268,7 @@ Ring::Found Ring::copyRecord(uint64_t position, Record& record) const {
   if (found != Found::kStatement) {
     return found;
   }
+  record.position = position;
   record.tsc = words[1];
   record.site = reinterpret_cast<const Site*>(words[2]);
   record.thread = static_cast<uint32_t>(words[3] >> 32);
@@ -282,43 +285,51 @@ Ring::Found Ring::copyRecord(uint64_t position, Record& record) const {
   return Found::kStatement;
 }
 
-Reading Ring::walk(uint64_t position, bool skipUnfinished, size_t most) const {
+Reading Ring::walk(const Query& query, bool skipUnfinished) const {
   const Clock clock(*this);
   const uint64_t head = head_.load(std::memory_order_acquire);
   const uint64_t oldest = head > numCells() ? head - numCells() : 0;
-  Reading reading{{}, std::max(position, oldest)};
+  uint64_t next = std::max(query.since, oldest);
+  size_t found = 0;
+  std::deque<Record> records;
   Record record;
-  while (reading.next < head && reading.entries.size() < most) {
-    switch (copyRecord(reading.next, record)) {
+  bool isStopped = false;
+  while (next < head && found < query.most && !isStopped) {
+    switch (copyRecord(next, record)) {
       case Found::kStatement:
-        reading.entries.push_back({reading.next, clock.at(record.tsc),
-                                   record.thread, record.site->facility,
-                                   record.site->level, record.text(),
-                                   record.site->function});
-        reading.next += record.cells;
+        next += record.cells;
+        if (query.wanted && !query.wanted(*record.site)) break;
+        found++;
+        records.push_back(std::move(record));
+        if (records.size() > query.last) records.pop_front();
         break;
       case Found::kUnfinished:
         // What has not come for half a turn was dropped: do not wait for it.
-        if (!skipUnfinished && head - reading.next < numCells() / 2) {
-          return reading;
-        }
-        reading.next++;
+        isStopped = !skipUnfinished && head - next < numCells() / 2;
+        next += !isStopped;
         break;
       case Found::kNothing:
-        reading.next++;
+        next++;
         break;
     }
+  }
+  Reading reading{{}, next};
+  reading.entries.reserve(records.size());
+  for (const Record& one : records) {
+    reading.entries.push_back({one.position, clock.at(one.tsc), one.thread,
+                               one.site->facility, one.site->level, one.text(),
+                               one.site->function});
   }
   return reading;
 }
 
-std::vector<Entry> Ring::read() const {
-  return walk(0, true, SIZE_MAX).entries;
-}
+std::vector<Entry> Ring::read() const { return walk({}, true).entries; }
 
 Reading Ring::readSince(uint64_t position, size_t most) const {
-  return walk(position, false, most);
+  return read({.since = position, .most = most});
 }
+
+Reading Ring::read(const Query& query) const { return walk(query, false); }
 
 void write(const Site& site, std::span<const Argument> arguments) {
   Ring::instance().write(site, arguments);

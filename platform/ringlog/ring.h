@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -25,6 +26,17 @@ struct Entry {
   unsigned level;
   std::string text;
   std::string function;  // the one that the statement stands in
+};
+
+// What a reader wants of the statements from a position on: those that
+// `wanted` answers true for, all without it; no more than the first `most`;
+// the last `last` of these. Nothing else is formatted, which is most of the
+// work.
+struct Query {
+  uint64_t since = 0;
+  size_t most = SIZE_MAX;
+  size_t last = SIZE_MAX;
+  std::function<bool(const Site&)> wanted = nullptr;
 };
 
 // Entries, and the position to go on from.
@@ -84,6 +96,9 @@ class Ring {
   // on with `next`.
   Reading readSince(uint64_t position, size_t most = SIZE_MAX) const;
 
+  // The same of what the query asks for.
+  Reading read(const Query& query) const;
+
   size_t numCells() const { return mask_ + 1; }
 
  private:
@@ -106,7 +121,7 @@ class Ring {
   Found copyCell(uint64_t position, uint64_t wantedState,
                  std::array<uint64_t, kCellWords>& words) const;
   Found copyRecord(uint64_t position, Record& record) const;
-  Reading walk(uint64_t position, bool skipUnfinished, size_t most) const;
+  Reading walk(const Query& query, bool skipUnfinished) const;
 
   const uint64_t mask_;
   const std::unique_ptr<Cell[]> cells_;

@@ -38,20 +38,17 @@ pb::LogEntry logEntry(const Ringlog::Entry& entry) {
 
 uint64_t readLogEntries(const pb::LogRequest& request, size_t most,
                         std::vector<pb::LogEntry>* entries) {
-  const Ringlog::Reading reading =
-      Ringlog::Ring::instance().readSince(request.since(), most);
-  std::vector<const Ringlog::Entry*> selected;
+  const Ringlog::Reading reading = Ringlog::Ring::instance().read(
+      {.since = request.since(),
+       .most = most,
+       .last = request.last() == 0 ? SIZE_MAX : request.last(),
+       .wanted = [&](const Ringlog::Site& site) {
+         return site.level <= request.max_level() &&
+                (request.facility().empty() ||
+                 site.facility == request.facility());
+       }});
   for (const Ringlog::Entry& entry : reading.entries) {
-    if (entry.level <= request.max_level() &&
-        (request.facility().empty() || entry.facility == request.facility())) {
-      selected.push_back(&entry);
-    }
-  }
-  const size_t wanted = request.last() == 0
-                            ? selected.size()
-                            : std::min<size_t>(request.last(), selected.size());
-  for (size_t i = selected.size() - wanted; i < selected.size(); i++) {
-    entries->push_back(logEntry(*selected[i]));
+    entries->push_back(logEntry(entry));
   }
   return reading.next;
 }

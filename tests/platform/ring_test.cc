@@ -201,6 +201,35 @@ TEST(Ring, IsFollowedFromWhereTheLastReadingEnded) {
   EXPECT_EQ(reading.next, 103u);
 }
 
+TEST(Ring, AnswersWhatAQueryWants) {
+  Ring ring(64);
+  const Site& other = Ringlog::internSite("Test", 4, "f", "other %s");
+  for (int i = 0; i < 5; i++) {
+    write(ring, numberSite(), i);
+    write(ring, other, i);
+  }
+  using Texts = std::vector<std::string>;
+  const auto isNumber = [](const Site& site) { return site.level < 3; };
+  Reading reading = ring.read({.wanted = isNumber});
+  EXPECT_EQ(texts(reading.entries), Texts({"number 0", "number 1", "number 2",
+                                           "number 3", "number 4"}));
+  EXPECT_EQ(reading.entries[1].position, 2u);
+  EXPECT_EQ(reading.next, 10u);
+  // Two are enough, so it goes on behind the second.
+  reading = ring.read({.since = 1, .most = 2, .wanted = isNumber});
+  EXPECT_EQ(texts(reading.entries), Texts({"number 1", "number 2"}));
+  EXPECT_EQ(reading.next, 5u);
+  reading = ring.read({.last = 2, .wanted = isNumber});
+  EXPECT_EQ(texts(reading.entries), Texts({"number 3", "number 4"}));
+  EXPECT_EQ(reading.next, 10u);
+  reading = ring.read({.most = 4, .last = 1});
+  EXPECT_EQ(texts(reading.entries), Texts({"other 1"}));
+  EXPECT_EQ(reading.next, 4u);
+  reading = ring.read({.most = 0});
+  EXPECT_TRUE(reading.entries.empty());
+  EXPECT_EQ(reading.next, 0u);
+}
+
 TEST(Ring, WritingDoesNotAllocate) {
   Ring ring(64);
   const Site& site = Ringlog::internSite("Test", 2, "f", "%s %s");
