@@ -152,13 +152,12 @@ void readMetrics(YamlSection& file, const std::string& name,
 
 void readLog(YamlSection& log, SwitchConfig* config) {
   for (const std::string& facility : log.keys()) {
-    unsigned level = 0;
     const char* key = facility.c_str();
     log.each(key, [&](const YAML::Node& node) {
-      level = static_cast<unsigned>(log.toNumber(node, key, 0, kMaxLevel));
+      const uint64_t level = log.toNumber(node, key, 0, kMaxLevel);
+      config->logLevels[facility] =
+          static_cast<uint32_t>((uint64_t{2} << level) - 1);
     });
-    config->logLevels[facility] =
-        static_cast<uint32_t>((uint64_t{2} << level) - 1);
   }
 }
 
