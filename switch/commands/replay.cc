@@ -56,10 +56,7 @@ class Errors {
 
 ReplayInput parseInput(const std::string& text) {
   const size_t equals = text.find('=');
-  if (equals == std::string::npos) {
-    throw std::runtime_error(fmt::format("--in {}: must be PORT=FILE", text));
-  }
-  if (equals + 1 == text.size()) {
+  if (equals == std::string::npos || equals + 1 == text.size()) {
     throw std::runtime_error(fmt::format("--in {}: must be PORT=FILE", text));
   }
   unsigned port = 0;

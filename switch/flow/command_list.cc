@@ -120,9 +120,7 @@ class ListReader {
       try {
         checkAdd(update.adds(i), update.tableid(), fmt::format("adds[{}]", i));
       } catch (const Refused& refused) {
-        const size_t at = static_cast<size_t>(i);
-        refuseAt(at < adds.size() ? adds[at] : element,
-                 place() + refused.what());
+        refuseAt(adds.at(static_cast<size_t>(i)), place() + refused.what());
         good = false;
       }
     }
@@ -155,10 +153,6 @@ class ListReader {
   // Parts come in the order of the text, so the newlines are counted once.
   int lineOf(std::string_view part) {
     const size_t offset = static_cast<size_t>(part.data() - text_.data());
-    if (offset < counted_) {
-      counted_ = 0;
-      line_ = 1;
-    }
     line_ += static_cast<int>(
         std::count(text_.begin() + counted_, text_.begin() + offset, '\n'));
     counted_ = offset;

@@ -27,7 +27,7 @@ const FieldDescriptor* findField(const Descriptor& type,
                                  std::string_view name) {
   for (int i = 0; i < type.field_count(); i++) {
     const FieldDescriptor* field = type.field(i);
-    if (field->json_name() == name || field->name() == name) return field;
+    if (field->json_name() == name) return field;
   }
   return nullptr;
 }

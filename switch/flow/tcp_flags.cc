@@ -29,9 +29,6 @@ Masked<uint64_t> parseSigned(std::string_view text, std::string_view word) {
   Masked<uint64_t> flags;
   while (!text.empty()) {
     const char sign = text[0];
-    if (sign != '+' && sign != '-') {
-      refuse("{}: each flag needs + or - before it, as in +syn-ack", word);
-    }
     const size_t end = text.find_first_of("+-", 1);
     const uint64_t bit = flagBit(text.substr(1, end - 1), word);
     if ((flags.mask & bit) != 0) {

@@ -14,8 +14,8 @@ TtlGuards ttlGuards(const Match& match, const ActionPlan& plan) {
   }
   Match expired = match;
   expired.ipTtl = {ttl.value, static_cast<uint8_t>(ttl.mask | kExpired.mask)};
-  if (!match.ethType.any()) {
-    if (match.isIp()) guards.matches.push_back(expired);
+  if (!match.ethType.any()) {  // then it is one of IP: others have no TTL
+    guards.matches.push_back(expired);
     return guards;
   }
   for (const uint16_t type : {kEthTypeIpv4, kEthTypeIpv6}) {

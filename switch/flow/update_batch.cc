@@ -43,7 +43,6 @@ void UpdateBatch::split(uint8_t table, quil::pb::OpenFlowType family,
     update->set_flowtype(family);
     return update;
   };
-  if (change->adds.empty() && change->deletes.empty()) return;
   TableUpdate* update = start();
   for (auto& [flowId, add] : change->adds) {
     if (update->adds_size() == maxAdds_) update = start();
