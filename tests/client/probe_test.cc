@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "switch/client/probe.h"
+
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "tests/captures/capture_files.h"
+
+namespace ofswitch {
+namespace {
+
+// Listens until it is destroyed.
+class Listener {
+ public:
+  Listener(const sockaddr* address, socklen_t size)
+      : fd_(socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    EXPECT_EQ(bind(fd_, address, size), 0);
+    EXPECT_EQ(listen(fd_, 4), 0);
+  }
+  ~Listener() { close(fd_); }
+
+  std::string port() const {
+    sockaddr_in6 address{};
+    socklen_t size = sizeof(address);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+    return std::to_string(ntohs(address.sin6_port));
+  }
+
+ private:
+  int fd_;
+};
+
+Listener onLoopback() {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return {reinterpret_cast<sockaddr*>(&address), sizeof(address)};
+}
+
+Listener onPath(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return {reinterpret_cast<sockaddr*>(&address), sizeof(address)};
+}
+
+TEST(Probe, FindsWhoListens) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "door.sock";
+  const Listener unixSocket = onPath(path);
+  EXPECT_EQ(probeUnixSocket(path), "");
+  const Listener loopback = onLoopback();
+  EXPECT_EQ(probeAddress("127.0.0.1:" + loopback.port()), "");
+  EXPECT_EQ(probeAddress("localhost:" + loopback.port()), "");
+}
+
+TEST(Probe, TellsThatNobodyListens) {
+  std::string port;
+  {
+    const Listener listener = onLoopback();
+    port = listener.port();
+  }
+  for (const std::string host : {"127.0.0.1", "[127.0.0.1]"}) {
+    EXPECT_EQ(probeAddress(host + ":" + port),
+              "nothing listens there; a switch does when its configuration "
+              "says control: {address: " +
+                  host + ":" + port + "}");
+  }
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "door.sock";
+  { const Listener listener = onPath(path); }
+  EXPECT_EQ(probeUnixSocket(path),
+            "nothing listens: the switch that made it is gone; start one with "
+            "\"ofswitch run -c switch.yaml\"");
+  unlink(path.c_str());
+  EXPECT_EQ(probeUnixSocket(path),
+            "does not exist: no switch runs there; start one with \"ofswitch "
+            "run -c switch.yaml\", or say --socket PATH");
+}
+
+TEST(Probe, TellsWhatIsNoAddress) {
+  for (const char* address :
+       {"", ":", "host", "127.0.0.1", ":80", "127.0.0.1:", "[::1]:"}) {
+    EXPECT_EQ(probeAddress(address),
+              "must be HOST:PORT, e.g. 127.0.0.1:9470 or [::1]:9470")
+        << address;
+  }
+  EXPECT_EQ(probeAddress("127.0.0.1:no-such-service"),
+            gai_strerror(EAI_SERVICE));
+  // A broadcast address, which no stream can go to.
+  EXPECT_EQ(probeAddress("255.255.255.255:80"), "Network is unreachable");
+}
+
+TEST(Probe, TellsWhatTheSystemSays) {
+  EXPECT_EQ(probeUnixSocket("/dev/null/door.sock"), "Not a directory");
+  EXPECT_EQ(probeUnixSocket(std::string(107, 'x')),
+            "does not exist: no switch runs there; start one with \"ofswitch "
+            "run -c switch.yaml\", or say --socket PATH");
+  EXPECT_EQ(probeUnixSocket(std::string(108, 'x')),
+            "the path has 108 characters, at most 107 are possible");
+}
+
+// Of a socket that another user has made.
+TEST(Probe, TellsThatItMayNot) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "door.sock";
+  const Listener listener = onPath(path);
+  ASSERT_EQ(chmod(path.c_str(), 0), 0);
+  const bool isRoot = geteuid() == 0;
+  if (isRoot) {
+    ASSERT_EQ(seteuid(65534), 0);
+  }
+  const std::string reason = probeUnixSocket(path);
+  if (isRoot) {
+    ASSERT_EQ(seteuid(0), 0);
+  }
+  EXPECT_EQ(reason,
+            "permission denied: only the user who runs the switch can use it; "
+            "use sudo");
+}
+
+}  // namespace
+}  // namespace ofswitch
