@@ -43,8 +43,8 @@ function(of_sanitize name)
   endif()
   get_target_property(type ${name} TYPE)
   if(OPENFLOW_SANITIZE MATCHES thread AND type STREQUAL EXECUTABLE)
-    # First of its libraries: it stands in front of liburcu and DPDK.
-    target_link_libraries(${name} PRIVATE tsan_models)
+    # First of its libraries, whether or not its own objects ask for it: it stands in front of liburcu and DPDK.
+    target_link_libraries(${name} PRIVATE -Wl,--push-state,--no-as-needed tsan_models -Wl,--pop-state)
   endif()
 endfunction()
 
