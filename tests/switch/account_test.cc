@@ -106,6 +106,8 @@ INSTANTIATE_TEST_SUITE_P(
         Spoiled{"OneFewerWithoutOutput",
                 [](auto* c) { c->tables[1].set_nooutputdrops(19); }},
         Spoiled{"LostBeforeASink", [](auto* c) { c->ports[1].packetsOut--; }},
+        Spoiled{"MoreInASinkThanWasSent",
+                [](auto* c) { c->ports[1].sentTo--; }},
         Spoiled{"HandledButNotEnded", [](auto* c) { c->dropped = 159; }},
         Spoiled{"TooManyOutputs", [](auto* c) { c->dropped += 41; }},
         Spoiled{"TooFewOutputs",

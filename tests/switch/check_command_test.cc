@@ -98,7 +98,11 @@ TEST_F(CheckCommand, ReadsStandardInput) {
 }
 
 TEST_F(CheckCommand, ExitsWith2WhenItIsUsedWrongly) {
-  for (const char* wrong : {"", "--bogus", "--ports x flows.txt"}) {
+  write("flows.txt", "actions=drop\n");
+  for (const char* wrong :
+       {"", "--bogus", "--ports x flows.txt", "--ports 0 flows.txt",
+        "--ports 8192 flows.txt", "--memory 127 flows.txt",
+        "--build-memory 15 flows.txt"}) {
     check(wrong);
     EXPECT_EQ(status_, 2) << wrong;
     EXPECT_EQ(std::count(err_.begin(), err_.end(), '\n'), 1) << err_;
@@ -147,6 +151,17 @@ TEST_F(CheckCommand, FloodsToTheGivenPorts) {
   EXPECT_EQ(err_,
             "a.txt:1: sends 65 copies; the module's output list holds 64\n");
   EXPECT_EQ(out_, "0 flows accepted, 1 refused\n");
+}
+
+TEST_F(CheckCommand, TakesPortsInAnyOrder) {
+  write("a.txt", "actions=output:2,output:4,output:9\n");
+  check("a.txt --ports 9,4,2");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(err_, "");
+  check("a.txt --ports 9,2");
+  EXPECT_EQ(err_,
+            "a.txt:1: note: output:4: port 4 is not connected, what is sent "
+            "there goes nowhere\n");
 }
 
 TEST_F(CheckCommand, ShowsNormalFormsAndGuards) {

@@ -63,6 +63,10 @@ INSTANTIATE_TEST_SUITE_P(
                   "read"},
         ErrorCase{"NoPort", "--flows good.txt --in in.pcap",
                   "--in in.pcap: must be PORT=FILE"},
+        ErrorCase{"NoFile",
+                  "--flows good.txt --in 1=", "--in 1=: must be PORT=FILE"},
+        ErrorCase{"PortAndMore", "--flows good.txt --in 1x=in.pcap",
+                  "--in 1x=in.pcap: port must be 1 to 8191"},
         ErrorCase{"PortZero", "--flows good.txt --in 0=in.pcap",
                   "--in 0=in.pcap: port must be 1 to 8191"},
         ErrorCase{"PortTooLarge", "--flows good.txt --in 8192=in.pcap",
@@ -105,6 +109,20 @@ TEST_F(ReplayErrors, OutputsThatCannotBeWrittenAreFoundBeforeTheWork) {
   EXPECT_EQ(status_, 1);
   EXPECT_EQ(stderr_, "out: Is a directory\n");
   EXPECT_EQ(stdout_, "");
+}
+
+TEST_F(ReplayErrors, OutputsDoNotReplaceWhatIsRead) {
+  std::filesystem::create_directories(folder_ / "out");
+  for (const char* name : {"controller", "port-1", "port-2"}) {
+    std::filesystem::copy_file(folder_ / "in.pcap",
+                               folder_ / "out" / (name + std::string(".pcap")));
+  }
+  for (const char* name : {"controller", "port-1"}) {
+    const std::string file = std::string("out/") + name + ".pcap";
+    replay("--flows good.txt --in 1=" + file + " --out-dir out");
+    EXPECT_EQ(status_, 1);
+    EXPECT_EQ(stderr_, file + ": is read, and would be overwritten\n");
+  }
 }
 
 // What a run leaves that was interrupted has another name.
@@ -238,6 +256,16 @@ TEST_F(ReplayErrors, OptionsOutOfRangeAreRefused) {
   replay("--flows good.txt --in 1=in.pcap --ports 2,8192");
   EXPECT_NE(status_, 0);
   EXPECT_EQ(stderr_, "ofswitch: --ports: Value 8192 not in range 1 to 8191\n");
+  replay("--flows good.txt --in 1=in.pcap --workers 0");
+  EXPECT_EQ(stderr_, "ofswitch: --workers: Value 0 not in range 1 to 16\n");
+  replay("--flows good.txt --in 1=in.pcap --memory 127");
+  EXPECT_EQ(stderr_,
+            "ofswitch: --memory: Value 127 not in range 128 to 1048576\n");
+  replay("--flows good.txt --in 1=in.pcap --build-memory 15");
+  EXPECT_EQ(stderr_,
+            "ofswitch: --build-memory: Value 15 not in range 16 to 1048576\n");
+  EXPECT_EQ(status_, 2);
+  replayWell("--flows good.txt --in 1=in.pcap --memory 300 --build-memory 16");
   replay("--flows good.txt");
   EXPECT_NE(status_, 0);
   EXPECT_EQ(stderr_, "ofswitch: --in is required\n");
