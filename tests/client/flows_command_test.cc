@@ -64,6 +64,8 @@ TEST_F(FlowsCommand, SendsFlowsOfArgumentsAndFilesInOneRequest) {
   EXPECT_EQ(fake_.change.text_name(), "command line");
   EXPECT_TRUE(fake_.change.reset_counts());
 
+  run("flows add in_port=1,actions=drop");
+  EXPECT_EQ(fake_.change.text_name(), "command line");
   run("flows add --file a.txt");
   EXPECT_EQ(fake_.change.text_name(), "a.txt");
   EXPECT_FALSE(fake_.change.reset_counts());

@@ -226,6 +226,7 @@ TEST_F(Reports, WatchedStatsHaveRates) {
 TEST_F(Reports, WatchedStatsAsJsonAreOneObjectALine) {
   fake_.stats = {stats(10, 10), stats(12, 30)};
   run("stats --watch 0.05 --count 2 --json");
+  EXPECT_FALSE(fake_.statsRequest.pause());
   const size_t end = out_.find('\n');
   const auto first = nlohmann::json::parse(out_.substr(0, end));
   const auto second = nlohmann::json::parse(out_.substr(end + 1));
@@ -238,6 +239,13 @@ TEST_F(Reports, WatchedStatsAsJsonAreOneObjectALine) {
                                                  {"copiesOutput", 40.0},
                                                  {"packetsSent", 30.0},
                                                  {"bytesSent", 3000.0}}));
+}
+
+TEST_F(Reports, WatchedStatsCanBeExact) {
+  fake_.stats = {stats(10, 10)};
+  run("stats --watch 0.05 --count 1 --exact");
+  EXPECT_EQ(status_, 0);
+  EXPECT_TRUE(fake_.statsRequest.pause());
 }
 
 // A switch that was started anew meanwhile has counted less.
@@ -301,9 +309,10 @@ TEST_F(Reports, LogLevels) {
 TEST_F(Reports, EndOnCtrlC) {
   // Sends the signal when `text` was printed.
   const auto interrupt = [this](const std::string& arguments,
-                                const std::string& text) {
+                                const std::string& text,
+                                const std::string& signal = "INT") {
     run(arguments + " & p=$!; until grep -q '" + text +
-        "' stdout; do sleep 0.02; done; kill -INT $p; wait $p");
+        "' stdout; do sleep 0.02; done; kill -" + signal + " $p; wait $p");
     EXPECT_EQ(status_, 0) << arguments;
     EXPECT_EQ(err_, "");
   };
@@ -312,6 +321,8 @@ TEST_F(Reports, EndOnCtrlC) {
   fake_.log[0].set_text("an entry");
   interrupt("log --follow", "an entry");
   EXPECT_EQ(out_, "1970-01-01 00:00:00.000000 /0 an entry\n");
+  interrupt("log --follow", "an entry", "TERM");
+  interrupt("stats --watch 3600", "accounted for", "TERM");
   interrupt("stats --watch 3600", "accounted for");
   EXPECT_THAT(out_, testing::EndsWith("Every packet is accounted for.\n"));
 }
@@ -324,6 +335,17 @@ TEST_F(Reports, RedrawOnATerminal) {
           "< /dev/null; true");
   EXPECT_THAT(out_, testing::StartsWith("\033[H\033[2Jup 10 s"));
   EXPECT_THAT(out_, HasSubstr("\033[H\033[2Jup 11 s"));
+}
+
+TEST_F(Reports, WaitForATimeInBounds) {
+  run("ports --wait 0.1");
+  EXPECT_EQ(status_, 0) << err_;
+  run("ports --wait 86400");
+  EXPECT_EQ(status_, 0) << err_;
+  for (const char* wrong : {"0.05", "86401", "x"}) {
+    run(std::string("ports --wait ") + wrong);
+    EXPECT_EQ(status_, 2) << wrong;
+  }
 }
 
 TEST_F(Reports, HelpHasExamples) {

@@ -99,6 +99,11 @@ TEST_F(PortChecks, Offloads) {
       port(kVeth),
       ElementsAre("problem: veth1 has offloads on (tx, tso, gso, gro" + why +
                   "ethtool -K veth1 tx off tso off gso off gro off"));
+  // A card is its own end.
+  fake_.offloads["eth0"] = {"tx"};
+  EXPECT_THAT(port("net_af_packet0,iface=eth0"),
+              ElementsAre("problem: eth0 has offloads on (tx" + why +
+                          "ethtool -K eth0 tx off"));
   // What the other end sends comes to the switch.
   fake_.offloads["veth1"] = {};
   fake_.offloads["veth2"] = {"tx", "gro"};
