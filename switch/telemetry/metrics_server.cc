@@ -96,7 +96,7 @@ std::unique_ptr<prometheus::Exposer> listen(const ListenAddress& address) {
 
 std::string metricsObstacle(const std::string& text) {
   const std::optional<ListenAddress> address = parseListenAddress(text);
-  if (!address || address->port == 0) return "";
+  if (!address) return "";
   const int error = bindError(*address);
   return error == 0 ? "" : std::strerror(error);
 }

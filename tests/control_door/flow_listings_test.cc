@@ -11,6 +11,8 @@
 #include <thread>
 
 #include "switch.grpc.pb.h"
+#include "switch/control/message_codec.h"
+#include "switch/control/unary_call.h"
 #include "switch/control/work_queue.h"
 #include "tests/captures/capture_files.h"
 #include "tests/switch/live_bench.h"
@@ -22,9 +24,11 @@ using namespace std::chrono_literals;
 
 constexpr int kFlows = 3000;
 
-// A service that has nothing but listings, which together keep few flows.
+// A service that has nothing but listings, which together keep few flows, and
+// one question.
 class Service final
-    : public pb::Switch::WithRawCallbackMethod_DumpFlows<pb::Switch::Service> {
+    : public pb::Switch::WithRawCallbackMethod_DumpFlows<
+          pb::Switch::WithRawCallbackMethod_GetPorts<pb::Switch::Service>> {
  public:
   Service(FlowListings* listings, WorkQueue* queue)
       : listings_(listings), queue_(queue) {}
@@ -33,6 +37,13 @@ class Service final
       grpc::CallbackServerContext* context,
       const grpc::ByteBuffer* request) override {
     return listings_->start(queue_, context, request).get();
+  }
+
+  grpc::ServerUnaryReactor* GetPorts(grpc::CallbackServerContext* context,
+                                     const grpc::ByteBuffer*,
+                                     grpc::ByteBuffer* reply) override {
+    return startUnaryCall(queue_, context, reply,
+                          [] { return encode(pb::PortsReply()); });
   }
 
  private:
@@ -88,6 +99,12 @@ class FlowListingsTest : public testing::Test {
     message.set_text(filter);
     client->reader = client->stub->DumpFlows(&client->context, message);
     return client;
+  }
+
+  static grpc::Status askForPorts(const Client& client) {
+    grpc::ClientContext context;
+    pb::PortsReply reply;
+    return client.stub->GetPorts(&context, {}, &reply);
   }
 
   std::string path() const { return dir_ / "listings.sock"; }
@@ -159,6 +176,7 @@ TEST_F(FlowListingsTest, GivePlacesBack) {
     const auto client = list("tcp,tp_dst=7");
     EXPECT_EQ(client->readAll(), 1);
     EXPECT_TRUE(client->reader->Finish().ok()) << i;
+    EXPECT_TRUE(askForPorts(*client).ok()) << i;
   }
 }
 
@@ -172,6 +190,8 @@ TEST_F(FlowListingsTest, RefuseWhatThereIsNoPlaceFor) {
   const grpc::Status status = more->reader->Finish();
   EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
   EXPECT_EQ(status.error_message(), "too many requests at once; try again");
+  EXPECT_EQ(askForPorts(*more).error_code(),
+            grpc::StatusCode::RESOURCE_EXHAUSTED);
   for (const auto& client : clients) client->context.TryCancel();
 }
 
