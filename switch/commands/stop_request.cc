@@ -35,10 +35,19 @@ sigset_t blockedSignals() {
 // Outlives who made it once the signal has come: the thread keeps the time
 // until the process has ended.
 struct StopRequest::State {
+  // Left for one of the others, once, by the thread or by who made it.
+  enum class Phase { kWaiting, kMade, kGivenUp };
+
+  // Whether the phase is `next` from now on.
+  bool become(Phase next) {
+    Phase waiting = Phase::kWaiting;
+    return phase.compare_exchange_strong(waiting, next);
+  }
+
   const sigset_t signals = blockedSignals();
   const int signal = signalfd(-1, &signals, SFD_CLOEXEC);
   const int given_up = eventfd(0, EFD_CLOEXEC);
-  std::atomic<bool> isMade = false;
+  std::atomic<Phase> phase = Phase::kWaiting;
   std::atomic<const char*> work = "";
   std::mutex mutex;
   std::string file;
@@ -54,7 +63,7 @@ StopRequest::StopRequest()
       thread_([state = state_] { serve(state.get()); }) {}
 
 StopRequest::~StopRequest() {
-  if (isMade()) {
+  if (!state_->become(State::Phase::kGivenUp)) {
     thread_.detach();
     return;
   }
@@ -63,9 +72,11 @@ StopRequest::~StopRequest() {
   thread_.join();
 }
 
-bool StopRequest::isMade() const { return state_->isMade; }
+bool StopRequest::isMade() const {
+  return state_->phase == State::Phase::kMade;
+}
 
-void StopRequest::wait() { state_->isMade.wait(false); }
+void StopRequest::wait() { state_->phase.wait(State::Phase::kWaiting); }
 
 void StopRequest::setWork(const char* work) { state_->work = work; }
 
@@ -78,9 +89,8 @@ void StopRequest::serve(State* state) {
   pollfd polled[] = {{state->signal, POLLIN, 0}, {state->given_up, POLLIN, 0}};
   while (poll(polled, 2, -1) <= 0) {
   }
-  if (polled[0].revents == 0) return;
-  state->isMade = true;
-  state->isMade.notify_all();
+  if (!state->become(State::Phase::kMade)) return;
+  state->phase.notify_all();
   std::this_thread::sleep_for(kStopTime);
   fmt::print(stderr, "ofswitch: stopped {}\n", state->work.load());
   const std::lock_guard lock(state->mutex);
