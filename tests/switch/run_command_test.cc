@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: BSD-3-Clause
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -231,6 +234,36 @@ TEST_F(RunCommand, StopsSoonWhileItLoadsItsFlows) {
               HasSubstr("stopped while flows were being loaded\n"));
   EXPECT_THAT(process.log(), Not(HasSubstr("running: ")));
   EXPECT_FALSE(std::filesystem::exists(door));
+}
+
+// A controller capture into a pipe that nobody empties keeps the switch from
+// being taken apart.
+TEST_F(RunCommand, EndsInTimeThoughItsPortsDoNotClose) {
+  write("flows.txt", "in_port=1,actions=controller\n");
+  const std::string config = write(
+      "switch.yaml", std::string(kConfig) + "controller: {capture: pipe}\n");
+  ASSERT_EQ(mkfifo((dir_ / "pipe").c_str(), 0600), 0);
+  const int reader =
+      open((dir_ / "pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  RunningSwitch process(config, dir_ / "log");
+  ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 1 flow\n"))
+      << process.log();
+  int queued = 0;
+  const auto deadline = Clock::now() + 20s;
+  while (queued < fcntl(reader, F_GETPIPE_SZ) / 2) {
+    ASSERT_LT(Clock::now(), deadline);
+    ASSERT_EQ(ioctl(reader, FIONREAD, &queued), 0);
+    std::this_thread::sleep_for(5ms);
+  }
+  std::this_thread::sleep_for(100ms);  // for the rest of it
+  const auto start = Clock::now();
+  EXPECT_EQ(process.end(SIGTERM), 0);
+  EXPECT_LT(Clock::now() - start, 2500ms);
+  EXPECT_THAT(process.log(),
+              HasSubstr("ofswitch: stopped before its ports were closed\n"));
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "control.sock"));
+  close(reader);
 }
 
 TEST_F(RunCommand, RefusesBadFlowsBeforeAnythingStarts) {
