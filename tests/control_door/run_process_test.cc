@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "switch.grpc.pb.h"
 #include "tests/control_door/raw_call.h"
@@ -116,6 +117,46 @@ TEST_F(ControlOfAProcess, EndsInTimeWhoeverReadsOrDoesNot) {
   while (log->Read(&entry)) {
   }
   EXPECT_FALSE(log->Finish().ok());
+}
+
+// Many builds, so that one is under way until the time of a stop is over.
+pb::FlowChange longChange() {
+  pb::FlowChange change;
+  change.set_operation(pb::FLOW_OPERATION_ADD);
+  change.set_progress(true);
+  std::string text;
+  for (int table = 1; table < 32; table++) {
+    for (int i = 0; i < 3000; i++) {
+      text += fmt::format(
+          "table={},tcp,nw_dst=10.{}.{}.0/24,tp_dst={},"
+          "actions=dec_ttl,output:2\n",
+          table, i / 256, i % 256, i % 1000 + 1);
+    }
+  }
+  change.set_text(text);
+  return change;
+}
+
+TEST_F(ControlOfAProcess, LeavesTheSocketsPathToOthersOnceItStops) {
+  const auto process = start();
+  ASSERT_TRUE(process->waitFor(kRunning)) << process->log();
+  const auto client = pb::Switch::NewStub(connect());
+  grpc::ClientContext context;
+  const auto changing = client->ChangeFlows(&context, longChange());
+  pb::FlowChangeEvent event;
+  ASSERT_TRUE(changing->Read(&event));
+  ASSERT_TRUE(event.has_progress());
+
+  process->send(SIGTERM);
+  const auto deadline = Clock::now() + 20s;
+  while (std::filesystem::exists(socket()) && Clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+  }
+  openflow_test::writeFile(socket(), "another's");
+  EXPECT_EQ(process->end(0), 0);
+  EXPECT_THAT(process->log(),
+              HasSubstr("ofswitch: stopped while flows were being changed\n"));
+  EXPECT_EQ(openflow_test::readFile(socket()), "another's");
 }
 
 TEST_F(ControlOfAProcess, TwoDoNotShareASocketButOneInheritsIt) {

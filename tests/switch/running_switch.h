@@ -50,9 +50,11 @@ class RunningSwitch {
     return false;
   }
 
+  void send(int signal) const { kill(pid_, signal); }
+
   // Sends the signal, if any, and answers the exit status.
   int end(int signal) {
-    if (signal != 0) kill(pid_, signal);
+    if (signal != 0) send(signal);
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
