@@ -28,6 +28,8 @@ STREAMS = (
     Stream("from-flapping", 7003, 3, 2),
 )
 
+PORTS = {stream.port for stream in STREAMS}
+
 
 def ones_sum(data):
     total = sum(struct.unpack(f"!{len(data) // 2}H", data))
@@ -59,19 +61,18 @@ def frame(start, number):
 
 def fault(data):
     """(stream's port, number) of a frame as it should arrive, or what is wrong with it."""
-    if data[12:14] == b"\x08\x00":
-        end, addresses = 34, data[26:34]
-        if ones_sum(data[14:34]) != 0xFFFF:
-            return "its IPv4 checksum is wrong"
-        ttl = data[22]
-    else:
-        end, addresses = 54, data[22:54]
-        ttl = data[21]
+    ipv4 = data[12:14] == b"\x08\x00"
+    end = 34 if ipv4 else 54
     if len(data) != end + 24:
         return f"it has {len(data)} bytes"
+    if ipv4 and ones_sum(data[14:34]) != 0xFFFF:
+        return "its IPv4 checksum is wrong"
+    addresses, ttl = (data[26:34], data[22]) if ipv4 else (data[22:54], data[21])
     if ones_sum(addresses + b"\0\x11\0\x18" + data[end:]) != 0xFFFF:
         return "its UDP checksum is wrong"
     source, port, _, _, number, complement = struct.unpack("!HHHHQQ", data[end:])
+    if port not in PORTS:
+        return f"it is of no stream: {port}"
     if number ^ complement != 0xFFFFFFFFFFFFFFFF:
         return "its payload was changed"
     if ttl != 63:
