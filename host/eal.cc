@@ -14,6 +14,7 @@
 #include "internal/stale_runtime_dirs.h"
 #include "internal/transparent_hugepages.h"
 #include "internal/wide_copy.h"
+#include "ports/internal/device_string.h"
 
 namespace bess {
 namespace {
@@ -58,7 +59,15 @@ std::vector<std::string> Arguments(const EalOptions& options,
     args.push_back("--file-prefix=" + options.telemetry +
                    std::to_string(getpid()));
   }
-  if (!options.pci) {
+  bool has_card = false;
+  for (const std::string& card : options.pci) {
+    // One that is the kernel's is not touched; opening the port says so.
+    if (internal::CheckDevice(internal::DeviceString(card)).empty()) {
+      args.insert(args.end(), {"--allow", card});
+      has_card = true;
+    }
+  }
+  if (!has_card) {
     args.push_back("--no-pci");
   }
   if (options.quiet) {
@@ -66,6 +75,20 @@ std::vector<std::string> Arguments(const EalOptions& options,
   }
   args.insert(args.end(), options.extra_args.begin(), options.extra_args.end());
   return args;
+}
+
+// Without hugepages DPDK takes any size, and the process then dies of it at the
+// first touch of what is not there.
+std::string CheckMemory(const EalOptions& options) {
+  const size_t machine_mb = (static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) *
+                             static_cast<size_t>(sysconf(_SC_PAGESIZE))) >>
+                            20;
+  if (options.hugepages || options.memory_mb <= machine_mb) {
+    return "";
+  }
+  return std::to_string(options.memory_mb) +
+         " MB of memory for packets, flows and classifiers: the machine has " +
+         std::to_string(machine_mb) + " MB";
 }
 
 // DPDK makes the directory, and removes its socket from there, but leaves it.
@@ -80,6 +103,9 @@ std::string InitEal(const EalOptions& options) {
   }
   if (attempted) {
     return "DPDK cannot be started a second time after a failure";
+  }
+  if (std::string error = CheckMemory(options); !error.empty()) {
+    return error;
   }
   cpu_set_t cpus;
   if (const int error =
@@ -120,7 +146,7 @@ std::string InitEal(const EalOptions& options) {
   pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
   internal::AllowWideCopies(options.max_simd_bits);
   huge_pages = options.hugepages;
-  if (!options.hugepages && !options.pci && !options.shareable) {
+  if (!options.hugepages && options.pci.empty() && !options.shareable) {
     huge_pages = internal::UseTransparentHugepages();
   }
   ready = true;

@@ -16,8 +16,9 @@ struct EalOptions {
   // ends, and no hugetlbfs needs to be mounted.
   bool hugepages = false;
 
-  // Let DPDK look for PCI devices. Without, only virtual ones can be used.
-  bool pci = false;
+  // The device strings of the PCI cards that will be ports. DPDK takes those at
+  // its start and leaves all others alone, which may be another program's.
+  std::vector<std::string> pci = {};
 
   // Keep the memory, without hugepages, in a file that virtual devices can hand
   // to other processes. It has no huge pages then.

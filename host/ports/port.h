@@ -75,8 +75,8 @@ class Port {
   Port(const Port&) = delete;
   Port& operator=(const Port&) = delete;
 
-  // Whether a device string means a PCI device. Those are found only when DPDK
-  // was told to look for them (EalOptions::pci).
+  // Whether a device string means a PCI device. DPDK must be started with those
+  // (EalOptions::pci).
   static bool IsPci(const std::string& device);
 
   // Whether the device gives another process DPDK's memory to read and write,

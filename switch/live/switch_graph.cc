@@ -76,9 +76,9 @@ void SwitchGraph::startEnvironment() {
   bess::EalOptions options;
   options.memory_mb = config_.memoryMb;
   options.hugepages = config_.hugepages;
-  options.pci = std::ranges::any_of(config_.ports, [](const PortConfig& port) {
-    return bess::Port::IsPci(port.device);
-  });
+  for (const PortConfig& port : config_.ports) {
+    if (bess::Port::IsPci(port.device)) options.pci.push_back(port.device);
+  }
   options.shareable =
       std::ranges::any_of(config_.ports, [](const PortConfig& port) {
         return bess::Port::SharesMemory(port.device);

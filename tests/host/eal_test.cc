@@ -5,6 +5,8 @@
 #include "eal.h"
 
 #include <gtest/gtest.h>
+#include <rte_eal.h>
+#include <rte_ethdev.h>
 #include <rte_lcore.h>
 #include <rte_malloc.h>
 #include <sched.h>
@@ -17,6 +19,8 @@
 #include <fstream>
 #include <string>
 
+#include "packet_pool.h"
+#include "ports/port.h"
 #include "tests/captures/capture_files.h"
 #include "tests/support/huge_pages.h"
 
@@ -149,6 +153,51 @@ TEST(EalTest, ShareableMemoryStaysAFile) {
     return Expect(mapping.find("memfd:nohuge") != std::string::npos,
                   mapping.c_str()) &&
            Expect(!bess::HasHugePages(), "says so");
+  });
+}
+
+// DPDK would take a terabyte, and end the process by a signal.
+TEST(EalTest, RefusesMoreMemoryThanTheMachineHas) {
+  InChild([] {
+    const std::string error = bess::InitEal({.memory_mb = 1 << 20});
+    return Expect(error.starts_with("1048576 MB of memory for packets, flows "
+                                    "and classifiers: the machine has "),
+                  error.c_str()) &&
+           Expect(error.ends_with(" MB"), error.c_str()) &&
+           Expect(bess::InitEal({.memory_mb = 64}) == "", "less is possible");
+  });
+}
+
+// As DPDK does with the cards that it is told of.
+TEST(EalTest, WhatDpdkTookAtItsStartCanBecomeAPort) {
+  InChild([] {
+    bess::InitEal({.memory_mb = 64, .extra_args = {"--vdev=net_null7"}});
+    bess::PacketPool::MakeDefault(1023);
+    uint16_t id = 0;
+    const bess::PortOptions options = {.device = "net_null7"};
+    const std::string taken =
+        "port 'b', device 'net_null7': the device is "
+        "open already";
+    for (int round = 0; round < 2; round++) {
+      if (!Expect((rte_eth_dev_get_port_by_name("net_null7", &id) == 0) ==
+                      (round == 0),
+                  "there before, and gone once it was closed") ||
+          !Expect(bess::OpenPort("a", options) == "", "opens") ||
+          !Expect(bess::OpenPort("b", options) == taken, "only once") ||
+          !Expect(bess::ClosePort("a") == "", "closes")) {
+        return false;
+      }
+    }
+    return true;
+  });
+}
+
+TEST(EalTest, TakesNoCardThatIsNotAPort) {
+  InChild([] {
+    const std::string error =
+        bess::InitEal({.memory_mb = 64, .pci = {"0000:fe:1f.7"}});
+    return Expect(error == "", error.c_str()) &&
+           Expect(rte_eal_has_pci() == 0, "does not even look for any");
   });
 }
 

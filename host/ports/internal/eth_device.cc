@@ -5,6 +5,8 @@
 #include <rte_errno.h>
 
 #include <algorithm>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 
 #include "pktbatch.h"
@@ -27,6 +29,26 @@ void Check(int code, const std::string& what, const DpdkLogCapture& log) {
   }
 }
 
+// DPDK's numbers of the devices that are ports.
+class OpenDevices {
+ public:
+  // Whether it was not one.
+  bool Add(uint16_t id) {
+    const std::lock_guard lock(mutex_);
+    return ids_.insert(id).second;
+  }
+  void Remove(uint16_t id) {
+    const std::lock_guard lock(mutex_);
+    ids_.erase(id);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::set<uint16_t> ids_;
+};
+
+OpenDevices open_devices;
+
 std::string ProbeFailure(const DeviceString& device, int code,
                          const DpdkLogCapture& log) {
   if (code == -EEXIST) {
@@ -36,7 +58,7 @@ std::string ProbeFailure(const DeviceString& device, int code,
     return "no driver of that name: write " + KnownDrivers();
   }
   if (device.pci && code == -ENODEV) {
-    return "DPDK was started without PCI devices, or has no driver for it";
+    return "DPDK was started without it, or has no driver for it";
   }
   const std::string why = log.Summary();
   return why.empty() ? std::string("the driver refuses it: ") +
@@ -49,18 +71,26 @@ std::string ProbeFailure(const DeviceString& device, int code,
 EthDevice::EthDevice(const DeviceString& device)
     : device_(device), socket_(device.ListensAt()) {
   const DpdkLogCapture log;
-  if (rte_eth_dev_get_port_by_name(device.name.c_str(), &id_) == 0) {
+  // DPDK has taken cards at its start.
+  if (rte_eth_dev_get_port_by_name(device.name.c_str(), &id_) != 0) {
+    Probe(log);
+  }
+  if (!open_devices.Add(id_)) {
     throw std::runtime_error("the device is open already");
   }
-  if (const int code = rte_dev_probe(device.text.c_str()); code != 0) {
-    throw std::runtime_error(ProbeFailure(device, code, log));
-  }
-  if (rte_eth_dev_get_port_by_name(device.name.c_str(), &id_) != 0) {
-    throw std::runtime_error("it is no Ethernet device");
-  }
   if (const int code = rte_eth_dev_info_get(id_, &info_); code != 0) {
+    open_devices.Remove(id_);
     rte_eth_dev_close(id_);
     Check(code, "the device does not tell what it can do", log);
+  }
+}
+
+void EthDevice::Probe(const DpdkLogCapture& log) {
+  if (const int code = rte_dev_probe(device_.text.c_str()); code != 0) {
+    throw std::runtime_error(ProbeFailure(device_, code, log));
+  }
+  if (rte_eth_dev_get_port_by_name(device_.name.c_str(), &id_) != 0) {
+    throw std::runtime_error("it is no Ethernet device");
   }
 }
 
@@ -72,6 +102,7 @@ EthDevice::~EthDevice() {
   }
   // Closing a device frees its port; only its bus knows it then.
   rte_device* device = info_.device;
+  open_devices.Remove(id_);
   rte_eth_dev_close(id_);
   if (device != nullptr) {
     rte_dev_remove(device);

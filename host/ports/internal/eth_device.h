@@ -47,6 +47,7 @@ class EthDevice {
   void Start(const Setup& setup);
 
  private:
+  void Probe(const DpdkLogCapture& log);
   void SetUpQueues(const Setup& setup, const DpdkLogCapture& log);
   void Drain();
 
