@@ -28,7 +28,10 @@ void readPort(YamlSection& section, SwitchConfig* config) {
   PortConfig port;
   if (!section.has("number")) section.fail("a port needs a number");
   section.number("number", 1, kMaxPort, &port.number);
-  section.text("device", &port.device);
+  section.each("device", [&](const YAML::Node& node) {
+    port.device = section.toText(node, "device");
+    port.place = section.place(node);
+  });
   if (port.device.empty()) {
     section.fail(
         "a port needs a device, such as 0000:03:00.0 or "

@@ -14,11 +14,12 @@
 namespace ofswitch {
 
 struct PortConfig {
-  uint16_t number = 0;  // 1 to 8191; what flows call it
-  std::string name;     // "port1" unless given
-  std::string device;   // a PCI address, or a virtual device with arguments
-  uint16_t queues = 1;  // to receive from; a device may have fewer to send
-  uint16_t mtu = 0;     // 0: as the device has it
+  uint16_t number = 0;     // 1 to 8191; what flows call it
+  std::string name;        // "port1" unless given
+  std::string device;      // a PCI address, or a virtual device with arguments
+  uint16_t queues = 1;     // to receive from; a device may have fewer to send
+  uint16_t mtu = 0;        // 0: as the device has it
+  std::string place = {};  // "switch.yaml:5", where the device stands
 };
 
 struct SwitchConfig {

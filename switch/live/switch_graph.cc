@@ -38,6 +38,11 @@ void require(const CommandResponse& response, const std::string& what) {
   }
 }
 
+// With the line of the configuration that asked for it, if there was one.
+std::string placed(const std::string& place, const std::string& error) {
+  return place.empty() ? error : place + ": " + error;
+}
+
 google::protobuf::Any packed(const google::protobuf::Message& message) {
   google::protobuf::Any any;
   any.PackFrom(message);
@@ -86,13 +91,12 @@ void SwitchGraph::startEnvironment() {
   if (config_.dpdkTelemetry) options.telemetry = "ofswitch";
   require(bess::InitEal(options));
   if (config_.buildMb != 0) Dpdk::setAclBuildLimit(config_.buildMb << 20);
-  bess::PacketPool::MakeDefault(config_.packetBuffers);
   try {
-    bess::PacketPool::Default();
+    const bess::DpdkLogCapture log;
+    bess::PacketPool::MakeDefault(config_.packetBuffers);
   } catch (const std::runtime_error& error) {
-    throw StartError(fmt::format(
-        "{} packet buffers: {}; raise memory.mb or lower memory.buffers",
-        config_.packetBuffers, error.what()));
+    throw StartError(fmt::format("{}; raise memory.mb or lower memory.buffers",
+                                 error.what()));
   }
   if (!bess::HasHugePages()) {
     notes_.push_back(fmt::format(
@@ -133,7 +137,10 @@ void SwitchGraph::openPorts() {
     options.rx_queues = config.queues;
     options.tx_queues = static_cast<uint16_t>(config_.workers.size());
     options.mtu = config.mtu;
-    require(bess::OpenPort(config.name, options));
+    if (const std::string error = bess::OpenPort(config.name, options);
+        !error.empty()) {
+      throw StartError(placed(config.place, error));
+    }
     opened_.push_back(config.name);
     SwitchPort port{&config, bess::FindPort(config.name)};
     if (port.port->rx_queues() != config.queues) {
@@ -167,9 +174,8 @@ void SwitchGraph::startWorkers() {
     SwitchWorker worker{static_cast<int>(i), config_.workers[i], {}};
     if (const std::string error = Worker::Add(worker.wid, worker.core);
         !error.empty()) {
-      throw StartError(config_.workersPlace.empty()
-                           ? error
-                           : config_.workersPlace + ": workers: " + error);
+      const std::string& place = config_.workersPlace;
+      throw StartError(placed(place.empty() ? "" : place + ": workers", error));
     }
     workers_.push_back(worker);
     bess::ControlThread::Instance().Run(

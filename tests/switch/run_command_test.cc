@@ -53,6 +53,12 @@ constexpr char kConfig[] =
     "control: {socket: control.sock}\n"
     "metrics: false\n";
 
+// kConfig with something else in place of `old`.
+std::string configWith(const std::string& old, const std::string& other) {
+  std::string text = kConfig;
+  return text.replace(text.find(old), old.size(), other);
+}
+
 TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
   write("flows.txt", "in_port=1,actions=output:2\nin_port=2,actions=drop\n");
   const std::string config = write("switch.yaml", kConfig);
@@ -174,13 +180,50 @@ TEST_F(RunCommand, ChecksAllFilesAndTheControlAddress) {
 
 TEST_F(RunCommand, TellsWhereACoreStandsThatIsNotThere) {
   write("flows.txt", "");
-  std::string text = kConfig;
-  text.replace(text.find("workers: 2"), 10, "workers: [0, 1023]");
-  const std::string config = write("switch.yaml", text);
+  const std::string config =
+      write("switch.yaml", configWith("workers: 2", "workers: [0, 1023]"));
   RunningSwitch process(config, dir_ / "log");
   EXPECT_EQ(process.end(0), 1);
   EXPECT_THAT(process.log(),
               HasSubstr("ofswitch: " + config + ":4: workers: worker 1: "));
+}
+
+TEST_F(RunCommand, TellsWhereADeviceStandsThatIsNotThere) {
+  write("flows.txt", "");
+  const std::string config =
+      write("switch.yaml", configWith("net_null1", "net_nul1"));
+  RunningSwitch process(config, dir_ / "log");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_THAT(process.log(),
+              HasSubstr("ofswitch: " + config +
+                        ":3: port 'port2', device 'net_nul1': no driver of "
+                        "that name: "));
+}
+
+// DPDK says so when it fails to take a card that it was not told of.
+TEST_F(RunCommand, TriesNoOtherCards) {
+  write("flows.txt", "");
+  const std::string config =
+      write("switch.yaml", configWith("net_null1", "\"0000:fe:1f.7\""));
+  RunningSwitch process(config, dir_ / "log");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_EQ(process.log(),
+            "ofswitch: " + config +
+                ":3: port 'port2', device '0000:fe:1f.7': there is no PCI "
+                "device at 0000:fe:1f.7; see: dpdk-devbind.py --status\n");
+}
+
+TEST_F(RunCommand, TellsWhatToDoWhenItsBuffersDoNotFit) {
+  write("flows.txt", "");
+  const std::string config = write(
+      "switch.yaml", configWith("{mb: 256}", "{mb: 128, buffers: 10000000}"));
+  RunningSwitch process(config, dir_ / "log");
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_THAT(process.log(),
+              testing::MatchesRegex(
+                  "ofswitch: cannot make a pool of 10000000 packets .* in "
+                  "DPDK's 128 MB: Cannot allocate memory; raise memory.mb or "
+                  "lower memory.buffers\n"));
 }
 
 TEST_F(RunCommand, NotesAMetricsPortThatIsTaken) {
@@ -196,9 +239,8 @@ TEST_F(RunCommand, NotesAMetricsPortThatIsTaken) {
   const std::string taken =
       "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
   write("flows.txt", "");
-  std::string text = kConfig;
-  text.replace(text.find("metrics: false"), 14, "metrics: " + taken);
-  const std::string config = write("switch.yaml", text);
+  const std::string config =
+      write("switch.yaml", configWith("metrics: false", "metrics: " + taken));
   RunningSwitch process(config, dir_ / "log", "--check");
   EXPECT_EQ(process.end(0), 0);
   EXPECT_EQ(process.log(),
