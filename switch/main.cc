@@ -11,27 +11,27 @@
 #include <vector>
 
 #include "switch/commands/commands.h"
+#include "switch/terminal/standard_error.h"
 
 namespace {
 
 constexpr int kFailed = 1;
 constexpr int kWrongUse = 2;
 
-// What is printed may still wait in the buffer, and a full disk be found out
-// only here. A reader that has gone away has seen enough and wants no message.
-int finishOutput(int status) {
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
-  if (errno != EPIPE) {
-    fmt::print(stderr, "ofswitch: standard output: {}\n", std::strerror(errno));
+// A reader that has gone away has seen enough and wants no message.
+int failedOutput(int error) {
+  if (error != EPIPE) {
+    ofswitch::printError("ofswitch: standard output: {}\n",
+                         std::strerror(error));
   }
   return kFailed;
 }
 
-int failedOutput(const std::system_error& error) {
-  if (error.code() != std::errc::broken_pipe) {
-    fmt::print(stderr, "ofswitch: {}\n", error.what());
-  }
-  return kFailed;
+// What is printed may still wait in the buffer, and a full disk be found out
+// only here.
+int finishOutput(int status) {
+  const bool isOut = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  return isOut ? status : failedOutput(errno);
 }
 
 // A word where a command should be, which CLI11 reports as a missing one.
@@ -55,7 +55,7 @@ int exitStatus(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() != 0) {
     const std::string unknown = unknownCommand(app);
     if (!unknown.empty()) {
-      fmt::print(stderr, "{}", unknown);
+      ofswitch::printError("{}", unknown);
       return kWrongUse;
     }
   }
@@ -65,6 +65,7 @@ int exitStatus(const CLI::App& app, const CLI::ParseError& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ofswitch::fillStandardStreams();
   CLI::App app(
       "Packets through OpenFlow tables: check flows, replay captures, run a "
       "switch.",
@@ -89,9 +90,11 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return exitStatus(app, error);
   } catch (const std::system_error& error) {
-    return failedOutput(error);
+    if (std::ferror(stdout) != 0) return failedOutput(error.code().value());
+    ofswitch::printError("ofswitch: {}\n", error.what());
+    return kFailed;
   } catch (const std::exception& error) {
-    fmt::print(stderr, "ofswitch: {}\n", error.what());
+    ofswitch::printError("ofswitch: {}\n", error.what());
     return kFailed;
   }
   return finishOutput(status);

@@ -12,6 +12,7 @@
 
 #include "switch/client/probe.h"
 #include "switch/flow/file_text.h"
+#include "switch/terminal/standard_error.h"
 
 namespace ofswitch {
 namespace {
@@ -102,10 +103,10 @@ SwitchClient::SwitchClient(const DoorOptions& door)
   if (!obstacle.empty()) throw ClientError(where_ + ": " + obstacle);
   channel_ = makeChannel(door);
   const Answer answer = waitForAnswer(channel_.get(), patienceOf(door), [&] {
-    fmt::print(stderr,
-               "ofswitch: {}: waiting up to {:g} s for an answer; the switch "
-               "may still be loading its flows\n",
-               where_, door.wait);
+    printError(
+        "ofswitch: {}: waiting up to {:g} s for an answer; the switch "
+        "may still be loading its flows\n",
+        where_, door.wait);
   });
   if (answer == Answer::kNone) {
     throw ClientError(fmt::format(

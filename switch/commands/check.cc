@@ -23,6 +23,7 @@
 #include "switch/replay/policy.h"
 #include "switch/terminal/amounts.h"
 #include "switch/terminal/progress.h"
+#include "switch/terminal/standard_error.h"
 
 namespace ofswitch {
 namespace {
@@ -131,7 +132,7 @@ std::string sizeText(size_t bytes) {
 
 void printBuild(const TableBuild& build) {
   if (!build.failure.empty()) {
-    fmt::print(stderr, "{}\n", build.failure);
+    printError("{}\n", build.failure);
     return;
   }
   fmt::print("table {} {}: {} flow{}", build.table,
@@ -188,10 +189,10 @@ void printJson(const CheckResult& result, const FlowTranslator& translator,
 void printText(const CheckResult& result, const FlowTranslator& translator,
                bool verbose) {
   for (const Diagnostic& refusal : result.refusals) {
-    fmt::print(stderr, "{}\n", refusal.text());
+    printError("{}\n", refusal.text());
   }
   for (const Diagnostic& note : result.notes) {
-    fmt::print(stderr, "{}\n", note.noteText());
+    printError("{}\n", note.noteText());
   }
   if (verbose) {
     for (const InstalledFlow* flow : translator.installed()) printFlow(*flow);

@@ -20,6 +20,7 @@
 #include "switch/commands/commands.h"
 #include "switch/control/message_codec.h"
 #include "switch/terminal/amounts.h"
+#include "switch/terminal/standard_error.h"
 
 namespace ofswitch {
 namespace {
@@ -66,25 +67,25 @@ void printRefusals(const pb::FlowChangeReply& reply) {
   const int count = reply.refusals_size();
   const int shown = count > kShown + 1 ? kShown : count;
   for (int i = 0; i < shown; i++) {
-    fmt::print(stderr, "{}\n", diagnosticOf(reply.refusals(i)).text());
+    printError("{}\n", diagnosticOf(reply.refusals(i)).text());
   }
   if (shown < count) {
-    fmt::print(stderr, "and {} more, which --json lists\n", count - shown);
+    printError("and {} more, which --json lists\n", count - shown);
   }
 }
 
 void printReply(const pb::FlowChangeReply& reply, bool verbose) {
   printRefusals(reply);
   for (const pb::Diagnostic& note : reply.notes()) {
-    fmt::print(stderr, "{}\n", diagnosticOf(note).noteText());
+    printError("{}\n", diagnosticOf(note).noteText());
   }
   if (reply.applied()) {
     fmt::print("{}", changeText(reply, verbose));
   } else if (reply.failure().empty()) {
-    fmt::print(stderr, "ofswitch: nothing was changed: {} refused\n",
+    printError("ofswitch: nothing was changed: {} refused\n",
                plural(static_cast<uint64_t>(reply.refusals_size()), "line"));
   } else {
-    fmt::print(stderr, "ofswitch: nothing was changed: {}\n",
+    printError("ofswitch: nothing was changed: {}\n",
                printable(reply.failure()));
   }
 }

@@ -25,6 +25,7 @@
 #include "switch/replay/policy.h"
 #include "switch/replay/report.h"
 #include "switch/replay/session.h"
+#include "switch/terminal/standard_error.h"
 
 namespace ofswitch {
 namespace {
@@ -45,7 +46,7 @@ struct ReplayOptions {
 class Errors {
  public:
   void add(const std::string& error) {
-    fmt::print(stderr, "{}\n", error);
+    printError("{}\n", error);
     any_ = true;
   }
   bool any() const { return any_; }
@@ -155,7 +156,7 @@ Policy readPolicy(const ReplayOptions& options, Errors* errors) {
     errors->add(refusal.text());
   }
   for (const Diagnostic& note : policy.notes) {
-    fmt::print(stderr, "{}\n", note.noteText());
+    printError("{}\n", note.noteText());
   }
   return policy;
 }
@@ -196,7 +197,7 @@ int replay(ReplayOptions options) {
     writeStats(options.statsFile, json, &errors);
   }
   for (const std::string& warning : result.warnings) {
-    fmt::print(stderr, "{}\n", warning);
+    printError("{}\n", warning);
   }
   for (const std::string& error : result.errors) {
     errors.add(error);

@@ -2,6 +2,7 @@
 //
 // ofswitch run: the switch itself, in the foreground until it is told to stop.
 #include <fmt/core.h>
+#include <signal.h>
 
 #include <cstdio>
 #include <memory>
@@ -20,6 +21,7 @@
 #include "switch/telemetry/dpdk_telemetry.h"
 #include "switch/telemetry/metrics_server.h"
 #include "switch/terminal/amounts.h"
+#include "switch/terminal/standard_error.h"
 
 namespace ofswitch {
 namespace {
@@ -72,10 +74,10 @@ int check(const SwitchConfig& config) {
   checkControlAddress(config);
   const std::string obstacle = metricsObstacle(config.metricsAddress);
   if (!obstacle.empty()) {
-    fmt::print(stderr,
-               "note: metrics: {}: {}; if it is not this switch that runs and "
-               "has it, give another address, or \"metrics: false\"\n",
-               config.metricsAddress, obstacle);
+    printError(
+        "note: metrics: {}: {}; if it is not this switch that runs and "
+        "has it, give another address, or \"metrics: false\"\n",
+        config.metricsAddress, obstacle);
   }
   size_t flows = 0;
   size_t refusals = 0;
@@ -84,7 +86,7 @@ int check(const SwitchConfig& config) {
     flows += file.flows.size();
     refusals += file.refusals.size();
     for (const Diagnostic& refusal : file.refusals) {
-      fmt::print(stderr, "{}\n", refusal.text());
+      printError("{}\n", refusal.text());
     }
   }
   fmt::print("{}: {}, {}, {}, {} refused\n", config.file,
@@ -121,6 +123,8 @@ int run(const RunOptions& options) {
   SwitchConfig config = loadConfig(options.config);
   if (options.check) return check(config);
   config.dpdkTelemetry = true;
+  // It outlives whoever reads its messages.
+  signal(SIGPIPE, SIG_IGN);
   StopRequest stop;
   stop.setWork(kLoading);
   ControlSockets sockets(config);

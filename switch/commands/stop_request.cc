@@ -16,6 +16,8 @@
 #include <exception>
 #include <mutex>
 
+#include "switch/terminal/standard_error.h"
+
 namespace ofswitch {
 namespace {
 
@@ -92,7 +94,7 @@ void StopRequest::serve(State* state) {
   if (!state->become(State::Phase::kMade)) return;
   state->phase.notify_all();
   std::this_thread::sleep_for(kStopTime);
-  fmt::print(stderr, "ofswitch: stopped {}\n", state->work.load());
+  printError("ofswitch: stopped {}\n", state->work.load());
   const std::lock_guard lock(state->mutex);
   if (!state->file.empty()) unlink(state->file.c_str());
   _exit(0);

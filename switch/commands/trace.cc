@@ -10,6 +10,7 @@
 #include "switch/client/door_options.h"
 #include "switch/client/switch_client.h"
 #include "switch/commands/commands.h"
+#include "switch/terminal/standard_error.h"
 #include "switch/trace/trace_input.h"
 #include "switch/trace/trace_text.h"
 
@@ -31,7 +32,7 @@ int trace(const TraceOptions& options) {
   try {
     packet = readPacketArgument(options.packet);
   } catch (const PacketArgumentError& error) {
-    fmt::print(stderr, "ofswitch: {}\n", error.what());
+    printError("ofswitch: {}\n", error.what());
     return kUsage;
   }
   packet.request.set_in_port(options.inPort);
@@ -40,10 +41,10 @@ int trace(const TraceOptions& options) {
   const auto reply = client.call<pb::TraceRequest, pb::TraceReply>(
       &SwitchClient::Stub::Trace, packet.request);
   if (!reply.refusal().empty()) {
-    fmt::print(stderr, "ofswitch: {}\n", reply.refusal());
+    printError("ofswitch: {}\n", reply.refusal());
     return 1;
   }
-  if (!packet.note.empty()) fmt::print(stderr, "note: {}\n", packet.note);
+  if (!packet.note.empty()) printError("note: {}\n", packet.note);
   const std::string text = options.json ? traceJson(reply) : traceText(reply);
   std::fwrite(text.data(), 1, text.size(), stdout);
   return 0;

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "switch/terminal/standard_error.h"
+
 namespace ofswitch {
 namespace {
 
@@ -26,7 +28,7 @@ Progress::Progress(std::string what)
 
 Progress::~Progress() {
   if (shown_) {
-    fmt::print(stderr, "\r\033[K");
+    printError("\r\033[K");
   }
 }
 
@@ -39,13 +41,13 @@ void Progress::show(uint64_t done, uint64_t total) {
   shown_ = true;
   const double seconds = std::chrono::duration<double>(now - start_).count();
   if (total == 0) {
-    fmt::print(stderr, "\r{}: {:.0f} s\033[K", what_, seconds);
+    printError("\r{}: {:.0f} s\033[K", what_, seconds);
   } else {
     const double part =
         std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
     const int full = static_cast<int>(part * kWidth);
-    fmt::print(stderr, "\r{} [{:#<{}}{: <{}}] {:3.0f}% {:.0f} s\033[K", what_,
-               "", full, "", kWidth - full, part * 100, seconds);
+    printError("\r{} [{:#<{}}{: <{}}] {:3.0f}% {:.0f} s\033[K", what_, "", full,
+               "", kWidth - full, part * 100, seconds);
   }
   fflush(stderr);
 }
