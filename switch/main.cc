@@ -70,6 +70,7 @@ int main(int argc, char** argv) {
       "Packets through OpenFlow tables: check flows, replay captures, run a "
       "switch.",
       "ofswitch");
+  app.set_version_flag("--version", "ofswitch " OFSWITCH_VERSION);
   app.require_subcommand(1);
   app.failure_message([](const CLI::App*, const CLI::Error& error) {
     return fmt::format("ofswitch: {}\n", error.what());
