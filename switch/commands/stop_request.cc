@@ -23,11 +23,19 @@ namespace {
 
 constexpr auto kStopTime = std::chrono::milliseconds(1800);
 
+// Whether it was started so that it goes on without its terminal; see nohup(1).
+bool outlivesTerminal() {
+  struct sigaction action {};
+  return sigaction(SIGHUP, nullptr, &action) == 0 &&
+         action.sa_handler == SIG_IGN;
+}
+
 sigset_t blockedSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
+  if (!outlivesTerminal()) sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return signals;
 }

@@ -7,8 +7,8 @@
 
 namespace ofswitch {
 
-// SIGTERM and SIGINT. Made before any other thread, so that one of its own is
-// the only one that takes them.
+// SIGTERM, SIGINT, and SIGHUP if it would end the process. Made before any
+// other thread, so that one of its own is the only one that takes them.
 //
 // A classifier that is being built cannot be interrupted and may take longer
 // than whoever stops the switch waits. So from the signal on the process has a

@@ -62,7 +62,7 @@ std::string configWith(const std::string& old, const std::string& other) {
 TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
   write("flows.txt", "in_port=1,actions=output:2\nin_port=2,actions=drop\n");
   const std::string config = write("switch.yaml", kConfig);
-  for (const int signal : {SIGTERM, SIGINT}) {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
     RunningSwitch process(config, dir_ / "log");
     ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 2 flows\n"))
         << process.log();
@@ -91,6 +91,20 @@ TEST_F(RunCommand, EndsWithinTwoSecondsAndStartsAgain) {
     EXPECT_GT(dropped, 0);
     EXPECT_EQ(received, sent + dropped);
   }
+}
+
+TEST_F(RunCommand, OutlivesItsTerminalIfItIsToldTo) {
+  write("flows.txt", "");
+  const std::string config = write("switch.yaml", kConfig);
+  const auto before = signal(SIGHUP, SIG_IGN);  // as by nohup(1)
+  RunningSwitch process(config, dir_ / "log");
+  signal(SIGHUP, before);
+  ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 0 flows\n"))
+      << process.log();
+  process.send(SIGHUP);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_THAT(process.log(), Not(HasSubstr("stopped")));
+  EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
 // A name that begins with "@" is not in the file system.
