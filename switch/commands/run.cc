@@ -150,7 +150,9 @@ int run(const RunOptions& options) {
   control.stop();
   stop.setWork(workOf(live));
   printEnd(live.stop());
-  return 0;
+  if (live.captureError().empty()) return 0;
+  printError("ofswitch: controller.capture: {}\n", live.captureError());
+  return 1;
 }
 
 }  // namespace

@@ -71,6 +71,8 @@ class Accountant {
     }
     drop(nullptr, SwitchDrop::kControllerQueueFull,
          counts_.controller.notCaptured);
+    drop(nullptr, SwitchDrop::kControllerCaptureFailed,
+         counts_.controller.notWritten);
   }
 
   void drop(TableAccount* table, SwitchDrop cause, uint64_t packets) {

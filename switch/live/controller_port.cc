@@ -15,6 +15,7 @@
 #include "platform/mio/mio.h"
 #include "platform/twinlog/twinlog.h"
 #include "switch/live/controller_frame.h"
+#include "switch/terminal/standard_error.h"
 
 namespace ofswitch {
 namespace {
@@ -52,6 +53,12 @@ void tracePacket(const bess::Packet& pkt) {
                 std::string_view(hex.data(), 2 * shown));
 }
 
+// The ring alone would soon have forgotten it, for each packet leaves a line.
+void tellFailure(const std::string& error) {
+  TWINLOG_TRACE(trace, 0, "capture: %s", error);
+  printError("ofswitch: controller.capture: {}\n", error);
+}
+
 const bool registered = ModuleBuilder::RegisterModuleClass(
     [] { return new ControllerPort; }, ControllerPort::kClassName, "controller",
     "takes what flows send to the controller", 1, 0, {},
@@ -85,10 +92,9 @@ void ControllerPort::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
 }
 
 std::string ControllerPort::startCapture(const std::string& path) {
-  if (const std::string error = bess::CaptureWriter(path).error();
-      !error.empty()) {
-    return error;
-  }
+  bess::CaptureWriter probe(path);
+  probe.Flush();
+  if (!probe.error().empty()) return probe.error();
   queue_ = rte_ring_create(fmt::format("capture-{}", name()).c_str(),
                            kQueueLength, SOCKET_ID_ANY, RING_F_SC_DEQ);
   if (queue_ == nullptr) {
@@ -102,6 +108,7 @@ std::string ControllerPort::startCapture(const std::string& path) {
 
 void ControllerPort::writeCapture(const std::string& path) {
   bess::CaptureWriter writer(path);
+  bool isTold = false;
   std::vector<uint8_t> frame;
   for (;;) {
     // Read before the queue: what was queued before the stop is written.
@@ -125,8 +132,13 @@ void ControllerPort::writeCapture(const std::string& path) {
                    frame.data() + punted.skip, punted.length);
       bess::Packet::Free(pkt);
     }
-    if (count > 0) continue;
     writer.Flush();
+    if (!writer.error().empty()) {
+      add(&notWritten_, count);
+      if (!isTold) tellFailure(writer.error());
+      isTold = true;
+    }
+    if (count > 0) continue;
     if (last) break;
     std::this_thread::sleep_for(kWriterSleep);
   }
@@ -149,6 +161,7 @@ ControllerPort::Counts ControllerPort::counts() const {
     counts.bytes += worker.bytes.load(std::memory_order_relaxed);
     counts.notCaptured += worker.notCaptured.load(std::memory_order_relaxed);
   }
+  counts.notWritten = notWritten_.load(std::memory_order_relaxed);
   return counts;
 }
 

@@ -24,6 +24,7 @@ class ControllerPort final : public Module {
     uint64_t packets = 0;
     uint64_t bytes = 0;
     uint64_t notCaptured = 0;  // the capture's queue was full
+    uint64_t notWritten = 0;   // the capture's file took no more
   };
 
   ControllerPort();
@@ -32,7 +33,8 @@ class ControllerPort final : public Module {
   void ProcessBatch(Context* ctx, bess::PacketBatch* batch) override;
 
   // Writes all packets to `path` from now on. For the command thread, while no
-  // worker runs. Answers an error text, empty on success.
+  // worker runs. Answers an error text, empty on success. What goes wrong later
+  // is told on standard error, traced, and counted for each packet.
   std::string startCapture(const std::string& path);
   // Writes what is still queued. Answers the first error of the capture.
   std::string stopCapture();
@@ -52,6 +54,7 @@ class ControllerPort final : public Module {
   PerWorker workers_[Worker::kMaxWorkers];
   rte_ring* queue_ = nullptr;  // of packets for the capture
   std::atomic<bool> stop_ = false;
+  std::atomic<uint64_t> notWritten_ = 0;
   std::thread writer_;
   std::string error_;
 };

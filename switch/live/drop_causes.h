@@ -21,6 +21,7 @@ enum class SwitchDrop {
   kNoSuchPort,
   kNoBufferForOutput,
   kControllerQueueFull,
+  kControllerCaptureFailed,
 };
 
 struct SwitchDropInfo {
@@ -53,6 +54,10 @@ inline constexpr std::array kSwitchDrops = {
     SwitchDropInfo{SwitchDrop::kControllerQueueFull, "controller_capture_full",
                    "The disk was too slow for the controller's capture; the "
                    "packet was counted and logged."},
+    SwitchDropInfo{SwitchDrop::kControllerCaptureFailed,
+                   "controller_capture_failed",
+                   "The controller's capture cannot be written any more; the "
+                   "packet was counted and logged."},
 };
 
 constexpr const SwitchDropInfo& info(SwitchDrop cause) {
@@ -64,7 +69,7 @@ static_assert([] {
   for (size_t i = 0; i < kSwitchDrops.size(); i++) {
     if (static_cast<size_t>(kSwitchDrops[i].cause) != i) return false;
   }
-  return static_cast<size_t>(SwitchDrop::kControllerQueueFull) + 1 ==
+  return static_cast<size_t>(SwitchDrop::kControllerCaptureFailed) + 1 ==
          kSwitchDrops.size();
 }());
 

@@ -21,6 +21,9 @@ void LiveSwitch::start(const std::function<bool()>& isCancelled) {
   impl_->start(isCancelled);
 }
 pb::StatsReply LiveSwitch::stop() { return impl_->stop(); }
+const std::string& LiveSwitch::captureError() const {
+  return impl_->captureError_;
+}
 bool LiveSwitch::running() const { return impl_->running_; }
 bool LiveSwitch::isChangingFlows() const { return impl_->isProgramming_; }
 const SwitchConfig& LiveSwitch::config() const { return impl_->config_; }

@@ -75,6 +75,8 @@ class LiveSwitch {
   // Stops receiving, sends what was received, takes everything apart. Answers
   // the final statistics, which are exact.
   pb::StatsReply stop();
+  // What went wrong with the controller's capture; known after stop().
+  const std::string& captureError() const;
 
   bool running() const;
   // Whether classifiers are being built now.

@@ -97,6 +97,7 @@ pb::StatsReply LiveSwitch::Impl::stop() {
   // From here on requests find nothing to talk to.
   onControl([this] {
     Worker::PauseAll();
+    captureError_ = graph_->stopCapture();
     final_ = stats(false);
     programmer_.reset();
     tracer_.reset();

@@ -68,6 +68,7 @@ class LiveSwitch::Impl {
   std::unique_ptr<SwitchGraph> graph_;
   std::unique_ptr<FlowProgrammer> programmer_;  // while the switch runs
   std::vector<std::string> notes_;
+  std::string captureError_;  // once it has stopped
 
  private:
   std::vector<Flow> readFlowFiles() const;

@@ -210,9 +210,11 @@ void SwitchGraph::makeInputs() {
 void SwitchGraph::stopWorkers() {
   Worker::PauseAll();
   for (const SwitchWorker& worker : workers_) Worker::Stop(worker.wid);
-  if (controller_ != nullptr) {
-    bess::ControlThread::Instance().Run([this] { controller_->stopCapture(); });
-  }
+  bess::ControlThread::Instance().Run([this] { stopCapture(); });
+}
+
+std::string SwitchGraph::stopCapture() {
+  return controller_ == nullptr ? "" : controller_->stopCapture();
 }
 
 ModuleDoor SwitchGraph::door() {

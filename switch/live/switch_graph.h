@@ -42,6 +42,9 @@ class SwitchGraph {
   void startWorkers();
   // Lets every worker end what it is at, and stops them.
   void stopWorkers();
+  // Writes what the controller's capture still has to, when no worker runs any
+  // more. Answers what went wrong with it. On the command thread.
+  std::string stopCapture();
 
   // The way to the module for flow changes. On the command thread.
   ModuleDoor door();

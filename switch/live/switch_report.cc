@@ -136,6 +136,8 @@ pb::PortsReply portsReply(const SwitchGraph& graph) {
   controller->set_tx_bytes(counts.bytes);
   *controller->add_drops() =
       dropCause(SwitchDrop::kControllerQueueFull, counts.notCaptured);
+  *controller->add_drops() =
+      dropCause(SwitchDrop::kControllerCaptureFailed, counts.notWritten);
   for (const SwitchGraph::SwitchPort& one : graph.ports()) {
     pb::Port* port = reply.add_ports();
     const bess::PortLink link = one.port->link();

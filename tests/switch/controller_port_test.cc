@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <thread>
 
 #include "packet_pool.h"
+#include "platform/ringlog/ringlog.h"
 #include "tests/captures/capture_files.h"
 #include "tests/switch/live_bench.h"
 
@@ -34,6 +37,13 @@ class StuckCapture {
   StuckCapture& operator=(const StuckCapture&) = delete;
 
   std::string path() const { return dir_ / "controller.pcap"; }
+
+  // Bytes that nobody has read.
+  int waiting() const {
+    int bytes = 0;
+    ioctl(fd_, FIONREAD, &bytes);
+    return bytes;
+  }
 
   // Stops the capture, and answers how many bytes it wrote.
   size_t drain(ControllerPort* port) {
@@ -98,6 +108,40 @@ TEST(ControllerPort, CountsWhatTheCaptureMissedOfEachWorker) {
   const size_t rows = (bytes - 2 * 24) / (16 + kFrameSize);
   EXPECT_EQ(bytes, 2 * 24 + rows * (16 + kFrameSize));
   EXPECT_EQ(rows, port.counts().packets - port.counts().notCaptured);
+}
+
+TEST(ControllerPort, CountsAndTellsWhatItsFileDoesNotTake) {
+  LiveBench bench({});  // DPDK and a packet pool
+  EXPECT_EQ(ControllerPort().startCapture("/dev/full"),
+            "/dev/full: No space left on device");
+
+  const auto before = signal(SIGPIPE, SIG_IGN);
+  ControllerPort port;
+  std::string path;
+  {
+    const StuckCapture capture;
+    path = capture.path();
+    ASSERT_EQ(port.startCapture(path), "");
+    give(&port, 1, 1);
+    while (capture.waiting() < 2 * 24 + 32 * (16 + kFrameSize)) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(port.counts().notWritten, 0);
+  }
+  const uint64_t since = Ringlog::Ring::instance().readSince(0).next;
+  give(&port, 1, 2);
+  give(&port, 2, 3);
+  EXPECT_EQ(port.stopCapture(), path + ": Broken pipe");
+  EXPECT_EQ(port.counts().packets, 6 * 32);
+  EXPECT_EQ(port.counts().notCaptured, 0);
+  EXPECT_EQ(port.counts().notWritten, 5 * 32);
+  int told = 0;
+  for (const Ringlog::Entry& entry :
+       Ringlog::Ring::instance().readSince(since).entries) {
+    if (entry.text == "capture: " + path + ": Broken pipe") told++;
+  }
+  EXPECT_EQ(told, 1);
+  signal(SIGPIPE, before);
 }
 
 }  // namespace

@@ -322,6 +322,25 @@ TEST_F(RunCommand, EndsInTimeThoughItsPortsDoNotClose) {
   close(reader);
 }
 
+TEST_F(RunCommand, SaysWhenItsCaptureIsNotWhole) {
+  write("flows.txt", "in_port=1,actions=controller\n");
+  const std::string config = write(
+      "switch.yaml", std::string(kConfig) + "controller: {capture: pipe}\n");
+  const std::string pipe = dir_ / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  RunningSwitch process(config, dir_ / "log");
+  ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 1 flow\n"))
+      << process.log();
+  close(reader);
+  EXPECT_EQ(process.end(SIGTERM), 1);
+  EXPECT_THAT(process.log(), HasSubstr("\nstopped: "));
+  EXPECT_THAT(process.log(),
+              testing::EndsWith("ofswitch: controller.capture: " + pipe +
+                                ": Broken pipe\n"));
+}
+
 TEST_F(RunCommand, RefusesBadFlowsBeforeAnythingStarts) {
   const std::string flows =
       write("flows.txt", "in_port=1,actions=output:2\nnonsense\n");
