@@ -50,9 +50,8 @@ std::string dropsText(const std::vector<pb::DropCause>& drops,
     if (drop.packets() == 0) continue;
     std::vector<std::string> row = {std::to_string(drop.packets())};
     if (before != nullptr) {
-      const auto more =
-          static_cast<double>(drop.packets() - packetsBefore(*before, drop));
-      row.push_back(rateText(more / seconds));
+      row.push_back(rateText(gainPerSecond(packetsBefore(*before, drop),
+                                           drop.packets(), seconds)));
     }
     row.insert(row.end(), {dropPlace(drop), drop.name(), drop.sentence()});
     table.add(row);

@@ -57,8 +57,7 @@ class Traffic {
 
  private:
   double rate(Counter counter) const {
-    return static_cast<double>((now_.*counter)() - (before_->*counter)()) /
-           seconds_;
+    return gainPerSecond((before_->*counter)(), (now_.*counter)(), seconds_);
   }
 
   const pb::StatsReply& now_;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <optional>
 
@@ -14,6 +15,7 @@
 #include "switch/client/reports.h"
 #include "switch/client/switch_client.h"
 #include "switch/commands/commands.h"
+#include "switch/terminal/amounts.h"
 #include "switch/terminal/interruption.h"
 
 namespace ofswitch {
@@ -39,18 +41,17 @@ Json watchJson(const pb::StatsReply& now, const pb::StatsReply* before) {
   if (before == nullptr) return json;
   const double seconds =
       static_cast<double>(now.time_ns() - before->time_ns()) / 1e9;
-  const auto rate = [seconds](uint64_t after, uint64_t earlier) {
-    return static_cast<double>(after - earlier) / seconds;
+  using Counter = uint64_t (pb::StatsReply::*)() const;
+  const auto rate = [&](Counter counter) {
+    return gainPerSecond((before->*counter)(), (now.*counter)(), seconds);
   };
   json["perSecond"] = {
-      {"packetsReceived",
-       rate(now.packets_received(), before->packets_received())},
-      {"bytesReceived", rate(now.bytes_received(), before->bytes_received())},
-      {"packetsForwarded",
-       rate(now.packets_forwarded(), before->packets_forwarded())},
-      {"copiesOutput", rate(now.copies_output(), before->copies_output())},
-      {"packetsSent", rate(now.packets_sent(), before->packets_sent())},
-      {"bytesSent", rate(now.bytes_sent(), before->bytes_sent())}};
+      {"packetsReceived", rate(&pb::StatsReply::packets_received)},
+      {"bytesReceived", rate(&pb::StatsReply::bytes_received)},
+      {"packetsForwarded", rate(&pb::StatsReply::packets_forwarded)},
+      {"copiesOutput", rate(&pb::StatsReply::copies_output)},
+      {"packetsSent", rate(&pb::StatsReply::packets_sent)},
+      {"bytesSent", rate(&pb::StatsReply::bytes_sent)}};
   return json;
 }
 

@@ -33,6 +33,10 @@ std::string ageText(uint64_t ns) {
   return fmt::format("{} d {} h", hours / 24, hours % 24);
 }
 
+double gainPerSecond(uint64_t before, uint64_t now, double seconds) {
+  return now > before ? static_cast<double>(now - before) / seconds : 0;
+}
+
 std::string rateText(double perSecond) {
   if (perSecond >= 1e9) return fmt::format("{:.2f} G", perSecond / 1e9);
   if (perSecond >= 1e6) return fmt::format("{:.2f} M", perSecond / 1e6);

@@ -19,6 +19,10 @@ std::string timeText(uint64_t ns);
 // How long something has lasted: "12 s", "3 min 5 s", "2 d 4 h".
 std::string ageText(uint64_t ns);
 
+// What a counter gained in each of so many seconds. Some go back a little, when
+// a device finds out late that it has not sent a packet: that is no gain.
+double gainPerSecond(uint64_t before, uint64_t now, double seconds);
+
 // A rate: "0", "12.5", "843", "1.50 M".
 std::string rateText(double perSecond);
 

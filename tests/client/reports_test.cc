@@ -248,6 +248,21 @@ TEST_F(Reports, WatchedStatsCanBeExact) {
   EXPECT_TRUE(fake_.statsRequest.pause());
 }
 
+// A device that finds out late that it has not sent a packet takes it back.
+TEST_F(Reports, ACounterThatGoesBackGainsNothing) {
+  fake_.stats = {stats(10, 10), stats(12, 30)};
+  fake_.stats[1].set_packets_sent(9);
+  fake_.stats[1].mutable_drops(2)->set_packets(2);
+  run("stats --watch 0.05 --count 2");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_THAT(out_,
+              HasSubstr("        9  3000         0  8000  copies sent\n"));
+  EXPECT_THAT(out_, HasSubstr("        2          0  port 2   rx_missed"));
+  run("stats --watch 0.05 --count 2 --json");
+  const auto second = nlohmann::json::parse(out_.substr(out_.find('\n') + 1));
+  EXPECT_EQ(second["perSecond"]["packetsSent"], 0.0);
+}
+
 // A switch that was started anew meanwhile has counted less.
 TEST_F(Reports, RatesOfASwitchThatWasStartedAnewBeginAnew) {
   fake_.stats = {stats(10, 1000), stats(12, 1000)};
