@@ -10,7 +10,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 namespace ofswitch {
 namespace {
@@ -46,6 +48,7 @@ std::string probeUnixSocket(const std::string& path) {
                        path.size(), sizeof(address.sun_path) - 1);
   }
   std::memcpy(address.sun_path, path.c_str(), path.size());
+  std::error_code ignored;
   switch (const int error =
               tryConnect(AF_UNIX, reinterpret_cast<const sockaddr*>(&address),
                          sizeof(address))) {
@@ -57,6 +60,10 @@ std::string probeUnixSocket(const std::string& path) {
           "does not exist: no switch runs there; {}, or say --socket PATH",
           kStart);
     case ECONNREFUSED:
+      if (!std::filesystem::is_socket(path, ignored)) {
+        return "is no socket; say --socket PATH, which is control.socket in "
+               "the switch's configuration";
+      }
       return fmt::format("nothing listens: the switch that made it is gone; {}",
                          kStart);
     case EACCES:

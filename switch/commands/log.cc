@@ -18,6 +18,7 @@
 #include "switch/client/switch_client.h"
 #include "switch/commands/commands.h"
 #include "switch/terminal/interruption.h"
+#include "switch/terminal/standard_error.h"
 
 namespace ofswitch {
 namespace {
@@ -55,13 +56,20 @@ int readLog(const LogOptions& options) {
   const auto reader = client.stub().ReadLog(&context, request);
   interruption.calls([&context] { context.TryCancel(); });
   pb::LogEntry entry;
+  bool any = false;
   while (reader->Read(&entry)) {
+    any = true;
     print(entry, options.json);
     if (options.follow) std::fflush(stdout);
   }
   const grpc::Status status = reader->Finish();
   interruption.calls(nullptr);
   if (!interruption.happened()) client.check(status);
+  if (!any && !options.facility.empty() && !options.follow) {
+    printError(
+        "note: no entry of \"{}\"; \"ofswitch log levels\" tells who logs\n",
+        options.facility);
+  }
   return 0;
 }
 

@@ -154,7 +154,7 @@ void addStatsCommand(CLI::App* app, int* status) {
   command->add_option("--count", options->count, "End after so many readings")
       ->type_name("N")
       ->needs(watch)
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
   command->add_flag("--exact", options->exact,
                     "Stop the workers for the moment of the reading, so that "
                     "no packet is under way");

@@ -203,7 +203,11 @@ FlowFile FlowReader::read(std::istream& in, const std::string& name,
       }
     }
   }
-  if (in.bad()) file.refusals.push_back({name, 0, "cannot be read to its end"});
+  if (in.bad()) {
+    file.refusals.push_back(
+        {name, 0,
+         fmt::format("cannot be read to its end: {}", std::strerror(errno))});
+  }
   return file;
 }
 

@@ -293,6 +293,33 @@ TEST_F(Reports, Log) {
   EXPECT_EQ(fake_.logRequest.max_level(), 31u);
 }
 
+TEST_F(Reports, ALogWithoutTheFacilityThatIsAskedFor) {
+  fake_.log = {};
+  run("log --facility Nope");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(out_, "");
+  EXPECT_EQ(err_,
+            "note: no entry of \"Nope\"; \"ofswitch log levels\" tells who "
+            "logs\n");
+}
+
+TEST_F(Reports, WatchTakesACountFromOneUp) {
+  run("stats --watch 0.05 --count 0");
+  EXPECT_EQ(status_, 2);
+  EXPECT_EQ(err_,
+            "ofswitch: --count: Value 0 not in range 1 to "
+            "18446744073709551615\n");
+}
+
+TEST_F(Reports, AnOutputThatNobodyTakesIsAFailure) {
+  pb::LogEntry entry;
+  entry.set_facility("OpenFlow");
+  fake_.log = {entry};
+  run("log --follow > /dev/full");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_, "ofswitch: standard output: No space left on device\n");
+}
+
 TEST_F(Reports, LogLevels) {
   (*fake_.levels.mutable_levels())["OpenFlow"] = 7;
   (*fake_.levels.mutable_levels())["Controller"] = 0;

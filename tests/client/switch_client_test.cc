@@ -80,6 +80,18 @@ TEST(SwitchClient, AsksBySocketsOfAnyName) {
   }
 }
 
+TEST(SwitchClient, TellsWhatIsNoSocket) {
+  const openflow_test::ScratchDir dir;
+  const std::string file = dir / "switch.yaml";
+  openflow_test::writeFile(file, "");
+  for (const std::string& path : {file, dir.path().string()}) {
+    EXPECT_EQ(whyNot({.socket = path}),
+              "control socket " + path +
+                  ": is no socket; say --socket PATH, which is control.socket "
+                  "in the switch's configuration");
+  }
+}
+
 TEST(SwitchClient, TellsWhereNothingListens) {
   EXPECT_EQ(whyNot({.socket = "/nowhere/c.sock"}),
             "control socket /nowhere/c.sock: does not exist: no switch runs "

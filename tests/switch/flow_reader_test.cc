@@ -177,7 +177,8 @@ TEST(FlowReader, TellsHowFarItIs) {
 TEST(FlowReader, RefusesAFolder) {
   const FlowFile file = FlowReader().read("/tmp");
   EXPECT_EQ(texts(file.refusals),
-            (std::vector<std::string>{"/tmp: cannot be read to its end"}));
+            (std::vector<std::string>{
+                "/tmp: cannot be read to its end: Is a directory"}));
 }
 
 TEST(FlowReader, NamesAFileThatItCannotOpen) {
