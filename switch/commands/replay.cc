@@ -55,19 +55,30 @@ class Errors {
   bool any_ = false;
 };
 
+// Of "PORT=FILE". Throws what CLI11 makes an error of the option of.
 ReplayInput parseInput(const std::string& text) {
   const size_t equals = text.find('=');
   if (equals == std::string::npos || equals + 1 == text.size()) {
-    throw std::runtime_error(fmt::format("--in {}: must be PORT=FILE", text));
+    throw CLI::ValidationError(fmt::format("{}: must be PORT=FILE", text));
   }
   unsigned port = 0;
   const char* end = text.data() + equals;
   const auto [stop, error] = std::from_chars(text.data(), end, port);
   if (error != std::errc() || stop != end || port < 1 || port > kMaxPort) {
-    throw std::runtime_error(
-        fmt::format("--in {}: port must be 1 to {}", text, kMaxPort));
+    throw CLI::ValidationError(
+        fmt::format("{}: port must be 1 to {}", text, kMaxPort));
   }
   return {static_cast<uint16_t>(port), text.substr(equals + 1)};
+}
+
+// A validator of CLI11's: answers what is wrong with the argument.
+std::string inputError(const std::string& text) {
+  try {
+    parseInput(text);
+    return "";
+  } catch (const CLI::ValidationError& error) {
+    return error.what();
+  }
 }
 
 void readInputs(ReplayOptions* options, Errors* errors) {
@@ -232,6 +243,7 @@ void addReplayCommand(CLI::App* app, int* status) {
                    "Captures (pcap or pcapng) and the ports they enter by; "
                    "merged by time")
       ->type_name("PORT=FILE")
+      ->check(inputError)
       ->required();
   command
       ->add_option("--out-dir", options->session.outDir,
