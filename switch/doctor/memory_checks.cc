@@ -19,6 +19,10 @@ struct Hugepages {
   uint64_t kb = 0;    // of one
   uint64_t need = 0;  // for this configuration
 
+  // Those that have to be made of other memory.
+  uint64_t missingMb() const {
+    return need > free ? (need - free) * kb / 1024 : 0;
+  }
   // So many must there be for the need to be met.
   std::string sysctl() const {
     return fmt::format("sysctl -w vm.nr_hugepages={}", total - free + need);
@@ -41,16 +45,30 @@ std::string inFile(const SwitchConfig& config, const std::string& line) {
                      config.file.empty() ? "switch.yaml" : config.file, line);
 }
 
-void checkHugepages(const Hugepages& pages, const SwitchConfig& config,
-                    Findings* out) {
+uint64_t availableMb(const Machine& machine) {
+  return machine.number(kMeminfo, "MemAvailable") / 1024;
+}
+
+void checkHugepages(const Machine& machine, const Hugepages& pages,
+                    const SwitchConfig& config, Findings* out) {
   if (pages.free >= pages.need) {
     out->ok(fmt::format("{} MB need {} hugepages of {} kB, {} are free",
                         config.memoryMb, pages.need, pages.kb, pages.free));
+    return;
+  }
+  const std::string sentence =
+      fmt::format("{} MB need {} hugepages of {} kB, only {} are free",
+                  config.memoryMb, pages.need, pages.kb, pages.free);
+  // Asked for more, the kernel would make hugepages of all it has.
+  const uint64_t available = availableMb(machine);
+  if (pages.missingMb() < available) {
+    out->problem(sentence, pages.sysctl());
   } else {
-    out->problem(fmt::format("{} MB need {} hugepages of {} kB, only {} are "
-                             "free",
-                             config.memoryMb, pages.need, pages.kb, pages.free),
-                 pages.sysctl());
+    out->problem(
+        fmt::format("{}, and {} MB of other memory", sentence, available),
+        inFile(config,
+               fmt::format("memory: {{mb: {}}}",
+                           (pages.free * pages.kb / 1024 + available) / 2)));
   }
 }
 
@@ -71,7 +89,7 @@ bool mayHaveThem(const SwitchConfig& config) {
 
 void checkOrdinary(const Machine& machine, const Hugepages& pages,
                    const SwitchConfig& config, Findings* out) {
-  const uint64_t available = machine.number(kMeminfo, "MemAvailable") / 1024;
+  const uint64_t available = availableMb(machine);
   if (available < config.memoryMb) {
     out->problem(
         fmt::format("{} MB are wanted, only {} MB are available",
@@ -86,6 +104,7 @@ void checkOrdinary(const Machine& machine, const Hugepages& pages,
     out->ok("the kernel makes huge pages of them");
     return;
   }
+  if (pages.missingMb() >= available) return;
   const std::string use = inFile(config, "memory: {hugepages: true}");
   out->gain(
       "without hugepages, lookups and copies miss the processor's TLB "
@@ -102,7 +121,7 @@ void checkMemory(const Machine& machine, const SwitchConfig& config,
   if (!config.hugepages) {
     checkOrdinary(machine, pages, config, out);
   } else if (pages.kb > 0) {
-    checkHugepages(pages, config, out);
+    checkHugepages(machine, pages, config, out);
   } else {
     out->problem("the kernel has no hugepages",
                  inFile(config, "memory: {hugepages: false}"));

@@ -3,12 +3,19 @@
 #include <linux/capability.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "ports/port.h"
 #include "switch/doctor/checks.h"
+#include "switch/flow/suggest.h"
 
 namespace ofswitch {
 namespace {
+
+// Those that docs/ports.md tells of. Debian has more.
+constexpr std::string_view kVirtualDrivers[] = {"net_af_packet", "net_memif",
+                                                "net_null",      "net_pcap",
+                                                "net_ring",      "net_tap"};
 
 constexpr char kLibraries[] = "/usr/lib/x86_64-linux-gnu/dpdk";
 
@@ -34,6 +41,13 @@ std::string packageOf(std::string driver, const std::string& folder) {
   return "librte-" + driver + folder.substr(dash + 1, dot - dash - 1);
 }
 
+// A driver that was mistyped is in no package.
+std::string meantDriver(const std::string& driver) {
+  return std::ranges::count(kVirtualDrivers, driver) > 0
+             ? ""
+             : suggest(driver, kVirtualDrivers);
+}
+
 void checkDriver(const Machine& machine, const std::string& driver,
                  Findings* out) {
   for (const std::string& folder : machine.list(kLibraries)) {
@@ -43,6 +57,12 @@ void checkDriver(const Machine& machine, const std::string& driver,
     if (!std::ranges::any_of(files, [&](const std::string& file) {
           return file.starts_with(start);
         })) {
+      const std::string meant = meantDriver(driver);
+      if (!meant.empty()) {
+        out->problem(fmt::format("DPDK has no driver {} here{}", driver, meant),
+                     "man switch.yaml");
+        return;
+      }
       out->problem(fmt::format("DPDK's driver {} is not installed", driver),
                    "apt-get install -y " + packageOf(driver, folder));
     }

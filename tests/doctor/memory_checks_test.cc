@@ -50,6 +50,26 @@ TEST_F(MemoryChecks, TooFewHugepages) {
                           "vm.nr_hugepages=1112"));
 }
 
+// The kernel would make hugepages of all memory that is left.
+TEST_F(MemoryChecks, MoreHugepagesThanThereIsMemory) {
+  config_.hugepages = true;
+  config_.memoryMb = 9024;  // 1,024 MB in hugepages, 8,000 MB besides
+  EXPECT_THAT(memory(),
+              ElementsAre("problem: 9024 MB need 4512 hugepages of 2048 kB, "
+                          "only 512 are free, and 8000 MB of other memory -> "
+                          "in s.yaml: memory: {mb: 4512}"));
+  config_.memoryMb = 9022;
+  EXPECT_THAT(memory(),
+              ElementsAre("problem: 9022 MB need 4511 hugepages of 2048 kB, "
+                          "only 512 are free -> sysctl -w "
+                          "vm.nr_hugepages=4599"));
+  config_.hugepages = false;
+  config_.memoryMb = 20000;
+  EXPECT_THAT(memory(),
+              ElementsAre("problem: 20000 MB are wanted, only 8000 MB are "
+                          "available -> in s.yaml: memory: {mb: 4000}"));
+}
+
 TEST_F(MemoryChecks, NoHugepagesInTheKernel) {
   config_.hugepages = true;
   fake_.write("/proc/meminfo", "MemAvailable:   8192000 kB\n");

@@ -43,6 +43,12 @@ TEST_F(PortChecks, NoDriver) {
   EXPECT_THAT(port("net_memif0,role=client"),
               ElementsAre("problem: DPDK's driver net_memif is not installed "
                           "-> apt-get install -y librte-net-memif23"));
+  EXPECT_THAT(port("net_nul0"),
+              ElementsAre("problem: DPDK has no driver net_nul here, did you "
+                          "mean \"net_null\"? -> man switch.yaml"));
+  EXPECT_THAT(port("net_vhost0"),
+              ElementsAre("problem: DPDK's driver net_vhost is not installed "
+                          "-> apt-get install -y librte-net-vhost23"));
   fake_.remove("/usr/lib/x86_64-linux-gnu/dpdk");
   EXPECT_THAT(port("net_null0"),
               ElementsAre("problem: DPDK's drivers are not installed -> "
