@@ -192,8 +192,9 @@ PortLink Port::link() const {
       .full_duplex = device.link_duplex == RTE_ETH_LINK_FULL_DUPLEX,
   };
   if (interface_ != nullptr) {
-    // An interface that is out of sight is taken for up: packets will tell.
-    link.up = interface_->up().value_or(true);
+    // A tap that is out of sight is in another namespace, and taken for up:
+    // packets will tell. Packet sockets do not follow their interface.
+    link.up = interface_->up().value_or(sockets_ == nullptr);
     link.mbps = interface_->speed().value_or(0);
   }
   return link;

@@ -204,6 +204,40 @@ TEST_P(VethLinkTest, SendsNothingWhileTheLinkIsDown) {
 INSTANTIATE_TEST_SUITE_P(Ends, VethLinkTest, testing::Values("left", "right"),
                          [](const auto& row) { return row.param; });
 
+TEST_F(VethTest, StaysWithItsInterfaceUnderAnotherName) {
+  Port* port = OpenLeft();
+  Ip("link set left down");
+  Ip("link set left name other");
+  Ip("link set other up");
+  ASSERT_TRUE(LinkGoes(port, true));
+  Ip("link set other down");
+  ASSERT_TRUE(LinkGoes(port, false));
+  Ip("link set other name left");
+}
+
+// Also when there is another interface of that name.
+TEST_F(VethTest, SendsNothingToAnInterfaceThatIsGone) {
+  Port* port = OpenLeft();
+  const Sender sender = Send(port);
+  Push(sender, MakeFrame(60));
+  Ip("link del left");
+  ASSERT_TRUE(LinkGoes(port, false));
+  EXPECT_FALSE(port->link().up);
+  Ip("link add left type veth peer name right");
+  Ip("link set left up");
+  Ip("link set right up");
+  port->Refresh();
+  EXPECT_FALSE(port->link_up());
+  const PortStats before = port->stats();
+  Push(sender, MakeFrame(60), 7);
+  const PortStats after = port->stats();
+  EXPECT_EQ(after.tx_packets, before.tx_packets);
+  EXPECT_EQ(
+      after.drop(DropCause::kTxPortDown) - before.drop(DropCause::kTxPortDown),
+      7u);
+  ExpectClosed(port);
+}
+
 TEST_F(VethTest, ReadsAllQueues) {
   Port* port = OpenLeft(",qpairs=3");
   ASSERT_NE(port, nullptr);

@@ -19,11 +19,6 @@
 namespace bess::internal {
 namespace {
 
-std::string NameOf(unsigned index) {
-  char name[IF_NAMESIZE];
-  return if_indextoname(index, name) != nullptr ? name : "";
-}
-
 // Asks about the interface or changes it. Answers an errno value, 0 on success.
 int Ask(const std::string& name, unsigned long what, ifreq* request) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -38,11 +33,16 @@ int Ask(const std::string& name, unsigned long what, ifreq* request) {
 
 }  // namespace
 
-KernelInterface::KernelInterface(unsigned index) : name_(NameOf(index)) {}
+KernelInterface::KernelInterface(unsigned index) : index_(index) {}
+
+std::string KernelInterface::name() const {
+  char name[IF_NAMESIZE];
+  return if_indextoname(index_, name) != nullptr ? name : "";
+}
 
 std::optional<bool> KernelInterface::up() const {
   ifreq request = {};
-  if (Ask(name_, SIOCGIFFLAGS, &request) != 0) {
+  if (Ask(name(), SIOCGIFFLAGS, &request) != 0) {
     return std::nullopt;
   }
   constexpr int kUp = IFF_UP | IFF_RUNNING;
@@ -54,7 +54,7 @@ std::optional<uint32_t> KernelInterface::speed() const {
   link.cmd = ETHTOOL_GSET;
   ifreq request = {};
   request.ifr_data = reinterpret_cast<char*>(&link);
-  if (Ask(name_, SIOCETHTOOL, &request) != 0) {
+  if (Ask(name(), SIOCETHTOOL, &request) != 0) {
     return std::nullopt;
   }
   const uint32_t mbps = ethtool_cmd_speed(&link);
@@ -64,7 +64,7 @@ std::optional<uint32_t> KernelInterface::speed() const {
 
 std::optional<unsigned> KernelInterface::mtu() const {
   ifreq request = {};
-  if (Ask(name_, SIOCGIFMTU, &request) != 0) {
+  if (Ask(name(), SIOCGIFMTU, &request) != 0) {
     return std::nullopt;
   }
   return static_cast<unsigned>(request.ifr_mtu);
@@ -73,7 +73,7 @@ std::optional<unsigned> KernelInterface::mtu() const {
 int KernelInterface::set_mtu(unsigned mtu) const {
   ifreq request = {};
   request.ifr_mtu = static_cast<int>(mtu);
-  return Ask(name_, SIOCSIFMTU, &request);
+  return Ask(name(), SIOCSIFMTU, &request);
 }
 
 PacketSockets::PacketSockets(unsigned index) {

@@ -10,14 +10,15 @@
 namespace bess::internal {
 
 // The kernel's side of a device that is one of its network interfaces: what the
-// device's driver does not tell. An interface that has moved to another network
-// namespace tells nothing.
+// device's driver does not tell. An interface that is gone, or has moved to
+// another network namespace, tells nothing; its name may be another's then.
 class KernelInterface {
  public:
   // `index` as the kernel numbers interfaces.
   explicit KernelInterface(unsigned index);
 
-  const std::string& name() const { return name_; }
+  // As it is called now; empty when it is out of sight.
+  std::string name() const;
 
   // Switched on and with a carrier.
   std::optional<bool> up() const;
@@ -30,7 +31,7 @@ class KernelInterface {
   int set_mtu(unsigned mtu) const;
 
  private:
-  std::string name_;
+  unsigned index_;
 };
 
 // This process's packet sockets on one interface: those of its driver.
