@@ -256,8 +256,13 @@ TEST_F(Reports, ACounterThatGoesBackGainsNothing) {
   run("stats --watch 0.05 --count 2");
   EXPECT_EQ(status_, 0) << err_;
   EXPECT_THAT(out_,
-              HasSubstr("        9  3000         0  8000  copies sent\n"));
+              HasSubstr("        9  9000         0 24000  copies sent\n"));
   EXPECT_THAT(out_, HasSubstr("        2          0  port 2   rx_missed"));
+}
+
+TEST_F(Reports, ACounterThatGoesBackGainsNothingInJsonEither) {
+  fake_.stats = {stats(10, 10), stats(12, 30)};
+  fake_.stats[1].set_packets_sent(9);
   run("stats --watch 0.05 --count 2 --json");
   const auto second = nlohmann::json::parse(out_.substr(out_.find('\n') + 1));
   EXPECT_EQ(second["perSecond"]["packetsSent"], 0.0);
