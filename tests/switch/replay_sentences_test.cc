@@ -139,13 +139,6 @@ TEST(TextReport, SaysHowManyCopiesWereNotMade) {
               HasSubstr("  0 packets in = 0\n  0 copies out = 0\n"));
 }
 
-TEST_F(ReplayCommand, WantsAFileForEachPort) {
-  write("good.txt", "actions=output:2\n");
-  replay("--flows good.txt --in 1=");
-  EXPECT_EQ(status_, 1);
-  EXPECT_EQ(stderr_, "--in 1=: must be PORT=FILE\n");
-}
-
 // Standard output alone is enough: no file is asked for.
 TEST_F(ReplayCommand, WritesItsReportWhereItIsToldTo) {
   write("good.txt", "actions=output:2\n");
