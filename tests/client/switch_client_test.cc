@@ -123,7 +123,7 @@ TEST(SwitchClient, TellsWhatIsNoSocketAndNoAddress) {
   const openflow_test::ScratchDir dir;
   openflow_test::writeFile(dir / "file", "");
   const std::string longPath = "/tmp/" + std::string(120, 'x');
-  EXPECT_THAT(whyNot({.socket = dir / "file"}), HasSubstr("is gone"));
+  EXPECT_THAT(whyNot({.socket = dir / "file"}), HasSubstr("is no socket"));
   EXPECT_EQ(whyNot({.socket = longPath}),
             "control socket " + longPath +
                 ": the path has 125 characters, at most 107 are possible");
