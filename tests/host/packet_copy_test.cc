@@ -111,6 +111,15 @@ TEST_F(PacketTest, CopyLeavesMetadataBehind) {
   EXPECT_EQ(memcmp(copy->metadata<char*>() + 8, rest.data(), rest.size()), 0);
   Packet::Free(copy);
 
+  for (const size_t size : {size_t{Packet::kMinCopy}, Packet::kMinCopy + 1ul,
+                            size_t{Packet::kDataRoom}}) {
+    Packet* longer = Make(RandomBytes(size));
+    copy = Packet::copy(longer);
+    EXPECT_EQ(Flags(copy), 0u) << size;
+    Packet::Free(copy);
+    Packet::Free(longer);
+  }
+
   Packet* chain = MakeChain({"abc", "def"});
   Packet* chain_copy = Packet::copy(chain);
   EXPECT_EQ(Flags(chain_copy), 0u);

@@ -119,6 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
                       "dl_vlan_pcp=3,udp", "vlan_tci=0x0000/0x0fff,tcp",
                       "ipv6,ipv6_src=2001:db8:1::/48,nw_proto=43",
                       "ip,nw_src=10.0.0.5/255.0.0.255,nw_ttl=4/0x0f",
+                      "tcp6,nw_ttl=3,nw_tos=64,nw_ecn=1", "udp6,nw_ttl=4/0x0f",
                       "dl_type=0x8847", "sctp", "sctp6"));
 
 }  // namespace
