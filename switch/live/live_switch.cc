@@ -60,30 +60,6 @@ void LiveSwitch::dumpFlows(const pb::FlowFilter& filter,
   }
 }
 
-std::optional<pb::FlowEntry> LiveSwitch::flowById(uint32_t flowId) const {
-  const auto view =
-      Impl::onControl([&] { return impl_->book_.findByFlowId(flowId); });
-  if (!view) return std::nullopt;
-  return flowEntry(*view, impl_->now_(), false);
-}
-
-std::optional<pb::FlowEntry> LiveSwitch::flowByCounter(
-    uint32_t packetCounterId) const {
-  const auto view = Impl::onControl(
-      [&] { return impl_->book_.findByPacketCounter(packetCounterId); });
-  if (!view) return std::nullopt;
-  return flowEntry(*view, impl_->now_(), false);
-}
-
-std::vector<InstalledFlow> LiveSwitch::installedFlows() const {
-  const std::vector<FlowBook::View> views =
-      Impl::onControl([&] { return impl_->book_.select({}, true); });
-  std::vector<InstalledFlow> flows;
-  flows.reserve(views.size());
-  for (const FlowBook::View& view : views) flows.push_back(*view.installed);
-  return flows;
-}
-
 pb::TablesReply LiveSwitch::tables(const pb::TablesRequest& request) const {
   return Impl::onControl([&]() -> pb::TablesReply {
     if (impl_->programmer_ == nullptr) return {};
@@ -126,12 +102,6 @@ pb::TraceReply LiveSwitch::trace(const pb::TraceRequest& request) {
     reply.set_refusal(error.what());
   }
   return reply;
-}
-
-std::vector<uint16_t> LiveSwitch::connectedGates() const {
-  std::vector<uint16_t> gates = impl_->portNumbers();
-  gates.insert(gates.begin(), 0);
-  return gates;
 }
 
 void LiveSwitch::expireFlows() {

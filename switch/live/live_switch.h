@@ -102,14 +102,6 @@ class LiveSwitch {
   void dumpFlows(const pb::FlowFilter& filter,
                  const FlowVisitor& visitor) const;
 
-  // The same for one flow of the module, by the identifiers that the module
-  // knows; nothing for one that is gone. A guard answers its flow.
-  std::optional<pb::FlowEntry> flowById(uint32_t flowId) const;
-  std::optional<pb::FlowEntry> flowByCounter(uint32_t packetCounterId) const;
-
-  // All flows as one consistent picture, for who has to compare their matches.
-  std::vector<InstalledFlow> installedFlows() const;
-
   pb::TablesReply tables(const pb::TablesRequest& request) const;
   pb::PortsReply ports() const;
   pb::StatsReply stats(const pb::StatsRequest& request = {}) const;
@@ -147,9 +139,6 @@ class LiveSwitch {
   // counter moves, no worker waits. Why it cannot be told stands in the reply;
   // this throws nothing.
   pb::TraceReply trace(const pb::TraceRequest& request);
-
-  // The numbers of the connected output gates, ascending, gate 0 included.
-  std::vector<uint16_t> connectedGates() const;
 
   // The name of the OpenFlow instance in the host's graph.
   static constexpr const char* kModuleName = "openflow";
