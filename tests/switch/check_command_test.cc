@@ -82,6 +82,15 @@ TEST_F(CheckCommand, AddsNoTableToCommandListsForATextWithoutFlows) {
   EXPECT_EQ(out_, "0 flows and 1 command accepted, 0 refused\n");
 }
 
+TEST_F(CheckCommand, SaysWhatATextWithoutFlowsMeans) {
+  write("empty.txt", "# none\n");
+  check("-v empty.txt");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(out_,
+            "table 0: has no flow, everything that enters it is dropped\n"
+            "0 flows accepted, 0 refused\n");
+}
+
 TEST_F(CheckCommand, ReadsStandardInput) {
   write("flows.txt", "actions=drop\nactions=flod\n");
   check("- < flows.txt");
