@@ -19,6 +19,7 @@
 #include "switch/commands/commands.h"
 #include "switch/terminal/interruption.h"
 #include "switch/terminal/standard_error.h"
+#include "switch/terminal/standard_output.h"
 
 namespace ofswitch {
 namespace {
@@ -60,7 +61,7 @@ int readLog(const LogOptions& options) {
   while (reader->Read(&entry)) {
     any = true;
     print(entry, options.json);
-    if (options.follow) std::fflush(stdout);
+    if (options.follow) flushOutput();
   }
   const grpc::Status status = reader->Finish();
   interruption.calls(nullptr);

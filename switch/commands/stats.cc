@@ -17,6 +17,7 @@
 #include "switch/commands/commands.h"
 #include "switch/terminal/amounts.h"
 #include "switch/terminal/interruption.h"
+#include "switch/terminal/standard_output.h"
 
 namespace ofswitch {
 namespace {
@@ -105,7 +106,7 @@ class Watch {
                                  : "",
                  statsText(now, before));
     }
-    std::fflush(stdout);
+    flushOutput();
   }
 
   const StatsOptions& options_;

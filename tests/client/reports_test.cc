@@ -317,12 +317,15 @@ TEST_F(Reports, WatchTakesACountFromOneUp) {
 }
 
 TEST_F(Reports, AnOutputThatNobodyTakesIsAFailure) {
+  fake_.stats = {stats(10, 10)};
   pb::LogEntry entry;
   entry.set_facility("OpenFlow");
   fake_.log = {entry};
-  run("log > /dev/full");
-  EXPECT_EQ(status_, 1);
-  EXPECT_EQ(err_, "ofswitch: standard output: No space left on device\n");
+  for (const char* command : {"log", "log --follow", "stats --watch 0.05"}) {
+    run(command + std::string(" > /dev/full"));
+    EXPECT_EQ(status_, 1) << command;
+    EXPECT_EQ(err_, "ofswitch: standard output: No space left on device\n");
+  }
 }
 
 TEST_F(Reports, LogLevels) {
