@@ -14,6 +14,7 @@ from network import CABLES
 
 METRICS = "127.0.0.1:9469"
 PATIENCE = 120
+DPDK_ADDRESSES = range(1 << 32, 1 << 33)  # DPDK lays its memory from the first of them on
 
 
 class Switch:
@@ -92,12 +93,23 @@ class Switch:
             text = answer.read().decode()
         return {name: float(value) for name, value in re.findall(r"^(ofswitch_\w+) (\S+)$", text, re.MULTILINE)}
 
+    def anonymous(self):
+        """Bytes of memory that is of no file, but for DPDK's own, which may be of none either."""
+        total, counted = 0, False
+        with open(f"/proc/{self.process.pid}/smaps", encoding="utf-8", errors="replace") as smaps:
+            for line in smaps:
+                if mapping := re.match(r"([0-9a-f]+)-[0-9a-f]+ ", line):
+                    counted = int(mapping[1], 16) not in DPDK_ADDRESSES
+                elif counted and line.startswith("Anonymous:"):
+                    total += int(line.split()[1]) * 1024
+        return total
+
     def memory(self):
         """Bytes of the process by kind, and what else it holds."""
         with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
             words = dict(re.findall(r"^(\w+):\s+(\d+)", status.read(), re.MULTILINE))
         used, blocks = self.heap()
-        return {"rss": int(words["VmRSS"]) * 1024, "anonymous": int(words["RssAnon"]) * 1024,
+        return {"rss": int(words["VmRSS"]) * 1024, "anonymous": self.anonymous(),
                 "heap": used, "heap_blocks": blocks, "threads": int(words["Threads"]),
                 "descriptors": len(os.listdir(f"/proc/{self.process.pid}/fd"))}
 
