@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/connection_door.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -44,9 +45,12 @@ void ConnectionDoor::close() {
 
 void ConnectionDoor::disconnect() {
   for (const Connection& connection : connections_) {
-    if (socketInode(connection.fd) == connection.inode) {
-      shutdown(connection.fd, SHUT_RDWR);
-    }
+    // A descriptor of our own: gRPC may close this one at any moment, and
+    // something else take its number.
+    const int fd = fcntl(connection.fd, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) continue;
+    if (socketInode(fd) == connection.inode) shutdown(fd, SHUT_RDWR);
+    ::close(fd);
   }
 }
 
