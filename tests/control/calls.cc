@@ -239,6 +239,10 @@ void* operator new(size_t size, const std::nothrow_t&) noexcept {
   }
 }
 
+void operator delete(void* object, const std::nothrow_t&) noexcept {
+  ::operator delete(object);
+}
+
 void* operator new[](size_t size) {
   const std::lock_guard lock(Calls::mutex);
   if (Calls::recording && state().failArrayNew.strikes()) {

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <string>
 
+#include "tests/support/programs_may_leak.h"
 #include "tests/switch/explosive_flows.h"
 
 namespace {
@@ -304,6 +305,7 @@ TEST_F(CheckCommand, TellsOfBuildsInJson) {
 }
 
 TEST_F(CheckCommand, NamesTheTableThatDoesNotBuild) {
+  const openflow_test::ProgramsMayLeak records;
   write("flows.txt",
         openflow_test::explosiveFlows() + "table=1,actions=drop\n");
   check("--build --build-memory 16 flows.txt");

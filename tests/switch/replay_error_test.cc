@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "tests/support/programs_may_leak.h"
 #include "tests/switch/explosive_flows.h"
 #include "tests/switch/replay_command.h"
 
@@ -276,6 +277,7 @@ TEST_F(ReplayErrors, OptionsOutOfRangeAreRefused) {
 }
 
 TEST_F(ReplayErrors, ABuildBeyondItsMemoryIsRefused) {
+  const ProgramsMayLeak records;
   write("flows.txt", explosiveFlows());
   capture("in.pcap", {row(1, udp(1))});
   replay("--flows flows.txt --in 1=in.pcap --build-memory 16");

@@ -106,7 +106,8 @@ TEST(KeyText, OfAnotherProtocolIsNone) {
 }
 
 std::vector<std::string> nearest(const std::vector<std::string>& matches) {
-  NearMisses misses(keyOf(kTcp));
+  const Match key = keyOf(kTcp);
+  NearMisses misses(key);
   for (size_t i = 0; i < matches.size(); i++) {
     auto flow = std::make_shared<InstalledFlow>();
     flow->flow = flowOf(matches[i]);
