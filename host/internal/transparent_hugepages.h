@@ -11,7 +11,7 @@ namespace bess::internal {
 //
 // To be called as soon as DPDK has started, before anything else uses its
 // memory, and not when devices have been told where it lies. Answers whether
-// there will be huge pages; nothing has changed if not.
+// there will be huge pages; if not, everything works as it did before.
 bool UseTransparentHugepages();
 
 }  // namespace bess::internal
