@@ -163,6 +163,11 @@ bool HasHugePages() {
   return huge_pages;
 }
 
+// Empty where the kernel cannot make them.
+bool AllowsHugePages(std::string_view modes) {
+  return !modes.empty() && modes.find("[never]") == std::string_view::npos;
+}
+
 std::string RuntimeDir() { return rte_eal_get_runtime_dir(); }
 
 }  // namespace bess

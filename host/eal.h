@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace bess {
@@ -51,6 +52,12 @@ bool EalReady();
 // Whether DPDK's memory consists of pages of 2 MiB or more, reserved ones or
 // such that the kernel makes by itself as it is touched.
 bool HasHugePages();
+
+// Where the kernel says for which memory it makes huge pages by itself, and
+// whether that, as read there, is any at all.
+inline constexpr char kHugePageModes[] =
+    "/sys/kernel/mm/transparent_hugepage/enabled";
+bool AllowsHugePages(std::string_view modes);
 
 // Where DPDK keeps what this process shows to others; only its owner can look
 // there. Empty when there is no such place, or before InitEal.

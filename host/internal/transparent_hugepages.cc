@@ -10,13 +10,14 @@
 #include <iterator>
 #include <string>
 
+#include "eal.h"
+
 namespace bess::internal {
 namespace {
 
 bool KernelHasThem() {
-  std::ifstream file("/sys/kernel/mm/transparent_hugepage/enabled");
-  const std::string modes(std::istreambuf_iterator<char>(file), {});
-  return !modes.empty() && modes.find("[never]") == std::string::npos;
+  std::ifstream file(kHugePageModes);
+  return AllowsHugePages(std::string(std::istreambuf_iterator<char>(file), {}));
 }
 
 // Copies what has been written to the first `len` bytes of `file`; what has not

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "eal.h"
 #include "ports/port.h"
 #include "switch/doctor/checks.h"
 
@@ -72,13 +73,6 @@ void checkHugepages(const Machine& machine, const Hugepages& pages,
   }
 }
 
-// Whether ordinary memory gets huge pages without any being reserved.
-bool makesHugePages(const Machine& machine) {
-  const std::string modes =
-      machine.read("/sys/kernel/mm/transparent_hugepage/enabled");
-  return !modes.empty() && modes.find("[never]") == std::string::npos;
-}
-
 // They are only for memory that nobody else knows.
 bool mayHaveThem(const SwitchConfig& config) {
   return std::ranges::none_of(config.ports, [](const PortConfig& port) {
@@ -100,7 +94,8 @@ void checkOrdinary(const Machine& machine, const Hugepages& pages,
                         config.memoryMb, available));
   }
   if (pages.kb == 0) return;
-  if (makesHugePages(machine) && mayHaveThem(config)) {
+  if (bess::AllowsHugePages(machine.read(bess::kHugePageModes)) &&
+      mayHaveThem(config)) {
     out->ok("the kernel makes huge pages of them");
     return;
   }

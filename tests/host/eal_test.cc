@@ -50,6 +50,13 @@ bool Expect(bool condition, const char* what) {
   return condition;
 }
 
+TEST(EalTest, TellsWhereTheKernelMakesHugePages) {
+  EXPECT_TRUE(bess::AllowsHugePages("[always] madvise never\n"));
+  EXPECT_TRUE(bess::AllowsHugePages("always [madvise] never\n"));
+  EXPECT_FALSE(bess::AllowsHugePages("always madvise [never]\n"));
+  EXPECT_FALSE(bess::AllowsHugePages(""));
+}
+
 TEST(EalTest, StartsWithoutHugepagesAndOnlyOnce) {
   InChild([] {
     return Expect(!bess::EalReady(), "not ready before") &&
