@@ -6,13 +6,18 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "switch/live/live_switch.h"
@@ -21,6 +26,10 @@ namespace ofswitch {
 namespace {
 
 constexpr int kBacklog = 1024;
+
+// A switch that starts keeps the folder for some milliseconds. Who has it
+// longer than this is no switch.
+constexpr auto kLockPatience = std::chrono::seconds(2);
 
 [[noreturn]] void fail(const std::string& path, const std::string& reason) {
   throw StartError(fmt::format("control socket {}: {}", path, reason));
@@ -36,8 +45,7 @@ class Fd {
   ~Fd() {
     if (fd_ >= 0) close(fd_);
   }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
+  Fd(Fd&& other) noexcept : fd_(other.release()) {}
   int get() const { return fd_; }
   int release() { return std::exchange(fd_, -1); }
 
@@ -84,6 +92,41 @@ void makeRoom(const std::string& path, const sockaddr_un& address) {
   if (unlink(path.c_str()) != 0) failErrno(path, "cannot be replaced");
 }
 
+// The process that has locked what is open as `fd`, as far as the kernel tells.
+std::string lockHolder(int fd) {
+  struct stat found {};
+  if (fstat(fd, &found) != 0) return "another process";
+  const std::string wanted =
+      fmt::format("{:02x}:{:02x}:{}", major(found.st_dev), minor(found.st_dev),
+                  found.st_ino);
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    // "7: FLOCK  ADVISORY  WRITE 4711 fe:01:1234 0 EOF"
+    std::istringstream words(line);
+    std::string number, kind, advisory, mode, process, file;
+    words >> number >> kind >> advisory >> mode >> process >> file;
+    if (kind == "FLOCK" && file == wanted) return "process " + process;
+  }
+  return "another process";
+}
+
+// So that of two switches that start at once, one sees the other.
+Fd lockFolder(const std::string& path, const std::string& folder) {
+  Fd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (lock.get() < 0) failErrno(path, "the folder cannot be used");
+  const auto end = std::chrono::steady_clock::now() + kLockPatience;
+  while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK) failErrno(path, "the folder cannot be used");
+    if (std::chrono::steady_clock::now() >= end) {
+      fail(path, fmt::format("{} keeps {} locked; end it or choose a path in "
+                             "another folder",
+                             lockHolder(lock.get()), folder));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return lock;
+}
+
 }  // namespace
 
 ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept {
@@ -117,11 +160,7 @@ ListeningSocket ListeningSocket::atPath(const std::string& path) {
   if (error) {
     fail(path, fmt::format("the folder cannot be made: {}", error.message()));
   }
-  // Of two switches that start at once, one sees the other.
-  const Fd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (lock.get() < 0 || flock(lock.get(), LOCK_EX) != 0) {
-    failErrno(path, "the folder cannot be used");
-  }
+  const Fd lock = lockFolder(path, folder);
   makeRoom(path, address);
 
   Fd fd(openSocket(path));

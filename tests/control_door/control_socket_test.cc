@@ -1,16 +1,20 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/control_socket.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "switch/control/control_server.h"
 #include "tests/captures/capture_files.h"
@@ -96,6 +100,39 @@ TEST(ControlSocket, RefusesPathsThatCannotBe) {
   EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(below); }),
             "control socket " + below +
                 ": the folder cannot be made: Not a directory");
+}
+
+// Closing it unlocks.
+int lockedFolder(const ScratchDir& dir) {
+  const int fd = open((dir / "").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  EXPECT_EQ(flock(fd, LOCK_EX), 0);
+  return fd;
+}
+
+TEST(ControlSocket, WaitsForASwitchThatStartsAtTheSameTime) {
+  ScratchDir dir;
+  const int lock = lockedFolder(dir);
+  std::thread other([lock] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    close(lock);
+  });
+  EXPECT_GE(ListeningSocket::atPath(dir / "control.sock").fd(), 0);
+  other.join();
+}
+
+TEST(ControlSocket, TellsWhoKeepsTheFolderLocked) {
+  ScratchDir dir;
+  const int lock = lockedFolder(dir);
+  const std::string folder = std::filesystem::path(dir / "x").parent_path();
+  // Some file systems show other numbers than the kernel's list of locks.
+  EXPECT_THAT(
+      errorOf([&] { ListeningSocket::atPath(dir / "control.sock"); }),
+      testing::MatchesRegex(
+          "control socket .*/control.sock: (process " +
+          std::to_string(getpid()) + "|another process) keeps " + folder +
+          " locked; end it or choose a path in another folder"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "control.sock"));
+  close(lock);
 }
 
 TEST(ControlSocket, LeavesTheSocketOfASuccessor) {
