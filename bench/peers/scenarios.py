@@ -8,7 +8,8 @@ import dataclasses
 import random
 from collections.abc import Callable
 
-from traffic import udp_frame
+import rules
+import traffic
 
 SEED = 20240607
 REWRITES = ("mod_dl_src:02:00:00:00:00:11,mod_dl_dst:02:00:00:00:00:12,dec_ttl,"
@@ -30,85 +31,39 @@ class Scenario:
     make: Callable[[random.Random], Traffic]
 
 
-def dotted(address):
-    return ".".join(str(address >> shift & 0xFF) for shift in (24, 16, 8, 0))
-
-
-@dataclasses.dataclass(frozen=True)
-class Prefix:
-    address: int
-    length: int
-
-    def __str__(self):
-        return f"{dotted(self.address)}/{self.length}"
-
-    def draw(self, rng):
-        """An address under the prefix."""
-        return self.address | rng.getrandbits(32 - self.length)
-
-
-@dataclasses.dataclass(frozen=True)
-class Rule:
-    """As in access lists: from a network to a network, to one service."""
-    src: Prefix
-    dst: Prefix
-    port: int
-
-    def flow(self, actions, table=0):
-        return f"table={table},priority=100,udp,nw_src={self.src},nw_dst={self.dst},tp_dst={self.port},actions={actions}"
-
-    def frame(self, rng):
-        return udp_frame(self.src.draw(rng), self.dst.draw(rng), rng.randint(1024, 65535), self.port)
-
-
-def draw_prefix(rng, network, shortest, longest):
-    """A prefix of so many bits under an /8."""
-    length = rng.randint(shortest, longest)
-    return Prefix(network << 24 | rng.getrandbits(24) >> (32 - length) << (32 - length), length)
-
-
-def draw_rules(rng, count):
-    rules = {}
-    while len(rules) < count:
-        rule = Rule(draw_prefix(rng, 192, 12, 24), draw_prefix(rng, 10, 20, 28), 1000 + rng.randrange(50))
-        rules[rule] = None
-    return list(rules)
-
-
 def one_flow(actions, outputs):
     def make(_rng):
-        frame = udp_frame(0xC0000201, 0x0A000001, 7000, 1000)
+        frame = traffic.frame(0xC0000201, 0x0A000001, 7000, 1000)
         return Traffic([f"priority=100,actions={actions}"], [frame] * 256, outputs)
     return make
 
 
-def prefix_port_flows(count, microflows, actions):
+def flows_of(kind, count, microflows, actions=("output:2",)):
+    """Rules of a kind, the same ones in each of as many tables as there are actions: a packet finds one everywhere. They
+    may overlap, so each has a priority of its own: the first drawn wins."""
     def make(rng):
-        rules = draw_rules(rng, count)
-        frames = [rng.choice(rules).frame(rng) for _ in range(microflows)]
-        return Traffic([rule.flow(actions) for rule in rules], frames)
-    return make
-
-
-def three_tables(count, microflows):
-    """The same rules in each table: a packet finds one everywhere."""
-    def make(rng):
-        rules = draw_rules(rng, count)
-        flows = [rule.flow(actions, table) for table, actions in enumerate(("goto_table:1", "goto_table:2", "output:2"))
-                 for rule in rules]
-        return Traffic(flows, [rng.choice(rules).frame(rng) for _ in range(microflows)])
+        drawn = rules.draw(rng, kind, count)
+        flows = [rule.flow(table_actions, table, count - i)
+                 for table, table_actions in enumerate(actions) for i, rule in enumerate(drawn)]
+        return Traffic(flows, [rng.choice(drawn).frame(rng) for _ in range(microflows)])
     return make
 
 
 SCENARIOS = [
     Scenario("S1", "1 flow, any to one port", one_flow("output:2", (2,))),
-    Scenario("S2", "100 prefix/port flows, 10k microflows", prefix_port_flows(100, 10000, "output:2")),
-    Scenario("S3", "1,000 flows, 100k microflows", prefix_port_flows(1000, 100000, "output:2")),
-    Scenario("S4", "10,000 flows, 100k microflows", prefix_port_flows(10000, 100000, "output:2")),
+    Scenario("S2", "100 prefix/port flows, 10k microflows", flows_of(rules.prefix_or_port, 100, 10000)),
+    Scenario("S3", "1,000 flows, 100k microflows", flows_of(rules.prefix_or_port, 1000, 100000)),
+    Scenario("S4", "10,000 flows, 100k microflows", flows_of(rules.prefix_or_port, 10000, 100000)),
     Scenario("S5", "S3 with MAC, TTL, address and port rewrites",
-             prefix_port_flows(1000, 100000, REWRITES + "output:2")),
-    Scenario("S6", "three tables of 1,000 flows in a row", three_tables(1000, 100000)),
+             flows_of(rules.prefix_or_port, 1000, 100000, [REWRITES + "output:2"])),
+    Scenario("S6", "three tables of 1,000 flows in a row",
+             flows_of(rules.prefix_or_port, 1000, 100000, ["goto_table:1", "goto_table:2", "output:2"])),
     Scenario("S7", "flood to three ports", one_flow("flood", (2, 3, 4))),
+    Scenario("R1", "S3 with rules to one service each", flows_of(rules.service, 1000, 100000)),
+    Scenario("R2", "S3 with ACL-like rules", flows_of(rules.acl, 1000, 100000)),
+    Scenario("R3", "S3 with firewall-like rules", flows_of(rules.firewall, 1000, 100000)),
+    Scenario("R4", "S3 with IPC-like rules", flows_of(rules.ipc, 1000, 100000)),
+    Scenario("R5", "S3 with rules by MAC, source and port", flows_of(rules.host, 1000, 100000)),
 ]
 
 
