@@ -63,6 +63,17 @@ TEST(SwitchClient, AsksByAddress) {
             "connected");
 }
 
+// A proxy for the web is none for a switch.
+TEST(SwitchClient, AsksPastTheProxyOfTheEnvironment) {
+  FakeSwitch fake("127.0.0.1:0");
+  const char* const names[] = {"http_proxy", "https_proxy", "grpc_proxy"};
+  for (const char* name : names) setenv(name, "http://127.0.0.1:1", 1);
+  EXPECT_EQ(whyNot({.address = "127.0.0.1:" + std::to_string(fake.port()),
+                    .wait = 5}),
+            "connected");
+  for (const char* name : names) unsetenv(name);
+}
+
 TEST(SwitchClient, AsksByAnIpv6Address) {
   FakeSwitch fake("[::1]:0");
   EXPECT_EQ(whyNot({.address = "[::1]:" + std::to_string(fake.port())}),

@@ -5,16 +5,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "switch/control/control_server.h"
 #include "tests/captures/capture_files.h"
@@ -33,16 +39,24 @@ std::string errorOf(const std::function<void()>& fn) {
   return "";
 }
 
-// What a killed process leaves behind.
-void leaveSocket(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, path.c_str());
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
-            0);
-  close(fd);
+  return address;
 }
+
+int bindSocket(const std::string& path, int type = SOCK_STREAM) {
+  const int fd = socket(AF_UNIX, type, 0);
+  const sockaddr_un address = addressOf(path);
+  EXPECT_EQ(
+      bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+      0);
+  return fd;
+}
+
+// What a killed process leaves behind.
+void leaveSocket(const std::string& path) { close(bindSocket(path)); }
 
 TEST(ControlSocket, IsItsOwnersWhateverTheUmask) {
   ScratchDir dir;
@@ -75,6 +89,100 @@ TEST(ControlSocket, RefusesOneThatIsInUse) {
             "control socket " + path +
                 ": a switch is running there; stop it or choose another path");
   EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+// A switch that is too busy to take connections is a switch.
+TEST(ControlSocket, RefusesOneWhoseQueueIsFull) {
+  ScratchDir dir;
+  const std::string path = dir / "control.sock";
+  std::vector<int> fds = {bindSocket(path)};
+  ASSERT_EQ(listen(fds[0], 0), 0);
+  const sockaddr_un address = addressOf(path);
+  int result = 0;
+  while (result == 0 && fds.size() < 100) {
+    fds.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    result = connect(fds.back(), reinterpret_cast<const sockaddr*>(&address),
+                     sizeof(address));
+  }
+  ASSERT_EQ(result, -1);
+  ASSERT_EQ(errno, EAGAIN);
+  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }),
+            "control socket " + path +
+                ": a switch is running there; stop it or choose another path");
+  EXPECT_TRUE(std::filesystem::exists(path));
+  for (const int fd : fds) close(fd);
+}
+
+TEST(ControlSocket, RefusesASocketOfAnotherKind) {
+  ScratchDir dir;
+  const std::string path = dir / "control.sock";
+  const int fd = bindSocket(path, SOCK_DGRAM);
+  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }),
+            "control socket " + path +
+                ": cannot be replaced: Protocol wrong type for socket");
+  EXPECT_TRUE(std::filesystem::exists(path));
+  close(fd);
+}
+
+// While it lives, only `count` more descriptors can be had.
+class FewDescriptors {
+ public:
+  explicit FewDescriptors(rlim_t count) {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    rlimit few = before_;
+    few.rlim_cur = static_cast<rlim_t>(nextFree()) + count;
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  }
+  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+  FewDescriptors(const FewDescriptors&) = delete;
+  FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+ private:
+  // Fills the gaps below, so that there is no other.
+  int nextFree() {
+    int highest = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/self/fd")) {
+      highest = std::max(highest, std::stoi(entry.path().filename()));
+    }
+    int fd = open("/dev/null", O_RDONLY);
+    while (fd >= 0 && fd <= highest) {
+      fillers_.emplace_back(fd);
+      fd = open("/dev/null", O_RDONLY);
+    }
+    close(fd);
+    return fd;
+  }
+
+  struct Filler {
+    explicit Filler(int number) : fd(number) {}
+    Filler(Filler&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    ~Filler() {
+      if (fd >= 0) close(fd);
+    }
+    int fd;
+  };
+
+  rlimit before_{};
+  std::vector<Filler> fillers_;
+};
+
+// One for the folder, one to look for another switch, one to listen.
+TEST(ControlSocket, TellsWhatItLacksDescriptorsFor) {
+  ScratchDir dir;
+  const std::string path = dir / "control.sock";
+  const auto errorWith = [&](rlim_t count) {
+    const FewDescriptors few(count);
+    return errorOf([&] { ListeningSocket::atPath(path); });
+  };
+  const std::string start = "control socket " + path + ": ";
+  EXPECT_EQ(errorWith(0),
+            start + "the folder cannot be used: Too many open files");
+  EXPECT_EQ(errorWith(1), start + "cannot be made: Too many open files");
+  leaveSocket(path);
+  EXPECT_EQ(errorWith(1), start + "cannot be made: Too many open files");
+  EXPECT_TRUE(std::filesystem::exists(path)) << "nothing was done";
+  EXPECT_EQ(errorWith(2), "");
 }
 
 TEST(ControlSocket, RefusesAFileThatIsNoSocket) {

@@ -215,6 +215,12 @@ TEST(SwitchService, FollowsTheLog) {
     ASSERT_TRUE(reader->Read(&entry));
     EXPECT_EQ(entry.text(), fmt::format("line {}", i));
   }
+  // More at a time than it began with.
+  for (int i = 10; i < 20; i++) TWINLOG_TRACE(trace(), 3, "line %s", i);
+  for (int i = 10; i < 20; i++) {
+    ASSERT_TRUE(reader->Read(&entry));
+    ASSERT_EQ(entry.text(), fmt::format("line {}", i));
+  }
   context.TryCancel();
   EXPECT_FALSE(reader->Read(&entry));
   EXPECT_EQ(reader->Finish().error_code(), grpc::StatusCode::CANCELLED);

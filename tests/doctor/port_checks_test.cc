@@ -55,6 +55,18 @@ TEST_F(PortChecks, NoDriver) {
                           "apt-get install -y librte-net-null23"));
 }
 
+// Others keep there what they like.
+TEST_F(PortChecks, DriversAreWhereDebianPutsThem) {
+  const std::string folder = "/usr/lib/x86_64-linux-gnu/dpdk/";
+  for (const char* other : {"a-folder.of/notes", "zz-99.0/notes"}) {
+    fake_.write(folder + other, "");
+  }
+  EXPECT_THAT(port("net_null0"), ElementsAre("ok: net_null0"));
+  EXPECT_THAT(port("net_memif0"),
+              ElementsAre("problem: DPDK's driver net_memif is not installed "
+                          "-> apt-get install -y librte-net-memif23"));
+}
+
 TEST_F(PortChecks, NoPermissions) {
   fake_.write("/proc/self/status", "CapEff:\t0000000000000000\n");
   EXPECT_THAT(port(kVeth),

@@ -158,6 +158,16 @@ TEST_F(ReplayErrors, AFlowToAPortThatIsNotConnectedIsNoted) {
       "there goes nowhere\n");
 }
 
+// It is always there; a command list that names it asks for no second one.
+TEST_F(ReplayErrors, GateZeroOfACommandListIsTheController) {
+  write("list.json", R"([{"updateFlows": {"adds": [
+      {"flowId": 7, "priority": 5, "action": {
+          "fields": {"setOutputPort": true}, "values": {"ogate": [0, 2]}}}]}}])");
+  replayWell("--flows list.json --in 1=in.pcap --out-dir out");
+  EXPECT_THAT(written("out/controller.pcap"), SizeIs(1));
+  EXPECT_THAT(written("out/port-2.pcap"), SizeIs(1));
+}
+
 TEST_F(ReplayErrors, WrongUseIsTold) {
   for (const char* wrong : {"", "--flows good.txt", "--bogus",
                             "--flows good.txt --in 1=in.pcap --workers 0"}) {

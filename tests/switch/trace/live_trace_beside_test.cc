@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 #include "packet_pool.h"
 #include "platform/quil_modules/counter_db.h"
@@ -134,6 +135,25 @@ TEST(LiveTraceBeside, TheNextSwitchOfTheProcessIsNotDisturbed) {
     EXPECT_EQ(traceFrame(&bench, tcpTo(80).bytes()).refusal(),
               "the switch is not running");
   }
+}
+
+// A trace counts as a worker; there are so many numbers and no more.
+TEST(LiveTraceBeside, NeedsTheNumberOfAWorker) {
+  LiveBench bench({.flows = "in_port=1,actions=output:3\n"});
+  const auto error = [&bench] {
+    return traceFrame(&bench, tcpTo(80).bytes()).refusal();
+  };
+  EXPECT_EQ(error(), "");
+  std::vector<int> taken;
+  for (int wid = 0; wid < Worker::kMaxWorkers; wid++) {
+    if (QuilModules::bessCounterDb.create(wid, 1)) taken.push_back(wid);
+  }
+  EXPECT_FALSE(taken.empty());
+  EXPECT_EQ(error(),
+            "the switch runs all 16 workers that there can be; tracing takes "
+            "the number of one more (workers: 15)");
+  for (const int wid : taken) QuilModules::bessCounterDb.destroy(wid);
+  EXPECT_EQ(error(), "");
 }
 
 }  // namespace

@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Arguments of module commands, by the word of their type and of their size.
+#include "switch/control/module_command.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+
+#include "control.h"
+#include "graph.h"
+#include "module_builder.h"
+#include "openflow.pb.h"
+#include "tests/control_door/control_bench.h"
+
+namespace ofswitch {
+namespace {
+
+// A module of somebody else's, with a command that needs nothing.
+class Bell final : public Module {
+ public:
+  CommandResponse Init(const bess::pb::EmptyArg&) { return CommandSuccess(); }
+  CommandResponse ring(const bess::pb::EmptyArg&) {
+    rings++;
+    return CommandSuccess();
+  }
+
+  static inline int rings = 0;
+};
+
+[[maybe_unused]] const bool registered = ModuleBuilder::RegisterModuleClass(
+    [] { return new Bell; }, "Bell", "bell", "rings", 0, 0,
+    {{"ring", "EmptyArg", MODULE_CMD_FUNC(&Bell::ring), Command::THREAD_SAFE}},
+    MODULE_INIT_FUNC(&Bell::Init));
+
+class ModuleCommands : public testing::Test {
+ protected:
+  void SetUp() override {
+    onControl([] { bess::CreateModule("Bell", "bell"); });
+    Bell::rings = 0;
+  }
+  void TearDown() override {
+    onControl([] { bess::DestroyModule("bell"); });
+  }
+
+  static void onControl(const std::function<void()>& work) {
+    bess::ControlThread::Instance().Run(work);
+  }
+
+  static bess::pb::Error run(const std::string& module,
+                             const std::string& command,
+                             const std::string& type,
+                             const std::string& bytes = "") {
+    bess::pb::ModuleCommandRequest request;
+    request.set_module(module);
+    request.set_command(command);
+    if (!type.empty()) {
+      request.mutable_arg()->set_type_url("type.googleapis.com/" + type);
+    }
+    request.mutable_arg()->set_value(bytes);
+    return runModuleCommand(request).error();
+  }
+
+  ControlBench control_;
+};
+
+TEST_F(ModuleCommands, NothingIsAnEmptyArgument) {
+  EXPECT_EQ(run("bell", "ring", "").errmsg(), "");
+  EXPECT_EQ(Bell::rings, 1);
+  EXPECT_EQ(run("bell", "ring", "bess.pb.EmptyArg").errmsg(), "");
+  EXPECT_EQ(Bell::rings, 2);
+  for (const auto& [type, bytes] :
+       {std::pair<std::string, std::string>{"", "x"},
+        {"quil.pb.OpenFlowGetStatsArg", ""}}) {
+    const bess::pb::Error error = run("bell", "ring", type, bytes);
+    EXPECT_EQ(error.code(), EINVAL);
+    EXPECT_EQ(error.errmsg(),
+              "arg: is of type \"" + type + "\", must be \"EmptyArg\"");
+  }
+  EXPECT_EQ(Bell::rings, 2);
+}
+
+TEST_F(ModuleCommands, TooLongIsNotWrong) {
+  constexpr char kType[] = "quil.pb.OpenFlowGetStatsArg";
+  std::string many;
+  for (int i = 0; i < 4'000'001; i++) many += std::string("\xf8\x01\0", 3);
+  const bess::pb::Error tooLong = run("openflow", "getStats", kType, many);
+  EXPECT_EQ(tooLong.code(), E2BIG);
+  EXPECT_EQ(tooLong.errmsg(), "arg: the request has more than 4000000 fields");
+  many.resize(many.size() - 3);
+  EXPECT_EQ(run("openflow", "getStats", kType, many).errmsg(), "");
+  EXPECT_EQ(run("openflow", "getStats", kType, "\x08").code(), EINVAL);
+}
+
+}  // namespace
+}  // namespace ofswitch
