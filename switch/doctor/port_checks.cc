@@ -88,7 +88,14 @@ void checkPacketSocket(const Machine& machine, const std::string& device,
     out->problem("the kernel has no packet sockets", "modprobe af_packet");
   }
   needCapability(machine, CAP_NET_RAW, "CAP_NET_RAW", "a packet socket", out);
-  checkInterface(machine, argument(device, "iface"), out);
+  const std::string interface = argument(device, "iface");
+  if (interface.empty()) {
+    out->problem(
+        device + " names no interface, as net_af_packet0,iface=eth1 does",
+        "man switch.yaml");
+    return;
+  }
+  checkInterface(machine, interface, out);
 }
 
 void checkTap(const Machine& machine, Findings* out) {

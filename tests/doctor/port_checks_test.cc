@@ -102,6 +102,16 @@ TEST_F(PortChecks, NoInterface) {
                           "name veth9-peer"));
 }
 
+TEST_F(PortChecks, InterfaceIsNotNamed) {
+  for (const std::string device :
+       {"net_af_packet0", "net_af_packet0,qpairs=2", "net_af_packet0,iface="}) {
+    EXPECT_THAT(port(device),
+                ElementsAre("problem: " + device +
+                            " names no interface, as net_af_packet0,iface=eth1 "
+                            "does -> man switch.yaml"));
+  }
+}
+
 TEST_F(PortChecks, InterfaceIsDown) {
   fake_.write("/sys/class/net/veth1/flags", "0x1002\n");
   EXPECT_THAT(port(kVeth), ElementsAre("problem: veth1 is down -> ip link set "
