@@ -51,10 +51,11 @@ void FlowSources::addArgument(const std::string& text) {
 
 void FlowSources::addFile(const std::string& path) {
   if (path == "-") {
-    add({kStandardInput, 0, false}, readAll(std::cin, kStandardInput));
+    add({kStandardInput, 0, false},
+        readAll(std::cin, kStandardInput, kFlowText));
     return;
   }
-  add({path, 0, false}, readFile(path));
+  add({path, 0, false}, readFile(path, kFlowText));
 }
 
 void FlowSources::add(Source source, std::string_view text) {

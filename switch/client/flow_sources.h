@@ -20,7 +20,7 @@ class FlowSources {
 
   // "-" is standard input.
   void addArgument(const std::string& text);
-  // Throws ClientError for a file that cannot be read.
+  // Throws FileError for a file that cannot be read.
   void addFile(const std::string& path);
 
   // Whether no line says anything.

@@ -25,8 +25,9 @@ constexpr auto kQuietTime = 2s;
 
 std::shared_ptr<grpc::ChannelCredentials> credentials(const DoorOptions& door) {
   if (door.tlsCa.empty()) return grpc::InsecureChannelCredentials();
-  return grpc::SslCredentials({readFile(door.tlsCa), readFile(door.tlsKey),
-                               readFile(door.tlsCertificate)});
+  return grpc::SslCredentials({readFile(door.tlsCa, kSettingsText),
+                               readFile(door.tlsKey, kSettingsText),
+                               readFile(door.tlsCertificate, kSettingsText)});
 }
 
 // gRPC takes addresses as URIs.

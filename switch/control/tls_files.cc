@@ -15,7 +15,7 @@ namespace {
 
 std::string readTlsFile(const char* key, const std::string& path) {
   try {
-    return readFile(path);
+    return readFile(path, kSettingsText);
   } catch (const FileError& error) {
     throw StartError(fmt::format("control.tls.{}: {}", key, error.what()));
   }

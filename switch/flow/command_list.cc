@@ -5,11 +5,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 
+#include "switch/flow/file_text.h"
 #include "switch/flow/json_message_check.h"
 #include "switch/flow/json_places.h"
 #include "switch/flow/refused.h"
@@ -181,16 +178,11 @@ const google::protobuf::Message& Command::message() const {
 }
 
 CommandList CommandListReader::read(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) {
-    CommandList list;
-    list.name = path;
-    list.refusals.push_back(
-        {path, 0, fmt::format("cannot open: {}", std::strerror(errno))});
-    return list;
+  try {
+    return read(readFile(path, kJsonText), path);
+  } catch (const FileError& error) {
+    return {path, {}, {error.diagnostic}};
   }
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
-  return read(text, path);
 }
 
 CommandList CommandListReader::read(std::string_view text,

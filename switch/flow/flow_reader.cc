@@ -2,19 +2,15 @@
 #include "switch/flow/flow_reader.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <set>
 #include <sstream>
-#include <system_error>
 #include <utility>
 
 #include "switch/flow/action_parser.h"
 #include "switch/flow/action_plan.h"
+#include "switch/flow/file_text.h"
 #include "switch/flow/match_parser.h"
 #include "switch/flow/numbers.h"
 #include "switch/flow/refused.h"
@@ -28,6 +24,14 @@ namespace {
 // What "ovs-ofctl dump-flows" prints about a flow's past.
 constexpr std::string_view kHistory[] = {"duration", "n_packets", "n_bytes",
                                          "idle_age", "hard_age"};
+
+constexpr char kStandardInput[] = "standard input";
+
+constexpr char kZeroByte[] = "a zero byte in the line; flow files are text";
+
+bool hasZeroByte(std::string_view line) {
+  return line.find('\0') != std::string_view::npos;
+}
 
 struct LineReader {
   const FlowReaderOptions& options;
@@ -124,7 +128,7 @@ bool isDumpHeading(std::string_view line) {
 
 // Read once, because commands look at their files more than once.
 const std::string& standardInput() {
-  static const std::string text(std::istreambuf_iterator<char>(std::cin), {});
+  static const std::string text = readAll(std::cin, kStandardInput, kFlowText);
   return text;
 }
 
@@ -132,9 +136,7 @@ const std::string& standardInput() {
 
 Flow FlowReader::readLine(std::string_view line) const {
   // Reasons that quote it would end there.
-  if (line.find('\0') != std::string_view::npos) {
-    refuse("a zero byte in the line; flow files are text");
-  }
+  if (hasZeroByte(line)) refuse(kZeroByte);
   const auto [head, actions] = splitActions(line);
   LineReader reader{options_, {}};
   std::vector<Word> fields;
@@ -178,6 +180,11 @@ FlowFile FlowReader::read(std::istream& in, const std::string& name,
     if (number == 1) line = withoutByteOrderMark(line);
     line = trim(line.substr(0, line.find('#')));
     if (line.empty() || isDumpHeading(line)) continue;
+    // The rest of such a file says no more than its first line.
+    if (hasZeroByte(line)) {
+      file.refusals.push_back({name, number, kZeroByte});
+      break;
+    }
     try {
       if (file.flows.size() >= options_.mostFlows) {
         file.refusals.push_back(
@@ -203,30 +210,20 @@ FlowFile FlowReader::read(std::istream& in, const std::string& name,
       }
     }
   }
-  if (in.bad()) {
-    file.refusals.push_back(
-        {name, 0,
-         fmt::format("cannot be read to its end: {}", std::strerror(errno))});
-  }
   return file;
 }
 
 FlowFile FlowReader::read(const std::string& path) const {
-  if (path == "-") {
-    std::istringstream in(standardInput());
-    return read(in, "standard input");
+  const bool isStandardInput = path == "-";
+  try {
+    const std::string text =
+        isStandardInput ? standardInput() : readFile(path, kFlowText);
+    const size_t total = text.size();
+    std::istringstream in(text);
+    return read(in, isStandardInput ? kStandardInput : path, total);
+  } catch (const FileError& error) {
+    return {error.diagnostic.file, {}, {error.diagnostic}};
   }
-  std::error_code noSize;
-  const uintmax_t size = std::filesystem::file_size(path, noSize);
-  std::ifstream in(path);
-  if (!in) {
-    FlowFile file;
-    file.name = path;
-    file.refusals.push_back(
-        {path, 0, fmt::format("cannot open: {}", std::strerror(errno))});
-    return file;
-  }
-  return read(in, path, noSize ? 0 : size);
 }
 
 }  // namespace ofswitch

@@ -31,11 +31,11 @@ struct FlowReaderOptions {
   // Called now and then while a file is read, with bytes done and in all.
   std::function<void(uint64_t done, uint64_t total)> progress = {};
 
-  // For text of people who are not asked to be sensible. A line that is longer
-  // is refused; reading ends, with a refusal, when there would be more.
+  // A line that is longer is refused; reading ends, with a refusal, when there
+  // would be more. Without limits, a pipe could take all memory.
   size_t longestLine = SIZE_MAX;
-  size_t mostFlows = SIZE_MAX;
-  size_t mostRefusals = SIZE_MAX;
+  size_t mostFlows = 4'000'000;
+  size_t mostRefusals = 100'000;
 };
 
 // Reads flows in the syntax of ovs-ofctl(8), one a line; '#' starts a

@@ -218,7 +218,7 @@ SwitchConfig parseConfig(const std::string& text, const std::string& name) {
 SwitchConfig loadConfig(const std::string& path) {
   std::string text;
   try {
-    text = readFile(path);
+    text = readFile(path, kSettingsText);
   } catch (const FileError& error) {
     throw ConfigError(error.what());
   }

@@ -114,7 +114,9 @@ TEST_F(FlowsCommand, TellsOfFilesThatCannotBeRead) {
 }
 
 TEST_F(FlowsCommand, TellsHowLongAFileMayBe) {
-  write("long.txt", std::string(100'000'000, 'x'));
+  std::string text;
+  while (text.size() < 100'000'000) text += std::string(999'999, 'x') + '\n';
+  write("long.txt", text);
   run("flows add --file long.txt");
   EXPECT_EQ(status_, 1);
   EXPECT_THAT(err_, testing::MatchesRegex(
@@ -122,6 +124,11 @@ TEST_F(FlowsCommand, TellsHowLongAFileMayBe) {
                         "most 67108864 are taken at once; split the file and "
                         "use \"flows add\" for each part, or look with "
                         "\"ofswitch check\" whether it holds flows at all\n"));
+  run("flows add --file /dev/zero");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_,
+            "ofswitch: /dev/zero:1: a line of more than 1048576 characters; no "
+            "more is read\n");
 }
 
 TEST_F(FlowsCommand, DeletesWhatFiltersSelect) {

@@ -68,6 +68,12 @@ TEST(CommandList, NamesAFileThatItCannotOpen) {
             "/nonexistent/c.json: cannot open: No such file or directory");
 }
 
+TEST(CommandList, NamesAFolderThatItCannotRead) {
+  const CommandList list = CommandListReader().read("/tmp");
+  ASSERT_EQ(list.refusals.size(), 1u);
+  EXPECT_EQ(list.refusals[0].text(), "/tmp: cannot be read: Is a directory");
+}
+
 TEST(CommandList, ReservesItsNumbers) {
   const CommandList list = CommandListReader().read(
       R"([{"updateFlows": {"adds": [

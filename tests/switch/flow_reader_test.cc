@@ -158,6 +158,16 @@ TEST(FlowReader, RefusesZeroBytes) {
             "f:1: a zero byte in the line; flow files are text");
 }
 
+// A capture that was named by mistake used to be refused line by line.
+TEST(FlowReader, EndsAtALineThatIsNoText) {
+  const std::string text = "nonsense\n" + std::string(3, '\0') + "\nnonsense\n";
+  std::istringstream in(text);
+  EXPECT_EQ(texts(FlowReader().read(in, "f").refusals),
+            (std::vector<std::string>{
+                "f:1: no actions; write actions=drop for a flow that drops",
+                "f:2: a zero byte in the line; flow files are text"}));
+}
+
 TEST(FlowReader, TellsHowFarItIs) {
   const std::string path = testing::TempDir() + "/flow_reader_progress.txt";
   std::string text;
@@ -177,8 +187,16 @@ TEST(FlowReader, TellsHowFarItIs) {
 TEST(FlowReader, RefusesAFolder) {
   const FlowFile file = FlowReader().read("/tmp");
   EXPECT_EQ(texts(file.refusals),
+            (std::vector<std::string>{"/tmp: cannot be read: Is a directory"}));
+}
+
+TEST(FlowReader, EndsAtALineThatDoesNotEnd) {
+  const FlowFile file = FlowReader().read("/dev/zero");
+  EXPECT_TRUE(file.flows.empty());
+  EXPECT_EQ(texts(file.refusals),
             (std::vector<std::string>{
-                "/tmp: cannot be read to its end: Is a directory"}));
+                "/dev/zero:1: a line of more than 1048576 characters; no more "
+                "is read"}));
 }
 
 TEST(FlowReader, NamesAFileThatItCannotOpen) {

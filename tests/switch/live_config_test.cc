@@ -216,6 +216,8 @@ TEST(Config, FilesThatCannotBeRead) {
             "/nowhere/switch.yaml: cannot open: No such file or directory");
   // Reads like an empty file to who does not look closely.
   EXPECT_EQ(whyNotLoaded("/usr"), "/usr: cannot be read: Is a directory");
+  EXPECT_EQ(whyNotLoaded("/dev/zero"),
+            "/dev/zero:1: more than 16 MB of text; no more is read");
 }
 
 // The example says what every key's default is.
