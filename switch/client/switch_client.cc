@@ -11,8 +11,8 @@
 #include <functional>
 
 #include "switch/client/probe.h"
-#include "switch/flow/file_text.h"
 #include "switch/terminal/standard_error.h"
+#include "switch/tls/tls_files.h"
 
 namespace ofswitch {
 namespace {
@@ -25,9 +25,10 @@ constexpr auto kQuietTime = 2s;
 
 std::shared_ptr<grpc::ChannelCredentials> credentials(const DoorOptions& door) {
   if (door.tlsCa.empty()) return grpc::InsecureChannelCredentials();
-  return grpc::SslCredentials({readFile(door.tlsCa, kSettingsText),
-                               readFile(door.tlsKey, kSettingsText),
-                               readFile(door.tlsCertificate, kSettingsText)});
+  const TlsTexts texts = readTlsFiles({{"--tls-cert", door.tlsCertificate},
+                                       {"--tls-key", door.tlsKey},
+                                       {"--tls-ca", door.tlsCa}});
+  return grpc::SslCredentials({texts.authority, texts.key, texts.certificate});
 }
 
 // gRPC takes addresses as URIs.

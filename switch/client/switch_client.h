@@ -27,7 +27,7 @@ class SwitchClient {
   using Stub = pb::Switch::Stub;
 
   // Connects. Waits for a switch that is still starting. Throws ClientError,
-  // or FileError for a file that TLS needs.
+  // or TlsError for a file of its options.
   explicit SwitchClient(const DoorOptions& door);
 
   // For calls that are answered by a stream; check() takes what Finish()

@@ -20,8 +20,8 @@
 #include "switch/control/message_codec.h"
 #include "switch/control/switch_service.h"
 #include "switch/control/tcp_address.h"
-#include "switch/control/tls_files.h"
 #include "switch/control/work_queue.h"
+#include "switch/tls/tls_files.h"
 
 namespace ofswitch {
 namespace {
@@ -67,6 +67,29 @@ size_t connectionLimit() {
                                                 : limit.rlim_cur / 2);
 }
 
+bool hasTls(const SwitchConfig& config) {
+  return !config.tlsCertificate.empty();
+}
+
+// Credentials that take only clients with a certificate of the configured
+// authority.
+std::shared_ptr<grpc::ServerCredentials> tlsCredentials(
+    const SwitchConfig& config) {
+  try {
+    const TlsTexts texts =
+        readTlsFiles({{"control.tls.certificate", config.tlsCertificate},
+                      {"control.tls.key", config.tlsKey},
+                      {"control.tls.client_ca", config.tlsClientCa}});
+    grpc::SslServerCredentialsOptions options(
+        GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
+    options.pem_root_certs = texts.authority;
+    options.pem_key_cert_pairs.push_back({texts.key, texts.certificate});
+    return grpc::SslServerCredentials(options);
+  } catch (const TlsError& error) {
+    throw StartError(error.what());
+  }
+}
+
 void setLimits(grpc::ServerBuilder* builder) {
   builder->SetMaxReceiveMessageSize(
       static_cast<int>(kLargeMessage.bytes + kFrame));
@@ -107,7 +130,7 @@ TcpAddress checkedAddress(const SwitchConfig& config) {
 void checkControlAddress(const SwitchConfig& config) {
   if (config.controlAddress.empty()) return;
   checkedAddress(config);
-  if (hasTls(config)) makeTlsCredentials(config);
+  if (hasTls(config)) tlsCredentials(config);
 }
 
 struct ControlSockets::Impl {
@@ -124,7 +147,7 @@ ControlSockets::ControlSockets(const SwitchConfig& config)
   static_cast<void>(isInitialized);
   if (!config.controlAddress.empty()) {
     const TcpAddress address = checkedAddress(config);
-    impl_->tcpCredentials = hasTls(config) ? makeTlsCredentials(config)
+    impl_->tcpCredentials = hasTls(config) ? tlsCredentials(config)
                                            : grpc::InsecureServerCredentials();
     impl_->tcp =
         ListeningSocket::atAddress(config.controlAddress, address, kAddressKey);

@@ -209,11 +209,12 @@ TEST(SwitchClient, TellsOfAPeerThatIsSilent) {
 
 TEST(SwitchClient, TellsOfFilesForTlsThatCannotBeRead) {
   FakeSwitch fake("127.0.0.1:0");
-  EXPECT_EQ(whyNot({.address = "127.0.0.1:" + std::to_string(fake.port()),
-                    .tlsCa = "/nowhere/ca.pem",
-                    .tlsCertificate = "/nowhere/cert.pem",
-                    .tlsKey = "/nowhere/key.pem"}),
-            "/nowhere/ca.pem: cannot open: No such file or directory");
+  EXPECT_EQ(
+      whyNot({.address = "127.0.0.1:" + std::to_string(fake.port()),
+              .tlsCa = "/nowhere/ca.pem",
+              .tlsCertificate = "/nowhere/cert.pem",
+              .tlsKey = "/nowhere/key.pem"}),
+      "--tls-cert: /nowhere/cert.pem: cannot open: No such file or directory");
 }
 
 TEST(SwitchClient, RepeatsWhatTheSwitchRefuses) {

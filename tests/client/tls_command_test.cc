@@ -26,10 +26,15 @@ class TlsCommand : public ClientCommand {
   }
 
   void askAs(const std::string& client, const std::string& authority) {
+    askWith(client + ".pem", client + ".key", authority + ".pem");
+  }
+
+  void askWith(const std::string& certificate, const std::string& key,
+               const std::string& authority) {
     run(fmt::format("ports --address {} --tls-ca {} --tls-cert {} --tls-key {}",
-                    address(), certificates().path(authority + ".pem"),
-                    certificates().path(client + ".pem"),
-                    certificates().path(client + ".key")));
+                    address(), certificates().path(authority),
+                    certificates().path(certificate),
+                    certificates().path(key)));
   }
 
   std::string address() const {
@@ -62,6 +67,46 @@ TEST_F(TlsCommand, SaysWhatMayBeWrong) {
   EXPECT_EQ(status_, 1);
   EXPECT_EQ(err_,
             noSwitch() + "it may want --tls-ca, --tls-cert and --tls-key\n");
+}
+
+TEST_F(TlsCommand, SaysWhichFileIsOfNoUse) {
+  const auto path = [](const char* name) { return certificates().path(name); };
+  openflow_test::writeFile(path("cut.pem"),
+                           certificates().text("client.pem").substr(0, 500));
+  ASSERT_EQ(std::system(("openssl rsa -aes128 -passout pass:word -in " +
+                         path("client.key") + " -out " + path("locked.key") +
+                         " 2>/dev/null")
+                            .c_str()),
+            0);
+  const struct {
+    const char *certificate, *key, *authority;
+    std::string reason;
+  } kRows[] = {
+      {"none.pem", "client.key", "ca.pem",
+       "--tls-cert: " + path("none.pem") +
+           ": cannot open: No such file or directory"},
+      {"client.csr", "client.key", "ca.pem",
+       "--tls-cert: " + path("client.csr") +
+           ": is no certificate in PEM format"},
+      {"cut.pem", "client.key", "ca.pem",
+       "--tls-cert: " + path("cut.pem") + ": is no certificate in PEM format"},
+      {"client.pem", "client.csr", "ca.pem",
+       "--tls-key: " + path("client.csr") +
+           ": is no private key in PEM format"},
+      {"client.pem", "locked.key", "ca.pem",
+       "--tls-key: " + path("locked.key") +
+           ": needs a password, which nobody is asked for"},
+      {"client.pem", "server.key", "ca.pem",
+       "--tls-key: " + path("server.key") +
+           ": is not the private key of the certificate " + path("client.pem")},
+      {"client.pem", "client.key", "client.key",
+       "--tls-ca: " + path("client.key") + ": is no certificate in PEM format"},
+  };
+  for (const auto& row : kRows) {
+    askWith(row.certificate, row.key, row.authority);
+    EXPECT_EQ(status_, 1);
+    EXPECT_EQ(err_, "ofswitch: " + row.reason + "\n");
+  }
 }
 
 TEST_F(TlsCommand, TakesItsOptionsTogether) {

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "switch/control/tls_files.h"
+#include "switch/control/control_server.h"
 #include "tests/control_door/certificates.h"
 #include "tests/control_door/control_bench.h"
 #include "tests/support/time_limit.h"
@@ -95,7 +95,8 @@ TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
   config.tlsKey = certificates().path("client.key");
   EXPECT_EQ(startError(config),
             "control.tls.key: " + config.tlsKey +
-                ": is no private key of the certificate in PEM format");
+                ": is not the private key of the certificate " +
+                config.tlsCertificate);
   config = tlsConfig();
   config.tlsCertificate = certificates().path("server.csr");
   EXPECT_EQ(startError(config),
