@@ -222,18 +222,24 @@ ModuleDoor SwitchGraph::door() {
           [] { synchronize_rcu(); }};
 }
 
+// A table other than the first is entered by flows that lead there, and they
+// bring it a flow of its own. Until then it has counted nothing, and is not
+// asked: every question leaves a line in the trace ring, and whoever scrapes
+// metrics would soon have pushed out what else there is.
 quil::pb::OpenFlowGetStatsRespArg SwitchGraph::tableStats(uint8_t table) const {
+  quil::pb::OpenFlowGetStatsRespArg stats;
+  if (table != 0 && !programmed_[table]) return stats;
   quil::pb::OpenFlowGetStatsArg arg;
   arg.set_tableid(table);
-  quil::pb::OpenFlowGetStatsRespArg stats;
   bess::RunModuleCommand(kSwitch, "getStats", packed(arg))
       .data()
       .UnpackTo(&stats);
   return stats;
 }
 
-std::string SwitchGraph::update(const TableUpdate& update) const {
+std::string SwitchGraph::update(const TableUpdate& update) {
   const auto table = static_cast<uint8_t>(update.tableid());
+  programmed_[table] = true;
   const quil::pb::OpenFlowGetStatsRespArg before = tableStats(table);
   // What the classifier library says of a failure is in the answer.
   const bess::DpdkLogCapture log;

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <bitset>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "module.h"
 #include "ports/port.h"
+#include "switch/flow/flow.h"
 #include "switch/live/config.h"
 #include "switch/live/controller_port.h"
 #include "switch/live/flow_programmer.h"
@@ -49,7 +51,7 @@ class SwitchGraph {
   // The way to the module for flow changes. On the command thread.
   ModuleDoor door();
 
-  // The module's counters of one table.
+  // The module's counters of one table. On the command thread.
   quil::pb::OpenFlowGetStatsRespArg tableStats(uint8_t table) const;
 
   const std::vector<SwitchPort>& ports() const { return ports_; }
@@ -66,12 +68,13 @@ class SwitchGraph {
   void openPorts();
   void makeController();
   void makeInputs();
-  std::string update(const TableUpdate& update) const;
+  std::string update(const TableUpdate& update);
 
   const SwitchConfig& config_;
   std::vector<std::string> notes_;
   std::string plugin_;  // when it is loaded
   Module* module_ = nullptr;
+  std::bitset<kNumTables> programmed_;  // an update was sent to it
   ControllerPort* controller_ = nullptr;
   std::vector<SwitchPort> ports_;
   std::vector<std::string> opened_;  // names of ports

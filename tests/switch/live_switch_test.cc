@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/live_policy.h"
@@ -20,6 +22,30 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
+
+// What questions to the module leave in the trace ring.
+size_t questionsIn(const LiveSwitch::LogReading& log) {
+  return static_cast<size_t>(
+      std::ranges::count_if(log.entries, [](const pb::LogEntry& entry) {
+        return entry.text().find("OpenFlow::getStats(") != std::string::npos;
+      }));
+}
+
+TEST(LiveSwitch, ReportsAskOnlyTablesThatHaveFlows) {
+  LiveBench bench({.flows = kPolicy});
+  pb::LogRequest request;
+  request.set_facility("OpenFlow");
+  request.set_max_level(7);
+  request.set_since(bench->readLog(request).next);
+  bench->stats();
+  EXPECT_EQ(questionsIn(bench->readLog(request)), 2);
+  bench->tables({});
+  EXPECT_EQ(questionsIn(bench->readLog(request)), 4);
+  EXPECT_TRUE(bench.add("table=9,actions=drop").applied());
+  request.set_since(bench->readLog(request).next);
+  bench->read(0);
+  EXPECT_EQ(questionsIn(bench->readLog(request)), 3);
+}
 
 TEST(LiveSwitch, PacketsFollowTheFlowsAndTheAccountCloses) {
   LiveBench bench({.flows = kPolicy});
