@@ -138,7 +138,6 @@ class TableProbe::Port final : public Module {
 
   std::vector<Session::Copy> send(bess::InlineWorker* worker,
                                   bess::Packet* packet) {
-    copies_.clear();
     packet_ = packet;
     worker->Run(tasks().front().get());
     return std::exchange(copies_, {});
