@@ -310,22 +310,49 @@ TEST_F(EmitTest, WhatWasEmittedOutsideOfARunGoesWithTheNextOne) {
   EXPECT_EQ(Texts(sink->Take()), Numbers(0, 41));
 }
 
+// Of the gates that wait, whichever it is in their row.
 TEST_F(EmitTest, WhatWaitsInAGateIsFreedWithTheLink) {
   Sink* sink = MakeSink("sink");
+  for (const gate_idx_t cut : {0, 1, 2}) {
+    for (const gate_idx_t gate : {0, 1, 2, 3}) Connect(probe_, gate, sink, 0);
+    const size_t before = pool_->available();
+    const uint64_t ended = probe_->deadends(0);
+    Context* ctx = worker_.context();
+    ctx->task = probe_->task();
+    Emit(ctx, "a", {0, 1, 2});
+    EXPECT_EQ(pool_->available(), before - 3);
+    bess::DisconnectModules("probe", cut);
+    EXPECT_EQ(pool_->available(), before - 2);
+    Emit(ctx, "b", {2, 1, 0});
+    Emit(ctx, "c", {3});
+    Run();
+    EXPECT_THAT(Texts(sink->Take()), ElementsAre("a", "b", "a", "b", "c"));
+    EXPECT_EQ(probe_->deadends(0), ended + 1);
+    for (const gate_idx_t gate : {0, 1, 2, 3}) {
+      if (gate != cut) bess::DisconnectModules("probe", gate);
+    }
+  }
+}
+
+// Two tasks of a worker that emit outside of a run: the gate goes on in the
+// hands of the first, and with its next run.
+TEST_F(EmitTest, AGateBelongsToTheTaskThatBegan) {
+  Sink* sink = MakeSink("sink");
   Connect(probe_, 0, sink, 0);
-  Connect(probe_, 1, sink, 0);
-  Connect(probe_, 2, sink, 0);
-  const size_t before = pool_->available();
+  Probe* other = MakeProbe("other");
+  Connect(other, 0, sink, 1);
+  other->on_run = [&](Context* run_ctx, PacketBatch*) {
+    other->EmitPacket(run_ctx, MakePacket("other's"), 0);
+  };
   Context* ctx = worker_.context();
   ctx->task = probe_->task();
-  Emit(ctx, "a", {0, 1, 2});
-  EXPECT_EQ(pool_->available(), before - 3);
-  bess::DisconnectModules("probe", 1);
-  EXPECT_EQ(pool_->available(), before - 2);
-  Emit(ctx, "b", {0, 1, 2});
+  for (const std::string& text : Numbers(0, 30)) Emit(ctx, text, {0});
+  ctx->task = other->task();
+  for (const std::string& text : Numbers(30, 40)) Emit(ctx, text, {0});
+  worker_.Run(other->task());
+  EXPECT_THAT(Texts(sink->Take()), ElementsAre("other's"));
   Run();
-  EXPECT_THAT(Texts(sink->Take()), ElementsAre("a", "b", "a", "b"));
-  EXPECT_EQ(probe_->deadends(0), 1u);
+  EXPECT_EQ(Texts(sink->Take()), Numbers(0, 40));
 }
 
 TEST_F(EmitTest, WhatWaitsInAGateIsFreedWithTheTask) {

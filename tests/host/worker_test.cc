@@ -60,6 +60,11 @@ TEST_F(WorkerTest, RefusesWhatCannotBe) {
   EXPECT_THAT(Worker::Add(0, 1023),
               testing::HasSubstr("worker 0: cannot be pinned to core 1023: "));
   EXPECT_FALSE(Worker::Exists(0));
+  for (const int wid : {-1, 0, 15, 16}) {
+    EXPECT_FALSE(Worker::Exists(wid));
+    EXPECT_FALSE(Worker::IsRunning(wid));
+    EXPECT_EQ(Worker::Runs(wid), 0u);
+  }
   EXPECT_EQ(Worker::Add(0), "");
   EXPECT_EQ(Worker::Add(0), "worker 0 exists already");
   EXPECT_EQ(Worker::Stop(1), "there is no worker 1");
