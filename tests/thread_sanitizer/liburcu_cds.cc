@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
 // liburcu's hash table, as ThreadSanitizer should see it: what was done to a
-// node before it was added happens before what its finders do with it.
+// node before it was added happens before what its finders do with it, and what
+// was done before the table's worker was given work happens before that work.
 #include <sanitizer/tsan_interface.h>
 #include <urcu/rculfhash.h>
+
+#include <mutex>
+#include <unordered_map>
 
 #include "tests/thread_sanitizer/ignore.h"
 #include "tests/thread_sanitizer/next.h"
@@ -26,9 +30,42 @@ int match(cds_lfht_node* node, const void* key) {
   return wanted->function(node, wanted->key);
 }
 
+using Work = void (*)(void*);
+
+std::mutex mutex;
+std::unordered_map<void*, Work>& pending() {
+  // Never destroyed: the worker runs until the process ends.
+  static auto* pending = new std::unordered_map<void*, Work>;
+  return *pending;
+}
+
+// What its giver did is seen through the lock.
+void runWork(void* item) {
+  Work work;
+  {
+    const std::lock_guard lock(mutex);
+    const auto found = pending().find(item);
+    work = found->second;
+    pending().erase(found);
+  }
+  work(item);
+}
+
 }  // namespace
 
 extern "C" {
+
+// The library's own, by which its functions hand tables that grow, shrink or go
+// to a worker; it exports this without declaring it.
+void urcu_workqueue_queue_work(void* queue, void* item, Work work) {
+  static auto* real =
+      next<decltype(urcu_workqueue_queue_work)>("urcu_workqueue_queue_work");
+  {
+    const std::lock_guard lock(mutex);
+    pending()[item] = work;
+  }
+  real(queue, item, runWork);
+}
 
 void cds_lfht_add(cds_lfht* table, unsigned long hash, cds_lfht_node* node) {
   static auto* real = next<decltype(cds_lfht_add)>("cds_lfht_add");
@@ -81,7 +118,8 @@ void cds_lfht_next(cds_lfht* table, cds_lfht_iter* iter) {
   __tsan_acquire(table);
 }
 
-// It allocates what its resize worker frees.
+// It frees what the worker has allocated, once it has seen the worker's end in
+// a counter.
 int cds_lfht_destroy(cds_lfht* table, pthread_attr_t** attributes) {
   static auto* real = next<decltype(cds_lfht_destroy)>("cds_lfht_destroy");
   const Ignore ignore;
