@@ -38,6 +38,19 @@ TEST(FlowHash, DiffersBetweenFlows) {
             hashOf(Frame::eth(kSrcMac, kDstMac).arp(kA, kB)));
 }
 
+TEST(FlowHash, DiffersBetweenFramesTooShortForAFlow) {
+  const Bytes zeros(13, 0);
+  const Bytes ones(13, 1);
+  for (uint32_t len = 1; len <= 13; len++) {
+    EXPECT_NE(bess::FlowHash(zeros.data(), len),
+              bess::FlowHash(ones.data(), len))
+        << len;
+    EXPECT_EQ(bess::FlowHash(ones.data(), len),
+              bess::FlowHash(Bytes(20, 1).data(), len))
+        << len;
+  }
+}
+
 TEST(FlowHash, FragmentsStayTogether) {
   EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).fragment(0, true).udp(7, 80)),
             hashOf(Frame::eth().ipv4(kA, kB).fragment(64, false).udp(1, 2)));

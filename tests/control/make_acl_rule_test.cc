@@ -279,6 +279,26 @@ TEST_F(MakeAclRule, TakesSixteenBytesOfAnIpv6Address) {
                                                 {14, {0x0d0e0f10, 0}}}));
 }
 
+TEST_F(MakeAclRule, PadsAnIpv6AddressOfAnyLength) {
+  for (uint32_t length = 0; length < 18; length++) {
+    Flow flow(7, 100);
+    auto* match = flow.message().mutable_match();
+    match->mutable_fields()->set_ipv6dst(true);
+    uint32_t words[4] = {};
+    for (uint32_t i = 0; i < length; i++) {
+      match->mutable_values()->mutable_ipv6dst()->push_back(
+          static_cast<char>(0xf0 + i));
+      if (i < 16) words[i / 4] |= (0xf0 + i) << (24 - i % 4 * 8);
+    }
+    of_flow_acl_rule_ipv6 rule{};
+    module_.makeAclRule(quil::pb::OPENFLOW_TYPE_IPV6, flow.message(), &rule);
+    for (int i = 0; i < 4; i++) {
+      EXPECT_EQ(rule.field[11 + i].value.u32, words[i])
+          << "word " << i << " of " << length << " bytes";
+    }
+  }
+}
+
 TEST_F(MakeAclRule, TracesTheFlow) {
   of_flow_acl_rule_ipv6 rule{};
   const TraceMark mark;

@@ -23,6 +23,7 @@
 #include "ports/port.h"
 #include "tests/captures/capture_files.h"
 #include "tests/support/huge_pages.h"
+#include "worker.h"
 
 // The header leaves out that its function is C's.
 extern "C" {
@@ -63,6 +64,20 @@ TEST(EalTest, StartsWithoutHugepagesAndOnlyOnce) {
            Expect(bess::InitEal() == "", "starts") &&
            Expect(bess::EalReady(), "ready") &&
            Expect(bess::InitEal({.memory_mb = 1}) == "", "again is no error");
+  });
+}
+
+TEST(EalTest, NothingWorksBeforeItStarts) {
+  InChild([] {
+    return Expect(Worker::Add(3) == "worker 3: DPDK is not started",
+                  "no worker") &&
+           Expect(!Worker::Exists(3), "none is left") &&
+           Expect(bess::OpenPort("a", {.device = "net_null0"}) ==
+                      "port 'a', device 'net_null0': DPDK is not started",
+                  "no port") &&
+           Expect(bess::InitEal() == "", "starts afterwards") &&
+           Expect(Worker::Add(3) == "", "a worker") &&
+           Expect(bess::OpenPort("a", {.device = "net_null0"}) == "", "a port");
   });
 }
 

@@ -104,6 +104,17 @@ TEST_F(AclBuildMemoryTest, ScopeOfTwoBuildsHasThePeakOfOne) {
   EXPECT_LT(scope.memory().peak, 2 * kBlock);
 }
 
+TEST_F(AclBuildMemoryTest, ThePeakIsThatOfTheGreatestBuildOfAScope) {
+  Classifier great(20000, "great");
+  Classifier small(1, "small");
+  const AclBuildScope scope;
+  EXPECT_EQ(great.build(), 0);
+  const size_t peak = scope.memory().peak;
+  EXPECT_GT(peak, 2 * kBlock);
+  EXPECT_EQ(small.build(), 0);
+  EXPECT_EQ(scope.memory().peak, peak);
+}
+
 TEST_F(AclBuildMemoryTest, RefusesWhatIsBeyondTheLimit) {
   Classifier classifier(20000);
   {
