@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
 // What people read when a port does not open.
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rte_ethdev.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
@@ -17,6 +20,20 @@
 
 #include "port_harness.h"
 #include "ports/internal/host_checks.h"
+
+namespace {
+
+int promiscuousCode = 0;
+
+}  // namespace
+
+// In front of DPDK's own: no device here refuses it.
+extern "C" int rte_eth_promiscuous_enable(uint16_t port) {
+  static const auto real =
+      reinterpret_cast<decltype(&rte_eth_promiscuous_enable)>(
+          dlsym(RTLD_NEXT, "rte_eth_promiscuous_enable"));
+  return promiscuousCode != 0 ? promiscuousCode : real(port);
+}
 
 namespace {
 
@@ -124,6 +141,18 @@ TEST_F(PortOpeningTest, QuotesTheDriver) {
   EXPECT_THAT(error, HasSubstr("the driver refuses it: "));
   EXPECT_THAT(error, HasSubstr("unknown file format"));
   EXPECT_EQ(Failure({.device = "net_pcap0,tx_pcap=/dev/null"}), "");
+}
+
+TEST_F(PortOpeningTest, NeedsFramesForOthersWhereTheDeviceHasAChoice) {
+  promiscuousCode = -EIO;
+  EXPECT_EQ(Failure({.device = "net_null0"}),
+            "port 'p', device 'net_null0': it does not receive what is sent to "
+            "others: Input/output error");
+  EXPECT_EQ(Failure({.device = "net_null0", .promiscuous = false}), "");
+  EXPECT_EQ(bess::ClosePort("p"), "");
+  promiscuousCode = -ENOTSUP;
+  EXPECT_EQ(Failure({.device = "net_null0"}), "");
+  promiscuousCode = 0;
 }
 
 TEST_F(PortOpeningTest, WorksAfterARefusal) {

@@ -168,6 +168,17 @@ TEST(Ring, CutsWhatIsTooLong) {
   EXPECT_EQ(ring.read()[0].position, 104u);
 }
 
+TEST(Ring, CutsWhatLeavesTooLittleForOthers) {
+  Ring ring(64);
+  const Site& site = Ringlog::internSite("Test", 2, "f", "%s|%s|%s");
+  for (const size_t tooMany : {1, 8, 9, 16, 17}) {
+    write(ring, site, 1, std::string(773 * 8 + tooMany, 'z'), 2);
+    EXPECT_EQ(ring.read().back().text,
+              "1|" + std::string(773 * 8, 'z') + "...[cut]|2")
+        << tooMany;
+  }
+}
+
 TEST(Ring, HoldsSixteenArguments) {
   Ring ring(64);
   const Site& site =
