@@ -41,7 +41,8 @@ inline constexpr std::array kDropCauses = {
                   "The device received a broken frame.", true},
     DropCauseInfo{DropCause::kRxTooLong, "rx_frame_too_long",
                   "The frame came longer than the interface's MTU allows: an "
-                  "offload merged several; switch it off with ethtool -K.",
+                  "offload merged several (ethtool -K switches it off), or the "
+                  "kernel IPv4 fragments.",
                   true},
     DropCauseInfo{DropCause::kTxPortDown, "tx_port_down",
                   "The port's link is down.", false},

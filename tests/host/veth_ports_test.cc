@@ -170,6 +170,38 @@ TEST_F(VethTest, DropsFramesThatTheInterfaceMerged) {
   ExpectClosed(port);
 }
 
+// A part of an IPv4 packet of UDP; `at` and `len` are multiples of 8.
+std::string Fragment(size_t at, size_t len, bool more) {
+  const auto word = [](size_t value) {
+    return std::string{static_cast<char>(value >> 8), static_cast<char>(value)};
+  };
+  const std::string addresses("\x0a\0\0\1\x0a\0\0\2", 8);
+  const std::string header = std::string("\x45\0", 2) + word(20 + len) +
+                             word(4711) + word(at / 8 + (more ? 0x2000 : 0)) +
+                             std::string("\x40\x11\0\0", 4) + addresses;
+  return MakeFrame(12) + std::string("\x08\0", 2) + header +
+         std::string(len, 'x');
+}
+
+// The driver asks the kernel to put them together, and the whole is too long.
+TEST_F(VethTest, DropsIpv4Fragments) {
+  Port* port = OpenLeft();
+  const Receiver receiver = Receive(port);
+  RawSocket right("right");
+  ASSERT_TRUE(right.Send(Fragment(0, 1480, true)));
+  ASSERT_TRUE(right.Send(Fragment(1480, 1480, false)));
+  ASSERT_TRUE(right.Send(Fragment(0, 64, false)));  // is whole
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(captured[0].bytes, Fragment(0, 64, false));
+  EXPECT_EQ(port->stats().drop(DropCause::kRxTooLong), 1u);
+  EXPECT_EQ(std::string(bess::Info(DropCause::kRxTooLong).sentence),
+            "The frame came longer than the interface's MTU allows: an offload "
+            "merged several (ethtool -K switches it off), or the kernel IPv4 "
+            "fragments.");
+  ExpectClosed(port);
+}
+
 class VethLinkTest : public VethTest,
                      public testing::WithParamInterface<const char*> {};
 
