@@ -17,6 +17,7 @@
 #include "switch/client/reports.h"
 #include "switch/client/switch_client.h"
 #include "switch/commands/commands.h"
+#include "switch/live/log_levels.h"
 #include "switch/terminal/interruption.h"
 #include "switch/terminal/standard_error.h"
 #include "switch/terminal/standard_output.h"
@@ -24,12 +25,10 @@
 namespace ofswitch {
 namespace {
 
-constexpr uint32_t kMaxLevel = 31;
-
 struct LogOptions {
   DoorOptions door;
   bool follow = false;
-  uint32_t level = kMaxLevel;
+  uint32_t level = kMaxLogLevel;
   std::string facility;
   uint32_t last = 0;
   std::vector<std::string> levels;  // FACILITY=LEVEL
@@ -80,19 +79,19 @@ uint32_t levelMask(const std::string& text, std::string_view level) {
   uint32_t number = 0;
   const char* end = level.data() + level.size();
   const auto [stop, error] = std::from_chars(level.data(), end, number);
-  if (error != std::errc() || stop != end || number > kMaxLevel) {
+  if (error != std::errc() || stop != end || number > kMaxLogLevel) {
     throw CLI::ValidationError(
         "log levels",
         fmt::format("{}: a level is a number from 0 to {}, or none", text,
-                    kMaxLevel));
+                    kMaxLogLevel));
   }
-  return static_cast<uint32_t>((uint64_t{2} << number) - 1);
+  return logLevelMask(number);
 }
 
 std::string levelText(uint32_t mask) {
   if (mask == 0) return "none";
-  for (uint32_t level = 0; level <= kMaxLevel; level++) {
-    if (mask == (uint64_t{2} << level) - 1) return std::to_string(level);
+  for (uint32_t level = 0; level <= kMaxLogLevel; level++) {
+    if (mask == logLevelMask(level)) return std::to_string(level);
   }
   return fmt::format("mask 0x{:x}", mask);
 }
@@ -163,7 +162,7 @@ void addLogCommand(CLI::App* app, int* status) {
                    "Only entries up to this level: 0 failures, 2 steps, 5 "
                    "everything (default: all)")
       ->type_name("N")
-      ->check(CLI::Range(0u, kMaxLevel));
+      ->check(CLI::Range(0u, kMaxLogLevel));
   command
       ->add_option("--facility", options->facility,
                    "Only entries of OpenFlow or of Controller")

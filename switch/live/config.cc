@@ -12,6 +12,7 @@
 #include "switch/flow/file_text.h"
 #include "switch/flow/flow.h"
 #include "switch/live/listen_address.h"
+#include "switch/live/log_levels.h"
 #include "switch/live/yaml_section.h"
 
 namespace ofswitch {
@@ -19,7 +20,6 @@ namespace {
 
 constexpr unsigned kMaxWorkers = 16;
 constexpr unsigned kMaxCore = 1023;
-constexpr unsigned kMaxLevel = 31;
 
 // Of the longest jumbo frames that network cards know.
 constexpr unsigned kMaxMtu = 9710;
@@ -154,12 +154,10 @@ void readMetrics(YamlSection& file, const std::string& name,
 }
 
 void readLog(YamlSection& log, SwitchConfig* config) {
-  for (const std::string& facility : log.keys()) {
-    const char* key = facility.c_str();
-    log.each(key, [&](const YAML::Node& node) {
-      const uint64_t level = log.toNumber(node, key, 0, kMaxLevel);
-      config->logLevels[facility] =
-          static_cast<uint32_t>((uint64_t{2} << level) - 1);
+  for (const char* facility : kLogFacilities) {
+    log.each(facility, [&](const YAML::Node& node) {
+      config->logLevels[facility] = logLevelMask(
+          static_cast<uint32_t>(log.toNumber(node, facility, 0, kMaxLogLevel)));
     });
   }
 }
@@ -184,11 +182,7 @@ SwitchConfig read(const YAML::Node& root, const std::string& name) {
   file.section("controller", [&](YamlSection& controller) {
     controller.text("capture", &config.controllerCapture);
   });
-  // The keys of this one are a person's, so that nothing in it is unknown.
-  file.each("log", [&](const YAML::Node& node) {
-    YamlSection log(node, name, "log");
-    readLog(log, &config);
-  });
+  file.section("log", [&](YamlSection& log) { readLog(log, &config); });
   file.text("module", &config.module);
   file.number("counters", 1024, 1u << 28, &config.counters);
   file.finish();

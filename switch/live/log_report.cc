@@ -5,19 +5,16 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <string_view>
 
 #include "platform/mio/mio.h"
 #include "platform/ringlog/ringlog.h"
 #include "switch/flow/suggest.h"
 #include "switch/live/live_switch.h"
+#include "switch/live/log_levels.h"
 
 namespace ofswitch {
 namespace {
-
-// Who traces in this process.
-constexpr std::string_view kFacilities[] = {"OpenFlow", "Controller"};
 
 pb::LogEntry logEntry(const Ringlog::Entry& entry) {
   pb::LogEntry message;
@@ -54,18 +51,19 @@ uint64_t readLogEntries(const pb::LogRequest& request, size_t most,
 }
 
 pb::LogLevels applyLogLevels(const pb::LogLevels& levels) {
+  const std::vector<std::string_view> known(kLogFacilities.begin(),
+                                            kLogFacilities.end());
   for (const auto& [facility, mask] : levels.levels()) {
-    if (std::ranges::find(kFacilities, facility) == std::end(kFacilities)) {
+    if (std::ranges::find(known, facility) == known.end()) {
       throw BadRequest(fmt::format("nothing logs as \"{}\"{}", facility,
-                                   suggest(facility, kFacilities)));
+                                   suggest(facility, known)));
     }
   }
   for (const auto& [facility, mask] : levels.levels()) {
     Mio::setTraceLevels(facility, mask);
   }
   pb::LogLevels current;
-  for (const std::string_view facility : kFacilities) {
-    const std::string name(facility);
+  for (const std::string name : kLogFacilities) {
     (*current.mutable_levels())[name] = Mio::traceLevels(name);
   }
   return current;

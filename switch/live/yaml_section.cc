@@ -130,12 +130,6 @@ void YamlSection::sections(const char* key,
   });
 }
 
-std::vector<std::string> YamlSection::keys() const {
-  std::vector<std::string> keys;
-  for (const auto& pair : node_) keys.push_back(pair.first.Scalar());
-  return keys;
-}
-
 void YamlSection::finish() {
   for (const auto& pair : node_) {
     const std::string& key = pair.first.Scalar();

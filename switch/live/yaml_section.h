@@ -35,8 +35,6 @@ class YamlSection {
   // The value as it stands.
   void each(const char* key, const std::function<void(const YAML::Node&)>& fn);
 
-  // The names of all keys, for sections in which a person chooses them.
-  std::vector<std::string> keys() const;
   bool has(const char* key) const;
 
   // Refuses what nobody has asked for, with a suggestion. Last.

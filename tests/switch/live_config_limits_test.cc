@@ -138,10 +138,12 @@ TEST(Config, NothingIsNoValue) {
 }
 
 TEST(Config, LogLevelsAreMasks) {
-  const SwitchConfig config = parseConfig("log: {A: 0, B: 5, C: 31}", "s.yaml");
-  EXPECT_EQ(config.logLevels.at("A"), 1u);
-  EXPECT_EQ(config.logLevels.at("B"), 0x3fu);
-  EXPECT_EQ(config.logLevels.at("C"), 0xffffffffu);
+  const auto levels = [](const char* text) {
+    return parseConfig(text, "s.yaml").logLevels.at("OpenFlow");
+  };
+  EXPECT_EQ(levels("log: {OpenFlow: 0}"), 1u);
+  EXPECT_EQ(levels("log: {OpenFlow: 5}"), 0x3fu);
+  EXPECT_EQ(levels("log: {OpenFlow: 31}"), 0xffffffffu);
 }
 
 TEST(Config, MetricsAreForThisMachine) {

@@ -153,6 +153,8 @@ const ErrorCase kErrorCases[] = {
      "s.yaml:1: workers: core 2 is there twice"},
     {"HalfTls", "control:\n  tls:\n    key: k.pem",
      "s.yaml:3: control.tls: needs certificate, key and client_ca"},
+    {"LogFacility", "log: {Openflow: 2}",
+     "s.yaml:1: unknown key \"log.Openflow\", did you mean \"OpenFlow\"?"},
     {"LogLevel", "log: {OpenFlow: 32}",
      "s.yaml:1: log.OpenFlow: \"32\" is not a number from 0 to 31"},
     {"BrokenYaml", "ports: [\n", "s.yaml:2: end of sequence flow not found"},
