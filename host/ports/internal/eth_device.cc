@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "pktbatch.h"
+#include "ports/internal/host_checks.h"
 
 namespace bess::internal {
 namespace {
@@ -53,6 +54,10 @@ std::string ProbeFailure(const DeviceString& device, int code,
                          const DpdkLogCapture& log) {
   if (code == -EEXIST) {
     return "DPDK has a device of that name already";
+  }
+  if (code == -EFAULT && IsInterface(device.name)) {
+    return "it is an interface of the kernel's: write net_af_packet0,iface=" +
+           device.name;
   }
   if (code == -EFAULT) {
     return "no driver of that name: write " + KnownDrivers();

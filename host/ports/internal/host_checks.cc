@@ -55,8 +55,12 @@ std::string Quoted(const std::string& path) { return "'" + path + "'"; }
 
 }  // namespace
 
+bool IsInterface(const std::string& name) {
+  return if_nametoindex(name.c_str()) != 0;
+}
+
 std::string CheckInterface(const std::string& name) {
-  if (if_nametoindex(name.c_str()) != 0) {
+  if (IsInterface(name)) {
     return "";
   }
   return "there is no network interface '" + name + "'; there are " +

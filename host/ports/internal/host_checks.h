@@ -8,6 +8,8 @@ namespace bess::internal {
 // Whether this machine and this process have what a device needs. Each answers
 // what is missing and what helps, empty when nothing is.
 
+bool IsInterface(const std::string& name);
+
 // A network interface of that name in this process's namespace.
 std::string CheckInterface(const std::string& name);
 
