@@ -25,6 +25,7 @@
 #include "switch/flow/flow_reader.h"
 #include "switch/live/flow_request.h"
 #include "switch/live/live_switch.h"
+#include "switch/replay/module_commands.h"
 
 namespace ofswitch {
 namespace {
@@ -181,7 +182,8 @@ class Bench {
     uint64_t sum = 0;
     for (const pb::Table& table : reply.tables()) {
       sum += table.flows();
-      const quil::pb::OpenFlowGetStatsRespArg module = moduleStats(table);
+      const quil::pb::OpenFlowGetStatsRespArg module =
+          tableStats(table.table());
       if (table.ipv4().flows() != module.numflows() ||
           table.ipv6().flows() != module.numipv6flows()) {
         fail(
@@ -192,18 +194,6 @@ class Bench {
       }
     }
     if (sum != flows_.size()) fail("tables have {} flows", sum);
-  }
-
-  static quil::pb::OpenFlowGetStatsRespArg moduleStats(const pb::Table& table) {
-    quil::pb::OpenFlowGetStatsArg question;
-    question.set_tableid(table.table());
-    google::protobuf::Any packed;
-    packed.PackFrom(question);
-    const CommandResponse answer =
-        bess::RunModuleCommand(LiveSwitch::kModuleName, "getStats", packed);
-    quil::pb::OpenFlowGetStatsRespArg stats;
-    if (!answer.data().UnpackTo(&stats)) fail("no statistics");
-    return stats;
   }
 
   // What the reply says of the change, from what the twin was and is.

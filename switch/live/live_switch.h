@@ -140,9 +140,6 @@ class LiveSwitch {
   // this throws nothing.
   pb::TraceReply trace(const pb::TraceRequest& request);
 
-  // The name of the OpenFlow instance in the host's graph.
-  static constexpr const char* kModuleName = "openflow";
-
   // Looks after idle and hard timeouts now; also done once a second.
   void expireFlows();
 

@@ -16,8 +16,8 @@
 #include "platform/quil_modules/counter_db.h"
 #include "plugin.h"
 #include "switch/live/live_switch.h"
+#include "switch/replay/module_commands.h"
 #include "switch/replay/module_path.h"
-#include "switch/replay/update_failure.h"
 #include "utils/acl_build_memory.h"
 
 namespace ofswitch {
@@ -25,7 +25,6 @@ namespace {
 
 using QuilModules::bessCounterDb;
 
-constexpr const char* kSwitch = LiveSwitch::kModuleName;
 constexpr char kController[] = "controller";
 
 void require(const std::string& error) {
@@ -41,12 +40,6 @@ void require(const CommandResponse& response, const std::string& what) {
 // With the line of the configuration that asked for it, if there was one.
 std::string placed(const std::string& place, const std::string& error) {
   return place.empty() ? error : place + ": " + error;
-}
-
-google::protobuf::Any packed(const google::protobuf::Message& message) {
-  google::protobuf::Any any;
-  any.PackFrom(message);
-  return any;
 }
 
 Module* make(const std::string& className, const std::string& name,
@@ -110,22 +103,12 @@ void SwitchGraph::startEnvironment() {
 }
 
 void SwitchGraph::makeModule() {
-  std::string path;
   try {
-    path = findModule(config_.module);
+    const std::string path = findModule(config_.module);
+    module_ = ofswitch::makeModule(path);
+    plugin_ = path;
   } catch (const std::runtime_error& error) {
     throw StartError(error.what());
-  }
-  require(bess::LoadPlugin(path));
-  plugin_ = path;
-  module_ = make("OpenFlow", kSwitch);
-  for (uint32_t table = 0; table < kNumTables; table++) {
-    quil::pb::OpenFlowAclArg binding;
-    binding.set_tableid(table);
-    binding.set_aclid(2 * table);
-    binding.set_ipv6aclid(2 * table + 1);
-    require(bess::RunModuleCommand(kSwitch, "setAclIds", packed(binding)),
-            fmt::format("table {}", table));
   }
 }
 
@@ -153,14 +136,14 @@ void SwitchGraph::openPorts() {
     arg.set_port(config.name);
     const std::string name = config.name + "_out";
     make("PortOut", name, packed(arg));
-    require(bess::ConnectModules(kSwitch, config.number, name, 0), name);
+    require(bess::ConnectModules(kModuleName, config.number, name, 0), name);
   }
 }
 
 void SwitchGraph::makeController() {
   controller_ = static_cast<ControllerPort*>(
       make(ControllerPort::kClassName, kController));
-  require(bess::ConnectModules(kSwitch, 0, kController, 0), kController);
+  require(bess::ConnectModules(kModuleName, 0, kController, 0), kController);
   if (!config_.controllerCapture.empty()) {
     std::string error;
     bess::ControlThread::Instance().Run(
@@ -197,7 +180,7 @@ void SwitchGraph::makeInputs() {
       Module* input =
           make("PortIn", fmt::format("{}_in{}", port.config->name, queue),
                packed(arg));
-      require(bess::ConnectModules(input->name(), 0, kSwitch, 0),
+      require(bess::ConnectModules(input->name(), 0, kModuleName, 0),
               input->name());
       SwitchWorker& worker = workers_[next++ % workers_.size()];
       require(Worker::AttachTasks(input, worker.wid));
@@ -227,27 +210,13 @@ ModuleDoor SwitchGraph::door() {
 // asked: every question leaves a line in the trace ring, and whoever scrapes
 // metrics would soon have pushed out what else there is.
 quil::pb::OpenFlowGetStatsRespArg SwitchGraph::tableStats(uint8_t table) const {
-  quil::pb::OpenFlowGetStatsRespArg stats;
-  if (table != 0 && !programmed_[table]) return stats;
-  quil::pb::OpenFlowGetStatsArg arg;
-  arg.set_tableid(table);
-  bess::RunModuleCommand(kSwitch, "getStats", packed(arg))
-      .data()
-      .UnpackTo(&stats);
-  return stats;
+  if (table != 0 && !programmed_[table]) return {};
+  return ofswitch::tableStats(table);
 }
 
 std::string SwitchGraph::update(const TableUpdate& update) {
-  const auto table = static_cast<uint8_t>(update.tableid());
-  programmed_[table] = true;
-  const quil::pb::OpenFlowGetStatsRespArg before = tableStats(table);
-  // What the classifier library says of a failure is in the answer.
-  const bess::DpdkLogCapture log;
-  const CommandResponse response =
-      bess::RunModuleCommand(kSwitch, "updateFlows", packed(update));
-  if (response.error().code() == 0) return "";
-  return updateFailure(response, before, tableStats(table),
-                       {"memory.mb", "memory.build_mb"});
+  programmed_[update.tableid()] = true;
+  return updateTable(update, {"memory.mb", "memory.build_mb"});
 }
 
 uint64_t SwitchGraph::failedCopies() const {

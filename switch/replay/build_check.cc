@@ -22,6 +22,7 @@
 #include "plugin.h"
 #include "switch/flow/update_batch.h"
 #include "switch/replay/module_commands.h"
+#include "switch/replay/require.h"
 #include "switch/replay/sample_key.h"
 #include "utils/acl_build_memory.h"
 

@@ -9,7 +9,7 @@
 #include "graph.h"
 #include "plugin.h"
 #include "switch/flow/update_batch.h"
-#include "switch/replay/update_failure.h"
+#include "switch/replay/require.h"
 
 namespace ofswitch {
 namespace {
@@ -33,20 +33,6 @@ void bindTables() {
 }
 
 }  // namespace
-
-void require(const std::string& error) {
-  if (!error.empty()) {
-    throw std::runtime_error(error);
-  }
-}
-
-void require(const CommandResponse& response, const std::string& what) {
-  if (response.error().code() != 0) {
-    throw std::runtime_error(fmt::format("{}: {} (code {})", what,
-                                         response.error().errmsg(),
-                                         response.error().code()));
-  }
-}
 
 google::protobuf::Any packed(const google::protobuf::Message& message) {
   google::protobuf::Any any;
@@ -76,25 +62,33 @@ quil::pb::OpenFlowGetStatsRespArg tableStats(uint32_t table) {
   return stats;
 }
 
+std::string updateTable(const TableUpdate& update,
+                        const MemorySettings& settings) {
+  const quil::pb::OpenFlowGetStatsRespArg before = tableStats(update.tableid());
+  // What the classifier library says of a failure is in the answer.
+  const bess::DpdkLogCapture log;
+  const CommandResponse response =
+      bess::RunModuleCommand(kModuleName, "updateFlows", packed(update));
+  if (response.error().code() == 0) return "";
+  return updateFailure(response, before, tableStats(update.tableid()),
+                       settings);
+}
+
 CommandResponse applyCommand(const PolicyCommand& one) {
   TableUpdate update;
   if (!one.arg.UnpackTo(&update)) {
     return command(one.name, one.arg,
                    fmt::format("{}: {}", one.where, one.name));
   }
-  const quil::pb::OpenFlowGetStatsRespArg before = tableStats(update.tableid());
-  // What the classifier library says of a failure is in the error.
-  const bess::DpdkLogCapture log;
-  CommandResponse response =
-      bess::RunModuleCommand(kModuleName, one.name, one.arg);
-  if (response.error().code() != 0) {
+  const std::string failure =
+      updateTable(update, {"--memory", "--build-memory"});
+  if (!failure.empty()) {
     throw std::runtime_error(fmt::format(
         "{}: table {} {}: {}", one.where, update.tableid(),
         update.flowtype() == quil::pb::OPENFLOW_TYPE_IPV6 ? "IPv6" : "IPv4",
-        updateFailure(response, before, tableStats(update.tableid()),
-                      {"--memory", "--build-memory"})));
+        failure));
   }
-  return response;
+  return CommandSuccess();
 }
 
 }  // namespace ofswitch

@@ -12,15 +12,15 @@
 #include "message.h"
 #include "module.h"
 #include "openflow.pb.h"
+#include "switch/flow/update_batch.h"
 #include "switch/replay/policy.h"
+#include "switch/replay/update_failure.h"
 
 namespace ofswitch {
 
 // The instance's name in the host's graph.
 inline constexpr char kModuleName[] = "openflow";
 
-void require(const std::string& error);
-void require(const CommandResponse& response, const std::string& what);
 google::protobuf::Any packed(const google::protobuf::Message& message);
 
 // Loads the plug-in, makes the instance, and binds table t to the slots 2t
@@ -28,6 +28,10 @@ google::protobuf::Any packed(const google::protobuf::Message& message);
 Module* makeModule(const std::string& path);
 
 quil::pb::OpenFlowGetStatsRespArg tableStats(uint32_t table);
+
+// Sends an update. Answers why it has failed, empty on success.
+std::string updateTable(const TableUpdate& update,
+                        const MemorySettings& settings);
 
 // An update that fails is told by its place, its table and the reason.
 CommandResponse applyCommand(const PolicyCommand& command);

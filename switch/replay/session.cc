@@ -21,6 +21,7 @@
 #include "platform/quil_modules/counter_db.h"
 #include "plugin.h"
 #include "switch/replay/module_commands.h"
+#include "switch/replay/require.h"
 #include "switch/terminal/amounts.h"
 #include "switch/terminal/progress.h"
 #include "utils/acl_build_memory.h"
