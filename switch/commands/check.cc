@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "switch/commands/commands.h"
+#include "switch/commands/table_options.h"
 #include "switch/flow/command_list.h"
 #include "switch/flow/flow_printer.h"
 #include "switch/flow/flow_reader.h"
@@ -260,17 +261,12 @@ void addCheckCommand(CLI::App* app, int* status) {
       "0 when every line is accepted and, with --build, every table can be "
       "built.");
   auto options = std::make_shared<CheckOptions>();
-  command
-      ->add_option("FLOWS", options->files,
-                   "Flow text files (- is standard input), or .json "
-                   "command lists")
+  command->add_option("FLOWS", options->files, kFlowFilesHelp)
+      ->type_name("FILE")
       ->required();
-  command
-      ->add_option("--ports", options->ports,
-                   "The switch's ports, which all and flood reach (default: "
-                   "every port that a flow names)")
-      ->delimiter(',')
-      ->check(CLI::Range(1u, kMaxPort));
+  addPortsOption(command, &options->ports,
+                 "The switch's ports, which all and flood reach (default: "
+                 "every port that a flow names)");
   command->add_flag("--json", options->json, "Print the result as JSON");
   command->add_flag("-v,--verbose", options->verbose,
                     "Also print each flow in normal form, with the module's "
@@ -278,23 +274,9 @@ void addCheckCommand(CLI::App* app, int* status) {
   command->add_flag("--build", options->build,
                     "Also build the tables as the switch does, and tell how "
                     "long it takes, how much memory, and what a lookup costs");
-  command
-      ->add_option("--memory", options->builds.memoryMb,
-                   "Megabytes for flows and classifiers")
-      ->type_name("MB")
-      ->check(CLI::Range(128, 1 << 20))
-      ->capture_default_str();
-  command
-      ->add_option("--build-memory", options->builds.buildMb,
-                   "Megabytes that building a classifier may take beside that "
-                   "(default: a quarter of what is available, 4096 at most)")
-      ->type_name("MB")
-      ->check(CLI::Range(16, 1 << 20));
-  command
-      ->add_option("--module", options->builds.modulePath,
-                   "The OpenFlow module's library (default: OFSWITCH_MODULE, "
-                   "beside the program, the build tree, the installation)")
-      ->type_name("FILE.so");
+  addMemoryOptions(command, "flows and classifiers", &options->builds.memoryMb,
+                   &options->builds.buildMb);
+  addModuleOption(command, &options->builds.modulePath);
   command->callback([options, status] { *status = check(*options); });
 }
 

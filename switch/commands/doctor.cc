@@ -42,10 +42,12 @@ void addDoctorCommand(CLI::App* app, int* status) {
   CLI::App* command = app->add_subcommand(
       "doctor", "Tell what this machine lacks for a switch and what mends it");
   auto options = std::make_shared<DoctorOptions>();
-  command->add_option(
-      "-c,--config", options->config,
-      fmt::format("Configuration file of the switch [{}, if there is one]",
-                  kDefaultConfig));
+  command
+      ->add_option(
+          "-c,--config", options->config,
+          fmt::format("Configuration file of the switch [{}, if there is one]",
+                      kDefaultConfig))
+      ->type_name("FILE.yaml");
   command->add_flag("--json", options->json, "Findings as JSON");
   command->callback([options, status] { *status = run(*options); });
 }

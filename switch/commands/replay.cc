@@ -19,6 +19,7 @@
 #include "modules/capture_reader.h"
 #include "modules/capture_sink.h"
 #include "switch/commands/commands.h"
+#include "switch/commands/table_options.h"
 #include "switch/flow/flow.h"
 #include "switch/replay/account.h"
 #include "switch/replay/module_path.h"
@@ -232,10 +233,7 @@ void addReplayCommand(CLI::App* app, int* status) {
       "that caused it. The exit status is 0 when everything was read, written "
       "and accounted for.");
   auto options = std::make_shared<ReplayOptions>();
-  command
-      ->add_option("--flows", options->flows,
-                   "Flow text files (- is standard input), or .json "
-                   "command lists")
+  command->add_option("--flows", options->flows, kFlowFilesHelp)
       ->type_name("FILE")
       ->required();
   command
@@ -249,13 +247,9 @@ void addReplayCommand(CLI::App* app, int* status) {
       ->add_option("--out-dir", options->session.outDir,
                    "Where to write what leaves on each port")
       ->type_name("DIR");
-  command
-      ->add_option("--ports", options->ports,
-                   "The connected ports (default: every port that an input or "
-                   "a flow names)")
-      ->type_name("N,N,...")
-      ->delimiter(',')
-      ->check(CLI::Range(1u, kMaxPort));
+  addPortsOption(command, &options->ports,
+                 "The connected ports (default: every port that an input or a "
+                 "flow names)");
   command
       ->add_option("--workers", options->session.workers,
                    "Worker threads; packets are spread over them by flow")
@@ -267,23 +261,9 @@ void addReplayCommand(CLI::App* app, int* status) {
                    "Also write the report there, as JSON")
       ->type_name("FILE.json");
   command->add_flag("--json", options->json, "Print the report as JSON");
-  command
-      ->add_option("--module", options->session.modulePath,
-                   "The OpenFlow module's library (default: OFSWITCH_MODULE, "
-                   "beside the program, the build tree, the installation)")
-      ->type_name("FILE.so");
-  command
-      ->add_option("--memory", options->session.memoryMb,
-                   "Megabytes for packets, flows and classifiers")
-      ->type_name("MB")
-      ->check(CLI::Range(128, 1 << 20))
-      ->capture_default_str();
-  command
-      ->add_option("--build-memory", options->session.buildMb,
-                   "Megabytes that building a classifier may take beside that "
-                   "(default: a quarter of what is available, 4096 at most)")
-      ->type_name("MB")
-      ->check(CLI::Range(16, 1 << 20));
+  addModuleOption(command, &options->session.modulePath);
+  addMemoryOptions(command, "packets, flows and classifiers",
+                   &options->session.memoryMb, &options->session.buildMb);
   command->callback([options, status] { *status = replay(*options); });
 }
 

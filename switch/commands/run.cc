@@ -162,6 +162,7 @@ void addRunCommand(CLI::App* app, int* status) {
   command
       ->add_option("-c,--config", options->config,
                    "Configuration file (examples/switch.yaml explains all)")
+      ->type_name("FILE.yaml")
       ->capture_default_str();
   command->add_flag(
       "--check", options->check,

@@ -55,16 +55,25 @@ int trace(const TraceOptions& options) {
 void addTraceCommand(CLI::App* app, int* status) {
   CLI::App* command = app->add_subcommand(
       "trace", "Tell what a running switch would do to a packet, and why");
+  command->footer(
+      "Nothing is sent and no counter moves.\n"
+      "Examples:\n"
+      "  ofswitch trace in_port=1,tcp,nw_dst=10.0.0.5,tp_dst=80\n"
+      "  ofswitch trace --in-port 1 capture.pcap#3");
   auto options = std::make_shared<TraceOptions>();
   command
-      ->add_option("packet", options->packet,
+      ->add_option("PACKET", options->packet,
                    "Flow text (in_port=1,tcp,nw_dst=10.0.0.5,tp_dst=80), "
                    "bytes in hexadecimal, or FILE.pcap#N for the N-th frame")
       ->required();
-  command->add_option("--in-port", options->inPort,
-                      "The port that the packet comes in by");
-  command->add_option("--table", options->table,
-                      "The table that the packet starts at");
+  command
+      ->add_option("--in-port", options->inPort,
+                   "The port that the packet comes in by")
+      ->type_name("N");
+  command
+      ->add_option("--table", options->table,
+                   "The table that the packet starts at")
+      ->type_name("N");
   command->add_flag("--json", options->json, "Print JSON");
   addDoorOptions(command, &options->door);
   command->callback([options, status] { *status = trace(*options); });
