@@ -21,7 +21,8 @@ namespace {
 struct Builder {
   const Match& match;
   ControllerReason plainReason;
-  ParsedActions parsed;
+  bool inApplyActions = false;
+  ParsedActions parsed = {};
 
   void add(ActionKind kind, uint64_t value = 0) {
     parsed.actions.push_back({kind, value});
@@ -244,7 +245,16 @@ void resubmit(Builder* b, const Word& word) {
   gotoTable(b, table);
 }
 
-void applyActions(Builder* b, const Word& word) { parseInto(b, word.value); }
+// A line could hold them inside each other deeper than the stack goes.
+void applyActions(Builder* b, const Word& word) {
+  if (b->inApplyActions) {
+    refuse("{}: stands inside apply_actions; write its actions there",
+           word.text);
+  }
+  b->inApplyActions = true;
+  parseInto(b, word.value);
+  b->inApplyActions = false;
+}
 
 // Nothing ever stands in the action set here, so it is clear already.
 void clearActions(Builder*, const Word&) {}
@@ -317,7 +327,7 @@ void parseInto(Builder* b, std::string_view text) {
 
 ParsedActions parseActions(std::string_view text, const Match& match,
                            ControllerReason plainReason) {
-  Builder b{match, plainReason, {}};
+  Builder b{match, plainReason};
   parseInto(&b, text);
   return std::move(b.parsed);
 }

@@ -2,6 +2,7 @@
 //
 // Actions that the module does not have, and lists whose order it cannot
 // keep: each with its whole sentence.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <ostream>
@@ -187,6 +188,9 @@ const RefusalCase kCases[] = {
      "output:2: the module does all rewrites before the first output, so "
      "output:1 would send the rewritten packet too; move what follows "
      "output:1 to a later table (goto_table)"},
+    {"actions=apply_actions(apply_actions(output:1))",
+     "apply_actions(output:1): stands inside apply_actions; write its actions "
+     "there"},
     {"actions=mod_vlan_vid:5,strip_vlan,1",
      "strip_vlan: the module removes the tag before it writes one; put "
      "strip_vlan first, or leave the VLAN rewrites before it out"},
@@ -264,6 +268,15 @@ TEST_P(ActionRefusal, SaysWhy) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Actions, ActionRefusal, testing::ValuesIn(kCases));
+
+// Such a line overran the stack.
+TEST(ApplyActions, DeepNestingIsRefusedAtOnce) {
+  std::string line = "actions=";
+  constexpr int kDepth = 70000;
+  for (int i = 0; i < kDepth; i++) line += "apply_actions(";
+  line += "drop" + std::string(kDepth, ')');
+  EXPECT_THAT(refusalOf(line), testing::HasSubstr("inside apply_actions"));
+}
 
 }  // namespace
 }  // namespace ofswitch
