@@ -9,9 +9,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <string_view>
 #include <system_error>
 
 namespace ofswitch {
@@ -19,6 +22,14 @@ namespace {
 
 constexpr int kPatienceMs = 5000;
 constexpr char kStart[] = "start one with \"ofswitch run -c switch.yaml\"";
+
+// The resolver would take any number, and cut it to 16 bits.
+bool isPort(std::string_view text) {
+  uint16_t port = 0;
+  const char* end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, port);
+  return error == std::errc() && rest == end && port != 0;
+}
 
 // 0, or the error of one attempt.
 int tryConnect(int family, const sockaddr* address, socklen_t size) {
@@ -77,7 +88,8 @@ std::string probeUnixSocket(const std::string& path) {
 
 std::string probeAddress(const std::string& address) {
   const size_t colon = address.rfind(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == address.size()) {
+  if (colon == std::string::npos || colon == 0 ||
+      !isPort(std::string_view(address).substr(colon + 1))) {
     return "must be HOST:PORT, e.g. 127.0.0.1:9470 or [::1]:9470";
   }
   std::string host = address.substr(0, colon);

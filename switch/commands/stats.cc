@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <limits>
 #include <memory>
 #include <optional>
 
@@ -24,7 +23,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr double kLeastInterval = 0.05;  // seconds
+constexpr uint64_t kMostReadings = 1'000'000'000;  // "-1" would be above
+constexpr double kLeastInterval = 0.05;            // seconds
 constexpr double kMostInterval = 86400;
 
 struct StatsOptions {
@@ -155,7 +155,7 @@ void addStatsCommand(CLI::App* app, int* status) {
   command->add_option("--count", options->count, "End after so many readings")
       ->type_name("N")
       ->needs(watch)
-      ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
+      ->check(CLI::Range(uint64_t{1}, kMostReadings));
   command->add_flag("--exact", options->exact,
                     "Stop the workers for the moment of the reading, so that "
                     "no packet is under way");

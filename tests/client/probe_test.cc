@@ -2,7 +2,6 @@
 #include "switch/client/probe.h"
 
 #include <gtest/gtest.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -87,13 +86,12 @@ TEST(Probe, TellsThatNobodyListens) {
 
 TEST(Probe, TellsWhatIsNoAddress) {
   for (const char* address :
-       {"", ":", "host", "127.0.0.1", ":80", "127.0.0.1:", "[::1]:"}) {
+       {"", ":", "host", "127.0.0.1", ":80", "127.0.0.1:", "[::1]:",
+        "127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:80x", "127.0.0.1:http"}) {
     EXPECT_EQ(probeAddress(address),
               "must be HOST:PORT, e.g. 127.0.0.1:9470 or [::1]:9470")
         << address;
   }
-  EXPECT_EQ(probeAddress("127.0.0.1:no-such-service"),
-            gai_strerror(EAI_SERVICE));
   // A broadcast address, which no stream can go to.
   EXPECT_EQ(probeAddress("255.255.255.255:80"), "Network is unreachable");
 }
