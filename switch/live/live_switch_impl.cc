@@ -281,12 +281,7 @@ void LiveSwitch::Impl::tick() {
   std::unique_lock lock(tickMutex_);
   while (!tickWake_.wait_for(lock, kTick, [this] { return stopping_; })) {
     lock.unlock();
-    onControl([this] {
-      expire();
-      for (const SwitchGraph::SwitchPort& port : graph_->ports()) {
-        port.port->Refresh();
-      }
-    });
+    onControl([this] { expire(); });
     lock.lock();
   }
 }

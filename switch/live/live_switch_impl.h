@@ -83,7 +83,7 @@ class LiveSwitch::Impl {
   pb::StatsReply stats(const SwitchCounts& counts,
                        const SwitchAccount& account);
   TraceFlows tracedFlows() const;
-  // The ticker's thread: expires flows and looks after links.
+  // The ticker's thread: expires flows.
   void tick();
 
   std::chrono::steady_clock::time_point started_;
