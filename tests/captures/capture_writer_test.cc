@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: BSD-3-Clause
+#include "modules/capture_writer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/captures/capture_files.h"
+
+namespace openflow_test {
+namespace {
+
+using testing::ElementsAre;
+using testing::SizeIs;
+
+constexpr uint8_t kFrame[100] = {1, 2, 3};
+constexpr char kFull[] = "/dev/full: No space left on device";
+
+TEST(CaptureWriter, KeepsTimesToTheNanosecond) {
+  const ScratchDir dir;
+  const std::string text(kFrame, kFrame + 60);
+  {
+    bess::CaptureWriter writer(dir / "a.pcap");
+    writer.Write(1'999'999'999, kFrame, 60);
+    writer.Write(2'000'000'001, kFrame, 60);
+    writer.Flush();
+    EXPECT_EQ(writer.error(), "");
+    EXPECT_THAT(readCapture(dir / "a.pcap"), SizeIs(2)) << "while it is open";
+  }
+  EXPECT_THAT(readCapture(dir / "a.pcap"),
+              ElementsAre(CaptureRow{1'999'999'999, text, 0},
+                          CaptureRow{2'000'000'001, text, 0}));
+}
+
+TEST(CaptureWriter, TellsOfAFileThatCannotBe) {
+  bess::CaptureWriter writer("/nowhere/a.pcap");
+  EXPECT_EQ(writer.error(), "/nowhere/a.pcap: No such file or directory");
+  writer.Write(1, kFrame, 60);
+  writer.Flush();
+  EXPECT_EQ(writer.error(), "/nowhere/a.pcap: No such file or directory");
+}
+
+TEST(CaptureWriter, TellsOfAFullDiskAtTheLatestWhenItIsFlushed) {
+  bess::CaptureWriter writer("/dev/full");
+  writer.Write(1, kFrame, 60);
+  EXPECT_EQ(writer.error(), "") << "it waits for more";
+  writer.Flush();
+  EXPECT_EQ(writer.error(), kFull);
+}
+
+TEST(CaptureWriter, TellsOfAFullDiskAsSoonAsItIsSeen) {
+  bess::CaptureWriter writer("/dev/full", "out/a.pcap");
+  for (int i = 0; i < 1000; i++) writer.Write(1, kFrame, sizeof(kFrame));
+  EXPECT_EQ(writer.error(), "out/a.pcap: No space left on device");
+}
+
+}  // namespace
+}  // namespace openflow_test
