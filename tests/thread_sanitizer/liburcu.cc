@@ -14,38 +14,24 @@
 #include <sanitizer/tsan_interface.h>
 #include <urcu-qsbr.h>
 
-#include <mutex>
-#include <unordered_map>
-
 #include "tests/thread_sanitizer/ignore.h"
 #include "tests/thread_sanitizer/next.h"
+#include "tests/thread_sanitizer/pending.h"
 
 using tsan_models::Ignore;
 using tsan_models::next;
 
 namespace {
 
-using Callback = void (*)(rcu_head*);
+using Callback = void(rcu_head*);
+using Callbacks = tsan_models::Pending<rcu_head, Callback>;
 
 // Addresses that stand for the two orders.
 char gracePeriods;
 char callbacks;
 
-std::mutex mutex;
-std::unordered_map<rcu_head*, Callback>& pending() {
-  // Never destroyed: callbacks run until the process ends.
-  static auto* pending = new std::unordered_map<rcu_head*, Callback>;
-  return *pending;
-}
-
 void runCallback(rcu_head* head) {
-  Callback callback;
-  {
-    const std::lock_guard lock(mutex);
-    const auto found = pending().find(head);
-    callback = found->second;
-    pending().erase(found);
-  }
+  Callback* callback = Callbacks::instance().take(head);
   __tsan_acquire(&gracePeriods);
   callback(head);
   __tsan_release(&callbacks);
@@ -84,13 +70,9 @@ void urcu_qsbr_synchronize_rcu() {
   __tsan_acquire(&gracePeriods);
 }
 
-// The lock orders the call before its callback.
-void urcu_qsbr_call_rcu(rcu_head* head, Callback callback) {
+void urcu_qsbr_call_rcu(rcu_head* head, Callback* callback) {
   static auto* real = next<decltype(urcu_qsbr_call_rcu)>("urcu_qsbr_call_rcu");
-  {
-    const std::lock_guard lock(mutex);
-    pending()[head] = callback;
-  }
+  Callbacks::instance().give(head, callback);
   real(head, runCallback);
 }
 

@@ -6,11 +6,9 @@
 #include <sanitizer/tsan_interface.h>
 #include <urcu/rculfhash.h>
 
-#include <mutex>
-#include <unordered_map>
-
 #include "tests/thread_sanitizer/ignore.h"
 #include "tests/thread_sanitizer/next.h"
+#include "tests/thread_sanitizer/pending.h"
 
 using tsan_models::Ignore;
 using tsan_models::next;
@@ -30,26 +28,10 @@ int match(cds_lfht_node* node, const void* key) {
   return wanted->function(node, wanted->key);
 }
 
-using Work = void (*)(void*);
+using Work = void(void*);
+using Works = tsan_models::Pending<void, Work>;
 
-std::mutex mutex;
-std::unordered_map<void*, Work>& pending() {
-  // Never destroyed: the worker runs until the process ends.
-  static auto* pending = new std::unordered_map<void*, Work>;
-  return *pending;
-}
-
-// What its giver did is seen through the lock.
-void runWork(void* item) {
-  Work work;
-  {
-    const std::lock_guard lock(mutex);
-    const auto found = pending().find(item);
-    work = found->second;
-    pending().erase(found);
-  }
-  work(item);
-}
+void runWork(void* item) { Works::instance().take(item)(item); }
 
 }  // namespace
 
@@ -57,13 +39,10 @@ extern "C" {
 
 // The library's own, by which its functions hand tables that grow, shrink or go
 // to a worker; it exports this without declaring it.
-void urcu_workqueue_queue_work(void* queue, void* item, Work work) {
+void urcu_workqueue_queue_work(void* queue, void* item, Work* work) {
   static auto* real =
       next<decltype(urcu_workqueue_queue_work)>("urcu_workqueue_queue_work");
-  {
-    const std::lock_guard lock(mutex);
-    pending()[item] = work;
-  }
+  Works::instance().give(item, work);
   real(queue, item, runWork);
 }
 
