@@ -2,6 +2,10 @@
 //
 // Classifiers that were replaced: freed after a grace period, with what they
 // own, but for the last flow's block.
+
+// rcu_dereference as the atomic load that workers make.
+#define URCU_INLINE_SMALL_FUNCTIONS
+
 #include <rte_acl.h>
 #include <rte_malloc.h>
 #include <urcu-qsbr.h>
