@@ -7,10 +7,12 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
 #include "switch/commands/commands.h"
+#include "switch/flow/suggest.h"
 #include "switch/terminal/standard_error.h"
 
 namespace {
@@ -34,28 +36,37 @@ int finishOutput(int status) {
   return isOut ? status : failedOutput(errno);
 }
 
-// A word where a command should be, which CLI11 reports as a missing one.
-std::string unknownCommand(const CLI::App& app) {
+// CLI11 says only that a command is missing, also where there is a word in its
+// place.
+std::string commandError(const CLI::App& app) {
   const CLI::App* command = &app;
   std::string path = app.get_name();
   while (!command->get_subcommands().empty()) {
     command = command->get_subcommands().front();
     path += " " + command->get_name();
   }
+  if (command->get_require_subcommand_min() == 0) return {};
+  const std::string help = fmt::format(", see {} --help", path);
   const std::vector<std::string> left = command->remaining();
-  if (command->get_require_subcommand_min() == 0 || left.empty() ||
-      left.front().starts_with('-')) {
-    return {};
+  if (left.empty()) return fmt::format("{}: say a command{}\n", path, help);
+  const std::string& word = left.front();
+  if (word.starts_with('-')) {
+    return fmt::format("{}: unknown option \"{}\"{}\n", path, word, help);
   }
-  return fmt::format("{}: unknown command \"{}\", see {} --help\n", path,
-                     left.front(), path);
+  std::vector<std::string_view> names;
+  for (const CLI::App* one : command->get_subcommands({})) {
+    names.push_back(one->get_name());
+  }
+  const std::string meant = ofswitch::suggest(word, names);
+  return fmt::format("{}: unknown command \"{}\"{}\n", path, word,
+                     meant.empty() ? help : meant);
 }
 
 int exitStatus(const CLI::App& app, const CLI::ParseError& error) {
-  if (error.get_exit_code() != 0) {
-    const std::string unknown = unknownCommand(app);
-    if (!unknown.empty()) {
-      ofswitch::printError("{}", unknown);
+  if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+    const std::string text = commandError(app);
+    if (!text.empty()) {
+      ofswitch::printError("{}", text);
       return kWrongUse;
     }
   }

@@ -266,12 +266,17 @@ TEST_F(FlowsCommand, ExitsWith2WhenItIsUsedWrongly) {
     EXPECT_EQ(status_, 2) << arguments;
     return err_;
   };
-  EXPECT_EQ(use("flows"), "ofswitch: A subcommand is required\n");
+  EXPECT_EQ(use("flows"),
+            "ofswitch flows: say a command, see ofswitch flows --help\n");
+  EXPECT_EQ(use("flows --foo"),
+            "ofswitch flows: unknown option \"--foo\", see ofswitch flows "
+            "--help\n");
+  EXPECT_EQ(use(""), "ofswitch: say a command, see ofswitch --help\n");
   EXPECT_EQ(use("flows list"),
             "ofswitch flows: unknown command \"list\", see ofswitch flows "
             "--help\n");
   EXPECT_EQ(use("flow"),
-            "ofswitch: unknown command \"flow\", see ofswitch --help\n");
+            "ofswitch: unknown command \"flow\", did you mean \"flows\"?\n");
   EXPECT_EQ(use("flows add"),
             "ofswitch: flows add: say FLOW, or --file FILE\n");
   EXPECT_EQ(use("flows add --tls-ca x --address y"),
