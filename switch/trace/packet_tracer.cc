@@ -104,6 +104,10 @@ class PacketTracer::Walk {
   pb::TraceReply run(uint8_t table) {
     std::optional<uint8_t> next = table;
     while (next) next = step(*next);
+    if (!isConnected(inPort_)) {
+      reply_.mutable_steps(0)->add_notes(
+          fmt::format("the switch has no port {}", inPort_));
+    }
     return std::move(reply_);
   }
 

@@ -239,6 +239,21 @@ TEST(LiveTrace, ControllerInPortAndPortsThatAreNotThere) {
           hex(frame))));
 }
 
+TEST(LiveTrace, NotesAnInPortThatIsNotThere) {
+  LiveBench bench(
+      {.flows = "actions=goto_table:1\ntable=1,actions=output:3\n"});
+  const auto notes = [&](const char* packet) {
+    const pb::TraceReply reply = traceWords(&bench, packet);
+    EXPECT_EQ(reply.steps_size(), 2);
+    EXPECT_EQ(reply.steps(1).notes_size(), 0);
+    return std::vector<std::string>(reply.steps(0).notes().begin(),
+                                    reply.steps(0).notes().end());
+  };
+  EXPECT_THAT(notes("in_port=9,arp"),
+              testing::ElementsAre("the switch has no port 9"));
+  EXPECT_THAT(notes("in_port=2,arp"), testing::IsEmpty());
+}
+
 TEST(LiveTrace, FloodLeavesTheInPortOut) {
   LiveBench bench({.flows = "actions=flood\n"});
   const pb::TraceReply reply =
