@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 #include <set>
+#include <sstream>
 
 #include "switch/flow/diagnostic.h"
 #include "switch/flow/file_text.h"
@@ -199,13 +200,30 @@ SwitchConfig read(const YAML::Node& root, const std::string& name) {
   return config;
 }
 
+// Most often the parser takes such a tab for part of a value, and speaks of
+// something else.
+bool isIndentedByTab(const std::string& text, int line) {
+  std::istringstream lines(text);
+  std::string found;
+  for (int i = 0; i <= line; i++) std::getline(lines, found);
+  const size_t word = found.find_first_not_of(" \t");
+  return found.substr(0, word).find('\t') != std::string::npos;
+}
+
+std::string reasonOf(const YAML::Exception& error, const std::string& text) {
+  return isIndentedByTab(text, error.mark.line)
+             ? "a tab in front of the line; YAML indents by blanks"
+             : error.msg;
+}
+
 }  // namespace
 
 SwitchConfig parseConfig(const std::string& text, const std::string& name) {
   try {
     return read(YAML::Load(text), name);
   } catch (const YAML::Exception& error) {
-    throw ConfigError(Diagnostic{name, error.mark.line + 1, error.msg}.text());
+    throw ConfigError(
+        Diagnostic{name, error.mark.line + 1, reasonOf(error, text)}.text());
   }
 }
 

@@ -157,6 +157,8 @@ const ErrorCase kErrorCases[] = {
      "s.yaml:1: unknown key \"log.Openflow\", did you mean \"OpenFlow\"?"},
     {"LogLevel", "log: {OpenFlow: 32}",
      "s.yaml:1: log.OpenFlow: \"32\" is not a number from 0 to 31"},
+    {"Tab", "memory:\n\tmb: 512\n",
+     "s.yaml:2: a tab in front of the line; YAML indents by blanks"},
     {"BrokenYaml", "ports: [\n", "s.yaml:2: end of sequence flow not found"},
 };
 
