@@ -51,10 +51,13 @@ int noPassword(char*, int, int, void* asked) {
 // The first one; those of its authorities may follow.
 Certificate certificateIn(const TlsFile& file, const std::string& text) {
   const Bytes bytes = bytesOf(text);
+  const auto next = [&] {
+    return Certificate(
+        PEM_read_bio_X509(bytes.get(), nullptr, nullptr, nullptr));
+  };
   ERR_clear_error();
-  Certificate first(PEM_read_bio_X509(bytes.get(), nullptr, nullptr, nullptr));
-  for (Certificate more(first ? X509_dup(first.get()) : nullptr); more;) {
-    more.reset(PEM_read_bio_X509(bytes.get(), nullptr, nullptr, nullptr));
+  Certificate first = next();
+  while (first && next()) {
   }
   const bool isRead =
       ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
