@@ -27,7 +27,9 @@ class ClientCommand : public testing::Test {
     const std::string command =
         "export OFSWITCH_SOCKET=" + socket + " TZ=UTC; cd " + folder + " && (" +
         before + " " OFSWITCH " " + arguments + ") > stdout 2> stderr";
+    fake_.handOver();
     const int status = std::system(command.c_str());
+    fake_.handOver();
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     out_ = openflow_test::readFile(dir_ / "stdout");
     err_ = openflow_test::readFile(dir_ / "stderr");

@@ -6,6 +6,21 @@
 #include <thread>
 
 namespace ofswitch {
+namespace {
+
+// A call, from its first look at the switch to its last.
+class Turn {
+ public:
+  explicit Turn(FakeSwitch* fake) : fake_(fake) { fake_->handOver(); }
+  ~Turn() { fake_->handOver(); }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  FakeSwitch* fake_;
+};
+
+}  // namespace
 
 FakeSwitch::FakeSwitch(std::string address) {
   grpc::ServerBuilder builder;
@@ -23,6 +38,7 @@ FakeSwitch::~FakeSwitch() {
 grpc::Status FakeSwitch::ChangeFlows(
     grpc::ServerContext* /*context*/, const pb::FlowChange* request,
     grpc::ServerWriter<pb::FlowChangeEvent>* writer) {
+  const Turn turn(this);
   change = *request;
   pb::FlowChangeEvent event;
   for (const pb::FlowProgress& one : progress) {
@@ -38,6 +54,7 @@ grpc::Status FakeSwitch::ChangeFlows(
 grpc::Status FakeSwitch::DumpFlows(grpc::ServerContext* /*context*/,
                                    const pb::FlowFilter* request,
                                    grpc::ServerWriter<pb::FlowEntry>* writer) {
+  const Turn turn(this);
   filter = *request;
   for (const pb::FlowEntry& flow : flows) {
     if (!writer->Write(flow)) break;
@@ -48,6 +65,7 @@ grpc::Status FakeSwitch::DumpFlows(grpc::ServerContext* /*context*/,
 grpc::Status FakeSwitch::GetTables(grpc::ServerContext* /*context*/,
                                    const pb::TablesRequest* request,
                                    pb::TablesReply* reply) {
+  const Turn turn(this);
   tablesRequest = *request;
   *reply = tables;
   return status;
@@ -56,6 +74,7 @@ grpc::Status FakeSwitch::GetTables(grpc::ServerContext* /*context*/,
 grpc::Status FakeSwitch::GetPorts(grpc::ServerContext* /*context*/,
                                   const pb::PortsRequest* /*request*/,
                                   pb::PortsReply* reply) {
+  const Turn turn(this);
   *reply = ports;
   return status;
 }
@@ -63,6 +82,7 @@ grpc::Status FakeSwitch::GetPorts(grpc::ServerContext* /*context*/,
 grpc::Status FakeSwitch::GetStats(grpc::ServerContext* /*context*/,
                                   const pb::StatsRequest* request,
                                   pb::StatsReply* reply) {
+  const Turn turn(this);
   statsRequest = *request;
   *reply = stats[std::min(statsRead_, stats.size() - 1)];
   statsRead_++;
@@ -72,7 +92,9 @@ grpc::Status FakeSwitch::GetStats(grpc::ServerContext* /*context*/,
 grpc::Status FakeSwitch::ReadLog(grpc::ServerContext* context,
                                  const pb::LogRequest* request,
                                  grpc::ServerWriter<pb::LogEntry>* writer) {
+  const Turn turn(this);
   logRequest = *request;
+  handOver();  // a test does not wait for the end
   for (const pb::LogEntry& entry : log) writer->Write(entry);
   while (request->follow() && !context->IsCancelled()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -83,6 +105,7 @@ grpc::Status FakeSwitch::ReadLog(grpc::ServerContext* context,
 grpc::Status FakeSwitch::SetLogLevels(grpc::ServerContext* /*context*/,
                                       const pb::LogLevels* request,
                                       pb::LogLevels* reply) {
+  const Turn turn(this);
   levelsRequest = *request;
   *reply = levels;
   return status;

@@ -3,6 +3,7 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -20,6 +21,11 @@ class FakeSwitch final : public pb::Switch::Service {
  public:
   explicit FakeSwitch(std::string address = "");  // empty: a unix socket
   ~FakeSwitch() override;
+
+  // What a test has written is there for the calls, and what they have written
+  // for the test, once each has done this. The order itself is that of messages
+  // on a socket, which other processes take part in.
+  void handOver() { turn_.fetch_add(1, std::memory_order_acq_rel); }
 
   std::string socket() const { return dir_ / "control.sock"; }
   int port() const { return port_; }
@@ -67,6 +73,7 @@ class FakeSwitch final : public pb::Switch::Service {
                             pb::LogLevels* reply) override;
 
  private:
+  std::atomic<unsigned> turn_ = 0;
   openflow_test::ScratchDir dir_;
   int port_ = 0;
   size_t statsRead_ = 0;

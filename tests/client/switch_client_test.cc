@@ -37,6 +37,7 @@ std::string whyNot(const DoorOptions& door) {
 TEST(SwitchClient, AsksBySocket) {
   FakeSwitch fake;
   fake.ports.add_ports()->set_port(7);
+  fake.handOver();
   SwitchClient client({.socket = fake.socket()});
   const auto reply =
       client.call(&SwitchClient::Stub::GetPorts, pb::PortsRequest());
@@ -220,7 +221,9 @@ TEST(SwitchClient, RepeatsWhatTheSwitchRefuses) {
   FakeSwitch fake;
   SwitchClient client({.socket = fake.socket()});
   const auto answer = [&](grpc::StatusCode code) -> std::string {
+    fake.handOver();
     fake.status = {code, "the reason"};
+    fake.handOver();
     try {
       client.call(&SwitchClient::Stub::GetPorts, pb::PortsRequest());
     } catch (const ClientError& error) {
