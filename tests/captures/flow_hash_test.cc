@@ -8,10 +8,11 @@
 namespace openflow_test {
 namespace {
 
-uint32_t hashOf(const Frame& frame) {
-  const Bytes bytes = frame.bytes();
+uint32_t hashOf(const Bytes& bytes) {
   return bess::FlowHash(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
+
+uint32_t hashOf(const Frame& frame) { return hashOf(frame.bytes()); }
 
 const uint32_t kA = ip4("10.0.0.1");
 const uint32_t kB = ip4("10.0.0.2");
@@ -54,6 +55,18 @@ TEST(FlowHash, DiffersBetweenFramesTooShortForAFlow) {
 TEST(FlowHash, FragmentsStayTogether) {
   EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).fragment(0, true).udp(7, 80)),
             hashOf(Frame::eth().ipv4(kA, kB).fragment(64, false).udp(1, 2)));
+}
+
+TEST(FlowHash, ReadsPortsUpToTheFramesLastByte) {
+  const auto hashOfFirst = [](const Frame& frame, long bytes) {
+    const Bytes whole = frame.bytes();
+    return hashOf(Bytes(whole.begin(), whole.begin() + bytes));
+  };
+  const Frame a = Frame::eth().ipv4(kA, kB).udp(7, 80);
+  const Frame b = Frame::eth().ipv4(kA, kB).udp(7, 81);
+  EXPECT_EQ(hashOfFirst(a, 14 + 20 + 4), hashOf(a));
+  EXPECT_NE(hashOfFirst(a, 14 + 20 + 4), hashOfFirst(b, 14 + 20 + 4));
+  EXPECT_EQ(hashOfFirst(a, 14 + 20 + 3), hashOfFirst(b, 14 + 20 + 3));
 }
 
 // Read with a sanitizer: nothing beyond the frame is touched.

@@ -111,25 +111,29 @@ TEST_F(RingPortTest, CountsWhatAFullQueueDoesNotTake) {
   ExpectClosed(port);
 }
 
-TEST_F(RingPortTest, RefusesFramesOfTheWrongLengthOneByOne) {
+TEST_F(RingPortTest, RefusesFramesOfTheWrongLengthAloneAndOutOfABatch) {
   Port* port = Open("loop", {.device = "net_ring0"});
   const Sender sender = Send(port);
   const Receiver receiver = Receive(port);
-  Push(sender, MakeFrame(13));
-  Push(sender, MakeFrame(14));
-  Push(sender, MakeFrame(1514));
-  Push(sender, MakeFrame(1515));
-  Push(sender, MakeFrame(1518, 0, true));
-  Push(sender, MakeFrame(1519, 0, true));
-  std::vector<size_t> lengths;
-  for (const auto& captured : Pull(receiver)) {
-    lengths.push_back(captured.bytes.size());
+  for (const bool alone : {true, false}) {
+    for (const std::string& frame :
+         {MakeFrame(13), MakeFrame(14), MakeFrame(1514), MakeFrame(1515),
+          MakeFrame(1518, 0, true), MakeFrame(1519, 0, true)}) {
+      ASSERT_TRUE(sender.source->Push(MakePacket(frame)));
+      if (alone) worker()->Run(sender.task());
+    }
+    worker()->Run(sender.task());
+    std::vector<size_t> lengths;
+    for (const auto& captured : Pull(receiver)) {
+      lengths.push_back(captured.bytes.size());
+    }
+    EXPECT_THAT(lengths, testing::ElementsAre(14, 1514, 1518));
   }
-  EXPECT_THAT(lengths, testing::ElementsAre(14, 1514, 1518));
   const PortStats stats = port->stats();
-  EXPECT_EQ(stats.drop(DropCause::kTxTooShort), 1u);
-  EXPECT_EQ(stats.drop(DropCause::kTxTooLong), 2u);
-  EXPECT_EQ(stats.tx_packets, 3u);
+  EXPECT_EQ(stats.drop(DropCause::kTxTooShort), 2u);
+  EXPECT_EQ(stats.drop(DropCause::kTxTooLong), 4u);
+  EXPECT_EQ(stats.tx_packets, 6u);
+  EXPECT_EQ(stats.tx_bytes, 2u * (14 + 1514 + 1518));
   ExpectClosed(port);
 }
 

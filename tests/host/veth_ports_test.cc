@@ -160,13 +160,18 @@ TEST_F(VethTest, DropsFramesThatTheInterfaceMerged) {
   Port* port = OpenLeft();
   const Receiver receiver = Receive(port);
   RawSocket right("right");
-  ASSERT_TRUE(right.SendUncut(9000));
+  // Two tags fit behind the longest frame.
+  for (const size_t len : {9000, 1523, 1522}) {
+    ASSERT_TRUE(right.SendUncut(len));
+  }
   ASSERT_TRUE(right.Send(MakeFrame(60, 1)));
   const auto captured = Pull(receiver);
-  ASSERT_EQ(captured.size(), 1u);
-  EXPECT_EQ(captured[0].bytes, MakeFrame(60, 1));
-  EXPECT_EQ(port->stats().drop(DropCause::kRxTooLong), 1u);
-  EXPECT_EQ(port->stats().rx_received, 2u);
+  ASSERT_EQ(captured.size(), 2u);
+  EXPECT_EQ(captured[0].bytes.size(), 1522u);
+  EXPECT_EQ(captured[1].bytes, MakeFrame(60, 1));
+  EXPECT_EQ(port->stats().drop(DropCause::kRxTooLong), 2u);
+  EXPECT_EQ(port->stats().rx_received, 4u);
+  EXPECT_EQ(port->stats().rx_bytes, 1522u + 60);
   ExpectClosed(port);
 }
 

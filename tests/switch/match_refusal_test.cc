@@ -111,6 +111,9 @@ const RefusalCase kCases[] = {
     {"vlan_vid=5",
      "vlan_vid=5: matches no frame without the bit 0x1000, which stands for "
      "the tag; did you mean dl_vlan=5?"},
+    {"vlan_vid=4095",
+     "vlan_vid=4095: matches no frame without the bit 0x1000, which stands for "
+     "the tag; did you mean dl_vlan=4095?"},
     {"vlan_vid=0x1000/0x1000",
      "vlan_vid=0x1000/0x1000: the module cannot tell a tag with VID 0 and "
      "priority 0 from no tag; match a VID or a priority above 0"},

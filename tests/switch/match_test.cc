@@ -36,6 +36,7 @@ const MatchCase kCases[] = {
      "ethDstMask:'\\xff\\0\\0\\0\\0\\x0f'}"},
     {"dl_dst=01:00:00:00:00:00/00:00:00:00:00:00", ""},
     {"dl_type=0x88cc", "fields{ethType:true} values{ethType:0x88cc}"},
+    {"dl_type=0x0600", "fields{ethType:true} values{ethType:0x0600}"},
     {"eth_type=2048", "fields{ethType:true} values{ethType:0x0800}"},
     {"dl_type=0x86dd", "fields{ethType:true} values{ethType:0x86dd}", true},
     {"ip", "fields{ethType:true} values{ethType:0x0800}"},
@@ -74,6 +75,8 @@ const MatchCase kCases[] = {
     // VLAN tags.
     {"dl_vlan=100",
      "fields{vlanVid:true} values{vlanVid:100 vlanVidMask:0xfff}"},
+    {"dl_vlan=4095",
+     "fields{vlanVid:true} values{vlanVid:4095 vlanVidMask:0xfff}"},
     {"vlan_vid=0x1064",
      "fields{vlanVid:true} values{vlanVid:100 vlanVidMask:0xfff}"},
     {"vlan_vid=0x1004/0x1007",

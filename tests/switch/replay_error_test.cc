@@ -259,6 +259,8 @@ TEST_F(ReplayErrors, AnOutputThatCannotBeWrittenIsAnError) {
     EXPECT_EQ(status_, 1);
     // DPDK, too, has something to say about the limit.
     EXPECT_THAT(stderr_, EndsWith("out/port-2.pcap: File too large\n"));
+    EXPECT_FALSE(exists("out/port-2.pcap"));
+    EXPECT_FALSE(exists("out/port-2.pcap.part"));
     EXPECT_TRUE(account("nothingLost"));
     EXPECT_EQ(port(2)["packetsOut"], 2000);
   }
