@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <string>
 
@@ -53,6 +54,18 @@ TEST(CaptureWriter, TellsOfAFullDiskAsSoonAsItIsSeen) {
   bess::CaptureWriter writer("/dev/full", "out/a.pcap");
   for (int i = 0; i < 1000; i++) writer.Write(1, kFrame, sizeof(kFrame));
   EXPECT_EQ(writer.error(), "out/a.pcap: No space left on device");
+}
+
+TEST(CaptureWriter, GivesBackAllItsMemory) {
+  const ScratchDir dir;
+  const auto write = [&] {
+    bess::CaptureWriter(dir / "a.pcap").Write(1, kFrame, 60);
+  };
+  write();
+  const size_t before = mallinfo2().uordblks;
+  for (int i = 0; i < 100; i++) write();
+  // A writer's memory is some kilobytes; what the heap keeps by itself is not.
+  EXPECT_LE(mallinfo2().uordblks, before + 100 * 100);
 }
 
 }  // namespace

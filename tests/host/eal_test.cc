@@ -115,6 +115,22 @@ TEST(EalTest, MemoryIsWhatWasAskedFor) {
   });
 }
 
+// Whether the machine has any to give or not.
+TEST(EalTest, HugepagesAreTakenOrMissed) {
+  InChild([] {
+    const std::string error =
+        bess::InitEal({.memory_mb = 64, .hugepages = true});
+    if (!error.empty()) {
+      return Expect(error.starts_with("DPDK does not start with bess "),
+                    error.c_str()) &&
+             Expect(error.find(" --in-memory ") != std::string::npos,
+                    error.c_str());
+    }
+    return Expect(rte_eal_has_hugepages() == 1, "DPDK has them") &&
+           Expect(bess::HasHugePages(), "and says so");
+  });
+}
+
 // What the kernel says of the mapping in which the byte lies.
 std::string MappingOf(const void* byte) {
   const auto address = reinterpret_cast<uintptr_t>(byte);
