@@ -8,7 +8,9 @@
 #include <urcu-qsbr.h>
 
 #include <chrono>
+#include <fstream>
 #include <stdexcept>
+#include <string>
 
 #include "internal/idle_backoff.h"
 #include "qsbr.h"
@@ -19,6 +21,16 @@ namespace {
 // How late a sleeping worker may wake up, in nanoseconds. The kernel's usual 50
 // microseconds would make every short sleep a long one.
 constexpr unsigned long kTimerSlack = 1000;
+
+// As the kernel writes it: 0-3,8.
+std::string AllowedCores() {
+  std::ifstream status("/proc/thread-self/status");
+  std::string word;
+  while (status >> word && word != "Cpus_allowed_list:") {
+  }
+  status >> word;
+  return status ? word : "cores that the kernel does not tell";
+}
 
 }  // namespace
 
@@ -80,7 +92,7 @@ std::string WorkerThread::SetUp() {
     if (const int error =
             pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus)) {
       return who + ": cannot be pinned to core " + std::to_string(core_) +
-             ": " + rte_strerror(error);
+             ": " + rte_strerror(error) + "; it may run on " + AllowedCores();
     }
   }
   if (rte_thread_register() != 0) {

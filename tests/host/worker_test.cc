@@ -57,8 +57,10 @@ TEST_F(WorkerTest, RefusesWhatCannotBe) {
   EXPECT_EQ(Worker::Add(16), "worker 16: must be below 16");
   EXPECT_EQ(Worker::Add(-1), "worker -1: must be below 16");
   EXPECT_EQ(Worker::Add(0, 1000000), "worker 0: there is no core 1000000");
-  EXPECT_THAT(Worker::Add(0, 1023),
-              testing::HasSubstr("worker 0: cannot be pinned to core 1023: "));
+  EXPECT_THAT(
+      Worker::Add(0, 1023),
+      testing::MatchesRegex("worker 0: cannot be pinned to core 1023: "
+                            "Invalid argument; it may run on [-,0-9]+"));
   EXPECT_FALSE(Worker::Exists(0));
   for (const int wid : {-1, 0, 15, 16}) {
     EXPECT_FALSE(Worker::Exists(wid));
