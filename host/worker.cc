@@ -130,19 +130,7 @@ void Worker::DetachTasks(Module* module) {
 }
 
 void Worker::PauseAll() {
-  ControlThread::Instance().Run([] {
-    std::vector<int> running;
-    for (int wid = 0; wid < kMaxWorkers; wid++) {
-      if (worker_states[wid] == WorkerState::kRunning) {
-        GetWorkerThread(wid)->RequestPause();
-        running.push_back(wid);
-      }
-    }
-    for (int wid : running) {
-      GetWorkerThread(wid)->WaitUntilPaused();
-      worker_states[wid] = WorkerState::kPaused;
-    }
-  });
+  ControlThread::Instance().Run([] { bess::internal::PauseRunning(); });
 }
 
 std::string Worker::ResumeAll() {

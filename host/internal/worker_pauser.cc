@@ -33,21 +33,27 @@ std::atomic<bool> graph_changing;
 std::mutex graph_mutex;
 int WorkerPauser::depth_ = 0;
 
+std::vector<int> PauseRunning() {
+  std::vector<int> running;
+  for (int wid = 0; wid < Worker::kMaxWorkers; wid++) {
+    if (worker_states[wid] == WorkerState::kRunning) {
+      GetWorkerThread(wid)->RequestPause();
+      running.push_back(wid);
+    }
+  }
+  for (int wid : running) {
+    GetWorkerThread(wid)->WaitUntilPaused();
+    worker_states[wid] = WorkerState::kPaused;
+  }
+  return running;
+}
+
 WorkerPauser::WorkerPauser() {
   if (depth_++ > 0) {
     return;
   }
   paused_ = true;
-  for (int wid = 0; wid < Worker::kMaxWorkers; wid++) {
-    if (worker_states[wid] == WorkerState::kRunning) {
-      GetWorkerThread(wid)->RequestPause();
-      ran_.push_back(wid);
-    }
-  }
-  for (int wid : ran_) {
-    GetWorkerThread(wid)->WaitUntilPaused();
-    worker_states[wid] = WorkerState::kPaused;
-  }
+  ran_ = PauseRunning();
   const QsbrOffline offline;
   graph_mutex.lock();
   graph_changing = true;

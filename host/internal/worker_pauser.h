@@ -34,6 +34,9 @@ extern AtomicWorkerState worker_states[Worker::kMaxWorkers];
 extern std::atomic<bool> graph_changing;
 extern std::mutex graph_mutex;
 
+// Pauses the workers that run, waits until they do, and answers their numbers.
+std::vector<int> PauseRunning();
+
 // While it lives no worker runs, so that gates and tasks may change. On the
 // command thread only; pausers nest, and only the outermost one acts.
 class WorkerPauser {
