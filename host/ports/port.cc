@@ -84,7 +84,12 @@ void Port::Open() {
   }
   if (driver_ == "net_af_packet") {
     sockets_ = std::make_unique<PacketSockets>(info.if_index);
-    sockets_->IgnoreOutgoing();
+    if (const int error = sockets_->IgnoreOutgoing(); error != 0) {
+      throw std::runtime_error(
+          std::string("what the kernel sends there cannot be told from what "
+                      "comes in: ") +
+          rte_strerror(error));
+    }
     cuts_frames_ = true;
   }
   errors_are_no_losses_ =
