@@ -15,6 +15,7 @@
 #include "switch/control/unary_call.h"
 #include "switch/control/work_queue.h"
 #include "tests/captures/capture_files.h"
+#include "tests/support/time_limit.h"
 #include "tests/switch/live_bench.h"
 
 namespace ofswitch {
@@ -23,6 +24,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int kFlows = 3000;
+
+// Until nothing more fits into what a client does not read, and until many
+// calls have come.
+constexpr auto kUntilFull = openflow_test::timeLimit(100ms);
+constexpr auto kUntilAllCome = openflow_test::timeLimit(200ms);
 
 // A service that has nothing but listings, which together keep few flows, and
 // one question.
@@ -133,7 +139,7 @@ class FlowListingsTest : public testing::Test {
 TEST_F(FlowListingsTest, WaitWhileOthersKeepTooMuch) {
   const auto slow = list();
   ASSERT_TRUE(slow->readOne());
-  std::this_thread::sleep_for(100ms);  // until nothing more fits
+  std::this_thread::sleep_for(kUntilFull);
   const auto next = list("tcp,tp_dst=7");
   EXPECT_FALSE(comesWhileTicking(*next, 300ms));
   // It has had no time to rest: it gets all of its flows.
@@ -163,7 +169,7 @@ TEST_F(FlowListingsTest, GoOnWithoutTicksWhenThereIsRoom) {
 TEST_F(FlowListingsTest, EndThoseThatRestWhileOthersWait) {
   const auto resting = list();
   ASSERT_TRUE(resting->readOne());
-  std::this_thread::sleep_for(100ms);
+  std::this_thread::sleep_for(kUntilFull);
   const auto next = list("tcp,tp_dst=7");
   EXPECT_TRUE(comesWhileTicking(*next, 10s));
   EXPECT_LT(resting->readAll(), kFlows - 1);
@@ -184,7 +190,7 @@ TEST_F(FlowListingsTest, RefuseWhatThereIsNoPlaceFor) {
   std::vector<std::unique_ptr<Client>> clients;
   for (int i = 0; i < 16; i++) clients.push_back(list());
   ASSERT_TRUE(clients[0]->readOne());
-  std::this_thread::sleep_for(200ms);  // until all of them have come
+  std::this_thread::sleep_for(kUntilAllCome);
   const auto more = list();
   EXPECT_EQ(more->readAll(), 0);
   const grpc::Status status = more->reader->Finish();
