@@ -266,6 +266,22 @@ TEST_F(ReplayErrors, AnOutputThatCannotBeWrittenIsAnError) {
   }
 }
 
+// The last of them wait in a buffer until the file is finished.
+TEST_F(ReplayErrors, TheLastPacketsOfAnOutputCannotBeWritten) {
+  constexpr size_t kLimit = 64 * 512;  // as sh counts
+  constexpr size_t kRecordHeader = 16;
+  const size_t packets = kLimit / (kRecordHeader + udp(1).bytes().size()) + 20;
+  std::vector<CaptureRow> rows;
+  for (uint64_t i = 0; i < packets; i++) rows.push_back(row(i, udp(1)));
+  capture("many.pcap", rows);
+  replay("--flows good.txt --in 1=many.pcap --out-dir out",
+         "trap '' XFSZ && ulimit -f 64 &&");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(stderr_, EndsWith("out/port-2.pcap: File too large\n"));
+  EXPECT_FALSE(exists("out/port-2.pcap"));
+  EXPECT_FALSE(exists("out/port-2.pcap.part"));
+}
+
 TEST_F(ReplayErrors, OptionsOutOfRangeAreRefused) {
   replay("--flows good.txt --in 1=in.pcap --workers 17");
   EXPECT_NE(status_, 0);
