@@ -58,26 +58,19 @@ class BusyService : public testing::Test {
   };
 
   // Whether all places are free again, for which it waits.
-  bool isIdle() {
-    const auto deadline = Clock::now() + timeLimit(10s);
-    while (Clock::now() < deadline) {
-      size_t taken = 0;
-      while (taken <= kPlaces && commands_.takePlace()) taken++;
-      for (size_t i = 0; i < taken; i++) commands_.givePlaceBack();
-      if (taken == kPlaces) return true;
-      std::this_thread::sleep_for(1ms);
-    }
-    return false;
-  }
+  bool isIdle() { return comesToHave(kPlaces); }
 
   // Whether a call has one of the places, for which it waits.
-  bool isTaken() {
+  bool isTaken() { return comesToHave(kPlaces - 1); }
+
+  // Whether so many places are free, for which it waits.
+  bool comesToHave(size_t free) {
     const auto deadline = Clock::now() + timeLimit(10s);
     while (Clock::now() < deadline) {
       size_t taken = 0;
       while (taken <= kPlaces && commands_.takePlace()) taken++;
       for (size_t i = 0; i < taken; i++) commands_.givePlaceBack();
-      if (taken == kPlaces - 1) return true;
+      if (taken == free) return true;
       std::this_thread::sleep_for(1ms);
     }
     return false;
