@@ -16,6 +16,7 @@
 
 #include "switch/control/connection_door.h"
 #include "switch/control/control_socket.h"
+#include "switch/control/grpc_log.h"
 #include "switch/control/host_service.h"
 #include "switch/control/message_codec.h"
 #include "switch/control/switch_service.h"
@@ -143,7 +144,7 @@ ControlSockets::ControlSockets(const SwitchConfig& config)
     : impl_(std::make_unique<Impl>()) {
   // Never shut down again: that would wait up to ten seconds for a thread of
   // gRPC's that polls.
-  static const bool isInitialized = (grpc_init(), true);
+  static const bool isInitialized = (grpc_init(), keepGrpcMessages(), true);
   static_cast<void>(isInitialized);
   if (!config.controlAddress.empty()) {
     const TcpAddress address = checkedAddress(config);

@@ -7,7 +7,8 @@
 namespace ofswitch {
 
 // Who writes to the trace log.
-inline constexpr std::array kLogFacilities = {"OpenFlow", "Controller"};
+inline constexpr std::array kLogFacilities = {"OpenFlow", "Controller",
+                                              "ControlDoor"};
 
 inline constexpr uint32_t kMaxLogLevel = 31;
 

@@ -167,7 +167,8 @@ TEST_F(LiveCommands, ShowTheLogAndItsLevels) {
   EXPECT_THAT(answer("log levels OpenFlow=none Controller=none"),
               HasSubstr("OpenFlow=none\n"));
   EXPECT_THAT(answer("log levels Controller=3"), HasSubstr("Controller=3\n"));
-  EXPECT_EQ(answer("log levels"), "Controller=3\nOpenFlow=none\n");
+  EXPECT_EQ(answer("log levels"),
+            "ControlDoor=none\nController=3\nOpenFlow=none\n");
   answer("log levels Controller=none");
   ask("log levels OpenFlw=1");
   EXPECT_EQ(status_, 1);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "switch/control/control_server.h"
+#include "switch/live/log_report.h"
 #include "tests/control_door/certificates.h"
 #include "tests/control_door/control_bench.h"
 #include "tests/support/time_limit.h"
@@ -87,6 +88,23 @@ TEST_F(TlsDoor, RefusesOthers) {
   EXPECT_EQ(ask(grpc::InsecureChannelCredentials(), &ports).error_code(),
             grpc::StatusCode::UNAVAILABLE);
   EXPECT_EQ(ports, 0);
+}
+
+TEST_F(TlsDoor, LogsWhyItRefusedWithoutTellingStandardError) {
+  pb::LogRequest request;
+  request.set_facility("ControlDoor");
+  std::vector<pb::LogEntry> entries;
+  request.set_since(readLogEntries({}, SIZE_MAX, &entries));
+  entries.clear();
+  testing::internal::CaptureStderr();
+  int ports = 0;
+  ask(tls("stranger"), &ports);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  readLogEntries(request, SIZE_MAX, &entries);
+  ASSERT_FALSE(entries.empty());
+  EXPECT_THAT(entries.front().text(),
+              testing::AllOf(testing::StartsWith("gRPC: Handshake failed"),
+                             testing::HasSubstr("certificate verify failed")));
 }
 
 TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
