@@ -181,7 +181,69 @@ const KeyCase kLayer2Rows[] = {
      {.ethType = 0x0806, .arpTpa = 0x0a000007}},
 };
 
+const Ip6 kIp6Ones = ip6("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+const Mac kMacOnes = mac("ff:ff:ff:ff:ff:ff");
+const Layers kTcpOnes = {.proto = 6,
+                         .tos = 0xff,
+                         .ttl = 0xff,
+                         .l4Src = 0xffff,
+                         .l4Dst = 0xffff,
+                         .tcpFlags = 0xff};
+
+Frame allOnes(Frame frame) {
+  return frame.tcp(0xffff, 0xffff, 0xff).tos(0xff).ttl(0xff);
+}
+
+// Every bit of every field has its place, and takes no other.
+const KeyCase kOnesRows[] = {
+    {"Ipv4",
+     allOnes(Frame::eth(kMacOnes, kMacOnes)
+                 .vlan(0xfff, 7, true)
+                 .ipv4(0xffffffff, 0xffffffff)),
+     {.ethType = 0x0800,
+      .vlanTci = 0xffff,
+      .ipv4 = kTcpOnes,
+      .ipv4Src = 0xffffffff,
+      .ipv4Dst = 0xffffffff,
+      .ethDst = kMacOnes,
+      .ethSrc = kMacOnes}},
+    {"Ipv6",
+     allOnes(Frame::eth(kMacOnes, kMacOnes)
+                 .vlan(0xfff, 7, true)
+                 .ipv6(kIp6Ones, kIp6Ones)
+                 .flowLabel(0xfffff)),
+     {.ethType = 0x86dd,
+      .vlanTci = 0xffff,
+      .ipv6 = kTcpOnes,
+      .ipv6Src = kIp6Ones,
+      .ipv6Dst = kIp6Ones,
+      .ethDst = kMacOnes,
+      .ethSrc = kMacOnes}},
+    {"Ipv4Icmp", Frame::eth().ipv4(kIpA, kIpB).icmp(0xff, 0xff),
+     key4({.proto = 1, .ttl = 64, .icmpType = 0xff, .icmpCode = 0xff})},
+    {"Ipv6Icmp", Frame::eth().ipv6(kIp6A, kIp6B).icmp(0xff, 0xff),
+     key6({.proto = 58, .ttl = 64, .icmpType = 0xff, .icmpCode = 0xff})},
+    {"Ipv4Protocol", Frame(kTcp4).proto(0xff),
+     key4({.proto = 0xff, .ttl = 64})},
+    {"Ipv6NextHeader", Frame(kTcp6).proto(0xff),
+     key6({.proto = 0xff, .ttl = 64})},
+    {"Arp",
+     Frame::eth().arp(kIpA, 0xffffffff),
+     {.ethType = 0x0806, .arpTpa = 0xffffffff}},
+    {"Type", Frame::eth().ethType(0xffff).payload(60), {.ethType = 0xffff}},
+    {"Metadata",
+     withMetadata(kTcp4, MetadataBlock{}.withMetadata(~uint64_t{0})),
+     marked(key4(kTcpLayers), ~uint64_t{0})},
+    // The byte in front of the flags has bits of its own.
+    {"TcpOffset", Frame(kTcp4).patch(14 + 20 + 12, {0xff}), key4(kTcpLayers)},
+    {"TcpOffsetIpv6", Frame(kTcp6).patch(14 + 40 + 12, {0xff}),
+     key6(kTcpLayers)},
+};
+
 const KeyCase kIpRows[] = {
+    // The Ethernet type alone says which header follows.
+    {"Ipv4OtherVersion", Frame(kTcp4).patch(14, {0x65}), key4(kTcpLayers)},
+    {"Ipv6OtherVersion", Frame(kTcp6).patch(14, {0x40}), key6(kTcpLayers)},
     {"Ipv4TosAndTtl", Frame(kTcp4).tos(0xb9).ttl(3),
      key4({.proto = 6,
            .tos = 0xb9,
@@ -246,6 +308,7 @@ const KeyCase kIpRows[] = {
 INSTANTIATE_TEST_SUITE_P(Cut, Keys, ::testing::ValuesIn(kCutRows), rowName);
 INSTANTIATE_TEST_SUITE_P(Layer2, Keys, ::testing::ValuesIn(kLayer2Rows),
                          rowName);
+INSTANTIATE_TEST_SUITE_P(Ones, Keys, ::testing::ValuesIn(kOnesRows), rowName);
 INSTANTIATE_TEST_SUITE_P(Ip, Keys, ::testing::ValuesIn(kIpRows), rowName);
 
 }  // namespace
