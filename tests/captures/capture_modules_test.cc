@@ -179,6 +179,7 @@ TEST_F(CaptureModules, LargeFramesAreChained) {
     EXPECT_EQ(packets[i].segments, segments[i]);
     EXPECT_EQ(packets[i].bytes, rows[i].bytes);
   }
+  EXPECT_EQ(from->counts()[0].cut, 1u);  // the last one, of its only byte
 }
 
 TEST_F(CaptureModules, LargeFramesAreWrittenWhole) {

@@ -26,6 +26,48 @@ TEST(FlowHash, SameForAllFramesOfAFlow) {
             hashOf(Frame::eth().vlan(5).ipv4(kA, kB).udp(7, 80)));
   EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).udp(7, 80)),
             hashOf(Frame::eth().ipv4(kA, kB).options(8).udp(7, 80)));
+  EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).udp(7, 80)),
+            hashOf(Frame::eth().qinq(5).vlan(6).ipv4(kA, kB).udp(7, 80)));
+  EXPECT_EQ(hashOf(Frame::eth().ipv6(kA6, kB6).udp(7, 80)),
+            hashOf(Frame::eth().vlan(5).vlan(6).ipv6(kA6, kB6).udp(7, 80)));
+}
+
+// Behind a third tag nobody looks: the MAC addresses are all there is.
+TEST(FlowHash, ReadsTwoTags) {
+  EXPECT_EQ(
+      hashOf(Frame::eth().qinq(5).vlan(6).vlan(7).ipv4(kA, kB).udp(7, 80)),
+      hashOf(Frame::eth().arp(kA, kB)));
+}
+
+TEST(FlowHash, ReadsEveryByteOfAnAddress) {
+  const Ip6 zero = {};
+  const uint32_t hash6 = hashOf(Frame::eth().ipv6(zero, zero).tcp(7, 80));
+  for (size_t i = 0; i < zero.size(); i++) {
+    Ip6 other = {};
+    other[i] = 1;
+    EXPECT_NE(hash6, hashOf(Frame::eth().ipv6(other, zero).tcp(7, 80))) << i;
+    EXPECT_NE(hash6, hashOf(Frame::eth().ipv6(zero, other).tcp(7, 80))) << i;
+  }
+  const uint32_t hash4 = hashOf(Frame::eth().ipv4(0, 0).tcp(7, 80));
+  for (uint32_t bit = 1; bit != 0; bit <<= 8) {
+    EXPECT_NE(hash4, hashOf(Frame::eth().ipv4(bit, 0).tcp(7, 80))) << bit;
+    EXPECT_NE(hash4, hashOf(Frame::eth().ipv4(0, bit).tcp(7, 80))) << bit;
+  }
+}
+
+TEST(FlowHash, ReadsAddressesUpToTheFramesLastByte) {
+  const auto first = [](const Frame& frame, long bytes) {
+    const Bytes whole = frame.bytes();
+    return hashOf(Bytes(whole.begin(), whole.begin() + bytes));
+  };
+  const Frame a4 = Frame::eth().ipv4(kA, kB).udp(7, 80);
+  const Frame b4 = Frame::eth().ipv4(kA, kA).udp(7, 80);
+  EXPECT_NE(first(a4, 14 + 20), first(b4, 14 + 20));
+  EXPECT_EQ(first(a4, 14 + 19), first(b4, 14 + 19));
+  const Frame a6 = Frame::eth().ipv6(kA6, kB6).udp(7, 80);
+  const Frame b6 = Frame::eth().ipv6(kA6, kA6).udp(7, 80);
+  EXPECT_NE(first(a6, 14 + 40), first(b6, 14 + 40));
+  EXPECT_EQ(first(a6, 14 + 39), first(b6, 14 + 39));
 }
 
 TEST(FlowHash, DiffersBetweenFlows) {

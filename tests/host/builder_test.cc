@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "internal/plugin_scope.h"
 #include "module_builder.h"
 #include "probe.h"
 
@@ -76,6 +77,21 @@ TEST(ModuleBuilderTest, ANameIsTakenOnce) {
   EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Own"));
   EXPECT_FALSE(ModuleBuilder::DeregisterModuleClass("Own"));
   EXPECT_FALSE(ModuleBuilder::DeregisterModuleClass("Nobody"));
+}
+
+// As at the end of the process, when nobody unloads plug-ins one by one.
+TEST(ModuleBuilderTest, APlugInsClassGoesAlsoOutsideOfItsUnloading) {
+  {
+    const bess::internal::PluginScope scope("a.so");
+    ASSERT_TRUE(RegisterOwn());
+  }
+  EXPECT_EQ(Find("Own")->owner(), "a.so");
+  {
+    const bess::internal::PluginScope other("b.so");
+    EXPECT_FALSE(ModuleBuilder::DeregisterModuleClass("Own"));
+  }
+  EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Own"));
+  EXPECT_EQ(Find("Own"), nullptr);
 }
 
 TEST(ModuleBuilderTest, AClassWithInstancesStays) {

@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "probe.h"
@@ -59,6 +61,39 @@ TEST_F(EmitTest, GoesToTheModuleBehindTheGate) {
   EXPECT_THAT(Texts(at_two), ElementsAre("b"));
   EXPECT_EQ(at_two[0].igate, 8191);
   EXPECT_EQ(probe_->deadends(0), 0u);
+}
+
+// A gate's place among those that have packets is anew in every run.
+TEST_F(EmitTest, GatesMayComeInAnotherOrderInEveryRun) {
+  Sink* sinks[] = {MakeSink("zero"), MakeSink("one"), MakeSink("two")};
+  for (gate_idx_t gate = 0; gate < 3; gate++) {
+    Connect(probe_, gate, sinks[gate], 0);
+  }
+  std::vector<gate_idx_t> order;
+  probe_->on_run = [&](Context* ctx, PacketBatch*) {
+    for (gate_idx_t gate : order) {
+      Emit(ctx, std::to_string(gate), {gate});
+    }
+  };
+  const std::vector<std::vector<gate_idx_t>> orders = {
+      {0, 1, 2}, {2, 1, 0}, {1}, {0}, {1, 0}, {2, 0}};
+  for (const auto& one : orders) {
+    order = one;
+    Run();
+    std::vector<std::pair<uint64_t, gate_idx_t>> arrived;
+    for (gate_idx_t gate = 0; gate < 3; gate++) {
+      for (const Sink::Captured& captured : sinks[gate]->Take()) {
+        EXPECT_EQ(captured.bytes, std::to_string(gate));
+        arrived.emplace_back(captured.order, gate);
+      }
+    }
+    std::sort(arrived.begin(), arrived.end());
+    std::vector<gate_idx_t> gates;
+    for (const auto& [when, gate] : arrived) {
+      gates.push_back(gate);
+    }
+    EXPECT_EQ(gates, order);
+  }
 }
 
 TEST_F(EmitTest, DefaultGateIs0) {

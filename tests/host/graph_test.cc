@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "control.h"
 #include "probe.h"
 
@@ -174,6 +176,24 @@ TEST_F(GraphTest, DestroysAllFromTheLastToTheFirst) {
   EXPECT_THAT(Probe::log(), ElementsAre("DeInit c", "delete c", "DeInit b",
                                         "delete b", "DeInit a", "delete a"));
   EXPECT_THAT(bess::ListModules(), ElementsAre());
+}
+
+// Says which one it was.
+class Stubborn final : public Module {
+ public:
+  void DeInit() override { throw std::runtime_error("out of " + name()); }
+};
+
+TEST_F(GraphTest, OfSeveralFailuresTheFirstIsAnswered) {
+  ASSERT_TRUE(ModuleBuilder::RegisterModuleClass(
+      [] { return new Stubborn; }, "Stubborn", "stubborn", "", 0, 0, {},
+      MODULE_INIT_FUNC(&Module::Init)));
+  for (const char* name : {"a", "b", "c"}) {
+    EXPECT_EQ(bess::CreateModule("Stubborn", name).response.error().code(), 0);
+  }
+  MakeProbe("d");
+  EXPECT_EQ(bess::DestroyAllModules().error().errmsg(), "out of c");
+  EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Stubborn"));
 }
 
 }  // namespace

@@ -136,6 +136,13 @@ TEST_F(PortOpeningTest, RefusesNamesThatAreTakenOrMissing) {
   EXPECT_EQ(bess::ListPorts().size(), 1u);
 }
 
+TEST_F(PortOpeningTest, TakesTheSmallestMtu) {
+  const bess::Port* port = Open("a", {.device = "net_null0", .mtu = 68});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->mtu(), 68);
+  EXPECT_EQ(port->max_frame(), 82u);
+}
+
 TEST_F(PortOpeningTest, QuotesTheDriver) {
   const std::string path = testing::TempDir() + "no_capture";
   std::ofstream(path) << "this is no capture";
@@ -273,6 +280,19 @@ TEST_F(PortModulesTest, RefusePortsAndQueuesThatAreMissing) {
   const bess::pb::Error error = Make("PortIn", In("p", 2));
   EXPECT_EQ(error.code(), EINVAL);
   EXPECT_EQ(error.errmsg(), "queue 2: port 'p' has 2 to receive from");
+}
+
+TEST_F(PortModulesTest, KeepThePortOpenOneByOne) {
+  Open("p", {.device = "net_null0", .rx_queues = 2});
+  EXPECT_EQ(Make("PortOut", Out("p")).code(), 0);
+  EXPECT_EQ(bess::ClosePort("p"), "port 'p' is in use by modules");
+  bess::DestroyAllModules();
+  for (const uint32_t queue : {0, 1}) {
+    EXPECT_EQ(Make("PortIn", In("p", queue)).code(), 0);
+    EXPECT_EQ(bess::ClosePort("p"), "port 'p' is in use by modules");
+    bess::DestroyAllModules();
+  }
+  EXPECT_EQ(bess::ClosePort("p"), "");
 }
 
 TEST_F(PortModulesTest, HaveQueuesToThemselves) {

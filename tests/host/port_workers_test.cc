@@ -47,7 +47,7 @@ TEST_F(PortWorkersTest, EachHasAQueueWhereThereAreEnough) {
   bess::DestroyModule(sender.source->name());
   // Their indexes need not be those of the queues.
   Source* sources[] = {Feed(sender.out, 2), Feed(sender.out, 5),
-                       Feed(sender.out, 11)};
+                       Feed(sender.out, 15)};
   std::vector<Receiver> receivers;
   for (uint16_t queue = 0; queue < 3; queue++) {
     receivers.push_back(Receive(port, queue));

@@ -34,6 +34,8 @@ TEST_F(WholeBatchTest, GoesToTheModuleBehindTheGate) {
   };
   Run();
   EXPECT_THAT(Texts(zero->Take()), ElementsAre("a", "b"));
+  EXPECT_EQ(probe_->ogates()[0]->packets(), 2u);
+  EXPECT_EQ(probe_->ogates()[7]->packets(), 1u);
   const auto captured = seven->Take();
   EXPECT_THAT(Texts(captured), ElementsAre("c"));
   EXPECT_EQ(captured[0].igate, 2);

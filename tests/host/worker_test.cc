@@ -57,6 +57,7 @@ TEST_F(WorkerTest, RefusesWhatCannotBe) {
   EXPECT_EQ(Worker::Add(16), "worker 16: must be below 16");
   EXPECT_EQ(Worker::Add(-1), "worker -1: must be below 16");
   EXPECT_EQ(Worker::Add(0, 1000000), "worker 0: there is no core 1000000");
+  EXPECT_EQ(Worker::Add(0, CPU_SETSIZE), "worker 0: there is no core 1024");
   EXPECT_THAT(
       Worker::Add(0, 1023),
       testing::MatchesRegex("worker 0: cannot be pinned to core 1023: "
