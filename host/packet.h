@@ -41,12 +41,7 @@ class alignas(64) Packet {
   static constexpr size_t kMetadataOffset = sizeof(rte_mbuf) + kImmutableSize;
   static constexpr size_t kHeadroom = RTE_PKTMBUF_HEADROOM;
   static constexpr size_t kDataRoom = 2048;
-
-  // A copy takes along at least so many bytes from the start of the data, the
-  // packet's own or what lies behind them, if the buffer has so many: modules
-  // that read headers at fixed positions read the same in a short packet's copy
-  // as in the packet. One constant-size copy is also the fastest.
-  static constexpr uint16_t kMinCopy = internal::kWideCopySize;
+  static constexpr size_t kCopyLine = internal::kCopyLine;
 
   Packet() = delete;
   Packet(const Packet&) = delete;
@@ -150,7 +145,9 @@ class alignas(64) Packet {
 
   // A new packet with the same bytes, from the pool of `src`, with full
   // headroom, the same tag and port, no offload flags and cleared metadata
-  // flags. Chained packets are copied too, into as few segments as hold them.
+  // flags. What lies behind the bytes comes along up to the end of their last
+  // line, if the buffer reaches beyond it: whole lines are what is fast to
+  // copy. Chained packets are copied too, into as few segments as hold them.
   // Null when the pool is dry; nothing is then held.
   static Packet* copy(const Packet* src);
 
@@ -281,9 +278,11 @@ class alignas(64) Packet {
 inline Packet* Packet::copy(const Packet* src) {
   static_assert(LayoutHolds() && kPrivateSize == 256 && kMetadataOffset == 192);
   const uint16_t len = src->mbuf_.data_len;
-  const bool small = len <= kMinCopy && src->is_linear() &&
-                     src->mbuf_.data_off + kMinCopy <= src->mbuf_.buf_len;
-  if (!small) {
+  static_assert(kDataRoom % kCopyLine == 0);
+  const bool simple =
+      src->is_linear() && len <= kDataRoom &&
+      src->mbuf_.data_off + len + kCopyLine <= src->mbuf_.buf_len;
+  if (!simple) [[unlikely]] {
     return CopyAny(src);
   }
   rte_mbuf* mbuf = TakeFree(src->mbuf_.pool);
@@ -293,7 +292,7 @@ inline Packet* Packet::copy(const Packet* src) {
   InitMbuf(mbuf, len, src->mbuf_.port, src->mbuf_.hash.usr);
   Packet* dst = from_mbuf(mbuf);
   dst->clear_metadata_flags();
-  internal::WideCopy(dst->data_, src->data());
+  internal::CopyLines(dst->data_, src->data(), len);
   return dst;
 }
 

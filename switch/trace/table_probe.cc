@@ -99,11 +99,14 @@ ProbeFrame frameOf(const bess::Packet& pkt) {
     frame.bytes.append(segment->head_data<const char*>(),
                        static_cast<size_t>(segment->head_len()));
   }
-  const int window = bess::Packet::kMinCopy - pkt.head_len();
-  if (pkt.is_linear() && window > 0) {
+  if (pkt.is_linear()) {
+    // As far as copies take it along.
+    constexpr size_t kLine = bess::Packet::kCopyLine;
+    const size_t length = frame.bytes.size();
+    const size_t lines = (std::max(length, size_t{1}) + kLine - 1) / kLine;
     frame.behind.assign(
-        pkt.head_data<const char*>() + pkt.head_len(),
-        std::min<size_t>(static_cast<size_t>(window), pkt.tailroom()));
+        pkt.head_data<const char*>() + length,
+        std::min<size_t>(lines * kLine - length, pkt.tailroom()));
   }
   return frame;
 }

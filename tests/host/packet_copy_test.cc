@@ -27,16 +27,49 @@ TEST_F(PacketTest, CopyHasTheBytesOfEachLength) {
   }
 }
 
-TEST_F(PacketTest, CopyOfAShortPacketTakesAlongWhatLiesBehind) {
-  const std::string bytes = RandomBytes(Packet::kMinCopy);
-  Packet* src = Make(bytes);
-  src->set_data_len(34);
-  src->set_total_len(34);
-  Packet* copy = Packet::copy(src);
-  EXPECT_EQ(copy->head_len(), 34);
-  EXPECT_EQ(memcmp(copy->head_data<char*>(), bytes.data(), bytes.size()), 0);
-  Packet::Free(copy);
-  Packet::Free(src);
+// And leaves the line behind that alone.
+TEST_F(PacketTest, CopyTakesAlongTheRestOfTheLastLine) {
+  for (const auto& [length, lines] : {std::pair{0, 64},
+                                      {34, 64},
+                                      {64, 64},
+                                      {65, 128},
+                                      {129, 192},
+                                      {1984, 1984}}) {
+    SpoilFreeBuffers();
+    const std::string bytes = RandomBytes(2048);
+    Packet* src = Make(bytes);
+    src->set_data_len(static_cast<uint16_t>(length));
+    src->set_total_len(static_cast<uint32_t>(length));
+    Packet* copy = Packet::copy(src);
+    EXPECT_EQ(copy->head_len(), length);
+    EXPECT_EQ(std::string(copy->head_data<char*>(), 2048),
+              bytes.substr(0, static_cast<size_t>(lines)) +
+                  std::string(static_cast<size_t>(2048 - lines), '\xee'))
+        << length;
+    Packet::Free(copy);
+    Packet::Free(src);
+  }
+}
+
+TEST_F(PacketTest, CopyOfShiftedBytesTakesAlongWhatIsInBothBuffers) {
+  SpoilFreeBuffers();
+  const std::string bytes = RandomBytes(Packet::kDataRoom);
+  for (const uint16_t left : {64, 63}) {
+    Packet* src = Make(bytes);
+    src->set_data_len(static_cast<uint16_t>(Packet::kDataRoom - left));
+    src->set_total_len(src->data_len());
+    src->adj(1990 - left);  // 58 bytes of data
+    Packet* copy = Packet::copy(src);
+    EXPECT_EQ(Bytes(copy), bytes.substr(1990u - left, 58));
+    // A line behind the data has room in the source's buffer, or not quite.
+    EXPECT_EQ(
+        *copy->head_data<const uint8_t*>(58),
+        left == 64 ? static_cast<uint8_t>(bytes[1990u - left + 58]) : 0xee)
+        << left;
+    Packet::Free(copy);
+    Packet::Free(src);
+    SpoilFreeBuffers();
+  }
 }
 
 TEST_F(PacketTest, CopyOfAShortPacketStaysWithinTheSourcesBuffer) {
@@ -111,7 +144,7 @@ TEST_F(PacketTest, CopyLeavesMetadataBehind) {
   EXPECT_EQ(memcmp(copy->metadata<char*>() + 8, rest.data(), rest.size()), 0);
   Packet::Free(copy);
 
-  for (const size_t size : {size_t{Packet::kMinCopy}, Packet::kMinCopy + 1ul,
+  for (const size_t size : {size_t{Packet::kCopyLine}, Packet::kCopyLine + 1,
                             size_t{Packet::kDataRoom}}) {
     Packet* longer = Make(RandomBytes(size));
     copy = Packet::copy(longer);

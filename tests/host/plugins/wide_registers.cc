@@ -15,7 +15,7 @@ extern "C" void CopyWithVectorsInUse(float* vectors, char* to,
   for (int i = 0; i < kVectors; i++) {
     held[i] = _mm512_loadu_ps(vectors + 16 * i);
   }
-  bess::internal::WideCopy(to, from);
+  bess::internal::CopyLines(to, from, 128);
 #pragma GCC unroll 32
   for (int i = 0; i < kVectors; i++) {
     _mm512_storeu_ps(vectors + 16 * i, held[i]);
