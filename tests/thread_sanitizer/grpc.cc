@@ -8,6 +8,7 @@
 //
 // Inside it passes both on by queues without locks and by counts.
 #include <grpc/grpc.h>
+#include <grpcpp/support/server_callback.h>
 #include <sanitizer/tsan_interface.h>
 
 #include "tests/thread_sanitizer/next.h"
@@ -17,9 +18,31 @@ using tsan_models::next;
 namespace {
 
 // Where grpc::internal::ServerCallbackCall keeps its count of references,
-// behind its virtual functions and another count. All but the library's own
-// give theirs up there, by atomic operations that are seen.
+// behind its virtual functions and another count. Instrumented code gives its
+// own up there, by atomic operations that are seen.
 constexpr size_t kReferences = 12;
+
+// Stands for a call's reactor when the library tells it that the call is
+// cancelled: on another thread, with a reference that it gives up right after.
+class Cancellation final : public grpc::internal::ServerReactor {
+ public:
+  Cancellation(char* call, ServerReactor* reactor)
+      : call_(call), reactor_(reactor) {
+    __tsan_release(this);
+  }
+  void OnCancel() override {
+    __tsan_acquire(this);
+    reactor_->OnCancel();
+    __tsan_release(call_ + kReferences);
+    delete this;
+  }
+  void OnDone() override {}  // the reactor itself is told
+  bool InternalInlineable() override { return reactor_->InternalInlineable(); }
+
+ private:
+  char* const call_;
+  ServerReactor* const reactor_;
+};
 
 }  // namespace
 
@@ -49,6 +72,17 @@ grpc_event grpc_completion_queue_pluck(grpc_completion_queue* queue, void* tag,
   const grpc_event event = real(queue, tag, deadline, reserved);
   if (event.type == GRPC_OP_COMPLETE) __tsan_acquire(tag);
   return event;
+}
+
+// Of ServerCallbackCall.
+void callOnCancel(char* call, grpc::internal::ServerReactor* reactor) __asm__(
+    "_ZN4grpc8internal18ServerCallbackCall12CallOnCancelEPNS0_"
+    "13ServerReactorE");
+void callOnCancel(char* call, grpc::internal::ServerReactor* reactor) {
+  static auto* real = next<decltype(callOnCancel)>(
+      "_ZN4grpc8internal18ServerCallbackCall12CallOnCancelEPNS0_13ServerReactor"
+      "E");
+  real(call, new Cancellation(call, reactor));
 }
 
 // Of ServerCallbackCall, once its last reference is gone.
