@@ -6,9 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <future>
 #include <memory>
-#include <thread>
+#include <mutex>
 
 #include "switch.grpc.pb.h"
 #include "switch/control/message_codec.h"
@@ -22,13 +23,9 @@ namespace ofswitch {
 namespace {
 
 using namespace std::chrono_literals;
+using openflow_test::timeLimit;
 
 constexpr int kFlows = 3000;
-
-// Until nothing more fits into what a client does not read, and until many
-// calls have come.
-constexpr auto kUntilFull = openflow_test::timeLimit(100ms);
-constexpr auto kUntilAllCome = openflow_test::timeLimit(200ms);
 
 // A service that has nothing but listings, which together keep few flows, and
 // one question.
@@ -42,7 +39,20 @@ class Service final
   grpc::ServerWriteReactor<grpc::ByteBuffer>* DumpFlows(
       grpc::CallbackServerContext* context,
       const grpc::ByteBuffer* request) override {
-    return listings_->start(queue_, context, request).get();
+    const auto call = listings_->start(queue_, context, request);
+    {
+      const std::lock_guard lock(mutex_);
+      asked_++;
+    }
+    wake_.notify_all();
+    return call.get();
+  }
+
+  // Whether so many listings come to be asked for, for which it waits.
+  bool isAskedFor(size_t count) {
+    std::unique_lock lock(mutex_);
+    return wake_.wait_for(lock, timeLimit(10s),
+                          [&] { return asked_ == count; });
   }
 
   grpc::ServerUnaryReactor* GetPorts(grpc::CallbackServerContext* context,
@@ -55,6 +65,9 @@ class Service final
  private:
   FlowListings* const listings_;
   WorkQueue* const queue_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  size_t asked_ = 0;
 };
 
 class FlowListingsTest : public testing::Test {
@@ -77,7 +90,9 @@ class FlowListingsTest : public testing::Test {
     }
   };
 
-  FlowListingsTest() {
+  // No client rests for longer than `longestRest` while others wait.
+  explicit FlowListingsTest(std::chrono::milliseconds longestRest = 1h)
+      : listings_(&bench_.live(), 100, longestRest) {
     std::string text;
     for (int i = 0; i < kFlows; i++) {
       text += fmt::format("priority={},tcp,tp_dst={},actions=drop\n", 60000 - i,
@@ -115,41 +130,46 @@ class FlowListingsTest : public testing::Test {
 
   std::string path() const { return dir_ / "listings.sock"; }
 
-  // Whether something comes while time passes for the listings.
+  // Whether a flow comes while time passes for the listings. Asked a second
+  // time, it goes on waiting for the same one.
   bool comesWhileTicking(const Client& client,
                          std::chrono::milliseconds patience) {
-    one_ = std::async(std::launch::async, [&] { return client.readOne(); });
-    const auto end = std::chrono::steady_clock::now() + patience;
+    if (!one_.valid()) {
+      one_ = std::async(std::launch::async, [&] { return client.readOne(); });
+    }
+    const auto end = std::chrono::steady_clock::now() + timeLimit(patience);
     while (std::chrono::steady_clock::now() < end) {
       listings_.tick();
-      if (one_.wait_for(5ms) == std::future_status::ready) return true;
+      if (one_.wait_for(5ms) == std::future_status::ready) return one_.get();
     }
     return false;
   }
 
   LiveBench bench_{{.counters = 1 << 16}};
   openflow_test::ScratchDir dir_;
-  FlowListings listings_{&bench_.live(), 100, 1s};
-  WorkQueue queue_{2, 16};
+  FlowListings listings_;
+  // One thread: what a listing keeps is known before the next one begins.
+  WorkQueue queue_{1, 16};
   Service service_{&listings_, &queue_};
   std::unique_ptr<grpc::Server> server_;
   std::future<bool> one_;
 };
 
+class RestingListingsTest : public FlowListingsTest {
+ protected:
+  RestingListingsTest() : FlowListingsTest(500ms) {}
+};
+
 TEST_F(FlowListingsTest, WaitWhileOthersKeepTooMuch) {
   const auto slow = list();
   ASSERT_TRUE(slow->readOne());
-  std::this_thread::sleep_for(kUntilFull);
   const auto next = list("tcp,tp_dst=7");
+  ASSERT_TRUE(service_.isAskedFor(2));
   EXPECT_FALSE(comesWhileTicking(*next, 300ms));
-  // It has had no time to rest: it gets all of its flows.
+  // It has not rested for too long: it gets all of its flows.
   EXPECT_EQ(slow->readAll(), kFlows - 1);
   EXPECT_TRUE(slow->reader->Finish().ok());
-  for (int i = 0; i < 2000 && one_.wait_for(5ms) != std::future_status::ready;
-       i++) {
-    listings_.tick();
-  }
-  EXPECT_TRUE(one_.get());
+  EXPECT_TRUE(comesWhileTicking(*next, 10s));
   EXPECT_FALSE(next->readOne());
   EXPECT_TRUE(next->reader->Finish().ok());
 }
@@ -166,10 +186,9 @@ TEST_F(FlowListingsTest, GoOnWithoutTicksWhenThereIsRoom) {
             grpc::StatusCode::INVALID_ARGUMENT);
 }
 
-TEST_F(FlowListingsTest, EndThoseThatRestWhileOthersWait) {
+TEST_F(RestingListingsTest, EndWhileOthersWait) {
   const auto resting = list();
   ASSERT_TRUE(resting->readOne());
-  std::this_thread::sleep_for(kUntilFull);
   const auto next = list("tcp,tp_dst=7");
   EXPECT_TRUE(comesWhileTicking(*next, 10s));
   EXPECT_LT(resting->readAll(), kFlows - 1);
@@ -189,8 +208,7 @@ TEST_F(FlowListingsTest, GivePlacesBack) {
 TEST_F(FlowListingsTest, RefuseWhatThereIsNoPlaceFor) {
   std::vector<std::unique_ptr<Client>> clients;
   for (int i = 0; i < 16; i++) clients.push_back(list());
-  ASSERT_TRUE(clients[0]->readOne());
-  std::this_thread::sleep_for(kUntilAllCome);
+  ASSERT_TRUE(service_.isAskedFor(16));
   const auto more = list();
   EXPECT_EQ(more->readAll(), 0);
   const grpc::Status status = more->reader->Finish();
