@@ -6,26 +6,24 @@
 #include <cstddef>
 #include <fstream>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// Of every sanitizer's runtime; g++ has no header that declares it.
-extern "C" size_t __sanitizer_get_current_allocated_bytes();
-#define OPENFLOW_COUNTED_ALLOCATIONS 1
-#endif
+// Of every sanitizer's runtime, of which g++ has no header that declares it;
+// null in a program without one.
+extern "C" __attribute__((weak)) size_t
+__sanitizer_get_current_allocated_bytes();
 
 namespace ofswitch {
 
 // What this process has in memory now. A sanitizer holds back what was freed,
 // and has notes of its own beside; there, what was allocated and not freed.
 inline size_t residentBytes() {
-#ifdef OPENFLOW_COUNTED_ALLOCATIONS
-  return __sanitizer_get_current_allocated_bytes();
-#else
+  if (__sanitizer_get_current_allocated_bytes != nullptr) {
+    return __sanitizer_get_current_allocated_bytes();
+  }
   std::ifstream statm("/proc/self/statm");
   size_t all = 0;
   size_t resident = 0;
   statm >> all >> resident;
   return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-#endif
 }
 
 }  // namespace ofswitch
