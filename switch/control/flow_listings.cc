@@ -39,8 +39,8 @@ class FlowListings::Reader {
         more = More::kNone;
       }
     }
+    lastSent_ = Clock::now();  // first: who has flows left may be resting
     left_ = listing_.left();
-    lastSent_ = Clock::now();
     return more;
   }
 

@@ -55,7 +55,6 @@ class StreamCall final : public grpc::ServerWriteReactor<grpc::ByteBuffer> {
       : queue_(queue), context_(context), fill_(std::move(fill)) {}
 
   void advance();
-  void addFilling();
   void runFill();
 
   WorkQueue* const queue_;
