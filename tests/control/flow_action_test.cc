@@ -173,6 +173,23 @@ const ActionCase kActionCases[] = {
      flow().setVlanPcp(0x1ff),
      bit(3),
      {{kVlanPcp, {0xff}}}},
+    {"OnesInEveryNumber",
+     flow()
+         .setVlanVid(0xffff)
+         .setIpTos(0xff)
+         .setIpv4Src(0xffffffff)
+         .setIpv4Dst(0xffffffff)
+         .setL4SrcPort(0xffff)
+         .setL4DstPort(0xffff)
+         .setIcmpType(0xff)
+         .setIcmpCode(0xff)
+         .output({0xffff})
+         .trap(0xff)
+         .gotoTable(0xff),
+     bit(2) | 0x7f0 | bit(13) | bit(15) | bit(19),
+     {{kVlanVid, {0xff, 0xff}},
+      {kIpTos, Bytes(16, 0xff)},  // to the next table
+      {kTrap, {1, 0xff, 1, 0xff, 0xff}}}},
     {"SetIpTos", flow().setIpTos(0x1b8), bit(4), {{kIpTos, {0xb8}}}},
     {"SetIpv4Src",
      flow().setIpv4Src(0x0a000001),

@@ -341,6 +341,27 @@ TEST_F(Lifecycle, TheNextModuleFindsALeftSlotAsItIsUntilItBindsIt) {
       << "freed by DeInit, and not again";
 }
 
+// Of either family, from the first to the last.
+TEST_F(Lifecycle, ABindingEmptiesBothSlotsThatAGoneModuleLeft) {
+  const Mio::Ptr<Mio::Entity> db = Mio::Entity::singletonExists(kAclDb);
+  struct Slots {
+    uint32_t ipv4, ipv6;
+  };
+  for (const Slots& slots : {Slots{65535, 65534}, {0, 65535}, {1, 0}}) {
+    bind(0, slots.ipv4, slots.ipv6);
+    update(Update(0).add(Flow(1, 10)));
+    update(Update(0, kIpv6).add(Flow(1, 10)));
+    tearDown();
+    module_ = std::make_unique<OpenFlow>();
+    module().Init({});
+    EXPECT_NE(slot(slots.ipv4).data, nullptr);
+    EXPECT_NE(slot(slots.ipv6).data, nullptr);
+    bind(31, slots.ipv4, slots.ipv6);
+    EXPECT_EQ(slot(slots.ipv4).data, nullptr) << slots.ipv4;
+    EXPECT_EQ(slot(slots.ipv6).data, nullptr) << slots.ipv6;
+  }
+}
+
 TEST_F(Lifecycle, ANewDatabaseStartsWithEmptySlots) {
   bind(0);
   update(Update(0).add(Flow(1, 10)));

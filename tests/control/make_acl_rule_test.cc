@@ -61,6 +61,44 @@ const RuleCase kRuleCases[] = {
     {"PriorityIsStoredUnchanged", Flow(7, 0xffffffff), {}, {}},
     {"PriorityZero", Flow(7, 0), {}, {}},
 
+    {"OnesInEveryNumber",
+     flow()
+         .ipProto(0xff)
+         .vlanVid(0xffff, 0xffff)
+         .ethType(0xffff)
+         .l4SrcPort(0xffff)
+         .l4DstPort(0xffff)
+         .ipTos(0xff, 0xff)
+         .ipTtl(0xff, 0xff)
+         .icmpType(0xff)
+         .icmpCode(0xff)
+         .tcpFlags(0xff, 0xff)
+         .metadata(~uint64_t{0}),
+     {{0, {0xff, 0xff}},
+      {5, {0xffff, 0xffff}},
+      {6, {0xffff, 0xffff}},
+      {10, {0xffff, 0xffff}},
+      {11, {0xffff, 0xffff}},
+      {12, {0xff, 0xff}},
+      {13, {0xff, 0xff}},
+      {14, {0xff, 0xff}},
+      {15, {0xff, 0xff}},
+      {16, {0xff, 0xff}},
+      {19, {0xffffffff, 0xffffffff}},
+      {20, {0xffffffff, 0xffffffff}}},
+     Fields{{0, {0xff, 0xff}},
+            {5, {0xffff, 0xffff}},
+            {6, {0xffff, 0xffff}},
+            {15, {0xffff, 0xffff}},
+            {16, {0xffff, 0xffff}},
+            {17, {0xff, 0xff}},
+            {18, {0xff, 0xff}},
+            {19, {0xff, 0xff}},
+            {20, {0xff, 0xff}},
+            {21, {0xff, 0xff}},
+            {24, {0xffffffff, 0xffffffff}},
+            {25, {0xffffffff, 0xffffffff}}}},
+
     {"IpProto", flow().ipProto(17), {{0, {17, 0xff}}}, {}},
     {"IpProtoIsCut", flow().ipProto(0x1206), {{0, {6, 0xff}}}, {}},
     {"EthSrc",

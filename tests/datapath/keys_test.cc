@@ -235,9 +235,15 @@ const KeyCase kOnesRows[] = {
      withMetadata(kTcp4, MetadataBlock{}.withMetadata(~uint64_t{0})),
      marked(key4(kTcpLayers), ~uint64_t{0})},
     // The byte in front of the flags has bits of its own.
-    {"TcpOffset", Frame(kTcp4).patch(14 + 20 + 12, {0xff}), key4(kTcpLayers)},
-    {"TcpOffsetIpv6", Frame(kTcp6).patch(14 + 40 + 12, {0xff}),
-     key6(kTcpLayers)},
+    {"TcpOffset",
+     Frame::eth().ipv4(kIpA, kIpB).tcp(7, 80, 0xff).patch(14 + 20 + 12, {0xff}),
+     key4({.proto = 6, .ttl = 64, .l4Src = 7, .l4Dst = 80, .tcpFlags = 0xff})},
+    {"TcpOffsetIpv6",
+     Frame::eth()
+         .ipv6(kIp6A, kIp6B)
+         .tcp(7, 80, 0xff)
+         .patch(14 + 40 + 12, {0xff}),
+     key6({.proto = 6, .ttl = 64, .l4Src = 7, .l4Dst = 80, .tcpFlags = 0xff})},
 };
 
 const KeyCase kIpRows[] = {

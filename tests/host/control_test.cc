@@ -62,6 +62,16 @@ TEST(ControlThreadTest, CallersDoNotHoldUpGracePeriods) {
   EXPECT_TRUE(rcu_read_ongoing());
 }
 
+TEST(ControlThreadTest, ACallerThatIsOfflineStaysSo) {
+  const bess::QsbrReader reader;
+  rcu_thread_offline();
+  control().Run([] {});
+  EXPECT_FALSE(rcu_read_ongoing());
+  rcu_thread_online();
+  control().Run([] {});
+  EXPECT_TRUE(rcu_read_ongoing());
+}
+
 TEST(ControlThreadTest, RunsAtOnceWhenCalledFromItself) {
   std::vector<int> order;
   control().Run([&] {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace {
 
 using Address = bess::utils::Ethernet::Address;
@@ -28,6 +30,14 @@ TEST(EthernetAddressTest, RefusesWhatIsNoAddress) {
         "01:02:03:04:05: 6", "001:02:03:04:05:6"}) {
     EXPECT_FALSE(address.FromString(text)) << text;
     EXPECT_EQ(address.ToString(), "01:02:03:04:05:06") << text;
+  }
+}
+
+TEST(EthernetAddressTest, WantsEveryColon) {
+  for (size_t at = 2; at < 17; at += 3) {
+    std::string text = "01:02:03:04:05:06";
+    text[at] = '-';
+    EXPECT_FALSE(Address().FromString(text)) << text;
   }
 }
 

@@ -73,6 +73,9 @@ std::string permissions() {
   return all;
 }
 
+// As the dynamic linker has left it, before anything was redirected.
+const std::string permissionsAtStart = permissions();
+
 TEST(ImportSlot, IsLeftAloneWhereItsPageCannotBeOpened) {
   refuseMprotect = true;
   EXPECT_FALSE(redirectImport(kLibrary, "rte_free",
@@ -84,6 +87,7 @@ TEST(ImportSlot, IsLeftAloneWhereItsPageCannotBeOpened) {
 TEST(ImportSlot, IsOpenOnlyForTheStore) {
   const std::string before = permissions();
   EXPECT_NE(before, "");
+  EXPECT_EQ(before, permissionsAtStart) << "nothing stays open";
   EXPECT_TRUE(redirectImport(kLibrary, "rte_free",
                              reinterpret_cast<void*>(&countFree)));
   EXPECT_EQ(permissions(), before);
@@ -140,6 +144,22 @@ TEST(ImportSlot, OfALibraryThatIsBoundLazily) {
   rte_acl_free(ctx);
   EXPECT_TRUE(redirectImport("libacl_build_memory.so", "mmap",
                              reinterpret_cast<void*>(&mmap)));
+}
+
+void* finalized = nullptr;
+
+void noteFinalizing(void* library) { finalized = library; }
+
+// What is imported as data has its slot in another table; the C library's way
+// to end a library is, in every one of them.
+TEST(ImportSlot, OfAFunctionThatIsImportedByItsAddress) {
+  void* const end = dlsym(RTLD_DEFAULT, "__cxa_finalize");
+  ASSERT_NE(end, nullptr);
+  EXPECT_TRUE(redirectImport(kLibrary, "__cxa_finalize",
+                             reinterpret_cast<void*>(&noteFinalizing)));
+  EXPECT_TRUE(redirectImport(kLibrary, "__cxa_finalize", end));
+  EXPECT_EQ(permissions(), permissionsAtStart);
+  EXPECT_EQ(finalized, nullptr) << "nobody has ended it meanwhile";
 }
 
 // The kernel's library is listed like any other, and imports nothing.

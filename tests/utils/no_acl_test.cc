@@ -116,7 +116,10 @@ TEST_F(AvailableMemory, OfAGroupThatDoesNotTellItsUseIsTheMachines) {
 }
 
 TEST_F(AvailableMemory, SkipsLinesThatItDoesNotUnderstand) {
-  write("proc/self/cgroup", "\nnonsense\n1:memory\n");
+  write("proc/self/cgroup",
+        "\nnonsense\n1:memory\n2:nomemory:/\n3:memoryless:/\n");
+  write("sys/fs/cgroup/memory/memory.limit_in_bytes", "3000\n");
+  write("sys/fs/cgroup/memory/memory.usage_in_bytes", "1000\n");
   EXPECT_EQ(available(), 8000u * 1024);
 }
 
