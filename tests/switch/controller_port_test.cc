@@ -88,6 +88,16 @@ void give(ControllerPort* port, int wid, int batches) {
   }
 }
 
+TEST(ControllerPort, GivesBackWhatNobodyCaptures) {
+  LiveBench bench({});  // DPDK and a packet pool
+  ControllerPort port;
+  const size_t before = bess::PacketPool::Default()->available();
+  give(&port, 0, 3);
+  EXPECT_EQ(bess::PacketPool::Default()->available(), before);
+  EXPECT_EQ(port.counts().packets, 3 * 32);
+  EXPECT_EQ(port.counts().notCaptured, 0);
+}
+
 // The writer waits for its file: its queue of 4095 packets and the file's 64
 // KiB fill up, and what comes then is missed, whichever worker brings it.
 TEST(ControllerPort, CountsWhatTheCaptureMissedOfEachWorker) {

@@ -137,6 +137,23 @@ TEST(FlowBook, ReplacedFlowKeepsIdentifierAndCounts) {
   EXPECT_EQ(bench.only("in_port=1").counts.packets, 3);
 }
 
+TEST(FlowBook, ReplacedFlowKeepsItsPlaceAmongEquals) {
+  BookBench bench;
+  bench.add(
+      "in_port=1,actions=output:2\n"
+      "in_port=2,actions=output:2\n"
+      "in_port=3,actions=output:2\n");
+  bench.add("in_port=1,actions=output:3");
+  bench.add("in_port=2,actions=output:3", true);
+  const std::vector<std::string> texts = bench.texts();
+  ASSERT_EQ(texts.size(), 3u);
+  for (size_t i = 0; i < texts.size(); i++) {
+    EXPECT_NE(texts[i].find("in_port=" + std::to_string(i + 1)),
+              std::string::npos)
+        << texts[i];
+  }
+}
+
 TEST(FlowBook, ResetCountsStartsAnewWithoutTheOldFlowsLastPackets) {
   BookBench bench;
   bench.add("in_port=1,actions=output:2");

@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <random>
+#include <thread>
 
 #include "switch/live/flow_programmer.h"
 #include "tests/switch/live_book.h"
@@ -46,6 +48,48 @@ TEST(FlowProgrammer, FailedBuildLeavesEverythingAsItWas) {
   EXPECT_EQ(bench.texts(), flows);
   EXPECT_EQ(bench.counters.available(), counters);
   EXPECT_TRUE(bench.add("in_port=2,actions=output:1").applied());
+}
+
+TEST(FlowProgrammer, UndoesNothingThatItHasNotSent) {
+  BookBench bench;
+  bench.add("ip,actions=output:1\nipv6,actions=output:1");
+  const FakeModule::Tables before = bench.module.published;
+  bench.module.failures = {bench.module.builds};
+  const pb::FlowChangeReply reply =
+      bench.add("ip,actions=output:2\nipv6,actions=output:2");
+  EXPECT_FALSE(reply.applied());
+  ASSERT_EQ(reply.builds_size(), 2);
+  EXPECT_EQ(reply.builds(0).failure(), "no memory");
+  EXPECT_TRUE(reply.builds(1).is_inverse());
+  EXPECT_EQ(reply.builds(1).ipv6(), reply.builds(0).ipv6());
+  EXPECT_EQ(bench.module.published, before);
+  EXPECT_EQ(bench.module.store, before);
+}
+
+TEST(FlowProgrammer, RemembersTheLongestBuild) {
+  constexpr auto kLong = std::chrono::milliseconds(20);
+  BookBench bench;
+  bool slow = true;
+  FlowProgrammer programmer(&bench.book,
+                            {[&](const TableUpdate& update) {
+                               if (slow) std::this_thread::sleep_for(kLong);
+                               slow = false;
+                               return bench.module.take(update);
+                             },
+                             [] {}});
+  std::chrono::nanoseconds total{};
+  for (const char* flow :
+       {"in_port=1,actions=output:2", "in_port=2,actions=output:2"}) {
+    pb::FlowChangeReply reply;
+    programmer.make(bench.book.planAdd(BookBench::flows(flow), false),
+                    bench.now, {}, &reply);
+    total += std::chrono::nanoseconds(reply.build_time_ns());
+  }
+  const BuildHistory& history = programmer.history(0, false);
+  EXPECT_EQ(history.builds, 2);
+  EXPECT_GE(history.longest, kLong);
+  EXPECT_EQ(history.longest + history.last, total);
+  EXPECT_EQ(history.total, total);
 }
 
 TEST(FlowProgrammer, PacketsOfAFailedChangeAreAccountedFor) {
