@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <pcap/pcap.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,7 +12,7 @@
 namespace bess {
 namespace {
 
-constexpr int kSnapLen = 262144;  // what libpcap itself writes at most
+constexpr uint32_t kSnapLen = 262144;  // of a frame; no reader takes more
 
 }  // namespace
 
@@ -35,8 +36,7 @@ CaptureWriter::CaptureWriter(const std::string& path, const std::string& name)
   }
   dumper_.reset(pcap_dump_fopen(format_.get(), file));
   if (dumper_ == nullptr) {
-    Fail(pcap_geterr(format_.get()));
-    fclose(file);
+    Fail(pcap_geterr(format_.get()));  // libpcap has closed the file
   }
 }
 
@@ -47,7 +47,7 @@ void CaptureWriter::Write(uint64_t ns, const uint8_t* bytes, uint32_t len) {
   pcap_pkthdr header = {};
   header.ts.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
   header.ts.tv_usec = static_cast<suseconds_t>(ns % 1'000'000'000);
-  header.caplen = len;
+  header.caplen = std::min(len, kSnapLen);
   header.len = len;
   errno = 0;
   pcap_dump(reinterpret_cast<u_char*>(dumper_.get()), &header, bytes);

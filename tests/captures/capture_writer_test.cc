@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "modules/capture_reader.h"
 #include "tests/captures/capture_files.h"
 
 namespace openflow_test {
@@ -32,6 +33,26 @@ TEST(CaptureWriter, KeepsTimesToTheNanosecond) {
   EXPECT_THAT(readCapture(dir / "a.pcap"),
               ElementsAre(CaptureRow{1'999'999'999, text, 0},
                           CaptureRow{2'000'000'001, text, 0}));
+}
+
+// As a frame of that length is when it goes to the controller, behind a header.
+TEST(CaptureWriter, KeepsTheStartOfWhatIsTooLongToBeRead) {
+  const ScratchDir dir;
+  const std::string bytes(262145, 'x');
+  bess::CaptureWriter writer(dir / "a.pcap");
+  writer.Write(1, reinterpret_cast<const uint8_t*>(bytes.data()), 262144);
+  writer.Write(2, reinterpret_cast<const uint8_t*>(bytes.data()), 262145);
+  writer.Flush();
+  EXPECT_EQ(writer.error(), "");
+  EXPECT_THAT(readCapture(dir / "a.pcap"),
+              ElementsAre(CaptureRow{1, bytes.substr(1), 0},
+                          CaptureRow{2, bytes.substr(1), 262145}));
+  bess::CaptureReader reader(dir / "a.pcap");
+  bess::CapturedFrame frame;
+  while (reader.Next(&frame)) {
+  }
+  EXPECT_EQ(reader.error(), "");
+  EXPECT_EQ(reader.frames(), 2);
 }
 
 TEST(CaptureWriter, TellsOfAFileThatCannotBe) {
