@@ -17,7 +17,8 @@ struct CapturedFrame {
   uint32_t wire_len = 0;  // bytes there were; more when the capture cut them
 };
 
-// Reads one capture file, pcap or pcapng, micro- or nanosecond.
+// Reads one capture file, pcap or pcapng, micro- or nanosecond. For one thread
+// at a time.
 class CaptureReader {
  public:
   // Throws std::runtime_error, "FILE: reason", for a file that is not there,
@@ -31,8 +32,8 @@ class CaptureReader {
   const std::string& error() const { return error_; }
   uint64_t frames() const { return frames_; }
 
-  // How far reading has come, and the end of the way. The size is 0 for what
-  // has none, such as a pipe.
+  // How far reading has come, and the end of the way, in bytes. The size is 0
+  // for what has none, such as a pipe.
   uint64_t position() const;
   uint64_t size() const { return size_; }
 

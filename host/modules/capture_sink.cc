@@ -74,6 +74,9 @@ void CaptureSink::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
              ? *origin
              : CaptureSource::Origin{ctx->current_ns, ctx->current_ns});
   }
+  if (source == nullptr) {
+    EndBurst(&lane);  // no other burst would ever begin
+  }
   bess::Packet::Free(batch);
   batch->clear();
 }

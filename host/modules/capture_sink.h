@@ -14,8 +14,9 @@
 
 // Writes what enters it to a pcap file, in the order of the captures it comes
 // from and with their time stamps, and frees it. Copies of one input packet
-// keep the order in which they were made. The file is made when the first
-// packet comes.
+// keep the order in which they were made. What comes from elsewhere has the
+// order and the time of its arrival. The file is made when the first packet
+// comes.
 //
 // The file gets its name when it is whole; until then, and when the process is
 // ended before, it is called PartOf(path).
@@ -37,8 +38,8 @@ class CaptureSink final : public Module {
   static std::string PartOf(const std::string& path) { return path + ".part"; }
 
   // Writes what is left, once; what comes later is only counted. When no worker
-  // runs the module. Answers "FILE: reason"
-  // for what went wrong since the start, empty on success.
+  // runs the module. Answers "FILE: reason" for what went wrong since the
+  // start, empty on success.
   std::string Finish();
 
   // What has entered. When no worker runs the module.

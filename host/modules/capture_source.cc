@@ -45,7 +45,7 @@ CommandResponse CaptureSource::Init(const bess::pb::CaptureSourceArg& arg) {
   }
   burst_.reserve(bess::PacketBatch::kMaxBurst);
   if (RegisterTask(nullptr) == INVALID_TASK_ID) {
-    return CommandFailure(ENOMEM, "Task creation failed");
+    return CommandFailure(ENOMEM, "cannot make a task");
   }
   return CommandSuccess();
 }

@@ -52,6 +52,8 @@ class CaptureSource final : public Module {
   // Number of the present task run, from 1.
   uint64_t burst() const { return bursts_; }
 
+  // Whether all packets were emitted and have gone all the way. How far reading
+  // has come, and the end of the way, in bytes of all inputs (CaptureReader).
   // From any thread.
   bool done() const { return done_.load(std::memory_order_acquire); }
   uint64_t position() const {

@@ -11,9 +11,11 @@
 #include "modules/capture_source.h"
 #include "modules/flow_hash.h"
 #include "modules/sink.h"
+#include "modules/source.h"
 #include "packet_pool.h"
 #include "tests/captures/capture_files.h"
 #include "tests/support/frame.h"
+#include "tests/support/time_limit.h"
 #include "worker.h"
 
 namespace openflow_test {
@@ -251,6 +253,40 @@ TEST_F(CaptureModules, ASinkThatGetsNothingMakesNoFile) {
   play({from}, to);
   EXPECT_EQ(to->Finish(), "");
   EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
+}
+
+// A worker's memory would not hold what a port brings in days.
+TEST_F(CaptureModules, WhatComesFromNoCaptureIsWrittenAsItComes) {
+  auto* from = make<Source>("Source", bess::pb::EmptyArg());
+  CaptureSink* to = sink(dir_ / "out");
+  ASSERT_EQ(bess::ConnectModules(from->name(), 0, to->name(), 0).error().code(),
+            0);
+  ASSERT_EQ(Worker::Add(0), "");
+  ASSERT_EQ(Worker::AttachTasks(from, 0), "");
+  constexpr uint16_t kPackets = 200;
+  constexpr uint16_t kLen = 1000;
+  for (uint16_t i = 0; i < kPackets; i++) {
+    bess::Packet* pkt = bess::PacketPool::Default()->Alloc(kLen);
+    memset(pkt->head_data(), i, kLen);
+    ASSERT_TRUE(from->Push(pkt));
+  }
+  ASSERT_EQ(Worker::ResumeAll(), "");
+  const auto deadline =
+      std::chrono::steady_clock::now() + timeLimit(std::chrono::seconds(10));
+  while (from->waiting() > 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  Worker::PauseAll();
+  // But for what waits in the stream's buffer.
+  EXPECT_GT(std::filesystem::file_size(CaptureSink::PartOf(dir_ / "out")),
+            kPackets * kLen * 9 / 10);
+  EXPECT_EQ(to->Finish(), "");
+  const std::vector<CaptureRow> rows = readCapture(dir_ / "out");
+  ASSERT_THAT(rows, SizeIs(kPackets));
+  for (uint16_t i = 0; i < kPackets; i++) {
+    EXPECT_EQ(rows[i].bytes, std::string(kLen, static_cast<char>(i)));
+    EXPECT_GE(rows[i].ns, rows[0].ns);
+  }
 }
 
 TEST_F(CaptureModules, SaysWhyItCannotWrite) {
