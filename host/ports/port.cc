@@ -60,6 +60,11 @@ Port::~Port() = default;
 
 bool Port::IsPci(const std::string& device) { return DeviceString(device).pci; }
 
+std::string Port::PciAddress(const std::string& device) {
+  const DeviceString parts(device);
+  return parts.pci ? parts.name : "";
+}
+
 bool Port::SharesMemory(const std::string& device) {
   const DeviceString parts(device);
   const std::string* zero_copy = parts.Find("zero-copy");

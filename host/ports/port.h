@@ -79,6 +79,10 @@ class Port {
   // (EalOptions::pci).
   static bool IsPci(const std::string& device);
 
+  // The address of such a device as the kernel writes it, "0000:0a:00.0", where
+  // people write "A:0.0"; empty for any other device.
+  static std::string PciAddress(const std::string& device);
+
   // Whether the device gives another process DPDK's memory to read and write,
   // which must then be a file (EalOptions::shareable).
   static bool SharesMemory(const std::string& device);

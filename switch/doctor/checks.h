@@ -3,11 +3,16 @@
 // What the doctor looks at. Each check adds what it finds, the good included.
 #pragma once
 
+#include <string>
+
 #include "switch/doctor/finding.h"
 #include "switch/doctor/machine.h"
 #include "switch/live/config.h"
 
 namespace ofswitch {
+
+// "in switch.yaml: LINE", for what the configuration mends.
+std::string inFile(const SwitchConfig& config, const std::string& line);
 
 // Vector instructions and the clock.
 void checkProcessor(const Machine& machine, Findings* out);
@@ -32,7 +37,7 @@ void checkPort(const Machine& machine, const SwitchConfig& config,
 void checkInterface(const Machine& machine, const std::string& name,
                     Findings* out);
 
-// A PCI device that is to be a port.
+// A PCI device that is to be a port, by its address as the kernel writes it.
 void checkPci(const Machine& machine, const std::string& address,
               Findings* out);
 

@@ -36,6 +36,11 @@ const char* word(Status status) {
   return "";
 }
 
+std::string inFile(const SwitchConfig& config, const std::string& line) {
+  return fmt::format("in {}: {}",
+                     config.file.empty() ? "switch.yaml" : config.file, line);
+}
+
 std::vector<Finding> examine(const Machine& machine,
                              const SwitchConfig& config) {
   Findings out;

@@ -22,6 +22,7 @@ struct Finding {
   std::string remedy;
 };
 
+// "ok", "gain" or "problem".
 const char* word(Finding::Status status);
 
 // Collects findings about one subject.

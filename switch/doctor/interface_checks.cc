@@ -3,6 +3,7 @@
 #include <net/if.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "switch/doctor/checks.h"
 
@@ -45,6 +46,35 @@ std::string otherEnd(const Machine& machine, const std::string& name) {
   return "";
 }
 
+// The kernel takes no longer ones.
+std::string peerNameOf(const std::string& name) {
+  constexpr std::string_view kEnd = "-peer";
+  return name.substr(0, IFNAMSIZ - 1 - kEnd.size()).append(kEnd);
+}
+
+// Down, or nothing at the other end.
+void checkLink(const Machine& machine, const std::string& name,
+               const std::string& peer, Findings* out) {
+  const auto isUp = [&](const std::string& interface) {
+    const std::string flags = machine.read(kNet + interface + "/flags");
+    return (std::strtoul(flags.c_str(), nullptr, 16) & IFF_UP) != 0;
+  };
+  if (!isUp(name)) {
+    out->problem(fmt::format("{} is down", name),
+                 fmt::format("ip link set {} up", name));
+  }
+  if (!peer.empty() && !isUp(peer)) {
+    out->problem(fmt::format("{}, the other end of {}, is down", peer, name),
+                 fmt::format("ip link set {} up", peer));
+  } else if (isUp(name) && machine.read(kNet + name + "/carrier") == "0") {
+    out->problem(
+        fmt::format("{} has no carrier: nothing is at the other end of the "
+                    "cable, or that is down",
+                    name),
+        "");
+  }
+}
+
 void checkOffloads(const Machine& machine, const std::string& name,
                    const std::vector<std::string>& on, Findings* out) {
   if (on.empty()) return;
@@ -61,20 +91,17 @@ void checkOffloads(const Machine& machine, const std::string& name,
 void checkInterface(const Machine& machine, const std::string& name,
                     Findings* out) {
   if (!machine.exists(kNet + name)) {
-    out->problem(
-        fmt::format("there is no interface {}, only {}", name,
-                    joined(machine.list(kNet), ", ")),
-        fmt::format("ip link add {0} type veth peer name {0}-peer", name));
+    out->problem(fmt::format("there is no interface {}, only {}", name,
+                             joined(machine.list(kNet), ", ")),
+                 name.size() < IFNAMSIZ
+                     ? fmt::format("ip link add {} type veth peer name {}",
+                                   name, peerNameOf(name))
+                     : "");
     return;
   }
-  const unsigned long flags =
-      std::strtoul(machine.read(kNet + name + "/flags").c_str(), nullptr, 16);
-  if ((flags & IFF_UP) == 0) {
-    out->problem(fmt::format("{} is down", name),
-                 fmt::format("ip link set {} up", name));
-  }
-  checkOffloads(machine, name, machine.offloads(name), out);
   const std::string peer = otherEnd(machine, name);
+  checkLink(machine, name, peer, out);
+  checkOffloads(machine, name, machine.offloads(name), out);
   if (peer.empty()) return;
   std::vector<std::string> on = machine.offloads(peer);
   // What it receives is not the switch's concern.

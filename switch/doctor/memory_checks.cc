@@ -41,11 +41,6 @@ Hugepages hugepagesOf(const Machine& machine, const SwitchConfig& config) {
   return pages;
 }
 
-std::string inFile(const SwitchConfig& config, const std::string& line) {
-  return fmt::format("in {}: {}",
-                     config.file.empty() ? "switch.yaml" : config.file, line);
-}
-
 uint64_t availableMb(const Machine& machine) {
   return machine.number(kMeminfo, "MemAvailable") / 1024;
 }

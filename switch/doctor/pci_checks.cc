@@ -26,9 +26,11 @@ bool isNetworkCard(const Machine& machine, const std::string& address) {
   return hex(machine, address, "class").starts_with("02");
 }
 
-// Addresses may be given without their domain.
-std::string fullAddress(const std::string& address) {
-  return std::ranges::count(address, ':') == 1 ? "0000:" + address : address;
+// Whether DPDK can take the card from this driver. Some cards stay with that of
+// the kernel's.
+bool isForDpdk(const std::string& driver) {
+  return driver == "vfio-pci" || driver == "igb_uio" ||
+         driver == "uio_pci_generic" || driver.starts_with("mlx");
 }
 
 std::string bind(const std::string& address) {
@@ -71,8 +73,8 @@ void checkVfio(const Machine& machine, const std::string& address,
 
 }  // namespace
 
-void checkPci(const Machine& machine, const std::string& given, Findings* out) {
-  const std::string address = fullAddress(given);
+void checkPci(const Machine& machine, const std::string& address,
+              Findings* out) {
   if (!machine.exists(kDevices + address)) {
     std::string cards;
     for (const std::string& one : machine.list(kDevices)) {
@@ -85,10 +87,8 @@ void checkPci(const Machine& machine, const std::string& given, Findings* out) {
     return;
   }
   const std::string driver = driverOf(machine, address);
-  // These cards stay with their kernel driver.
-  if (driver.starts_with("mlx")) return;
   if (driver == "vfio-pci") return checkVfio(machine, address, out);
-  if (driver == "igb_uio" || driver == "uio_pci_generic") return;
+  if (isForDpdk(driver)) return;
   if (!machine.exists("/sys/module/vfio_pci")) {
     out->problem("the kernel's module vfio-pci is not loaded",
                  "modprobe vfio-pci");
@@ -110,18 +110,19 @@ void checkOtherCards(const Machine& machine, const SwitchConfig& config,
   for (const std::string& address : machine.list(kDevices)) {
     const bool port =
         std::ranges::any_of(config.ports, [&](const PortConfig& one) {
-          return bess::Port::IsPci(one.device) &&
-                 fullAddress(one.device.substr(0, one.device.find(','))) ==
-                     address;
+          return bess::Port::PciAddress(one.device) == address;
         });
     if (port || !isNetworkCard(machine, address)) continue;
     const std::string driver = driverOf(machine, address);
     const std::string interface = interfaceOf(machine, address);
+    const std::string use =
+        inFile(config, fmt::format("device: \"{}\"", address));
     out->ok(fmt::format(
         "{} ({}:{}) {}{} and is no port; to make it one: {}", address,
         hex(machine, address, "vendor"), hex(machine, address, "device"),
         driver.empty() ? "has no driver" : "is held by " + driver,
-        interface.empty() ? "" : " as " + interface, bind(address)));
+        interface.empty() ? "" : " as " + interface,
+        isForDpdk(driver) ? use : bind(address) + "; then " + use));
   }
 }
 

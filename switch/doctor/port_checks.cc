@@ -130,9 +130,16 @@ void checkPort(const Machine& machine, const SwitchConfig& config,
                const PortConfig& port, Findings* out) {
   out->subject(fmt::format("port {}", port.number));
   const size_t before = out->all().size();
-  if (bess::Port::IsPci(port.device)) {
-    checkPci(machine, port.device.substr(0, port.device.find(',')), out);
+  const std::string card = bess::Port::PciAddress(port.device);
+  if (!card.empty()) {
+    checkPci(machine, card, out);
     checkLockedMemory(machine, config, out);
+  } else if (machine.exists("/sys/class/net/" + port.device)) {
+    out->problem(
+        fmt::format("{} is an interface of the kernel's, no device of DPDK's",
+                    port.device),
+        inFile(config, fmt::format("device: \"net_af_packet{},iface={}\"",
+                                   port.number, port.device)));
   } else {
     const std::string driver = driverOf(port.device);
     checkDriver(machine, driver, out);

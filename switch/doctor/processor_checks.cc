@@ -19,15 +19,14 @@ std::set<std::string> wordsOf(const std::string& text) {
   return {std::istream_iterator<std::string>(words), {}};
 }
 
-// "workers: [2, 3]"
+// "in switch.yaml: workers: [2, 3]"
 std::string workersLine(const SwitchConfig& config,
                         const std::vector<int>& cores) {
   std::string list;
   for (const int core : cores) {
     list += fmt::format("{}{}", list.empty() ? "" : ", ", core);
   }
-  return fmt::format("in {}: workers: [{}]",
-                     config.file.empty() ? "switch.yaml" : config.file, list);
+  return inFile(config, fmt::format("workers: [{}]", list));
 }
 
 // As many cores as there are workers, the last ones: the first is where the

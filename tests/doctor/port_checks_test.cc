@@ -100,6 +100,22 @@ TEST_F(PortChecks, NoInterface) {
               ElementsAre("problem: there is no interface veth9, only eth0, "
                           "veth1, veth2 -> ip link add veth9 type veth peer "
                           "name veth9-peer"));
+  // The kernel's names have 15 characters at most.
+  EXPECT_THAT(port("net_af_packet0,iface=veth-to-router12"),
+              ElementsAre("problem: there is no interface veth-to-router12, "
+                          "only eth0, veth1, veth2"));
+  EXPECT_THAT(port("net_af_packet0,iface=veth-to-router"),
+              ElementsAre("problem: there is no interface veth-to-router, "
+                          "only eth0, veth1, veth2 -> ip link add "
+                          "veth-to-router type veth peer name "
+                          "veth-to-ro-peer"));
+}
+
+TEST_F(PortChecks, InterfaceIsNoDevice) {
+  EXPECT_THAT(port("veth1"),
+              ElementsAre("problem: veth1 is an interface of the kernel's, no "
+                          "device of DPDK's -> in switch.yaml: device: "
+                          "\"net_af_packet1,iface=veth1\""));
 }
 
 TEST_F(PortChecks, InterfaceIsNotNamed) {
@@ -116,6 +132,22 @@ TEST_F(PortChecks, InterfaceIsDown) {
   fake_.write("/sys/class/net/veth1/flags", "0x1002\n");
   EXPECT_THAT(port(kVeth), ElementsAre("problem: veth1 is down -> ip link set "
                                        "veth1 up"));
+  fake_.write("/sys/class/net/veth1/flags", "0x1003\n");
+  fake_.write("/sys/class/net/veth1/carrier", "0\n");
+  fake_.write("/sys/class/net/veth2/flags", "0x1002\n");
+  EXPECT_THAT(port(kVeth),
+              ElementsAre("problem: veth2, the other end of veth1, is down -> "
+                          "ip link set veth2 up"));
+}
+
+TEST_F(PortChecks, NothingIsAtTheOtherEnd) {
+  fake_.write("/sys/class/net/eth0/carrier", "1\n");
+  EXPECT_THAT(port("net_af_packet0,iface=eth0"),
+              ElementsAre("ok: net_af_packet0,iface=eth0"));
+  fake_.write("/sys/class/net/eth0/carrier", "0\n");
+  EXPECT_THAT(port("net_af_packet0,iface=eth0"),
+              ElementsAre("problem: eth0 has no carrier: nothing is at the "
+                          "other end of the cable, or that is down"));
 }
 
 TEST_F(PortChecks, Offloads) {
@@ -152,6 +184,14 @@ TEST_F(PortChecks, NoCard) {
   EXPECT_THAT(port("0000:04:00.0"),
               ElementsAre("problem: there is no PCI device 0000:04:00.0, only "
                           "0000:03:00.0 -> dpdk-devbind.py --status-dev net"));
+}
+
+TEST_F(PortChecks, CardIsKnownHoweverItsAddressIsWritten) {
+  fake_.addCard("0000:0a:00.0", "igb_uio");
+  for (const char* address : {"A:0.0", "0a:00.0", "0000:0A:00.0,arg=1"}) {
+    EXPECT_THAT(port(address), ElementsAre(std::string("ok: ") + address));
+    EXPECT_EQ(otherCards(address).size(), 1) << address;
+  }
 }
 
 TEST_F(PortChecks, CardHeldByTheKernel) {
@@ -219,15 +259,16 @@ TEST_F(PortChecks, CardsThatAreNoPorts) {
   EXPECT_THAT(
       otherCards("net_null0"),
       ElementsAre("ok: 0000:03:00.0 (8086:1572) is held by vfio-pci and is no "
-                  "port; to make it one: dpdk-devbind.py --bind=vfio-pci "
-                  "0000:03:00.0"));
+                  "port; to make it one: in switch.yaml: device: "
+                  "\"0000:03:00.0\""));
   fake_.addCard("0000:03:00.0", "virtio-pci");
   fake_.write("/sys/bus/pci/devices/0000:03:00.0/virtio0/net/ens3/flags", "");
   EXPECT_THAT(
       otherCards("net_null0"),
       ElementsAre("ok: 0000:03:00.0 (8086:1572) is held by virtio-pci as ens3 "
                   "and is no port; to make it one: dpdk-devbind.py "
-                  "--bind=vfio-pci 0000:03:00.0"));
+                  "--bind=vfio-pci 0000:03:00.0; then in switch.yaml: device: "
+                  "\"0000:03:00.0\""));
   fake_.write("/sys/bus/pci/devices/0000:03:00.0/class", "0x010802\n");
   EXPECT_THAT(otherCards("net_null0"), IsEmpty());
 }

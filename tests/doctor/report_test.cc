@@ -62,8 +62,8 @@ TEST(DoctorReport, NamesWhatEachFindingIsAbout) {
             "ok       port 1: net_null0\n"
             "ok       port 7: net_tap0\n"
             "ok       network cards: 0000:03:00.0 (8086:1572) is held by "
-            "vfio-pci and is no port; to make it one: dpdk-devbind.py "
-            "--bind=vfio-pci 0000:03:00.0\n"
+            "vfio-pci and is no port; to make it one: in switch.yaml: device: "
+            "\"0000:03:00.0\"\n"
             "ready to run, 0 possible gains\n");
 }
 
