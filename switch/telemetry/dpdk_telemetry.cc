@@ -205,14 +205,18 @@ std::vector<std::string> wordsOf(const std::string& match) {
   return words;
 }
 
-void tellFlow(const pb::FlowEntry& flow, TelemetryDict* out) {
+void tellFlow(const pb::FlowEntry& flow, bool withActions, TelemetryDict* out) {
   out->number("priority", flow.priority());
   out->text("cookie", fmt::format("{:#x}", flow.cookie()));
   out->number("n_packets", flow.n_packets());
   out->number("n_bytes", flow.n_bytes());
   out->number("duration_seconds", flow.duration_ns() / 1'000'000'000);
   out->texts("match", wordsOf(flow.match()));
-  out->texts("actions", flow.actions());
+  if (withActions) {
+    out->texts("actions", flow.actions());
+  } else {
+    out->number("actions_left_out", static_cast<uint64_t>(flow.actions_size()));
+  }
 }
 
 void tellFlows(const LiveSwitch& live, std::string_view parameters,
@@ -234,12 +238,17 @@ void tellFlows(const LiveSwitch& live, std::string_view parameters,
     if (position >= start) {
       // What else there is of a flow than its texts.
       constexpr size_t kFrame = 300;
-      if (!out->hasRoom(kFrame + 2 * flow.text().size())) {
+      const bool fits = out->hasRoom(kFrame + 2 * flow.text().size());
+      // The first one has an answer for itself; what does not fit there never
+      // will.
+      if (!fits && position > start) {
         out->number("next", position);
         return false;
       }
+      const bool withActions =
+          fits && flow.actions_size() <= RTE_TEL_MAX_ARRAY_ENTRIES;
       out->dict(fmt::to_string(position),
-                [&](TelemetryDict* one) { tellFlow(flow, one); });
+                [&](TelemetryDict* one) { tellFlow(flow, withActions, one); });
     }
     position++;
     return true;

@@ -140,6 +140,27 @@ TEST(DpdkTelemetry, LongListsComeInParts) {
   EXPECT_EQ(client.ask("/ofswitch/flows,0,500"), json({{"table", 0}}));
 }
 
+// Who asks for the next part got the same one again.
+TEST(DpdkTelemetry, OnlyCountsActionsThatFitIntoNoAnswer) {
+  const auto flow = [](int priority, int actions) {
+    std::string text = fmt::format("priority={},tcp,actions=", priority);
+    for (int i = 0; i < actions; i++) text += "mod_tp_dst:1,";
+    return text + "output:3\n";
+  };
+  LiveBench bench(withTelemetry(flow(30, 1) + flow(20, 1000) + flow(10, 520)));
+  const DpdkTelemetry telemetry(bench.live());
+  const TelemetryClient client;
+  const json first = client.ask("/ofswitch/flows,0");
+  EXPECT_EQ(first["0"]["actions"], json({"mod_tp_dst:1", "output:3"}));
+  EXPECT_EQ(first["next"], 1);
+  const json rest = client.ask("/ofswitch/flows,0,1");
+  EXPECT_EQ(rest["1"]["match"], json({"tcp"}));
+  EXPECT_EQ(rest["1"]["actions_left_out"], 1001);
+  EXPECT_FALSE(rest["1"].contains("actions"));
+  EXPECT_EQ(rest["2"]["actions_left_out"], 521) << "DPDK's lists hold 512";
+  EXPECT_FALSE(rest.contains("next"));
+}
+
 TEST(DpdkTelemetry, RefusesWrongParameters) {
   LiveBench bench(withTelemetry());
   const DpdkTelemetry telemetry(bench.live());
