@@ -13,9 +13,9 @@
 #include <array>
 #include <chrono>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "modules/capture_writer.h"
 #include "platform/mio/mio.h"
 #include "platform/twinlog/twinlog.h"
 #include "switch/live/controller_frame.h"
@@ -96,9 +96,9 @@ void ControllerPort::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
 }
 
 std::string ControllerPort::startCapture(const std::string& path) {
-  bess::CaptureWriter probe(path);
-  probe.Flush();
-  if (!probe.error().empty()) return probe.error();
+  bess::CaptureWriter file(path);
+  file.Flush();
+  if (!file.error().empty()) return file.error();
   queue_ = rte_ring_create(fmt::format("capture-{}", name()).c_str(),
                            kQueueLength, SOCKET_ID_ANY, RING_F_SC_DEQ);
   if (queue_ == nullptr) {
@@ -106,12 +106,11 @@ std::string ControllerPort::startCapture(const std::string& path) {
                        rte_strerror(rte_errno));
   }
   stop_ = false;
-  writer_ = std::thread([this, path] { writeCapture(path); });
+  writer_ = std::thread(&ControllerPort::writeCapture, this, std::move(file));
   return "";
 }
 
-void ControllerPort::writeCapture(const std::string& path) {
-  bess::CaptureWriter writer(path);
+void ControllerPort::writeCapture(bess::CaptureWriter writer) {
   bool isTold = false;
   std::vector<uint8_t> frame;
   for (;;) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "module.h"
+#include "modules/capture_writer.h"
 
 struct rte_ring;
 
@@ -49,7 +50,8 @@ class ControllerPort final : public Module {
     std::atomic<uint64_t> notCaptured = 0;
   };
 
-  void writeCapture(const std::string& path);
+  // The capture's thread, until it is told to stop.
+  void writeCapture(bess::CaptureWriter writer);
 
   PerWorker workers_[Worker::kMaxWorkers];
   rte_ring* queue_ = nullptr;  // of packets for the capture
