@@ -82,11 +82,23 @@ std::string inputError(const std::string& text) {
   }
 }
 
+// A pipe gives its bytes once: to the one who replays them.
+void checkInput(const std::string& path, int workers) {
+  std::error_code ignored;
+  if (!fs::is_fifo(path, ignored)) {
+    bess::CaptureReader check(path);
+  } else if (workers > 1) {
+    throw std::runtime_error(fmt::format(
+        "{}: is a pipe, which only one worker can read; leave out --workers",
+        path));
+  }
+}
+
 void readInputs(ReplayOptions* options, Errors* errors) {
   for (const std::string& text : options->inputs) {
     try {
       const ReplayInput input = parseInput(text);
-      bess::CaptureReader check(input.path);
+      checkInput(input.path, options->session.workers);
       options->session.inputs.push_back(input);
     } catch (const std::runtime_error& error) {
       errors->add(error.what());

@@ -129,6 +129,20 @@ TEST_F(ReplayCommand, OutputsKeepTheOrderOfTheirInputs) {
   EXPECT_EQ(written("out/port-9.pcap"), expected);
 }
 
+TEST_F(ReplayCommand, ReadsAPipe) {
+  write("flows.txt", "actions=output:2\n");
+  const std::vector<CaptureRow> rows = {row(1, udp(1)), row(2, udp(2))};
+  capture("in.pcap", rows);
+  replayWell("--flows flows.txt --in 1=/dev/stdin --out-dir out",
+             "cat in.pcap |");
+  EXPECT_EQ(written("out/port-2.pcap"), rows);
+  replay("--flows flows.txt --in 1=/dev/stdin --workers 2", "cat in.pcap |");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stderr_,
+            "/dev/stdin: is a pipe, which only one worker can read; leave out "
+            "--workers\n");
+}
+
 TEST_F(ReplayCommand, MergesCapturesByTime) {
   write("flows.txt",
         "in_port=1,actions=output:3\nin_port=2,actions=output:3\n");
