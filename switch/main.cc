@@ -36,39 +36,68 @@ int finishOutput(int status) {
   return isOut ? status : failedOutput(errno);
 }
 
-// CLI11 says only that a command is missing, also where there is a word in its
-// place.
-std::string commandError(const CLI::App& app) {
-  const CLI::App* command = &app;
-  std::string path = app.get_name();
-  while (!command->get_subcommands().empty()) {
-    command = command->get_subcommands().front();
-    path += " " + command->get_name();
+// A command as it was typed, "ofswitch flows add", and what it has no use for.
+struct Typed {
+  const CLI::App* command;
+  std::string path;
+  std::vector<std::string> left;
+};
+
+// The innermost command, or one around it that was given too much.
+Typed whatWasTyped(const CLI::App& app) {
+  Typed typed = {&app, app.get_name(), app.remaining()};
+  while (typed.left.empty() && !typed.command->get_subcommands().empty()) {
+    typed.command = typed.command->get_subcommands().front();
+    typed.path += " " + typed.command->get_name();
+    typed.left = typed.command->remaining();
   }
-  if (command->get_require_subcommand_min() == 0) return {};
-  const std::string help = fmt::format(", see {} --help", path);
-  const std::vector<std::string> left = command->remaining();
-  if (left.empty()) return fmt::format("{}: say a command{}\n", path, help);
-  const std::string& word = left.front();
+  return typed;
+}
+
+std::string unknownWord(const Typed& typed) {
+  const std::string& word = typed.left.front();
+  std::string help = fmt::format(", see {} --help", typed.path);
+  std::vector<std::string> names;
+  const char* kind = "command";
   if (word.starts_with('-')) {
-    return fmt::format("{}: unknown option \"{}\"{}\n", path, word, help);
+    kind = "option";
+    for (const CLI::Option* option : typed.command->get_options()) {
+      names.push_back(option->get_name());
+    }
+    if (!typed.command->get_subcommands().empty()) {
+      help = "; options stand behind the command";
+    }
+  } else if (typed.command->get_require_subcommand_min() == 0) {
+    kind = "argument";
+  } else {
+    for (const CLI::App* one : typed.command->get_subcommands({})) {
+      names.push_back(one->get_name());
+    }
   }
-  std::vector<std::string_view> names;
-  for (const CLI::App* one : command->get_subcommands({})) {
-    names.push_back(one->get_name());
-  }
-  const std::string meant = ofswitch::suggest(word, names);
-  return fmt::format("{}: unknown command \"{}\"{}\n", path, word,
+  const std::string meant = ofswitch::suggest(
+      word, std::vector<std::string_view>(names.begin(), names.end()));
+  return fmt::format("{}: unknown {} \"{}\"{}\n", typed.path, kind, word,
                      meant.empty() ? help : meant);
 }
 
+// CLI11 says that something is missing also where a mistyped word stands in its
+// place, and not which command has no use for a word. Empty where it says
+// enough.
+std::string textOf(const CLI::App& app, const CLI::ParseError& error) {
+  const bool isMissing =
+      dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
+  const bool isExtra = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
+  if (!isMissing && !isExtra) return {};
+  const Typed typed = whatWasTyped(app);
+  if (!typed.left.empty()) return unknownWord(typed);
+  if (typed.command->get_require_subcommand_min() == 0) return {};
+  return fmt::format("{0}: say a command, see {0} --help\n", typed.path);
+}
+
 int exitStatus(const CLI::App& app, const CLI::ParseError& error) {
-  if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
-    const std::string text = commandError(app);
-    if (!text.empty()) {
-      ofswitch::printError("{}", text);
-      return kWrongUse;
-    }
+  if (const std::string text = textOf(app, error); !text.empty()) {
+    ofswitch::printError("{}", text);
+    return kWrongUse;
   }
   return app.exit(error) == 0 ? finishOutput(0) : kWrongUse;
 }

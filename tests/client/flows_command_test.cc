@@ -283,7 +283,21 @@ TEST_F(FlowsCommand, ExitsWith2WhenItIsUsedWrongly) {
             "ofswitch: --tls-ca requires --tls-key\n");
   EXPECT_THAT(use("flows dump --address a:1 --socket b"),
               HasSubstr("excludes"));
-  EXPECT_THAT(use("flows dump --bogus"), HasSubstr("--bogus"));
+  EXPECT_EQ(use("flows dump --bogus"),
+            "ofswitch flows dump: unknown option \"--bogus\", see ofswitch "
+            "flows dump --help\n");
+  EXPECT_EQ(use("flows dump --strikt"),
+            "ofswitch flows dump: unknown option \"--strikt\", did you mean "
+            "\"--strict\"?\n");
+  EXPECT_EQ(use("--socket c.sock flows dump"),
+            "ofswitch: unknown option \"--socket\"; options stand behind the "
+            "command\n");
+  EXPECT_EQ(use("replay --flow f.txt --in 1=a.pcap"),
+            "ofswitch replay: unknown option \"--flow\", did you mean "
+            "\"--flows\"?\n");
+  EXPECT_EQ(use("run switch.yaml now"),
+            "ofswitch run: unknown argument \"switch.yaml\", see ofswitch run "
+            "--help\n");
 }
 
 TEST_F(FlowsCommand, HelpsWithExamples) {
