@@ -17,6 +17,7 @@
 #include "switch/client/flow_sources.h"
 #include "switch/client/message_json.h"
 #include "switch/client/switch_client.h"
+#include "switch/commands/client_options.h"
 #include "switch/commands/commands.h"
 #include "switch/control/message_codec.h"
 #include "switch/terminal/amounts.h"
@@ -25,8 +26,7 @@
 namespace ofswitch {
 namespace {
 
-struct FlowOptions {
-  DoorOptions door;
+struct FlowOptions : ClientOptions {
   std::vector<std::string> arguments;
   std::vector<std::string> files;
   bool strict = false;
@@ -34,7 +34,6 @@ struct FlowOptions {
   bool builtIn = false;
   bool noStats = false;
   bool resetCounts = false;
-  bool json = false;
   bool verbose = false;
 };
 
@@ -195,8 +194,7 @@ CLI::App* addOperation(CLI::App* flows, const char* name, const char* about,
                        const std::function<int(const FlowOptions&)>& run) {
   CLI::App* command = flows->add_subcommand(name, about);
   command->footer(footer);
-  command->add_flag("--json", options->json, "Print the answer as JSON");
-  addDoorOptions(command, &options->door);
+  addClientOptions(command, options.get(), "Print the answer as JSON");
   command->callback([options, status, run] { *status = run(*options); });
   return command;
 }

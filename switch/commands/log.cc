@@ -16,6 +16,7 @@
 #include "switch/client/message_json.h"
 #include "switch/client/reports.h"
 #include "switch/client/switch_client.h"
+#include "switch/commands/client_options.h"
 #include "switch/commands/commands.h"
 #include "switch/live/log_levels.h"
 #include "switch/terminal/interruption.h"
@@ -25,14 +26,15 @@
 namespace ofswitch {
 namespace {
 
-struct LogOptions {
-  DoorOptions door;
+struct LogOptions : ClientOptions {
   bool follow = false;
   uint32_t level = kMaxLogLevel;
   std::string facility;
   uint32_t last = 0;
+};
+
+struct LevelsOptions : ClientOptions {
   std::vector<std::string> levels;  // FACILITY=LEVEL
-  bool json = false;
 };
 
 void print(const pb::LogEntry& entry, bool json) {
@@ -96,7 +98,7 @@ std::string levelText(uint32_t mask) {
   return fmt::format("mask 0x{:x}", mask);
 }
 
-int levels(const LogOptions& options) {
+int levels(const LevelsOptions& options) {
   pb::LogLevels request;
   for (const std::string& text : options.levels) {
     const size_t equals = text.find('=');
@@ -134,12 +136,11 @@ void addLevels(CLI::App* log, int* status) {
       "Examples:\n"
       "  ofswitch log levels\n"
       "  ofswitch log levels OpenFlow=2 Controller=none");
-  auto options = std::make_shared<LogOptions>();
+  auto options = std::make_shared<LevelsOptions>();
   command->add_option("FACILITY=LEVEL", options->levels,
                       "What to set; without it, nothing is set");
-  command->add_flag("--json", options->json,
-                    "Print an object of bit masks by facility");
-  addDoorOptions(command, &options->door);
+  addClientOptions(command, options.get(),
+                   "Print an object of bit masks by facility");
   command->callback([options, status] { *status = levels(*options); });
 }
 
@@ -172,8 +173,7 @@ void addLogCommand(CLI::App* app, int* status) {
                    "Only so many of the entries there are")
       ->type_name("N")
       ->check(CLI::Range(1u, std::numeric_limits<uint32_t>::max()));
-  command->add_flag("--json", options->json, "Print an object a line");
-  addDoorOptions(command, &options->door);
+  addClientOptions(command, options.get(), "Print an object a line");
   addLevels(command, status);
   command->callback([options, status, command] {
     if (command->get_subcommands().empty()) *status = readLog(*options);

@@ -8,17 +8,13 @@
 #include "switch/client/message_json.h"
 #include "switch/client/reports.h"
 #include "switch/client/switch_client.h"
+#include "switch/commands/client_options.h"
 #include "switch/commands/commands.h"
 
 namespace ofswitch {
 namespace {
 
-struct PortsOptions {
-  DoorOptions door;
-  bool json = false;
-};
-
-int ports(const PortsOptions& options) {
+int ports(const ClientOptions& options) {
   SwitchClient client(options.door);
   const auto reply =
       client.call(&SwitchClient::Stub::GetPorts, pb::PortsRequest());
@@ -40,9 +36,8 @@ void addPortsCommand(CLI::App* app, int* status) {
       "Examples:\n"
       "  ofswitch ports\n"
       "  ofswitch ports --json | jq '.[] | select(.linkUp | not).name'");
-  auto options = std::make_shared<PortsOptions>();
-  command->add_flag("--json", options->json, "Print an array of ports");
-  addDoorOptions(command, &options->door);
+  auto options = std::make_shared<ClientOptions>();
+  addClientOptions(command, options.get(), "Print an array of ports");
   command->callback([options, status] { *status = ports(*options); });
 }
 

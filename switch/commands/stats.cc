@@ -13,6 +13,7 @@
 #include "switch/client/message_json.h"
 #include "switch/client/reports.h"
 #include "switch/client/switch_client.h"
+#include "switch/commands/client_options.h"
 #include "switch/commands/commands.h"
 #include "switch/terminal/amounts.h"
 #include "switch/terminal/interruption.h"
@@ -27,13 +28,11 @@ constexpr uint64_t kMostReadings = 1'000'000'000;  // "-1" would be above
 constexpr double kLeastInterval = 0.05;            // seconds
 constexpr double kMostInterval = 86400;
 
-struct StatsOptions {
-  DoorOptions door;
+struct StatsOptions : ClientOptions {
   double interval = 1;  // seconds
   bool watch = false;
   uint64_t count = 0;  // readings; 0: until it is interrupted
   bool exact = false;
-  bool json = false;
 };
 
 // Rates are part of the object, so that nobody has to keep the last one.
@@ -159,8 +158,7 @@ void addStatsCommand(CLI::App* app, int* status) {
   command->add_flag("--exact", options->exact,
                     "Stop the workers for the moment of the reading, so that "
                     "no packet is under way");
-  command->add_flag("--json", options->json, "Print the answer as JSON");
-  addDoorOptions(command, &options->door);
+  addClientOptions(command, options.get(), "Print the answer as JSON");
   command->callback([options, status, watch] {
     options->watch = watch->count() > 0;
     *status = stats(*options);

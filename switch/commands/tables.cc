@@ -8,15 +8,14 @@
 #include "switch/client/message_json.h"
 #include "switch/client/reports.h"
 #include "switch/client/switch_client.h"
+#include "switch/commands/client_options.h"
 #include "switch/commands/commands.h"
 
 namespace ofswitch {
 namespace {
 
-struct TablesOptions {
-  DoorOptions door;
+struct TablesOptions : ClientOptions {
   bool all = false;
-  bool json = false;
 };
 
 int tables(const TablesOptions& options) {
@@ -45,8 +44,7 @@ void addTablesCommand(CLI::App* app, int* status) {
   auto options = std::make_shared<TablesOptions>();
   command->add_flag("--all", options->all,
                     "Also tables that have no flow and have seen no packet");
-  command->add_flag("--json", options->json, "Print an array of tables");
-  addDoorOptions(command, &options->door);
+  addClientOptions(command, options.get(), "Print an array of tables");
   command->callback([options, status] { *status = tables(*options); });
 }
 

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "switch/client/door_options.h"
 #include "switch/client/switch_client.h"
+#include "switch/commands/client_options.h"
 #include "switch/commands/commands.h"
 #include "switch/terminal/standard_error.h"
 #include "switch/trace/trace_input.h"
@@ -19,12 +19,10 @@ namespace {
 
 constexpr int kUsage = 2;
 
-struct TraceOptions {
-  DoorOptions door;
+struct TraceOptions : ClientOptions {
   std::string packet;
   uint32_t inPort = 0;
   uint32_t table = 0;
-  bool json = false;
 };
 
 int trace(const TraceOptions& options) {
@@ -45,8 +43,7 @@ int trace(const TraceOptions& options) {
     return 1;
   }
   if (!packet.note.empty()) printError("note: {}\n", packet.note);
-  const std::string text = options.json ? traceJson(reply) : traceText(reply);
-  std::fwrite(text.data(), 1, text.size(), stdout);
+  fmt::print("{}", options.json ? traceJson(reply) : traceText(reply));
   return 0;
 }
 
@@ -74,8 +71,7 @@ void addTraceCommand(CLI::App* app, int* status) {
       ->add_option("--table", options->table,
                    "The table that the packet starts at")
       ->type_name("N");
-  command->add_flag("--json", options->json, "Print JSON");
-  addDoorOptions(command, &options->door);
+  addClientOptions(command, options.get(), "Print JSON");
   command->callback([options, status] { *status = trace(*options); });
 }
 

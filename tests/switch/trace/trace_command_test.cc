@@ -103,6 +103,17 @@ TEST_F(TraceCommand, TextBytesAndCapturesSayTheSame) {
                                   "  output  port 2\n"));
 }
 
+// The reason is that of the moment, and not what other calls leave behind.
+TEST_F(TraceCommand, AnOutputThatNobodyTakesIsAFailure) {
+  const std::string frame = hex(Frame(kFrame).payload(size_t{9000}).bytes());
+  const std::string line = fmt::format(
+      "{} trace --socket {} --in-port 1 {} > /dev/full 2> {}", OFSWITCH,
+      (dir_ / "control.sock").string(), frame, (dir_ / "err").string());
+  EXPECT_EQ(WEXITSTATUS(std::system(line.c_str())), 1);
+  EXPECT_EQ(readFile(dir_ / "err"),
+            "ofswitch: standard output: No space left on device\n");
+}
+
 TEST_F(TraceCommand, JsonCarriesTheSame) {
   const Result result = trace("--json in_port=1,tcp,tp_dst=81");
   EXPECT_EQ(result.status, 0);
