@@ -98,7 +98,7 @@ class Bench {
     config.memoryMb = 256;
     config.buildMb = 64;
     config.counters = kCounters;
-    config.module = MODULE;
+    config.module.path = MODULE;
     return config;
   }
 

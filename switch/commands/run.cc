@@ -14,9 +14,8 @@
 #include "switch/commands/service_notice.h"
 #include "switch/commands/stop_request.h"
 #include "switch/control/control_server.h"
-#include "switch/flow/diagnostic.h"
-#include "switch/flow/flow_reader.h"
 #include "switch/live/config.h"
+#include "switch/live/flow_files.h"
 #include "switch/live/live_switch.h"
 #include "switch/telemetry/dpdk_telemetry.h"
 #include "switch/telemetry/metrics_server.h"
@@ -79,20 +78,12 @@ int check(const SwitchConfig& config) {
         "has it, give another address, or \"metrics: false\"\n",
         config.metricsAddress, obstacle);
   }
-  size_t flows = 0;
-  size_t refusals = 0;
-  for (const std::string& path : config.flowFiles) {
-    const FlowFile file = FlowReader({.allowTimeouts = true}).read(path);
-    flows += file.flows.size();
-    refusals += file.refusals.size();
-    for (const Diagnostic& refusal : file.refusals) {
-      printError("{}\n", refusal.text());
-    }
-  }
+  const ConfiguredFlows files = readFlowFiles(config);
+  for (const std::string& refusal : files.refusals) printError("{}\n", refusal);
   fmt::print("{}: {}, {}, {}, {} refused\n", config.file,
              plural(config.ports.size(), "port"), workersText(config),
-             plural(flows, "flow"), refusals);
-  return refusals == 0 ? 0 : 1;
+             plural(files.flows.size(), "flow"), files.refusals.size());
+  return files.refusals.empty() ? 0 : 1;
 }
 
 // Null when the configuration wants none.
@@ -109,7 +100,7 @@ void printDoor(const SwitchConfig& config) {
   fmt::print("control: {}\n", config.controlSocket);
   if (!config.controlAddress.empty()) {
     fmt::print("control: {}{}\n", config.controlAddress,
-               config.tlsCertificate.empty() ? "" : " with TLS");
+               config.tlsCertificate.path.empty() ? "" : " with TLS");
   }
 }
 

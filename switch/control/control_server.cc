@@ -69,7 +69,11 @@ size_t connectionLimit() {
 }
 
 bool hasTls(const SwitchConfig& config) {
-  return !config.tlsCertificate.empty();
+  return !config.tlsCertificate.path.empty();
+}
+
+TlsFile tlsFile(const char* key, const ConfiguredFile& file) {
+  return {file.placed(key), file.path};
 }
 
 // Credentials that take only clients with a certificate of the configured
@@ -78,9 +82,9 @@ std::shared_ptr<grpc::ServerCredentials> tlsCredentials(
     const SwitchConfig& config) {
   try {
     const TlsTexts texts =
-        readTlsFiles({{"control.tls.certificate", config.tlsCertificate},
-                      {"control.tls.key", config.tlsKey},
-                      {"control.tls.client_ca", config.tlsClientCa}});
+        readTlsFiles({tlsFile("control.tls.certificate", config.tlsCertificate),
+                      tlsFile("control.tls.key", config.tlsKey),
+                      tlsFile("control.tls.client_ca", config.tlsClientCa)});
     grpc::SslServerCredentialsOptions options(
         GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
     options.pem_root_certs = texts.authority;

@@ -25,6 +25,24 @@ constexpr unsigned kMaxCore = 1023;
 // Of the longest jumbo frames that network cards know.
 constexpr unsigned kMaxMtu = 9710;
 
+// Paths are meant from the folder of the file.
+std::string resolved(const std::string& file, const std::string& path) {
+  if (path.empty()) return path;
+  return (std::filesystem::path(file).parent_path() / path).lexically_normal();
+}
+
+ConfiguredFile readFileName(const YamlSection& section, const YAML::Node& node,
+                            const char* key) {
+  return {resolved(section.file(), section.toText(node, key)),
+          section.place(node)};
+}
+
+void readFileName(YamlSection& section, const char* key, ConfiguredFile* file) {
+  section.each(key, [&](const YAML::Node& node) {
+    *file = readFileName(section, node, key);
+  });
+}
+
 void readPort(YamlSection& section, SwitchConfig* config) {
   PortConfig port;
   if (!section.has("number")) section.fail("a port needs a number");
@@ -92,14 +110,14 @@ void readWorkers(YamlSection& file, SwitchConfig* config) {
 
 void readControl(YamlSection& control, SwitchConfig* config) {
   control.text("socket", &config->controlSocket);
+  config->controlSocket = resolved(control.file(), config->controlSocket);
   control.text("address", &config->controlAddress);
   control.section("tls", [&](YamlSection& tls) {
-    tls.text("certificate", &config->tlsCertificate);
-    tls.text("key", &config->tlsKey);
-    tls.text("client_ca", &config->tlsClientCa);
-    const bool all = !config->tlsCertificate.empty() &&
-                     !config->tlsKey.empty() && !config->tlsClientCa.empty();
-    if (!all) {
+    readFileName(tls, "certificate", &config->tlsCertificate);
+    readFileName(tls, "key", &config->tlsKey);
+    readFileName(tls, "client_ca", &config->tlsClientCa);
+    if (config->tlsCertificate.path.empty() || config->tlsKey.path.empty() ||
+        config->tlsClientCa.path.empty()) {
       tls.fail("control.tls: needs certificate, key and client_ca");
     }
   });
@@ -163,11 +181,6 @@ void readLog(YamlSection& log, SwitchConfig* config) {
   }
 }
 
-// Paths are meant from the folder of the file.
-void resolve(const std::filesystem::path& folder, std::string* path) {
-  if (!path->empty()) *path = (folder / *path).lexically_normal();
-}
-
 SwitchConfig read(const YAML::Node& root, const std::string& name) {
   SwitchConfig config;
   config.file = name;
@@ -176,27 +189,21 @@ SwitchConfig read(const YAML::Node& root, const std::string& name) {
   readWorkers(file, &config);
   file.section("memory",
                [&](YamlSection& memory) { readMemory(memory, &config); });
-  file.texts("flows", &config.flowFiles);
+  file.list("flows", [&](const YAML::Node& node) {
+    config.flowFiles.push_back(readFileName(file, node, "flows"));
+  });
   file.section("control",
                [&](YamlSection& control) { readControl(control, &config); });
   readMetrics(file, name, &config);
   file.section("controller", [&](YamlSection& controller) {
-    controller.text("capture", &config.controllerCapture);
+    readFileName(controller, "capture", &config.controllerCapture);
   });
   file.section("log", [&](YamlSection& log) { readLog(log, &config); });
-  file.text("module", &config.module);
+  readFileName(file, "module", &config.module);
   file.number("counters", 1024, 1u << 28, &config.counters);
   file.finish();
 
   std::ranges::sort(config.ports, {}, &PortConfig::number);
-  const auto folder = std::filesystem::path(name).parent_path();
-  for (std::string& path : config.flowFiles) resolve(folder, &path);
-  resolve(folder, &config.controllerCapture);
-  resolve(folder, &config.controlSocket);
-  resolve(folder, &config.tlsCertificate);
-  resolve(folder, &config.tlsKey);
-  resolve(folder, &config.tlsClientCa);
-  resolve(folder, &config.module);
   return config;
 }
 

@@ -13,6 +13,17 @@
 
 namespace ofswitch {
 
+// A file that a configuration names.
+struct ConfiguredFile {
+  std::string path;        // empty: none
+  std::string place = {};  // "switch.yaml:5", where it is named
+
+  // What is wrong with it, behind the place that asked for it.
+  std::string placed(const std::string& error) const {
+    return place.empty() ? error : place + ": " + error;
+  }
+};
+
 struct PortConfig {
   uint16_t number = 0;     // 1 to 8191; what flows call it
   std::string name;        // "port1" unless given
@@ -37,20 +48,20 @@ struct SwitchConfig {
   // at the start, 4096 at most.
   size_t buildMb = 0;
 
-  std::vector<std::string> flowFiles;  // loaded before the first packet
-  std::string module;                  // path; empty: where it is installed
+  std::vector<ConfiguredFile> flowFiles;  // loaded before the first packet
+  ConfiguredFile module;                  // none: where it is installed
 
   std::string controlSocket = "/run/ofswitch/control.sock";
   // Where else the control door listens; empty: nowhere.
   std::string controlAddress;
-  std::string tlsCertificate;
-  std::string tlsKey;
-  std::string tlsClientCa;
+  ConfiguredFile tlsCertificate;
+  ConfiguredFile tlsKey;
+  ConfiguredFile tlsClientCa;
 
   std::string metricsAddress = "127.0.0.1:9469";  // empty: not served
-  size_t metricsFlows = 10'000;   // at most so many have series of their own
-  bool dpdkTelemetry = false;     // set by who runs the switch, not by the file
-  std::string controllerCapture;  // pcap of what goes to the controller
+  size_t metricsFlows = 10'000;  // at most so many have series of their own
+  bool dpdkTelemetry = false;    // set by who runs the switch, not by the file
+  ConfiguredFile controllerCapture;  // pcap of what goes to the controller
 
   // Trace levels that also go to standard error, by facility.
   std::map<std::string, uint32_t> logLevels;

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/live/live_switch_impl.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <utility>
 
 #include "platform/mio/mio.h"
 #include "platform/quil_modules/counter_db.h"
-#include "switch/flow/flow_reader.h"
+#include "switch/live/flow_files.h"
 #include "switch/live/flow_report.h"
 #include "switch/live/switch_report.h"
 
@@ -65,7 +68,10 @@ SwitchPorts LiveSwitch::Impl::portNumbers() const {
 }
 
 void LiveSwitch::Impl::start(const std::function<bool()>& isCancelled) {
-  const std::vector<Flow> flows = readFlowFiles();
+  const ConfiguredFlows files = readFlowFiles(config_);
+  if (!files.refusals.empty()) {
+    throw StartError(fmt::format("{}", fmt::join(files.refusals, "\n")));
+  }
   checkCancelled(isCancelled);
   graph_ = std::make_unique<SwitchGraph>(config_);
   try {
@@ -73,7 +79,7 @@ void LiveSwitch::Impl::start(const std::function<bool()>& isCancelled) {
       Mio::setTraceLevels(facility, mask);
     }
     graph_->makeOutputs();
-    loadFlows(flows, isCancelled);
+    loadFlows(files.flows, isCancelled);
     graph_->startWorkers();
   } catch (...) {
     programmer_.reset();
@@ -187,21 +193,6 @@ pb::TraceReply LiveSwitch::Impl::trace(const TracedPacket& packet) {
                                              tracedFlows());
   }
   return tracer_->trace(packet);
-}
-
-std::vector<Flow> LiveSwitch::Impl::readFlowFiles() const {
-  const FlowReader reader({.allowTimeouts = true});
-  std::vector<Flow> flows;
-  std::string refusals;
-  for (const std::string& path : config_.flowFiles) {
-    FlowFile file = reader.read(path);
-    std::ranges::move(file.flows, std::back_inserter(flows));
-    for (const Diagnostic& refusal : file.refusals) {
-      refusals += (refusals.empty() ? "" : "\n") + refusal.text();
-    }
-  }
-  if (!refusals.empty()) throw StartError(refusals);
-  return flows;
 }
 
 void LiveSwitch::Impl::loadFlows(const std::vector<Flow>& flows,

@@ -71,7 +71,6 @@ class LiveSwitch::Impl {
   std::string captureError_;  // once it has stopped
 
  private:
-  std::vector<Flow> readFlowFiles() const;
   void loadFlows(const std::vector<Flow>& flows,
                  const std::function<bool()>& isCancelled);
   void program(FlowBook::Plan plan, const Progress& progress,

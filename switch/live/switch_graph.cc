@@ -104,11 +104,12 @@ void SwitchGraph::startEnvironment() {
 
 void SwitchGraph::makeModule() {
   try {
-    const std::string path = findModule(config_.module);
+    const std::string path =
+        findModule(config_.module.path, "\"module: FILE.so\"");
     module_ = ofswitch::makeModule(path);
     plugin_ = path;
   } catch (const std::runtime_error& error) {
-    throw StartError(error.what());
+    throw StartError(config_.module.placed(error.what()));
   }
 }
 
@@ -144,11 +145,13 @@ void SwitchGraph::makeController() {
   controller_ = static_cast<ControllerPort*>(
       make(ControllerPort::kClassName, kController));
   require(bess::ConnectModules(kModuleName, 0, kController, 0), kController);
-  if (!config_.controllerCapture.empty()) {
-    std::string error;
-    bess::ControlThread::Instance().Run(
-        [&] { error = controller_->startCapture(config_.controllerCapture); });
-    require(error);
+  const ConfiguredFile& capture = config_.controllerCapture;
+  if (capture.path.empty()) return;
+  std::string error;
+  bess::ControlThread::Instance().Run(
+      [&] { error = controller_->startCapture(capture.path); });
+  if (!error.empty()) {
+    throw StartError(capture.placed("controller.capture: " + error));
   }
 }
 

@@ -93,17 +93,14 @@ void YamlSection::flag(const char* key, bool* value) {
   });
 }
 
-void YamlSection::texts(const char* key, std::vector<std::string>* values) {
+void YamlSection::list(const char* key,
+                       const std::function<void(const YAML::Node&)>& fn) {
   each(key, [&](const YAML::Node& node) {
-    values->clear();
-    if (node.IsScalar()) {
-      values->push_back(node.Scalar());
-      return;
-    }
+    if (node.IsScalar()) return fn(node);
     if (!node.IsSequence()) {
       failAt(node, fmt::format("{}: must be a value or a list", pathOf(key)));
     }
-    for (const YAML::Node& item : node) values->push_back(toText(item, key));
+    for (const YAML::Node& item : node) fn(item);
   });
 }
 

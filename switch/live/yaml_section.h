@@ -28,7 +28,7 @@ class YamlSection {
     });
   }
   // One value or a list of them.
-  void texts(const char* key, std::vector<std::string>* values);
+  void list(const char* key, const std::function<void(const YAML::Node&)>& fn);
   void section(const char* key, const std::function<void(YamlSection&)>& read);
   // Each mapping of a list.
   void sections(const char* key, const std::function<void(YamlSection&)>& read);
@@ -36,6 +36,7 @@ class YamlSection {
   void each(const char* key, const std::function<void(const YAML::Node&)>& fn);
 
   bool has(const char* key) const;
+  const std::string& file() const { return file_; }
 
   // Refuses what nobody has asked for, with a suggestion. Last.
   void finish();

@@ -15,6 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kLibrary[] = "libOpenFlowModule.so";
+constexpr char kVariable[] = "OFSWITCH_MODULE";
 
 // OFSWITCH_LIBDIR is the installation's library directory as seen from its
 // program directory, so that an installation can be moved as a whole.
@@ -25,20 +26,23 @@ std::vector<fs::path> places() {
           (here / OFSWITCH_LIBDIR / kLibrary).lexically_normal()};
 }
 
+// `name` stands in errors.
+std::string checked(const std::string& path, const std::string& name) {
+  std::error_code error;
+  const fs::path file = fs::canonical(path, error);
+  if (error) {
+    throw std::runtime_error(fmt::format("{}: {}", name, error.message()));
+  }
+  return file;
+}
+
 }  // namespace
 
-std::string findModule(const std::string& given) {
-  const char* fromEnvironment = getenv("OFSWITCH_MODULE");
-  for (const std::string& path :
-       {given, std::string(fromEnvironment ? fromEnvironment : "")}) {
-    if (!path.empty()) {
-      std::error_code error;
-      const fs::path file = fs::canonical(path, error);
-      if (error) {
-        throw std::runtime_error(fmt::format("{}: {}", path, error.message()));
-      }
-      return file;
-    }
+std::string findModule(const std::string& given, const std::string& setting) {
+  if (!given.empty()) return checked(given, given);
+  const char* named = getenv(kVariable);
+  if (named != nullptr && *named != '\0') {
+    return checked(named, fmt::format("{}={}", kVariable, named));
   }
   std::vector<std::string> tried;
   for (const fs::path& path : places()) {
@@ -47,9 +51,9 @@ std::string findModule(const std::string& given) {
     }
     tried.push_back(path);
   }
-  throw std::runtime_error(
-      fmt::format("{} is not in {}: name it with --module or OFSWITCH_MODULE",
-                  kLibrary, fmt::join(tried, ", ")));
+  throw std::runtime_error(fmt::format("{} is not in {}: name it with {} or {}",
+                                       kLibrary, fmt::join(tried, ", "),
+                                       setting, kVariable));
 }
 
 }  // namespace ofswitch

@@ -18,9 +18,9 @@ class TlsCommand : public ClientCommand {
     SwitchConfig config;
     config.controlSocket = dir_ / "control.sock";
     config.controlAddress = "0.0.0.0:0";
-    config.tlsCertificate = certificates().path("server.pem");
-    config.tlsKey = certificates().path("server.key");
-    config.tlsClientCa = certificates().path("ca.pem");
+    config.tlsCertificate.path = certificates().path("server.pem");
+    config.tlsKey.path = certificates().path("server.key");
+    config.tlsClientCa.path = certificates().path("ca.pem");
     door_ =
         std::make_unique<ControlServer>(ControlSockets(config), &bench_.live());
   }

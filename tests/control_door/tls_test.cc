@@ -17,9 +17,9 @@ using openflow_test::ScratchDir;
 SwitchConfig tlsConfig() {
   SwitchConfig config;
   config.controlAddress = "0.0.0.0:0";
-  config.tlsCertificate = certificates().path("server.pem");
-  config.tlsKey = certificates().path("server.key");
-  config.tlsClientCa = certificates().path("ca.pem");
+  config.tlsCertificate.path = certificates().path("server.pem");
+  config.tlsKey.path = certificates().path("server.key");
+  config.tlsClientCa.path = certificates().path("ca.pem");
   return config;
 }
 
@@ -110,24 +110,26 @@ TEST_F(TlsDoor, LogsWhyItRefusedWithoutTellingStandardError) {
 TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
   EXPECT_EQ(startError(tlsConfig()), "");
   SwitchConfig config = tlsConfig();
-  config.tlsKey = certificates().path("client.key");
+  config.tlsKey.path = certificates().path("client.key");
   EXPECT_EQ(startError(config),
-            "control.tls.key: " + config.tlsKey +
+            "control.tls.key: " + config.tlsKey.path +
                 ": is not the private key of the certificate " +
-                config.tlsCertificate);
+                config.tlsCertificate.path);
   config = tlsConfig();
-  config.tlsCertificate = certificates().path("server.csr");
+  config.tlsCertificate.path = certificates().path("server.csr");
   EXPECT_EQ(startError(config),
-            "control.tls.certificate: " + config.tlsCertificate +
+            "control.tls.certificate: " + config.tlsCertificate.path +
                 ": is no certificate in PEM format");
   config = tlsConfig();
-  config.tlsClientCa = certificates().path("server.key");
-  EXPECT_EQ(startError(config), "control.tls.client_ca: " + config.tlsClientCa +
-                                    ": is no certificate in PEM format");
+  config.tlsClientCa.path = certificates().path("server.key");
+  EXPECT_EQ(startError(config),
+            "control.tls.client_ca: " + config.tlsClientCa.path +
+                ": is no certificate in PEM format");
   config = tlsConfig();
-  config.tlsClientCa = certificates().path("none.pem");
-  EXPECT_EQ(startError(config), "control.tls.client_ca: " + config.tlsClientCa +
-                                    ": cannot open: No such file or directory");
+  config.tlsClientCa.path = certificates().path("none.pem");
+  EXPECT_EQ(startError(config),
+            "control.tls.client_ca: " + config.tlsClientCa.path +
+                ": cannot open: No such file or directory");
 }
 
 }  // namespace

@@ -59,13 +59,13 @@ LiveBench::LiveBench(const Options& options)
        0}};
   config.workers.assign(static_cast<size_t>(options.workers), -1);
   config.memoryMb = 256;
-  config.flowFiles = {dir_ / "flows.txt"};
+  config.flowFiles = {{dir_ / "flows.txt"}};
   config.counters = options.counters;
   config.packetBuffers = options.buffers;
-  config.module = MODULE;
+  config.module.path = MODULE;
   config.dpdkTelemetry = options.dpdkTelemetry;
   if (!options.controllerCapture.empty()) {
-    config.controllerCapture = dir_ / options.controllerCapture;
+    config.controllerCapture.path = dir_ / options.controllerCapture;
   }
   switch_ = std::make_unique<LiveSwitch>(config, [offset = offset_] {
     return LiveSwitch::Clock::now() + *offset;

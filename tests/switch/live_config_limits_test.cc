@@ -73,11 +73,14 @@ INSTANTIATE_TEST_SUITE_P(Rows, ConfigLimit, testing::ValuesIn(kLimits));
 
 TEST(Config, TakesOneFlowFileOrMany) {
   const auto files = [](const char* yaml) {
-    return parseConfig(yaml, "/etc/s.yaml").flowFiles;
+    std::vector<std::string> files;
+    for (const auto& [path, place] : parseConfig(yaml, "/etc/s.yaml").flowFiles)
+      files.push_back(place + " " + path);
+    return files;
   };
-  EXPECT_THAT(files("flows: a.txt"), ElementsAre("/etc/a.txt"));
-  EXPECT_THAT(files("flows: [a.txt, ../b.txt]"),
-              ElementsAre("/etc/a.txt", "/b.txt"));
+  EXPECT_THAT(files("flows: a.txt"), ElementsAre("/etc/s.yaml:1 /etc/a.txt"));
+  EXPECT_THAT(files("flows: [a.txt,\n  ../b.txt]"),
+              ElementsAre("/etc/s.yaml:1 /etc/a.txt", "/etc/s.yaml:2 /b.txt"));
   EXPECT_THAT(files("flows: []"), IsEmpty());
   EXPECT_THAT(files("flows:"), IsEmpty());
   EXPECT_EQ(errorOf("flows: {a: b}"),
@@ -134,7 +137,7 @@ TEST(Config, NothingIsNoValue) {
   EXPECT_THAT(config.workers, ElementsAre(-1));
   EXPECT_THAT(config.logLevels, IsEmpty());
   EXPECT_EQ(config.metricsAddress, "127.0.0.1:9469");
-  EXPECT_EQ(config.module, "");
+  EXPECT_EQ(config.module.path, "");
 }
 
 TEST(Config, LogLevelsAreMasks) {

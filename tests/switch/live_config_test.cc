@@ -23,11 +23,11 @@ TEST(Config, DefaultsForEveryKey) {
   EXPECT_FALSE(config.hugepages);
   EXPECT_EQ(config.packetBuffers, 16383);
   EXPECT_THAT(config.flowFiles, IsEmpty());
-  EXPECT_EQ(config.module, "");
+  EXPECT_EQ(config.module.path, "");
   EXPECT_EQ(config.controlSocket, "/run/ofswitch/control.sock");
   EXPECT_EQ(config.controlAddress, "");
   EXPECT_EQ(config.metricsAddress, "127.0.0.1:9469");
-  EXPECT_EQ(config.controllerCapture, "");
+  EXPECT_EQ(config.controllerCapture.path, "");
   EXPECT_THAT(config.logLevels, IsEmpty());
   EXPECT_EQ(config.counters, 1u << 20);
 }
@@ -68,18 +68,19 @@ counters: 4096
   EXPECT_TRUE(config.hugepages);
   EXPECT_EQ(config.packetBuffers, 65535);
   EXPECT_EQ(config.buildMb, 1000);
-  EXPECT_THAT(config.flowFiles,
-              ElementsAre("/etc/ofswitch/flows.txt", "/srv/more.txt"));
+  ASSERT_EQ(config.flowFiles.size(), 2);
+  EXPECT_EQ(config.flowFiles[0].path, "/etc/ofswitch/flows.txt");
+  EXPECT_EQ(config.flowFiles[1].path, "/srv/more.txt");
   EXPECT_EQ(config.controlSocket, "/etc/ofswitch/door.sock");
   EXPECT_EQ(config.controlAddress, "0.0.0.0:9470");
-  EXPECT_EQ(config.tlsCertificate, "/etc/ofswitch/c.pem");
-  EXPECT_EQ(config.tlsKey, "/k.pem");
-  EXPECT_EQ(config.tlsClientCa, "/etc/ofswitch/ca.pem");
+  EXPECT_EQ(config.tlsCertificate.path, "/etc/ofswitch/c.pem");
+  EXPECT_EQ(config.tlsKey.path, "/k.pem");
+  EXPECT_EQ(config.tlsClientCa.path, "/etc/ofswitch/ca.pem");
   EXPECT_EQ(config.metricsAddress, "");
-  EXPECT_EQ(config.controllerCapture, "/etc/ofswitch/controller.pcap");
+  EXPECT_EQ(config.controllerCapture.path, "/etc/ofswitch/controller.pcap");
   EXPECT_EQ(config.logLevels.at("OpenFlow"), 7u);
   EXPECT_EQ(config.logLevels.at("Controller"), 1u);
-  EXPECT_EQ(config.module, "/etc/ofswitch/lib.so");
+  EXPECT_EQ(config.module.path, "/etc/ofswitch/lib.so");
   EXPECT_EQ(config.counters, 4096);
 }
 

@@ -188,8 +188,8 @@ TEST(LiveSwitch, SecondStartIsClean) {
 TEST(LiveSwitch, StartErrorsNameTheirCause) {
   SwitchConfig config;
   config.memoryMb = 256;
-  config.module = MODULE;
-  config.flowFiles = {"/nowhere/flows.txt"};
+  config.module.path = MODULE;
+  config.flowFiles = {{"/nowhere/flows.txt"}};
   try {
     LiveSwitch(config).start();
     FAIL() << "started";

@@ -44,6 +44,8 @@ TEST_F(ModulePath, IsWhatIsGivenBeforeWhatTheEnvironmentSays) {
   EXPECT_EQ(findModule(""), std::filesystem::canonical(dir / "named.so"));
   EXPECT_EQ(errorOf(dir / "none.so"),
             (dir / "none.so").string() + ": No such file or directory");
+  setenv("OFSWITCH_MODULE", "gone.so", 1);
+  EXPECT_EQ(errorOf(""), "OFSWITCH_MODULE=gone.so: No such file or directory");
 }
 
 TEST_F(ModulePath, IsLookedForBesideTheProgramAndTellsWhere) {

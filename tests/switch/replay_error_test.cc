@@ -212,7 +212,7 @@ TEST_F(ReplayErrors, AModuleThatIsNoneIsRefused) {
 TEST_F(ReplayErrors, TheEnvironmentNamesTheModule) {
   replay("--flows good.txt --in 1=in.pcap", "OFSWITCH_MODULE=gone.so");
   EXPECT_EQ(status_, 1);
-  EXPECT_EQ(stderr_, "gone.so: No such file or directory\n");
+  EXPECT_EQ(stderr_, "OFSWITCH_MODULE=gone.so: No such file or directory\n");
 }
 
 TEST_F(ReplayErrors, ACutCaptureIsReplayedAsFarAsItGoes) {

@@ -31,6 +31,7 @@ using openflow_test::timeLimit;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 
 class RunCommand : public testing::Test {
@@ -141,14 +142,62 @@ TEST_F(RunCommand, TellsTheServiceManagerHowFarItIs) {
   }
 }
 
-TEST_F(RunCommand, RefusesWhatItCannotStart) {
-  const std::string config = write("switch.yaml", "prots: []\n");
+struct Refusal {
+  const char* name;
+  const char* old;    // of kConfig
+  const char* other;  // in its place
+  const char* error;  // how the only line begins; DIR is the folder of it all
+};
+
+const Refusal kRefusals[] = {
+    {"UnknownKey", "ports:", "prots:",
+     "DIR/switch.yaml:1: unknown key \"prots\", did you mean \"ports\"?\n"},
+    {"NoSuchCore", "workers: 2", "workers: [0, 1023]",
+     "DIR/switch.yaml:4: workers: worker 1: "},
+    {"NoSuchDriver", "net_null1", "net_nul1",
+     "DIR/switch.yaml:3: port 'port2', device 'net_nul1': no driver of that "
+     "name: "},
+    // DPDK says so when it fails to take a card that it was not told of.
+    {"NoSuchCard", "net_null1", "\"0000:fe:1f.7\"",
+     "DIR/switch.yaml:3: port 'port2', device '0000:fe:1f.7': there is no PCI "
+     "device at 0000:fe:1f.7; see: dpdk-devbind.py --status\n"},
+    {"NoSuchFlowFile", "flows.txt", "\n  - flows.txt\n  - none.txt",
+     "DIR/switch.yaml:8: DIR/none.txt: cannot open: No such file or "
+     "directory\n"},
+    {"NoSuchModule", "metrics: false", "module: none.so",
+     "DIR/switch.yaml:8: DIR/none.so: No such file or directory\n"},
+    {"NoFolderForTheCapture", "metrics: false",
+     "controller:\n  capture: none/controller.pcap",
+     "DIR/switch.yaml:9: controller.capture: DIR/none/controller.pcap: No such "
+     "file or directory\n"},
+    {"NoSuchCertificate", "{socket: control.sock}",
+     "\n  address: 127.0.0.1:0\n"
+     "  tls: {certificate: c.pem, key: k.pem, client_ca: a.pem}",
+     "DIR/switch.yaml:9: control.tls.certificate: DIR/c.pem: cannot open: No "
+     "such file or directory\n"},
+};
+
+class RunRefusal : public RunCommand,
+                   public testing::WithParamInterface<Refusal> {};
+
+TEST_P(RunRefusal, NamesThePlaceAndWhatIsWrong) {
+  const Refusal& row = GetParam();
+  write("flows.txt", "");
+  const std::string config =
+      write("switch.yaml", configWith(row.old, row.other));
   RunningSwitch process(config, dir_ / "log");
   EXPECT_EQ(process.end(0), 1);
-  EXPECT_EQ(process.log(), "ofswitch: " + config +
-                               ":1: unknown key \"prots\", did you mean "
-                               "\"ports\"?\n");
+  std::string error = row.error;
+  for (size_t at; (at = error.find("DIR")) != std::string::npos;) {
+    error.replace(at, 3, dir_.path());
+  }
+  const std::string log = process.log();
+  EXPECT_THAT(log, StartsWith("ofswitch: " + error));
+  EXPECT_EQ(log.find('\n'), log.size() - 1) << log;
 }
+
+INSTANTIATE_TEST_SUITE_P(Rows, RunRefusal, testing::ValuesIn(kRefusals),
+                         [](const auto& row) { return row.param.name; });
 
 TEST_F(RunCommand, ChecksWithoutStarting) {
   const std::string flows = write("flows.txt", "in_port=1,actions=output:2\n");
@@ -190,41 +239,6 @@ TEST_F(RunCommand, ChecksAllFilesAndTheControlAddress) {
   EXPECT_THAT(process.log(),
               HasSubstr("0.0.0.0:9470 can be reached from elsewhere and needs "
                         "control.tls: certificate, key and client_ca\n"));
-}
-
-TEST_F(RunCommand, TellsWhereACoreStandsThatIsNotThere) {
-  write("flows.txt", "");
-  const std::string config =
-      write("switch.yaml", configWith("workers: 2", "workers: [0, 1023]"));
-  RunningSwitch process(config, dir_ / "log");
-  EXPECT_EQ(process.end(0), 1);
-  EXPECT_THAT(process.log(),
-              HasSubstr("ofswitch: " + config + ":4: workers: worker 1: "));
-}
-
-TEST_F(RunCommand, TellsWhereADeviceStandsThatIsNotThere) {
-  write("flows.txt", "");
-  const std::string config =
-      write("switch.yaml", configWith("net_null1", "net_nul1"));
-  RunningSwitch process(config, dir_ / "log");
-  EXPECT_EQ(process.end(0), 1);
-  EXPECT_THAT(process.log(),
-              HasSubstr("ofswitch: " + config +
-                        ":3: port 'port2', device 'net_nul1': no driver of "
-                        "that name: "));
-}
-
-// DPDK says so when it fails to take a card that it was not told of.
-TEST_F(RunCommand, TriesNoOtherCards) {
-  write("flows.txt", "");
-  const std::string config =
-      write("switch.yaml", configWith("net_null1", "\"0000:fe:1f.7\""));
-  RunningSwitch process(config, dir_ / "log");
-  EXPECT_EQ(process.end(0), 1);
-  EXPECT_EQ(process.log(),
-            "ofswitch: " + config +
-                ":3: port 'port2', device '0000:fe:1f.7': there is no PCI "
-                "device at 0000:fe:1f.7; see: dpdk-devbind.py --status\n");
 }
 
 TEST_F(RunCommand, TellsWhatToDoWhenItsBuffersDoNotFit) {

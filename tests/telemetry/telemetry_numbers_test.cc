@@ -196,7 +196,7 @@ TEST(NumbersOfPorts, SayHowManyPortsItLeavesOut) {
   }
   config.workers = {-1};
   config.memoryMb = 256;
-  config.module = MODULE;
+  config.module.path = MODULE;
   config.packetBuffers = 16383;
   config.dpdkTelemetry = true;
   LiveSwitch live(config);
