@@ -2,6 +2,7 @@
 //
 // ofswitch log: the trace log of a running switch.
 #include <fmt/core.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <charconv>
@@ -166,7 +167,8 @@ void addLogCommand(CLI::App* app, int* status) {
       ->check(CLI::Range(0u, kMaxLogLevel));
   command
       ->add_option("--facility", options->facility,
-                   "Only entries of OpenFlow or of Controller")
+                   fmt::format("Only entries of one: {}",
+                               fmt::join(kLogFacilities, ", ")))
       ->type_name("NAME");
   command
       ->add_option("-n,--last", options->last,
