@@ -21,6 +21,7 @@
 #include "switch/telemetry/metrics_server.h"
 #include "switch/terminal/amounts.h"
 #include "switch/terminal/standard_error.h"
+#include "switch/terminal/standard_output.h"
 
 namespace ofswitch {
 namespace {
@@ -45,27 +46,27 @@ std::string workersText(const SwitchConfig& config) {
 void printSummary(const LiveSwitch& live) {
   const SwitchConfig& config = live.config();
   for (const std::string& note : live.startNotes()) {
-    fmt::print("note: {}\n", printable(note));
+    printMessage("note: {}\n", printable(note));
   }
   const pb::PortsReply ports = live.ports();
   for (const pb::Port& port : ports.ports()) {
     if (port.port() == 0) continue;
-    fmt::print("port {} {}: {} ({}), {}, {}, MTU {}, link {}\n", port.port(),
-               port.name(), port.device(), port.driver(), port.mac(),
-               plural(port.rx_queues(), "queue"), port.mtu(),
-               port.link_up() ? "up" : "down");
+    printMessage("port {} {}: {} ({}), {}, {}, MTU {}, link {}\n", port.port(),
+                 port.name(), port.device(), port.driver(), port.mac(),
+                 plural(port.rx_queues(), "queue"), port.mtu(),
+                 port.link_up() ? "up" : "down");
   }
-  fmt::print("running: {}, {}, {}\n", plural(config.ports.size(), "port"),
-             workersText(config), plural(live.stats().flows(), "flow"));
+  printMessage("running: {}, {}, {}\n", plural(config.ports.size(), "port"),
+               workersText(config), plural(live.stats().flows(), "flow"));
   std::fflush(stdout);
 }
 
 void printEnd(const pb::StatsReply& stats) {
   uint64_t dropped = 0;
   for (const pb::DropCause& cause : stats.drops()) dropped += cause.packets();
-  fmt::print("stopped: {} received, {} sent, {} dropped\n",
-             plural(stats.packets_received(), "packet"), stats.packets_sent(),
-             dropped);
+  printMessage("stopped: {} received, {} sent, {} dropped\n",
+               plural(stats.packets_received(), "packet"), stats.packets_sent(),
+               dropped);
 }
 
 // What can be said without starting anything.
@@ -92,15 +93,15 @@ std::unique_ptr<MetricsServer> serveMetrics(const LiveSwitch& live) {
   if (config.metricsAddress.empty()) return nullptr;
   auto server = std::make_unique<MetricsServer>(live, config.metricsAddress,
                                                 config.metricsFlows);
-  fmt::print("metrics: {}\n", server->url());
+  printMessage("metrics: {}\n", server->url());
   return server;
 }
 
 void printDoor(const SwitchConfig& config) {
-  fmt::print("control: {}\n", config.controlSocket);
+  printMessage("control: {}\n", config.controlSocket);
   if (!config.controlAddress.empty()) {
-    fmt::print("control: {}{}\n", config.controlAddress,
-               config.tlsCertificate.path.empty() ? "" : " with TLS");
+    printMessage("control: {}{}\n", config.controlAddress,
+                 config.tlsCertificate.path.empty() ? "" : " with TLS");
   }
 }
 
@@ -124,14 +125,14 @@ int run(const RunOptions& options) {
   try {
     live.start([&stop] { return stop.isMade(); });
   } catch (const StartCancelled&) {
-    fmt::print("stopped {}\n", kLoading);
+    printMessage("stopped {}\n", kLoading);
     return 0;
   }
   const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
   const DpdkTelemetry telemetry(live);
   ControlServer control(std::move(sockets), &live);
   printDoor(live.config());
-  fmt::print("DPDK telemetry: {}\n", DpdkTelemetry::command());
+  printMessage("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
   tellServiceManager("READY=1");
   stop.wait();

@@ -10,10 +10,12 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 
 #include "tests/captures/capture_files.h"
+#include "tests/support/time_limit.h"
 
 namespace {
 
@@ -114,6 +116,44 @@ TEST_F(StandardStreams, ASwitchOutlivesWhoReadsItsMessages) {
   waitpid(child, &status, 0);
   EXPECT_TRUE(WIFEXITED(status)) << status;
   EXPECT_EQ(WEXITSTATUS(status), 1) << "its last line is lost";
+}
+
+// A buffer of messages is written when it is full, before all has started.
+TEST_F(StandardStreams, ASwitchStartsThoughNobodyReadsWhatItTells) {
+  openflow_test::writeFile(
+      dir_ / "switch.yaml",
+      "ports: [{number: 1, device: net_ring0, name: " + std::string(5000, 'x') +
+          "}]\n"
+          "memory: {mb: 128, buffers: 4095}\n"
+          "control: {socket: control.sock}\n"
+          "metrics: false\n");
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  const std::string config = dir_ / "switch.yaml";
+  const pid_t child = fork();
+  if (child == 0) {
+    signal(SIGPIPE, SIG_DFL);
+    dup2(ends[1], STDOUT_FILENO);
+    execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), nullptr);
+    _exit(127);
+  }
+  close(ends[1]);
+  const std::string door = dir_ / "control.sock";
+  const auto end =
+      std::chrono::steady_clock::now() + openflow_test::timeLimit(20s);
+  while (!std::filesystem::exists(door) &&
+         std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(5ms);
+  }
+  EXPECT_EQ(statusOf("stats --socket control.sock > /dev/null"), 0);
+  std::this_thread::sleep_for(200ms);
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "it runs on";
+  kill(child, SIGTERM);
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 1) << "its lines are lost";
 }
 
 }  // namespace
