@@ -103,4 +103,21 @@ TEST_F(PacketFree, BorrowedBuffersAreGivenBack) {
   EXPECT_EQ(other_.available(), kPackets);
 }
 
+int buffersReturned = 0;
+
+TEST_F(PacketFree, BuffersFromOutsideGoToWhoeverGaveThem) {
+  alignas(64) static char buffer[256];
+  rte_mbuf_ext_shared_info info = {};
+  info.free_cb = [](void*, void*) { buffersReturned++; };
+  rte_mbuf_ext_refcnt_set(&info, 1);
+  Packet* guest = pool_.Alloc(0);
+  rte_pktmbuf_attach_extbuf(guest->mbuf(), buffer, 0, sizeof(buffer), &info);
+  PacketBatch batch = BatchWith(&pool_, guest);
+  Packet::Free(&batch);
+  EXPECT_EQ(buffersReturned, 1);
+  EXPECT_EQ(pool_.available(), kPackets);
+  EXPECT_EQ(guest->mbuf()->ol_flags, 0u);
+  EXPECT_NE(guest->mbuf()->buf_addr, buffer);
+}
+
 }  // namespace

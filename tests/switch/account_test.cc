@@ -53,6 +53,20 @@ ReplayCounts consistent() {
   return counts;
 }
 
+// The table counts the action; the packet has left all the same.
+TEST(Account, ADropBesideAnOutputEndsNoPacket) {
+  ReplayCounts counts = consistent();
+  for (Rule& rule : counts.rules) {
+    if (rule.action.setoutputport()) rule.action.set_setoutputdrop(true);
+  }
+  counts.tables[0].set_dropactions(15 + 20);
+  const Account account = makeAccount(counts);
+  EXPECT_TRUE(account.closes()) << account.discrepancies[0];
+  EXPECT_EQ(account.sent, 60u);
+  EXPECT_EQ(account.dropActions, 10u);
+  EXPECT_EQ(account.tables[0].dropActions, 10u + 20);
+}
+
 TEST(Account, Closes) {
   const Account account = makeAccount(consistent());
   EXPECT_TRUE(account.closes()) << account.discrepancies[0];

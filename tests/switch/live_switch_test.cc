@@ -71,6 +71,20 @@ TEST(LiveSwitch, PacketsFollowTheFlowsAndTheAccountCloses) {
   EXPECT_EQ(LiveBench::drops(stats, "no_buffer_for_output"), 0);
   EXPECT_EQ(stats.flows(), 6);
 
+  const size_t length = tcpTo(80).bytes().size();
+  const pb::PortsReply ports = bench->ports();
+  ASSERT_EQ(ports.ports_size(), 4);
+  EXPECT_EQ(ports.ports(1).rx_bytes(),
+            21 * length + Frame(v6).udp(7, 8).bytes().size());
+  EXPECT_EQ(ports.ports(2).rx_bytes(), 7 * length);
+  EXPECT_EQ(ports.ports(3).rx_bytes(), 0);
+  EXPECT_EQ(ports.ports(1).tx_bytes() + ports.ports(2).tx_bytes(), 0);
+  EXPECT_GT(ports.ports(0).tx_bytes(), 0);
+  EXPECT_GT(ports.ports(3).tx_bytes(), 0);
+  EXPECT_EQ(stats.bytes_received(), ports.ports(1).rx_bytes() + 7 * length);
+  EXPECT_EQ(stats.bytes_sent(),
+            ports.ports(0).tx_bytes() + ports.ports(3).tx_bytes());
+
   const pb::TablesReply tables = bench->tables({});
   ASSERT_EQ(tables.tables_size(), 2);
   EXPECT_EQ(tables.tables(0).entered(), 29);

@@ -154,9 +154,11 @@ TEST_F(KoRcuHtTest, MatchesByKeyOnly) {
   Node node{};
   node.key = 42;
   const uint32_t same = 42;
-  const uint32_t other = 43;
   EXPECT_NE(Table::koMatch(&node.link, &same), 0);
-  EXPECT_EQ(Table::koMatch(&node.link, &other), 0);
+  for (int bit = 0; bit < 32; bit++) {
+    const uint32_t other = same ^ uint32_t { 1 } << bit;
+    EXPECT_EQ(Table::koMatch(&node.link, &other), 0) << bit;
+  }
 }
 
 TEST_F(KoRcuHtTest, KeepsKeysApart) {
@@ -308,6 +310,19 @@ TEST_F(KoRcuHtTest, ReleasesOnlyAfterTheReadersAreThrough) {
   EXPECT_EQ(replaced.released, 1);
   EXPECT_EQ(erased.released, 1);
   EXPECT_EQ(stored.released, 0);
+}
+
+int syncsAtRelease = 0;
+void noteSyncs(Flow*) { syncsAtRelease = Interposed::state().syncs; }
+
+TEST_F(KoRcuHtTest, SynchronousModeReleasesBehindAGracePeriod) {
+  Flow first, second;
+  Table table("RTE", 1024, false);
+  table.addReplace(42, &first, noteSyncs);
+  table.addReplace(42, &second, noteSyncs);
+  EXPECT_EQ(syncsAtRelease, 1);
+  table.erase(42);
+  EXPECT_EQ(syncsAtRelease, 2);
 }
 
 TEST_F(KoRcuHtTest, SynchronousModeReleasesBeforeItReturns) {
