@@ -161,7 +161,7 @@ UpdatesUnderTraffic::UpdatesUnderTraffic()
 UpdatesUnderTraffic::~UpdatesUnderTraffic() {
   stopWorkers();
   bess::DestroyAllModules();
-  bess::ControlThread::Instance().Run([this] {
+  bess::ControlThread::Instance().Run([] {
     for (int wid = 0; wid < GetParam().workers; wid++) {
       QuilModules::bessCounterDb.destroy(wid);
     }
