@@ -30,7 +30,6 @@ using testing::HasSubstr;
 using testing::SizeIs;
 
 constexpr RawMethod kChangeFlows = kMethods[0];
-constexpr RawMethod kDumpFlows = kMethods[1];
 constexpr RawMethod kGetTables = kMethods[2];
 
 constexpr size_t kMiB = size_t{1} << 20;

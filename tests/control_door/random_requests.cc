@@ -36,8 +36,8 @@ constexpr const char* kWords[] = {
     "actions=drop",
     "table=7,tcp,tp_dst=80,actions=output:3",
     "table=31,priority=65535,ipv6,actions=dec_ttl,output:3",
-    "table=3,ip,nw_dst=10.0.0.0/8,actions=goto_table:4\n"
-    "table=4,actions=controller\n",
+    ("table=3,ip,nw_dst=10.0.0.0/8,actions=goto_table:4\n"
+     "table=4,actions=controller\n"),
     "table=3,actions=goto_table:3",
     "table=32,actions=drop",
     "in_port=1,tcp,nw_dst=10.0.0.5,tp_dst=80",
