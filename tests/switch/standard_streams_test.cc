@@ -39,6 +39,17 @@ class StandardStreams : public testing::Test {
   ScratchDir dir_;
 };
 
+// What it could not tell shows in its status, and in nothing before its end.
+void expectToRunOnAndFailAtItsEnd(pid_t child) {
+  std::this_thread::sleep_for(200ms);
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "it runs on";
+  kill(child, SIGTERM);
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 1) << "lines are lost";
+}
+
 TEST_F(StandardStreams, AMessageThatNobodyTakesChangesNoExitStatus) {
   for (const std::string lost : {" 2> /dev/full", " 2>&-"}) {
     EXPECT_EQ(statusOf("check good.txt > /dev/null" + lost), 0) << lost;
@@ -109,13 +120,7 @@ TEST_F(StandardStreams, ASwitchOutlivesWhoReadsItsMessages) {
     text.append(part, static_cast<size_t>(length));
   }
   close(ends[0]);
-  std::this_thread::sleep_for(200ms);
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "it runs on";
-  kill(child, SIGTERM);
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 1) << "its last line is lost";
+  expectToRunOnAndFailAtItsEnd(child);
 }
 
 // A buffer of messages is written when it is full, before all has started.
@@ -147,13 +152,7 @@ TEST_F(StandardStreams, ASwitchStartsThoughNobodyReadsWhatItTells) {
     std::this_thread::sleep_for(5ms);
   }
   EXPECT_EQ(statusOf("stats --socket control.sock > /dev/null"), 0);
-  std::this_thread::sleep_for(200ms);
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "it runs on";
-  kill(child, SIGTERM);
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 1) << "its lines are lost";
+  expectToRunOnAndFailAtItsEnd(child);
 }
 
 }  // namespace
