@@ -15,7 +15,7 @@ namespace {
 
 const Mio::TraceHandle trace("ControlDoor", 0);
 
-// Only errors come here unless more was asked for.
+// Without GRPC_VERBOSITY only errors come here.
 void keep(gpr_log_func_args* args) {
   const std::string_view message = args->message;
   TWINLOG_TRACE(trace, 0, "gRPC: %s", message);
