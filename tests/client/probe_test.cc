@@ -2,60 +2,25 @@
 #include "switch/client/probe.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "tests/captures/capture_files.h"
+#include "tests/support/listener.h"
 
 namespace ofswitch {
 namespace {
 
-// Listens until it is destroyed.
-class Listener {
- public:
-  Listener(const sockaddr* address, socklen_t size)
-      : fd_(socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    EXPECT_EQ(bind(fd_, address, size), 0);
-    EXPECT_EQ(listen(fd_, 4), 0);
-  }
-  ~Listener() { close(fd_); }
-
-  std::string port() const {
-    sockaddr_in6 address{};
-    socklen_t size = sizeof(address);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
-    return std::to_string(ntohs(address.sin6_port));
-  }
-
- private:
-  int fd_;
-};
-
-Listener onLoopback() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return {reinterpret_cast<sockaddr*>(&address), sizeof(address)};
-}
-
-Listener onPath(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  return {reinterpret_cast<sockaddr*>(&address), sizeof(address)};
-}
+using openflow_test::Listener;
 
 TEST(Probe, FindsWhoListens) {
   const openflow_test::ScratchDir dir;
   const std::string path = dir / "door.sock";
-  const Listener unixSocket = onPath(path);
+  const Listener unixSocket = Listener::onPath(path);
   EXPECT_EQ(probeUnixSocket(path), "");
-  const Listener loopback = onLoopback();
+  const Listener loopback = Listener::onLoopback();
   EXPECT_EQ(probeAddress("127.0.0.1:" + loopback.port()), "");
   EXPECT_EQ(probeAddress("localhost:" + loopback.port()), "");
 }
@@ -63,7 +28,7 @@ TEST(Probe, FindsWhoListens) {
 TEST(Probe, TellsThatNobodyListens) {
   std::string port;
   {
-    const Listener listener = onLoopback();
+    const Listener listener = Listener::onLoopback();
     port = listener.port();
   }
   for (const std::string host : {"127.0.0.1", "[127.0.0.1]"}) {
@@ -74,7 +39,7 @@ TEST(Probe, TellsThatNobodyListens) {
   }
   const openflow_test::ScratchDir dir;
   const std::string path = dir / "door.sock";
-  { const Listener listener = onPath(path); }
+  { const Listener listener = Listener::onPath(path); }
   EXPECT_EQ(probeUnixSocket(path),
             "nothing listens: the switch that made it is gone; start one with "
             "\"ofswitch run -c switch.yaml\"");
@@ -109,7 +74,7 @@ TEST(Probe, TellsWhatTheSystemSays) {
 TEST(Probe, TellsThatItMayNot) {
   const openflow_test::ScratchDir dir;
   const std::string path = dir / "door.sock";
-  const Listener listener = onPath(path);
+  const Listener listener = Listener::onPath(path);
   ASSERT_EQ(chmod(path.c_str(), 0), 0);
   const bool isRoot = geteuid() == 0;
   if (isRoot) {

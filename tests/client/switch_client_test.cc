@@ -3,25 +3,24 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
 
 #include "tests/captures/capture_files.h"
 #include "tests/client/fake_switch.h"
+#include "tests/support/listener.h"
 #include "tests/support/time_limit.h"
 
 namespace ofswitch {
 namespace {
 
+using openflow_test::Listener;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -117,13 +116,7 @@ TEST(SwitchClient, TellsWhereNothingListens) {
 TEST(SwitchClient, TellsOfASocketThatWasLeftBehind) {
   const openflow_test::ScratchDir dir;
   const std::string path = dir / "c.sock";
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
-            0);
-  close(fd);
+  { const auto gone = Listener::onPath(path); }
   EXPECT_EQ(whyNot({.socket = path}),
             "control socket " + path +
                 ": nothing listens: the switch that made it is gone; start "
@@ -149,42 +142,27 @@ TEST(SwitchClient, TellsWhatIsNoSocketAndNoAddress) {
 }
 
 TEST(SwitchClient, TellsOfAPeerThatIsNoSwitch) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), size), 0);
-  ASSERT_EQ(listen(fd, 8), 0);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  std::thread peer([fd] {
+  const auto listener = Listener::onLoopback();
+  std::thread peer([fd = listener.fd()] {
     for (int i = 0; i < 2; i++) {
       const int one = accept(fd, nullptr, nullptr);
       (void)!write(one, "220 mail\r\n", 10);
       close(one);
     }
   });
-  const std::string where =
-      "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  const std::string where = listener.address();
   EXPECT_EQ(whyNot({.address = where}),
             "control address " + where +
                 ": something listens there, but it does not answer as a "
                 "switch does; it may want --tls-ca, --tls-cert and --tls-key");
   peer.join();
-  close(fd);
 }
 
 // It accepts, since the kernel does so for it, and says nothing.
 TEST(SwitchClient, TellsOfAPeerThatIsSilent) {
   const openflow_test::ScratchDir dir;
   const std::string path = dir / "control.sock";
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
-            0);
-  ASSERT_EQ(listen(fd, 8), 0);
+  const auto peer = Listener::onPath(path);
 
   const auto start = std::chrono::steady_clock::now();
   testing::internal::CaptureStderr();
@@ -204,7 +182,6 @@ TEST(SwitchClient, TellsOfAPeerThatIsSilent) {
             "ofswitch: control socket " + path +
                 ": waiting up to 2.5 s for an answer; the switch may still be "
                 "loading its flows\n");
-  close(fd);
 }
 
 TEST(SwitchClient, TellsOfFilesForTlsThatCannotBeRead) {

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -19,6 +18,7 @@
 
 #include "tests/captures/capture_files.h"
 #include "tests/support/huge_pages.h"
+#include "tests/support/listener.h"
 #include "tests/support/time_limit.h"
 #include "tests/switch/running_switch.h"
 
@@ -255,17 +255,8 @@ TEST_F(RunCommand, TellsWhatToDoWhenItsBuffersDoNotFit) {
 }
 
 TEST_F(RunCommand, NotesAMetricsPortThatIsTaken) {
-  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  auto* where = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(bind(other, where, length), 0);
-  ASSERT_EQ(listen(other, 1), 0);
-  ASSERT_EQ(getsockname(other, where, &length), 0);
-  const std::string taken =
-      "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  const auto other = openflow_test::Listener::onLoopback();
+  const std::string taken = other.address();
   write("flows.txt", "");
   const std::string config =
       write("switch.yaml", configWith("metrics: false", "metrics: " + taken));
@@ -276,7 +267,6 @@ TEST_F(RunCommand, NotesAMetricsPortThatIsTaken) {
                 ": Address already in use; if it is not this switch that runs "
                 "and has it, give another address, or \"metrics: false\"\n" +
                 config + ": 2 ports, 2 workers, 0 flows, 0 refused\n");
-  close(other);
 }
 
 TEST_F(RunCommand, StopsSoonWhileItLoadsItsFlows) {

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // What `ofswitch run` serves to monitoring, seen from another process.
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <filesystem>
 #include <set>
 
+#include "tests/support/listener.h"
 #include "tests/support/time_limit.h"
 #include "tests/switch/running_switch.h"
 #include "tests/telemetry/http_get.h"
@@ -117,17 +115,8 @@ TEST_F(RunTelemetry, ClearsAwayWhatTheKilledHaveLeft) {
 }
 
 TEST_F(RunTelemetry, RefusesAPortThatIsTaken) {
-  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  auto* where = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(bind(other, where, length), 0);
-  ASSERT_EQ(listen(other, 1), 0);
-  ASSERT_EQ(getsockname(other, where, &length), 0);
-  const std::string taken =
-      fmt::format("127.0.0.1:{}", ntohs(address.sin_port));
+  const auto other = openflow_test::Listener::onLoopback();
+  const std::string taken = other.address();
   RunningSwitch process(config(taken), dir_ / "log");
   EXPECT_EQ(process.end(0), 1);
   EXPECT_THAT(process.log(),
@@ -135,7 +124,6 @@ TEST_F(RunTelemetry, RefusesAPortThatIsTaken) {
                                     "Address already in use; give another "
                                     "address, such as ",
                                     taken)));
-  close(other);
 }
 
 TEST_F(RunTelemetry, ServesNoMetricsWhenToldSo) {
