@@ -218,7 +218,6 @@ class KoRcuHt {
       std::cerr << "Destroying hash table failed" << std::endl;
       throw std::runtime_error("failed to destruct object");
     }
-    ht_ = nullptr;
   }
 
   A alloc_;
