@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <rte_acl.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -201,6 +202,25 @@ TEST_F(AclBuildMemoryTest, RefusesTheVeryFirstBlock) {
   EXPECT_EQ(scope.memory().peak, 0u);
 }
 
+void* refuseMmap(void*, size_t, int, int, int, off_t) {
+  errno = ENOMEM;
+  return MAP_FAILED;
+}
+
+TEST_F(AclBuildMemoryTest, FailsWhereTheSystemHasNoMore) {
+  constexpr char kOurs[] = "libacl_build_memory.so";
+  ASSERT_TRUE(internal::redirectImport(kOurs, "mmap",
+                                       reinterpret_cast<void*>(&refuseMmap)));
+  Classifier classifier(1);
+  const AclBuildScope scope;
+  EXPECT_EQ(classifier.build(), -ENOMEM);
+  EXPECT_EQ(scope.memory().peak, 0u);
+  EXPECT_FALSE(scope.memory().refused) << "it was within the limit";
+  ASSERT_TRUE(
+      internal::redirectImport(kOurs, "mmap", reinterpret_cast<void*>(&mmap)));
+  EXPECT_EQ(classifier.build(), 0) << "nothing is left of the attempt";
+}
+
 TEST_F(AclBuildMemoryTest, AnOpenScopeKeepsItsLimit) {
   setAclBuildLimit(100 * kMb);
   const AclBuildScope scope;
@@ -227,6 +247,7 @@ TEST_F(AclBuildMemoryTest, LimitsNobodyElse) {
 
 TEST_F(AclBuildMemoryTest, RedirectsNothingThatIsNotThere) {
   EXPECT_FALSE(internal::redirectImport("librte_nothing.so", "calloc", this));
+  EXPECT_FALSE(internal::redirectImport("rte_acl.so", "calloc", this));
   EXPECT_FALSE(internal::redirectImport("librte_acl.so", "realloc", this));
   EXPECT_FALSE(internal::redirectImport("librte_acl.so", "callo", this));
   Classifier classifier(1);

@@ -121,6 +121,8 @@ TEST_F(AvailableMemory, SkipsLinesThatItDoesNotUnderstand) {
   write("sys/fs/cgroup/memory/memory.limit_in_bytes", "3000\n");
   write("sys/fs/cgroup/memory/memory.usage_in_bytes", "1000\n");
   EXPECT_EQ(available(), 8000u * 1024);
+  write("proc/self/cgroup", "\nnonsense\n1:memory\n4:memory:/\n");
+  EXPECT_EQ(available(), 2000u) << "and reads what stands behind them";
 }
 
 }  // namespace
