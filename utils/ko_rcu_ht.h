@@ -218,6 +218,7 @@ class KoRcuHt {
       std::cerr << "Destroying hash table failed" << std::endl;
       throw std::runtime_error("failed to destruct object");
     }
+    ht_ = nullptr;
   }
 
   A alloc_;
