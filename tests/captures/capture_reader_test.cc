@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <stdexcept>
 
@@ -88,6 +89,24 @@ TEST(CaptureReader, SaysAfterWhichPacketAFileIsCut) {
   EXPECT_TRUE(reader.Next(&frame));
   EXPECT_FALSE(reader.Next(&frame));
   EXPECT_THAT(reader.error(), HasSubstr("cut: after packet 1: truncated"));
+}
+
+TEST(CaptureReader, ReadsAPipeThatHasNoLength) {
+  const std::string bytes = captureBytes({{1, "one", 0}, {2, "two", 0}});
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()),
+            static_cast<ssize_t>(bytes.size()));
+  close(ends[1]);
+  CaptureReader reader("/proc/self/fd/" + std::to_string(ends[0]));
+  close(ends[0]);
+  CapturedFrame frame;
+  EXPECT_TRUE(reader.Next(&frame));
+  EXPECT_TRUE(reader.Next(&frame));
+  EXPECT_FALSE(reader.Next(&frame));
+  EXPECT_EQ(reader.error(), "");
+  EXPECT_EQ(reader.size(), 0u);
+  EXPECT_EQ(reader.position(), 0u);
 }
 
 // Otherwise frames would count as cut that are not.

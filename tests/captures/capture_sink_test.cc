@@ -4,9 +4,11 @@
 // is full.
 #include "modules/capture_sink.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -14,6 +16,7 @@
 #include "graph.h"
 #include "inline_worker.h"
 #include "modules/capture_source.h"
+#include "modules/source.h"
 #include "packet_pool.h"
 #include "tests/captures/capture_files.h"
 
@@ -27,6 +30,24 @@ class Reverser final : public Module {
     for (int i = batch->cnt() - 1; i >= 0; i--) {
       EmitPacket(ctx, batch->pkts()[i], static_cast<gate_idx_t>(i));
     }
+  }
+};
+
+// Sends copies of each packet, numbered in their first byte, the last packet's
+// first.
+class Copier final : public Module {
+ public:
+  static constexpr char kCopies = 4;
+
+  void ProcessBatch(Context* ctx, bess::PacketBatch* batch) override {
+    for (int i = batch->cnt() - 1; i >= 0; i--) {
+      for (char copy = 0; copy < kCopies; copy++) {
+        bess::Packet* pkt = bess::Packet::copy(batch->pkts()[i]);
+        pkt->head_data<char*>()[0] = copy;
+        EmitPacket(ctx, pkt);
+      }
+    }
+    bess::Packet::Free(batch);
   }
 };
 
@@ -93,6 +114,67 @@ TEST_F(CaptureSinkTest, WritesABurstInTheOrderInWhichItCame) {
   EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Reverser"));
 }
 
+TEST_F(CaptureSinkTest, KeepsCopiesOfAPacketInTheOrderOfTheirMaking) {
+  ASSERT_TRUE(ModuleBuilder::RegisterModuleClass(
+      [] { return new Copier; }, "Copier", "copier", "", 1, 1, {},
+      MODULE_INIT_FUNC(&Module::Init)));
+  std::vector<CaptureRow> copies;
+  for (const CaptureRow& row : rows_) {
+    for (char copy = 0; copy < Copier::kCopies; copy++) {
+      copies.push_back(row);
+      copies.back().bytes[0] = copy;
+    }
+  }
+  for (const bool manyWorkers : {false, true}) {
+    CaptureSource* from = source();
+    auto* copier = make<Copier>("Copier", bess::pb::EmptyArg());
+    CaptureSink* to = sink(manyWorkers);
+    connect(from, 0, copier);
+    connect(copier, 0, to);
+    while (!from->done()) worker_.Run(from->tasks().front().get());
+    EXPECT_EQ(to->Finish(), "");
+    EXPECT_EQ(readCapture(dir_ / "out"), copies) << manyWorkers;
+    EXPECT_EQ(to->packets(), copies.size());
+    EXPECT_EQ(bess::DestroyAllModules().error().code(), 0);
+  }
+  EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Copier"));
+}
+
+// Those of several would tear the file apart.
+TEST_F(CaptureSinkTest, AllowsManyWorkersOnlyWhenToldSo) {
+  EXPECT_EQ(sink(false)->max_allowed_workers(), 1);
+  EXPECT_EQ(sink(true)->max_allowed_workers(), Worker::kMaxWorkers);
+}
+
+TEST_F(CaptureSinkTest, CountsTheBytesOfAllSegments) {
+  rows_ = {{1, std::string(5000, 'x'), 0}};
+  writeFile(dir_ / "in", captureBytes(rows_));
+  CaptureSource* from = source();
+  CaptureSink* to = sink(false);
+  connect(from, 0, to);
+  while (!from->done()) worker_.Run(from->tasks().front().get());
+  EXPECT_EQ(to->Finish(), "");
+  EXPECT_EQ(to->packets(), 1u);
+  EXPECT_EQ(to->bytes(), 5000u);
+}
+
+TEST_F(CaptureSinkTest, StampsWhatComesFromElsewhereWithItsArrival) {
+  auto* from = make<Source>("Source", bess::pb::EmptyArg());
+  CaptureSink* to = sink(false);
+  connect(from, 0, to);
+  std::vector<CaptureRow> rows;
+  for (int i = 0; i < 3; i++) {
+    bess::Packet* pkt = bess::PacketPool::Default()->Alloc(1);
+    pkt->head_data<char*>()[0] = static_cast<char>(i);
+    ASSERT_TRUE(from->Push(pkt));
+    worker_.Run(from->tasks().front().get());
+    rows.push_back({worker_.context()->current_ns,
+                    std::string(1, static_cast<char>(i)), 0});
+  }
+  EXPECT_EQ(to->Finish(), "");
+  EXPECT_EQ(readCapture(dir_ / "out"), rows);
+}
+
 TEST_F(CaptureSinkTest, OnlyCountsWhatComesOnceItIsFinished) {
   CaptureSource* from = source();
   CaptureSink* to = sink(false);
@@ -107,6 +189,35 @@ TEST_F(CaptureSinkTest, OnlyCountsWhatComesOnceItIsFinished) {
   EXPECT_FALSE(std::filesystem::exists(CaptureSink::PartOf(dir_ / "out")));
   EXPECT_EQ(readFile(dir_ / "out"), whole);
   EXPECT_EQ(readCapture(dir_ / "out").size(), 32u);
+}
+
+// The file of that name that this process has open and nobody else can find.
+int FindSpool(const std::filesystem::path& dir) {
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const std::string target =
+        std::filesystem::read_symlink(entry.path(), error).string();
+    if (target.starts_with((dir / "spool-").string())) {
+      return std::stoi(entry.path().filename().string());
+    }
+  }
+  return -1;
+}
+
+// As from a disk that has gone: what is missing is not passed over.
+TEST_F(CaptureSinkTest, TellsWhenAWorkersPartCannotBeReadBack) {
+  CaptureSource* from = source();
+  CaptureSink* to = sink(true);
+  connect(from, 0, to);
+  while (!from->done()) worker_.Run(from->tasks().front().get());
+  const int spool = FindSpool(dir_.path());
+  ASSERT_GE(spool, 0);
+  const int write_only = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  ASSERT_EQ(dup2(write_only, spool), spool);
+  close(write_only);
+  EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": Bad file descriptor");
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
 }
 
 // Where the disk is full there may be whole records, and nothing behind them.

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "tests/support/frame.h"
 
 namespace openflow_test {
@@ -80,6 +82,20 @@ TEST(FlowHash, DiffersBetweenFlows) {
             hashOf(Frame::eth().ipv6(kA6, kB6).tcp(7, 81)));
   EXPECT_NE(hashOf(Frame::eth().arp(kA, kB)),
             hashOf(Frame::eth(kSrcMac, kDstMac).arp(kA, kB)));
+}
+
+// TCP, UDP and SCTP have ports at the same place, and nothing else is read as
+// such.
+TEST(FlowHash, ReadsThePortsOfProtocolsThatHaveThem) {
+  constexpr size_t kProtocol = 14 + 9;
+  Bytes a = Frame::eth().ipv4(kA, kB).udp(7, 80).bytes();
+  Bytes b = Frame::eth().ipv4(kA, kB).udp(7, 81).bytes();
+  std::vector<int> with_ports;
+  for (int protocol = 0; protocol < 256; protocol++) {
+    a[kProtocol] = b[kProtocol] = static_cast<uint8_t>(protocol);
+    if (hashOf(a) != hashOf(b)) with_ports.push_back(protocol);
+  }
+  EXPECT_EQ(with_ports, (std::vector<int>{6, 17, 132}));
 }
 
 TEST(FlowHash, DiffersBetweenFramesTooShortForAFlow) {
