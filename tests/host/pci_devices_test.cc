@@ -3,6 +3,7 @@
 // Cards that a port may have, on a machine made of files: in a mount namespace
 // of the test's own, in which /sys and /dev are empty to begin with.
 #include <gtest/gtest.h>
+#include <rte_eal.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -12,8 +13,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <string>
 
+#include "eal.h"
 #include "ports/internal/host_checks.h"
 
 namespace {
@@ -27,8 +30,10 @@ void Write(const fs::path& path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-// Why this process cannot have a /sys and a /dev of its own; empty when it has.
-std::string EnterEmptyMachine() {
+// Empties some of a machine for this process alone. Answers why it cannot be,
+// and nothing when it is.
+std::string EnterEmptyMachine(std::initializer_list<const char*> empty = {
+                                  "/sys", "/dev"}) {
   const std::string uid = std::to_string(geteuid());
   const std::string gid = std::to_string(getegid());
   const int user = geteuid() == 0 ? 0 : CLONE_NEWUSER;
@@ -40,12 +45,11 @@ std::string EnterEmptyMachine() {
     Write("/proc/self/uid_map", "0 " + uid + " 1");
     Write("/proc/self/gid_map", "0 " + gid + " 1");
   }
-  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("none", "/sys", "tmpfs", 0, nullptr) != 0 ||
-      mount("none", "/dev", "tmpfs", 0, nullptr) != 0) {
-    return std::string("cannot mount: ") + strerror(errno);
+  bool mounted = mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  for (const char* dir : empty) {
+    mounted = mounted && mount("none", dir, "tmpfs", 0, nullptr) == 0;
   }
-  return "";
+  return mounted ? "" : std::string("cannot mount: ") + strerror(errno);
 }
 
 // Links a file of the card's to something of that name.
@@ -98,6 +102,32 @@ class PciDevicesTest : public testing::Test {
     return "; give it to DPDK: dpdk-devbind.py --bind=vfio-pci 0000:03:00.0";
   }
 };
+
+// DPDK is told of those that are a port's, and of no others: it would take
+// what another program has.
+TEST_F(PciDevicesTest, AreLookedForWhenAPortIsOne) {
+  if (!fs::exists("/sys/bus/pci")) {
+    GTEST_SKIP() << "no PCI here";
+  }
+  const auto start = [](const char* driver) {
+    std::string error = EnterEmptyMachine({"/sys/bus/pci"});
+    if (error.empty()) {
+      Link("driver", driver);
+      const fs::path device = fs::path("/sys/bus/pci/devices") / kCard;
+      for (const char* file : {"vendor", "device", "subsystem_vendor",
+                               "subsystem_device", "class"}) {
+        Write(device / file, "0x1234\n");
+      }
+      Write(device / "resource", "");
+      error = bess::InitEal({.memory_mb = 64, .pci = {kCard}});
+    }
+    fprintf(stderr, "<%s%d>", error.c_str(), rte_eal_has_pci());
+    _exit(0);
+  };
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(start("mlx5_core"), testing::ExitedWithCode(0), "<1>$");
+  EXPECT_EXIT(start("igb"), testing::ExitedWithCode(0), "<0>$");
+}
 
 TEST_F(PciDevicesTest, MayHaveTheseDrivers) {
   for (const char* driver :

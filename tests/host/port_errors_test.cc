@@ -2,24 +2,32 @@
 //
 // What people read when a port does not open.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rte_ethdev.h>
+#include <rte_log.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <urcu-qsbr.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
+#include <thread>
 
 #include "port_harness.h"
 #include "ports/internal/host_checks.h"
+#include "tests/support/time_limit.h"
 
 namespace {
 
@@ -36,6 +44,8 @@ extern "C" int rte_eth_promiscuous_enable(uint16_t port) {
 }
 
 namespace {
+
+constexpr char kNoCapture[] = "this is no capture, but it is long enough";
 
 using bess::PortOptions;
 using testing::HasSubstr;
@@ -72,7 +82,7 @@ const Refused kRefused[] = {
      {"it is an interface of the kernel's: write net_af_packet0,iface=lo"}},
     {"MisspeltDriver", {.device = "net_afpacket0,iface=lo"}, {"no driver"}},
     {"LongName",
-     {.device = "net_null" + std::string(80, '1')},
+     {.device = "net_null" + std::string(56, '1')},
      {"longer than 63 characters"}},
     {"UnknownArgument",
      {.device = "net_null0,sise=64"},
@@ -84,6 +94,9 @@ const Refused kRefused[] = {
     {"ArgumentWithoutValue",
      {.device = "net_null0,size"},
      {"argument 'size' has no value: write size=..."}},
+    {"FramesShorterThanAHeader",
+     {.device = "net_null0,size=13"},
+     {"size=13", "14 to 2048 bytes"}},
     {"FramesBeyondTheBuffer",
      {.device = "net_null0,size=9000"},
      {"size=9000", "14 to 2048 bytes"}},
@@ -114,7 +127,9 @@ const Refused kRefused[] = {
      {"the MTU must be at least 68"}},
     {"JumboFramesOnMemif",
      {.device = "net_memif0,role=client", .mtu = 9000},
-     {"MTU 9000", "net_memif carries at most 1500 bytes"}},
+     {"MTU 9000",
+      "net_memif carries at most 1500 bytes behind the Ethernet header; ask "
+      "for no more"}},
     {"FramesLongerThanACapture",
      {.device = "net_pcap0,tx_pcap=/dev/null", .mtu = 9601},
      {"MTU 9601", "at most 9600 bytes"}},
@@ -143,14 +158,43 @@ TEST_F(PortOpeningTest, TakesTheSmallestMtu) {
   EXPECT_EQ(port->max_frame(), 82u);
 }
 
+TEST_F(PortOpeningTest, TakesTheLongestNameAndTheShortestFrames) {
+  const std::string device = "net_null" + std::string(55, '1');
+  EXPECT_EQ(Failure({.device = device + ",size=14"}), "");
+}
+
 TEST_F(PortOpeningTest, QuotesTheDriver) {
   const std::string path = testing::TempDir() + "no_capture";
-  std::ofstream(path) << "this is no capture";
+  std::ofstream(path) << kNoCapture;
+  FILE* const log = rte_log_get_stream();
   const std::string error = Failure({.device = "net_pcap0,rx_pcap=" + path});
+  EXPECT_EQ(rte_log_get_stream(), log) << "what comes later is not quoted";
   remove(path.c_str());
   EXPECT_THAT(error, HasSubstr("the driver refuses it: "));
   EXPECT_THAT(error, HasSubstr("unknown file format"));
   EXPECT_EQ(Failure({.device = "net_pcap0,tx_pcap=/dev/null"}), "");
+}
+
+// A device may take its time: here for somebody to write what it is to play.
+TEST_F(PortOpeningTest, HoldsUpNoGracePeriod) {
+  const std::string path = testing::TempDir() + "port_errors_test.fifo";
+  remove(path.c_str());
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  std::string error;
+  std::thread opener(
+      [&] { error = Failure({.device = "net_pcap0,rx_pcap=" + path}); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  auto elapsed = std::async(std::launch::async, [] { synchronize_rcu(); });
+  EXPECT_EQ(elapsed.wait_for(openflow_test::timeLimit(std::chrono::seconds(3))),
+            std::future_status::ready);
+  // Opened for both, it does not wait for a reader.
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_EQ(write(fd, kNoCapture, sizeof(kNoCapture)),
+            static_cast<ssize_t>(sizeof(kNoCapture)));
+  opener.join();
+  close(fd);
+  remove(path.c_str());
+  EXPECT_THAT(error, HasSubstr("unknown file format"));
 }
 
 TEST_F(PortOpeningTest, NeedsFramesForOthersWhereTheDeviceHasAChoice) {
@@ -188,17 +232,29 @@ TEST_F(PortOpeningTest, TellsDevicesThatShareMemoryFromOthers) {
   EXPECT_FALSE(bess::Port::SharesMemory("0000:03:00.0"));
 }
 
-TEST_F(PortOpeningTest, RefusesASocketThatAnotherProcessHas) {
+// An abstract address that no test has had yet.
+std::string AnyAddress() {
   static int round = 0;
-  const std::string name =
-      "ports_test" + std::to_string(getpid()) + "." + std::to_string(round++);
+  return "ports_test" + std::to_string(getpid()) + "." +
+         std::to_string(round++);
+}
+
+// A socket for which `use`, bind or connect, has taken the abstract address.
+template <typename F>
+int SocketAt(const std::string& name, F use) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path + 1, name.data(), name.size());
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   const auto len =
       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), len), 0);
+  EXPECT_EQ(use(fd, reinterpret_cast<sockaddr*>(&address), len), 0);
+  return fd;
+}
+
+TEST_F(PortOpeningTest, RefusesASocketThatAnotherProcessHas) {
+  const std::string name = AnyAddress();
+  const int fd = SocketAt(name, bind);
   ASSERT_EQ(listen(fd, 1), 0);
   // Only a child holds it from here on.
   const pid_t child = fork();
@@ -214,6 +270,20 @@ TEST_F(PortOpeningTest, RefusesASocketThatAnotherProcessHas) {
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   EXPECT_EQ(Failure(options), "");
+}
+
+// Its other end is gone, and nobody listens there.
+TEST_F(PortOpeningTest, TakesASocketThroughWhichOthersOnlyTalk) {
+  const std::string name = AnyAddress();
+  const int listener = SocketAt(name, bind);
+  ASSERT_EQ(listen(listener, 1), 0);
+  const int client = SocketAt(name, connect);
+  const int accepted = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  ASSERT_GE(accepted, 0);
+  close(listener);
+  EXPECT_EQ(Failure({.device = "net_memif0,role=server,socket=" + name}), "");
+  close(client);
+  close(accepted);
 }
 
 // A person without the permission must learn how to get it.
@@ -252,6 +322,22 @@ TEST(HostChecksTest, LeaveNoFileOpen) {
   EXPECT_EQ(OpenFiles(), before);
 }
 
+TEST(HostChecksTest, AFileWithoutAFolderIsMadeHere) {
+  EXPECT_EQ(bess::internal::CheckCreatable("no_such_file.pcap"), "");
+}
+
+// Reading a folder is not enough to make files in it.
+TEST(HostChecksTest, TellWhereNoFileCanBeMade) {
+  const auto check = [] {
+    const bool other = geteuid() != 0 || setresuid(65534, 65534, 65534) == 0;
+    const std::string path = "/no_such_file.pcap";
+    fprintf(stderr, "%s", bess::internal::CheckCreatable(path).c_str());
+    _exit(other ? 0 : 1);
+  };
+  EXPECT_EXIT(check(), testing::ExitedWithCode(0),
+              "cannot make '/no_such_file.pcap': Permission denied$");
+}
+
 class PortModulesTest : public PortTest {
  protected:
   template <typename Arg>
@@ -275,8 +361,11 @@ class PortModulesTest : public PortTest {
 
 TEST_F(PortModulesTest, RefusePortsAndQueuesThatAreMissing) {
   Open("p", {.device = "net_null0", .rx_queues = 2});
-  EXPECT_EQ(Make("PortIn", In("q", 0)).errmsg(), "there is no port 'q'");
-  EXPECT_EQ(Make("PortOut", Out("q")).errmsg(), "there is no port 'q'");
+  for (const auto& missing :
+       {Make("PortIn", In("q", 0)), Make("PortOut", Out("q"))}) {
+    EXPECT_EQ(missing.code(), ENODEV);
+    EXPECT_EQ(missing.errmsg(), "there is no port 'q'");
+  }
   const bess::pb::Error error = Make("PortIn", In("p", 2));
   EXPECT_EQ(error.code(), EINVAL);
   EXPECT_EQ(error.errmsg(), "queue 2: port 'p' has 2 to receive from");

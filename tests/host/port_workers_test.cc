@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -64,6 +65,12 @@ TEST_F(PortWorkersTest, EachHasAQueueWhereThereAreEnough) {
   EXPECT_EQ(Pull(receivers[1]).size(), 200u);
   EXPECT_EQ(Pull(receivers[2]).size(), 300u);
   ExpectClosed(port);
+}
+
+TEST_F(PortWorkersTest, HearOnlyOfTheirResumption) {
+  const Sender sender = Send(Open("null", {.device = "net_null0"}));
+  EXPECT_EQ(sender.out->OnEvent(bess::Event::PreResume), 0);
+  EXPECT_EQ(sender.out->OnEvent(static_cast<bess::Event>(1)), -ENOTSUP);
 }
 
 TEST_F(PortWorkersTest, TakeTurnsWhereThereAreFewerQueues) {

@@ -369,15 +369,68 @@ TEST_F(MemifPortTest, ReplacesTheSocketOfADeadProcess) {
   ASSERT_LT(path.size(), sizeof(address.sun_path));
   memcpy(address.sun_path, path.data(), path.size());
   remove(path.c_str());
+  for (const char* role : {"server", "master"}) {
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
+              0);
+    close(fd);
+    ASSERT_EQ(access(path.c_str(), F_OK), 0);
+    EXPECT_EQ(Failure({.device = "net_memif0,socket-abstract=no,socket=" +
+                                 path + ",role=" + role}),
+              "");
+    EXPECT_EQ(bess::ClosePort("p"), "");
+  }
+}
+
+// An abstract address is no file, whatever it is called.
+TEST_F(MemifPortTest, LeavesFilesAloneWhoseNameAnAbstractSocketHas) {
+  const std::string path = testing::TempDir() + "ports_test_file" +
+                           std::to_string(getpid()) + ".sock";
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(path.size(), sizeof(address.sun_path));
+  memcpy(address.sun_path, path.data(), path.size());
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
             0);
   close(fd);
-  ASSERT_EQ(access(path.c_str(), F_OK), 0);
-  EXPECT_NE(Open("server", {.device = "net_memif0,role=server,socket-abstract="
-                                      "no,socket=" +
-                                      path}),
+  EXPECT_EQ(Failure({.device = "net_memif0,role=server,socket=" + path}), "");
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  EXPECT_EQ(bess::ClosePort("p"), "");
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  remove(path.c_str());
+}
+
+// It is watched as long as any port is open.
+TEST_F(MemifPortTest, SeesItsLinkGoWhenTheOtherEndIsClosed) {
+  const std::string socket =
+      ",socket-abstract=no,socket=" + testing::TempDir() +
+      "ports_test_watched.sock";
+  Port* server = Open("server", {.device = "net_memif0,role=server" + socket});
+  ASSERT_NE(server, nullptr);
+  ASSERT_NE(Open("client", {.device = "net_memif1,role=client" + socket}),
             nullptr);
+  ASSERT_TRUE(Connected(server));
+  ASSERT_EQ(bess::ClosePort("client"), "");
+  for (int i = 0; i < 1000 && server->link_up(); i++) {
+    usleep(10000);
+  }
+  EXPECT_FALSE(server->link_up());
+}
+
+// Devices of one process may share a socket.
+TEST_F(MemifPortTest, LeavesTheSocketToThoseThatStillListen) {
+  const std::string path = testing::TempDir() + "ports_test_shared.sock";
+  const std::string args = ",role=server,socket-abstract=no,socket=" + path;
+  ASSERT_NE(Open("a", {.device = "net_memif0,id=0" + args}), nullptr);
+  ASSERT_NE(Open("b", {.device = "net_memif1,id=1" + args}), nullptr);
+  ASSERT_EQ(bess::ClosePort("a"), "");
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  ASSERT_NE(Open("c", {.device = "net_memif2,id=2" + args}), nullptr);
+  ASSERT_EQ(bess::ClosePort("b"), "");
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  ASSERT_EQ(bess::ClosePort("c"), "");
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
 
 // The driver does not close it; opening the device again would spoil its name.

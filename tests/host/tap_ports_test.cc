@@ -1,8 +1,15 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "interface_fixture.h"
 
@@ -10,8 +17,24 @@ namespace {
 
 using bess::DropCause;
 using bess::Port;
+using bess::PortOptions;
 using bess::PortStats;
 using testing::HasSubstr;
+
+// A tap has no speed: what it is told is all that anybody knows.
+void SetSpeed(const char* interface, uint32_t mbps) {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ethtool_cmd link = {};
+  ifreq request = {};
+  strncpy(request.ifr_name, interface, IFNAMSIZ - 1);
+  request.ifr_data = reinterpret_cast<char*>(&link);
+  link.cmd = ETHTOOL_GSET;
+  EXPECT_EQ(ioctl(fd, SIOCETHTOOL, &request), 0);
+  link.cmd = ETHTOOL_SSET;
+  ethtool_cmd_speed_set(&link, mbps);
+  EXPECT_EQ(ioctl(fd, SIOCETHTOOL, &request), 0);
+  close(fd);
+}
 
 class TapTest : public InterfaceTest {};
 
@@ -21,6 +44,8 @@ TEST_F(TapTest, IsAnInterfaceAsLongAsItIsOpen) {
     ASSERT_NE(port, nullptr);
     EXPECT_NE(if_nametoindex("tap0"), 0u);
     ASSERT_TRUE(LinkGoes(port, true));
+    SetSpeed("tap0", 2500);
+    EXPECT_EQ(port->link().mbps, 2500u) << "as the kernel says";
     RawSocket kernel("tap0");
     const Sender sender = Send(port);
     Push(sender, MakeFrame(60, 1));
@@ -113,13 +138,18 @@ TEST_F(TapTest, CountsFramesThatFoundNoBuffer) {
 }
 
 TEST_F(TapTest, RefusesAPoolThatItsQueueEmpties) {
-  bess::PacketPool small(255, 0);
-  EXPECT_THAT(Failure({.device = "net_tap0,iface=tap0",
-                       .rx_queues = 2,
-                       .rx_descriptors = 256,
-                       .pool = &small}),
+  bess::PacketPool small(511, 0);
+  bess::PacketPool enough(512, 0);
+  PortOptions options = {.device = "net_tap0,iface=tap0",
+                         .rx_queues = 2,
+                         .rx_descriptors = 256,
+                         .pool = &small};
+  EXPECT_THAT(Failure(options),
               HasSubstr("its receive queues hold 512 packets, but the packet "
-                        "pool has only 255"));
+                        "pool has only 511"));
+  options.pool = &enough;
+  EXPECT_EQ(Failure(options), "");
+  EXPECT_EQ(bess::ClosePort("p"), "");
 }
 
 TEST_F(TapTest, RefusesMtusBeyondItsLimit) {
