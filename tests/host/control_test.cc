@@ -29,6 +29,10 @@ TEST(ControlThreadTest, IsOneThreadOfItsOwn) {
   EXPECT_NE(first, std::this_thread::get_id());
   EXPECT_FALSE(control().IsCurrent());
   control().Run([] { EXPECT_TRUE(control().IsCurrent()); });
+  char name[16] = "";
+  control().Run(
+      [&] { pthread_getname_np(pthread_self(), name, sizeof(name)); });
+  EXPECT_STREQ(name, "command");
 }
 
 TEST(ControlThreadTest, HasAStackForAMillionRecords) {

@@ -4,21 +4,27 @@
 #define ALLOW_EXPERIMENTAL_API
 #include "eal.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rte_eal.h>
 #include <rte_ethdev.h>
 #include <rte_lcore.h>
 #include <rte_malloc.h>
 #include <sched.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "internal/wide_copy.h"
 #include "packet_pool.h"
 #include "ports/port.h"
 #include "tests/captures/capture_files.h"
@@ -97,11 +103,15 @@ TEST(EalTest, LeavesTheThreadWhereItMayRun) {
 TEST(EalTest, RaisesTheVectorLimit) {
   InChild([] {
     bess::InitEal();
-    return Expect(rte_vect_get_max_simd_bitwidth() == 512, "512 bits");
+    return Expect(rte_vect_get_max_simd_bitwidth() == 512, "512 bits") &&
+           Expect(bess::internal::wide_copies ==
+                      (__builtin_cpu_supports("avx512f") != 0),
+                  "copies as the processor can");
   });
   InChild([] {
     bess::InitEal({.max_simd_bits = 128});
-    return Expect(rte_vect_get_max_simd_bitwidth() == 128, "128 bits");
+    return Expect(rte_vect_get_max_simd_bitwidth() == 128, "128 bits") &&
+           Expect(!bess::internal::wide_copies, "no wide copies");
   });
 }
 
@@ -204,6 +214,43 @@ TEST(EalTest, RefusesMoreMemoryThanTheMachineHas) {
            Expect(error.ends_with(" MB"), error.c_str()) &&
            Expect(bess::InitEal({.memory_mb = 64}) == "", "less is possible");
   });
+  InChild([] {
+    const size_t all = (static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) *
+                        static_cast<size_t>(sysconf(_SC_PAGESIZE))) >>
+                       20;
+    const std::string error = bess::InitEal({.memory_mb = all + 1});
+    return Expect(error == std::to_string(all + 1) +
+                               " MB of memory for packets, flows and "
+                               "classifiers: the machine has " +
+                               std::to_string(all) + " MB",
+                  error.c_str());
+  });
+}
+
+TEST(EalTest, SaysWhenThereIsNotThatMuchMemory) {
+  InChild([] {
+    size_t pages = 0;  // that the process has mapped
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t most = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) +
+                        (size_t{256} << 20);
+    const rlimit little = {most, most};
+    setrlimit(RLIMIT_AS, &little);
+    const std::string error = bess::InitEal({.memory_mb = 512});
+    return Expect(error.ends_with(": Cannot allocate memory; is there that "
+                                  "much free memory?"),
+                  error.c_str());
+  });
+}
+
+TEST(EalTest, IsQuietUnlessAskedForMore) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto starts = [](bool quiet) {
+    exit(bess::InitEal({.memory_mb = 64, .quiet = quiet}).empty() ? 0 : 1);
+  };
+  EXPECT_EXIT(starts(true), testing::ExitedWithCode(0),
+              testing::Not(testing::HasSubstr("EAL: Detected")));
+  EXPECT_EXIT(starts(false), testing::ExitedWithCode(0),
+              testing::HasSubstr("EAL: Detected"));
 }
 
 // As DPDK does with the cards that it is told of.
@@ -273,6 +320,29 @@ TEST(EalTest, LeavesNoRuntimeDirectoryBehind) {
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(std::filesystem::is_empty(parent / "dpdk"));
+}
+
+// Such as a process that was killed has left; no process has that number.
+TEST(EalTest, RemovesRuntimeDirectoriesThatNobodyHasAnyMore) {
+  InChild([] {
+    const openflow_test::ScratchDir parent;
+    setenv("RUNTIME_DIRECTORY", parent.path().c_str(), 1);
+    const std::filesystem::path dead = parent / "dpdk" / "eal_test99999998";
+    std::filesystem::create_directories(dead);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, (dead / "dpdk_telemetry.v2").c_str(),
+            sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const bool bound =
+        bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    close(fd);
+    return Expect(bound, "a socket") &&
+           Expect(
+               bess::InitEal({.memory_mb = 64, .telemetry = "eal_test"}) == "",
+               "starts") &&
+           Expect(!std::filesystem::exists(dead), "and clears away");
+  });
 }
 
 TEST(EalTest, SaysWhatIsWrong) {

@@ -102,6 +102,10 @@ TEST_F(PluginTest, WhatIsNoPluginIsRefused) {
   EXPECT_THAT(bess::LoadPlugin(EMPTY_PLUGIN),
               HasSubstr("registers no module class"));
   EXPECT_FALSE(InMemory(EMPTY_PLUGIN));
+  // When it is loaded, and not once it is called.
+  EXPECT_THAT(bess::LoadPlugin(UNRESOLVED_PLUGIN),
+              HasSubstr("undefined symbol: nobody_has_this"));
+  EXPECT_EQ(Find("Unresolved"), nullptr);
   EXPECT_TRUE(bess::ListPlugins().empty());
 }
 

@@ -147,6 +147,16 @@ TEST_F(StaleRuntimeDirsTest, AreKnownByTheirNames) {
   EXPECT_EQ(Left(), names);
 }
 
+// What they lead to is somebody else's.
+TEST_F(StaleRuntimeDirsTest, AreLeftWhenTheyAreOnlyLinks) {
+  const fs::path other = Directory("other");
+  ASSERT_TRUE(LeaveSocket(other / "telemetry"));
+  fs::create_symlink(other, parent_ / (std::string("switch") + kNobody));
+  Clean();
+  EXPECT_TRUE(fs::exists(other / "telemetry"));
+  EXPECT_EQ(Left().size(), 2u);
+}
+
 // What does not fit an address cannot be asked.
 TEST_F(StaleRuntimeDirsTest, AreLeftWhenASocketsPathIsTooLong) {
   const fs::path dir = Directory(std::string("switch") + kNobody);
