@@ -75,15 +75,30 @@ TEST_F(InlineWorkerTest, AnIndexBelongsToOne) {
   EXPECT_THROW(InlineWorker(4), std::runtime_error);
 }
 
+TEST_F(InlineWorkerTest, OneThatIsRefusedKeepsNoLcore) {
+  const InlineWorker worker(3);
+  std::thread([] {
+    EXPECT_THROW(InlineWorker(3), std::runtime_error);
+    EXPECT_EQ(rte_lcore_id(), LCORE_ID_ANY);
+  }).join();
+}
+
 TEST_F(InlineWorkerTest, RunsABatchThroughAGate) {
   Probe* probe = MakeProbe("probe");
   Probe* entry = MakeProbe("entry");
   Sink* sink = MakeSink("sink");
   Connect(entry, 0, probe, 6);
   Connect(probe, 0, sink, 0);
+  PacketBatch* memory = nullptr;  // of the first run
+  uint64_t last_run = 0;
   probe->on_batch = [&](Context* ctx, PacketBatch* batch) {
     EXPECT_EQ(ctx->current_igate, 6);
     EXPECT_EQ(ctx->wid, 9);
+    EXPECT_GT(ctx->current_tsc, last_run) << "each run has a time of its own";
+    last_run = ctx->current_tsc;
+    PacketBatch* first = ctx->task->AllocPacketBatch();
+    EXPECT_EQ(first, memory != nullptr ? memory : first);
+    memory = first;
     for (int i = 0; i < batch->cnt(); i++) {
       probe->EmitPacket(ctx, batch->pkts()[i], 0);
     }

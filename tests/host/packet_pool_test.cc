@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <rte_eal.h>
+#include <rte_malloc.h>
 #include <rte_mbuf.h>
 
 #include <algorithm>
@@ -91,6 +92,18 @@ TEST(PacketPoolTest, PrivateAreasStartZeroed) {
   rte_pktmbuf_init(pkt->mbuf()->pool, nullptr, pkt->mbuf(), 0);
   EXPECT_EQ(std::ranges::count(bytes, std::byte{0}), Packet::kPrivateSize);
   Packet::Free(pkt);
+}
+
+TEST(PacketPoolTest, GivesBackAllItsMemory) {
+  rte_malloc_socket_stats before;
+  rte_malloc_socket_stats after;
+  rte_malloc_get_socket_stats(0, &before);
+  { PacketPool pool(10'000); }
+  EXPECT_THROW(PacketPool(400'000), std::runtime_error)
+      << "almost all there is";
+  EXPECT_THROW(PacketPool(10'000'000), std::runtime_error);
+  rte_malloc_get_socket_stats(0, &after);
+  EXPECT_EQ(after.heap_allocsz_bytes, before.heap_allocsz_bytes);
 }
 
 TEST(PacketPoolTest, SaysWhatItCouldNotGet) {

@@ -149,6 +149,33 @@ TEST_F(WorkerTest, PauseWaitsForTheTaskRun) {
   }
 }
 
+// One that waits for a grace period is waited for, and not by a reader that
+// holds it up.
+TEST_F(WorkerTest, PausingHoldsUpNoGracePeriod) {
+  ASSERT_EQ(Worker::Add(0), "");
+  Probe* probe = MakeProbe("probe");
+  std::atomic<bool> inside = false;
+  std::atomic<bool> pausing = false;
+  std::atomic<bool> elapsed = false;
+  const StopWorkers stop;
+  probe->on_run = [&](Context*, PacketBatch*) {
+    inside = true;
+    while (!pausing) {
+      std::this_thread::yield();
+    }
+    // Long enough for the command thread to wait for this worker.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    synchronize_rcu();
+    elapsed = true;
+  };
+  ASSERT_EQ(Worker::AttachTasks(probe, 0), "");
+  ASSERT_EQ(Worker::ResumeAll(), "");
+  ASSERT_TRUE(Eventually([&] { return inside.load(); }));
+  pausing = true;
+  Worker::PauseAll();
+  EXPECT_TRUE(elapsed);
+}
+
 TEST_F(WorkerTest, NeverHoldsUpAGracePeriod) {
   for (int wid = 0; wid < 4; wid++) {
     ASSERT_EQ(Worker::Add(wid), "");
@@ -235,6 +262,13 @@ TEST_F(WorkerTest, TooManyWorkersForAModuleAreRefused) {
       "module 'shared' is run by 2 workers but allows at most 1";
   EXPECT_EQ(Worker::ResumeAll(), refusal);
   EXPECT_FALSE(Worker::IsRunning(0));
+  Probe* also = MakeProbe("also");
+  Connect(one, 1, also, 0);
+  Connect(two, 1, also, 0);
+  EXPECT_EQ(
+      Worker::ResumeAll(),
+      refusal + "; module 'also' is run by 2 workers but allows at most 1");
+  bess::DestroyModule("also");
 
   // What would break the rule while they run is undone.
   bess::DisconnectModules("two", 0);
@@ -275,6 +309,15 @@ TEST_F(WorkerTest, TellsModulesBeforeTheyResume) {
   Probe::log().clear();
   ASSERT_EQ(Worker::ResumeAll(), "");
   EXPECT_THAT(Probe::log(), ElementsAre("PreResume a"));
+  // Also those that a change of the graph has paused.
+  Probe* b = MakeProbe("b");
+  Probe::log().clear();
+  Connect(b, 0, b, 0);
+  EXPECT_THAT(Probe::log(), ElementsAre("PreResume a", "PreResume b"));
+  Worker::PauseAll();
+  Probe::log().clear();
+  Connect(b, 1, b, 1);
+  EXPECT_THAT(Probe::log(), ElementsAre()) << "nobody resumes";
 }
 
 TEST_F(WorkerTest, StoppingFreesWhatItLeavesInGates) {

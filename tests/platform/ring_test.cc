@@ -82,6 +82,20 @@ TEST(Ring, KeepsWhatAStatementSays) {
   EXPECT_LE(entries[0].time, after + std::chrono::milliseconds(5));
 }
 
+TEST(Ring, KeepsWhichThreadItWas) {
+  Ring ring(64);
+  uint32_t thread = 0;
+  std::thread([&] {
+    thread = static_cast<uint32_t>(gettid());
+    write(ring, numberSite(), 1);
+  }).join();
+  write(ring, numberSite(), 2);
+  const std::vector<Entry> entries = ring.read();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].thread, thread);
+  EXPECT_EQ(entries[1].thread, static_cast<uint32_t>(gettid()));
+}
+
 TEST(Ring, ArgumentsAreCopied) {
   Ring ring(64);
   const Site& site = Ringlog::internSite("Test", 2, "f", "%s");
