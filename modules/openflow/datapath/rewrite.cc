@@ -27,8 +27,8 @@ constexpr size_t kUdpChecksumOffset = 6;
 constexpr size_t kIcmpChecksumOffset = 2;
 constexpr size_t kIpv4HeaderSize = 20;  // without options
 
-// A one's-complement sum of less than 2^16 words in 16 bits; 0 only of nothing
-// but zeros.
+// A one's-complement sum of less than 2^16 words, each of up to 32 bits, in 16
+// bits; 0 only of nothing but zeros.
 uint16_t fold(uint64_t sum) {
   sum = (sum & 0xffff'ffff) + (sum >> 32);  // below 2^32 + 2^16
   sum = (sum & 0xffff) + (sum >> 16);       // below 2^17 - 1
