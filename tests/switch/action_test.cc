@@ -75,6 +75,8 @@ const ActionCase kCases[] = {
      "fields{setOutputAll:true setOutputInPort:true "
      "setOutputController:true gotoTbl:true} values{ogate:1 nextTbl:2 "
      "outputControllerTrap:true outputControllerReason:1}"},
+    {"", "apply_actions(output:1),apply_actions(output:2)",
+     "fields{setOutputAll:true} values{ogate:[1,2]}"},
     {"", "apply_actions(output:1,output:2),goto_table:2",
      "fields{setOutputAll:true gotoTbl:true} values{ogate:[1,2] nextTbl:2}"},
     {"", "clear_actions,output:1", "fields{setOutputAll:true} values{ogate:1}"},
@@ -100,6 +102,9 @@ const ActionCase kCases[] = {
      "fields{setVlanVid:true setVlanPcp:true setOutputAll:true} "
      "values{vlanVid:100 vlanPcp:3 ogate:1}"},
     {"", "mod_vlan_pcp:3,mod_vlan_vid:100,output:1",
+     "fields{setVlanVid:true setVlanPcp:true setOutputAll:true} "
+     "values{vlanVid:100 vlanPcp:3 ogate:1}"},
+    {"", "mod_vlan_pcp:3,set_vlan_vid:100,output:1",
      "fields{setVlanVid:true setVlanPcp:true setOutputAll:true} "
      "values{vlanVid:100 vlanPcp:3 ogate:1}"},
     {"dl_vlan=5", "mod_vlan_pcp:3,output:1",

@@ -64,6 +64,8 @@ INSTANTIATE_TEST_SUITE_P(Values, TakenJson, testing::ValuesIn(kTaken));
 
 const Row kRefused[] = {
     {"\"tableId\": -1", "tableId: -1 must be a number from 0 to 4294967295"},
+    {"\"tableId\": -1.0",
+     "tableId: -1.0 must be a number from 0 to 4294967295"},
     {"\"tableId\": -1.5",
      "tableId: -1.5 must be a number from 0 to 4294967295"},
     {"\"tableId\": 1e30",

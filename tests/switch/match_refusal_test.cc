@@ -98,6 +98,9 @@ const RefusalCase kCases[] = {
      "dl_vlan=0xffff: the module cannot tell an untagged frame from one "
      "tagged with VID 0 and priority 0; write vlan_tci=0x0000/0xefff to "
      "match both"},
+    {"vlan_tci=5/0xfff,dl_vlan=0xffff",
+     "dl_vlan=0xffff: matches no frame, an untagged frame has no VID and no "
+     "priority; write dl_vlan=VID for a tagged one"},
     {"vlan_tci=0",
      "vlan_tci=0: the module cannot tell an untagged frame from one tagged "
      "with VID 0 and priority 0; write vlan_tci=0x0000/0xefff to match both"},

@@ -31,6 +31,9 @@ const MatchCase kCases[] = {
     {"dl_src=02:00:00:00:00:01",
      "fields{ethSrc:true} values{ethSrc:'\\x02\\0\\0\\0\\0\\x01' "
      "ethSrcMask:'\\xff\\xff\\xff\\xff\\xff\\xff'}"},
+    {"dl_src=1:2:3:4:5:f/ff:00:00:00:00:0f",
+     "fields{ethSrc:true} values{ethSrc:'\\x01\\0\\0\\0\\0\\x0f' "
+     "ethSrcMask:'\\xff\\0\\0\\0\\0\\x0f'}"},
     {"eth_dst=1:2:3:4:5:f/ff:00:00:00:00:0f",
      "fields{ethDst:true} values{ethDst:'\\x01\\0\\0\\0\\0\\x0f' "
      "ethDstMask:'\\xff\\0\\0\\0\\0\\x0f'}"},

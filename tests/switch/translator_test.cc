@@ -197,6 +197,12 @@ TEST_F(Translator, GivesReachableEmptyTablesAMissFlow) {
     misses.push_back(flow->isTableMiss);
   }
   EXPECT_EQ(misses, (std::vector<bool>{false, true, false}));
+
+  const Translation third =
+      translator_.add(flows("table=9,tcp,actions=output:1\n"));
+  ASSERT_EQ(third.updates.size(), 1u);
+  EXPECT_EQ(third.updates[0].deletes_size(), 0) << "it is gone already";
+  EXPECT_EQ(third.updates[0].adds_size(), 1);
 }
 
 TEST_F(Translator, DropsEverythingWithoutAnyFlow) {
