@@ -59,13 +59,12 @@ struct FilterReader {
   }
 
   void takeCookie(const Word& word) {
-    const Masked<uint64_t> cookie =
+    filter.cookie =
         word.value.ends_with("/-1")
             ? Masked<uint64_t>::exact(
                   parseNumber(word.value.substr(0, word.value.size() - 3),
                               ~uint64_t{0}, word.text))
             : parseMaskedNumber(word.value, ~uint64_t{0}, word.text);
-    filter.cookie = {cookie.value & cookie.mask, cookie.mask};
   }
 };
 

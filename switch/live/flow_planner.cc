@@ -116,8 +116,7 @@ bool FlowBook::Planner::enoughCounters(const std::vector<Wanted>& wanted) {
 
 bool FlowBook::Planner::sameRules(const InstalledFlow& before,
                                   const PreparedFlow& after) const {
-  return before.guards.size() == after.guards.size() &&
-         std::ranges::equal(before.guards, after.guards, {},
+  return std::ranges::equal(before.guards, after.guards, {},
                             &InstalledRule::match) &&
          sameAction(prepareFlow(before.flow, book_.ports_).action,
                     after.action);

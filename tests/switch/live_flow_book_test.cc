@@ -186,14 +186,18 @@ TEST(FlowBook, AnotherEndIsCountedApart) {
   bench.add("ip,nw_ttl=1,actions=dec_ttl,output:2");
   const InstalledRule before = bench.only("ip").installed->rule;
   bench.hit(before);
+  EXPECT_EQ(bench.only("ip").counts.ttlExpired, 1);
   const pb::FlowChangeReply reply = bench.add("ip,nw_ttl=1,actions=drop");
   EXPECT_EQ(reply.changed(), 1);
   EXPECT_EQ(reply.builds_size(), 1);
   const FlowBook::View after = bench.only("ip");
   EXPECT_NE(after.installed->rule.packetCounterId, before.packetCounterId);
   EXPECT_EQ(after.counts.packets, 1);
+  EXPECT_EQ(after.counts.ttlExpired, 1);
   bench.hit(after.installed->rule);
   bench.hit(after.installed->rule);
+  EXPECT_EQ(bench.only("ip").counts.packets, 3);
+  EXPECT_EQ(bench.only("ip").counts.ttlExpired, 1);
   EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kTtlExpired}}]), 1);
   EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kDropped}}]), 2);
 }
@@ -268,6 +272,22 @@ TEST(FlowBook, ReplaceSendsTheDifferenceOnly) {
   EXPECT_EQ(bench.only("in_port=1").added, bench.now - std::chrono::seconds(9));
   EXPECT_EQ(bench.only("in_port=2").added, bench.now);
   EXPECT_EQ(bench.replace(kThree).unchanged(), 1);
+}
+
+TEST(FlowBook, ReplaceThatResetsCountsLeavesNothingAsItIs) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  const InstalledRule before = bench.only("in_port=1").installed->rule;
+  bench.hit(before);
+  bench.now += std::chrono::seconds(9);
+  const pb::FlowChangeReply reply = bench.make(bench.book.planReplace(
+      BookBench::flows("in_port=1,actions=output:2"), true));
+  EXPECT_EQ(reply.unchanged(), 1);
+  EXPECT_EQ(reply.builds_size(), 1);
+  const FlowBook::View after = bench.only("in_port=1");
+  EXPECT_EQ(after.counts.packets, 0);
+  EXPECT_EQ(after.added, bench.now);
+  EXPECT_EQ(after.installed->rule.flowId, before.flowId);
 }
 
 TEST(FlowBook, ReplaceGivesTablesThatItReachesTheirMissFlow) {
