@@ -100,9 +100,7 @@ void StreamCall::advance() {
     unsent_.clear();
     unsentBytes_ = 0;
     more_ = More::kNone;
-    if (status_.ok()) {
-      status_ = callStatus(grpc::StatusCode::CANCELLED, "cancelled");
-    }
+    status_ = callStatus(grpc::StatusCode::CANCELLED, "cancelled");
   }
   if (!unsent_.empty()) {
     sending_ = std::move(unsent_.front());

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/control_socket.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,11 +10,13 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -24,6 +27,21 @@
 
 #include "switch/control/control_server.h"
 #include "tests/captures/capture_files.h"
+
+namespace {
+
+bool refuseLocks = false;
+
+}  // namespace
+
+// The program's own version of the system's function.
+extern "C" int flock(int fd, int operation) noexcept {
+  using Flock = decltype(&flock);
+  static const auto real = reinterpret_cast<Flock>(dlsym(RTLD_NEXT, "flock"));
+  if (!refuseLocks) return real(fd, operation);
+  errno = ENOLCK;
+  return -1;
+}
 
 namespace ofswitch {
 namespace {
@@ -228,9 +246,37 @@ TEST(ControlSocket, WaitsForASwitchThatStartsAtTheSameTime) {
   other.join();
 }
 
+// Another process with a lock of its own, which is nobody's concern.
+class Bystander {
+ public:
+  explicit Bystander(const std::string& file) {
+    int ready[2];
+    EXPECT_EQ(pipe(ready), 0);
+    child_ = fork();
+    if (child_ == 0) {
+      const int fd = open(file.c_str(), O_RDWR | O_CREAT, 0600);
+      if (flock(fd, LOCK_EX) == 0 && write(ready[1], "", 1) == 1) pause();
+      _exit(1);
+    }
+    close(ready[1]);
+    char locked = 1;
+    EXPECT_EQ(read(ready[0], &locked, 1), 1);
+    close(ready[0]);
+  }
+  ~Bystander() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+
+ private:
+  pid_t child_;
+};
+
 TEST(ControlSocket, TellsWhoKeepsTheFolderLocked) {
   ScratchDir dir;
+  const Bystander before(dir / "before");
   const int lock = lockedFolder(dir);
+  const Bystander after(dir / "after");
   const std::string folder = std::filesystem::path(dir / "x").parent_path();
   // Some file systems show other numbers than the kernel's list of locks.
   EXPECT_THAT(
@@ -241,6 +287,19 @@ TEST(ControlSocket, TellsWhoKeepsTheFolderLocked) {
           " locked; end it or choose a path in another folder"));
   EXPECT_FALSE(std::filesystem::exists(dir / "control.sock"));
   close(lock);
+}
+
+TEST(ControlSocket, TellsWhyAFolderCannotBeLocked) {
+  ScratchDir dir;
+  const std::string path = dir / "control.sock";
+  refuseLocks = true;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }),
+            "control socket " + path +
+                ": the folder cannot be used: No locks available");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2))
+      << "it would not help to wait";
+  refuseLocks = false;
 }
 
 TEST(ControlSocket, LeavesTheSocketOfASuccessor) {

@@ -10,6 +10,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "switch.grpc.pb.h"
 #include "switch/control/message_codec.h"
@@ -42,7 +43,7 @@ class Service final
     const auto call = listings_->start(queue_, context, request);
     {
       const std::lock_guard lock(mutex_);
-      asked_++;
+      calls_.push_back(call);
     }
     wake_.notify_all();
     return call.get();
@@ -52,7 +53,7 @@ class Service final
   bool isAskedFor(size_t count) {
     std::unique_lock lock(mutex_);
     return wake_.wait_for(lock, timeLimit(10s),
-                          [&] { return asked_ == count; });
+                          [&] { return calls_.size() == count; });
   }
 
   grpc::ServerUnaryReactor* GetPorts(grpc::CallbackServerContext* context,
@@ -67,7 +68,8 @@ class Service final
   WorkQueue* const queue_;
   std::mutex mutex_;
   std::condition_variable wake_;
-  size_t asked_ = 0;
+  // Held for longer than they last, as others may do for a moment.
+  std::vector<std::shared_ptr<StreamCall>> calls_;
 };
 
 class FlowListingsTest : public testing::Test {
@@ -194,6 +196,16 @@ TEST_F(RestingListingsTest, EndWhileOthersWait) {
   EXPECT_LT(resting->readAll(), kFlows - 1);
   EXPECT_EQ(resting->reader->Finish().error_code(),
             grpc::StatusCode::CANCELLED);
+}
+
+TEST_F(FlowListingsTest, KeepNothingOnceTheyAreGivenUp) {
+  const auto slow = list();
+  ASSERT_TRUE(slow->readOne());
+  slow->context.TryCancel();
+  EXPECT_LT(slow->readAll(), kFlows - 1);
+  EXPECT_EQ(slow->reader->Finish().error_code(), grpc::StatusCode::CANCELLED);
+  const auto next = list("tcp,tp_dst=7");
+  EXPECT_TRUE(comesWhileTicking(*next, 10s));
 }
 
 TEST_F(FlowListingsTest, GivePlacesBack) {

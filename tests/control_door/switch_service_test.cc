@@ -197,6 +197,29 @@ TEST(SwitchService, ReadsTheLog) {
   EXPECT_THAT(readLog(&control, request), IsEmpty());
 }
 
+TEST(SwitchService, ReadsTheLogAsFarAsItWas) {
+  ControlBench control;
+  // More than is sent to a client that does not read.
+  const std::string line(2000, 'x');
+  for (int i = 0; i < 100; i++) TWINLOG_TRACE(trace(), 4, "%s", line);
+  pb::LogRequest request;
+  request.set_facility("ControlDoorTest");
+  request.set_max_level(4);
+  request.set_last(100);
+  grpc::ClientContext context;
+  const auto reader = control.client().ReadLog(&context, request);
+  pb::LogEntry entry;
+  ASSERT_TRUE(reader->Read(&entry));
+  for (int i = 0; i < 10; i++) TWINLOG_TRACE(trace(), 4, "late");
+  int count = 0;
+  do {
+    EXPECT_EQ(entry.text(), line);
+    count++;
+  } while (reader->Read(&entry));
+  EXPECT_EQ(count, 100);
+  EXPECT_TRUE(reader->Finish().ok());
+}
+
 TEST(SwitchService, FollowsTheLog) {
   ControlBench control;
   TWINLOG_TRACE(trace(), 3, "before");
