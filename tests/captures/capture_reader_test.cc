@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <iterator>
 #include <stdexcept>
 
 #include "tests/captures/capture_files.h"
@@ -78,6 +80,30 @@ TEST(CaptureReader, RefusesWhatIsNoEthernetCapture) {
                 ": link type RAW: only Ethernet captures can be read");
   writeFile(dir / "empty", "");
   EXPECT_THAT(reasonOf(dir / "empty"), HasSubstr("empty: truncated"));
+}
+
+TEST(CaptureReader, TellsTheNumberOfALinkWithoutAName) {
+  const ScratchDir dir;
+  writeFile(dir / "c", captureBytes({}, CaptureFormat::kPcapMicro, 60000));
+  EXPECT_EQ(reasonOf(dir / "c"),
+            (dir / "c").string() +
+                ": link type 60000: only Ethernet captures can be read");
+}
+
+TEST(CaptureReader, LeavesNoFileOpenThatItRefuses) {
+  const ScratchDir dir;
+  writeFile(dir / "text", "this is no capture, but it is long enough");
+  writeFile(dir / "raw", captureBytes({}, CaptureFormat::kPcapMicro, kLinkRaw));
+  const auto open_files = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = open_files();
+  for (const std::string path :
+       {dir.path(), dir / "none", dir / "text", dir / "raw"}) {
+    EXPECT_NE(reasonOf(path), "");
+    EXPECT_EQ(open_files(), before) << path;
+  }
 }
 
 TEST(CaptureReader, SaysAfterWhichPacketAFileIsCut) {

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -173,6 +174,48 @@ TEST_F(CaptureSinkTest, StampsWhatComesFromElsewhereWithItsArrival) {
   }
   EXPECT_EQ(to->Finish(), "");
   EXPECT_EQ(readCapture(dir_ / "out"), rows);
+}
+
+TEST_F(CaptureSinkTest, OnlyCountsWithoutAFile) {
+  bess::pb::CaptureSinkArg arg;
+  CaptureSource* from = source();
+  auto* to = make<CaptureSink>("CaptureSink", arg);
+  connect(from, 0, to);
+  while (!from->done()) worker_.Run(from->tasks().front().get());
+  EXPECT_EQ(to->Finish(), "");
+  EXPECT_EQ(to->packets(), 80u);
+  EXPECT_EQ(to->bytes(), 80u * 60);
+  EXPECT_FALSE(std::filesystem::exists(CaptureSink::PartOf("")));
+}
+
+// What a port brings in days is more than any memory.
+TEST_F(CaptureSinkTest, KeepsNothingOfWhatItHasWritten) {
+  auto* from = make<Source>("Source", bess::pb::EmptyArg());
+  CaptureSink* to = sink(false);
+  connect(from, 0, to);
+  const auto heap = [] {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+  };
+  constexpr size_t kLen = 2000;
+  size_t before = 0;
+  for (int i = 0; i < 10000; i++) {
+    ASSERT_TRUE(from->Push(bess::PacketPool::Default()->Alloc(kLen)));
+    worker_.Run(from->tasks().front().get());
+    if (i == 0) before = heap();
+  }
+  EXPECT_LE(heap(), before + 100 * kLen);
+  EXPECT_EQ(to->Finish(), "");
+}
+
+TEST_F(CaptureSinkTest, KeepsTheFileThatCannotBeNamed) {
+  std::filesystem::create_directory(dir_ / "out");
+  CaptureSource* from = source();
+  CaptureSink* to = sink(false);
+  connect(from, 0, to);
+  while (!from->done()) worker_.Run(from->tasks().front().get());
+  EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": Is a directory");
+  EXPECT_EQ(readCapture(CaptureSink::PartOf(dir_ / "out")), rows_);
 }
 
 TEST_F(CaptureSinkTest, OnlyCountsWhatComesOnceItIsFinished) {

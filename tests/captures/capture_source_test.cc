@@ -106,6 +106,11 @@ TEST_F(CaptureSourceTest, TellsWhatEachRunHasDone) {
   EXPECT_EQ(from->counts()[0].cut, 40u);
 }
 
+TEST_F(CaptureSourceTest, TellsHowManyItPlays) {
+  writeFile(dir_ / "a", captureBytes({}));
+  EXPECT_EQ(source({"a", "a"})->GetDesc(), "2 captures");
+}
+
 TEST_F(CaptureSourceTest, NumbersTheFramesOfAllInputsWhosesoeverTheyAre) {
   std::vector<CaptureRow> a;
   std::vector<CaptureRow> b;

@@ -98,6 +98,16 @@ TEST(FlowHash, ReadsThePortsOfProtocolsThatHaveThem) {
   EXPECT_EQ(with_ports, (std::vector<int>{6, 17, 132}));
 }
 
+TEST(FlowHash, ReadsPortsBehindIpv6OnlyWhereTheNextHeaderHasThem) {
+  constexpr size_t kNextHeader = 14 + 6;
+  Bytes a = Frame::eth().ipv6(kA6, kB6).udp(7, 80).bytes();
+  Bytes b = Frame::eth().ipv6(kA6, kB6).udp(7, 81).bytes();
+  EXPECT_NE(hashOf(a), hashOf(b));
+  a[kNextHeader] = b[kNextHeader] = 58;
+  a[kNextHeader + 1] = b[kNextHeader + 1] = 17;  // hops
+  EXPECT_EQ(hashOf(a), hashOf(b));
+}
+
 TEST(FlowHash, DiffersBetweenFramesTooShortForAFlow) {
   const Bytes zeros(13, 0);
   const Bytes ones(13, 1);
