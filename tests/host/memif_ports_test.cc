@@ -105,6 +105,14 @@ TEST_F(MemifPortTest, LeavesFilesAloneWhoseNameAnAbstractSocketHas) {
   EXPECT_EQ(bess::ClosePort("p"), "");
   EXPECT_EQ(access(path.c_str(), F_OK), 0);
   remove(path.c_str());
+  const std::string other = path + "2";
+  ASSERT_TRUE(LeaveSocket(other));
+  EXPECT_EQ(
+      Failure({.device = "net_memif0,role=server,socket-abstract=yes,socket=" +
+                         other}),
+      "");
+  EXPECT_EQ(access(other.c_str(), F_OK), 0);
+  remove(other.c_str());
 }
 
 // It is watched as long as any port is open.

@@ -19,10 +19,8 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <thread>
 
 #include "port_harness.h"
@@ -221,6 +219,8 @@ TEST_F(PortOpeningTest, TellsDevicesOnPciFromOthers) {
   EXPECT_TRUE(bess::Port::IsPci("0000:03:00.0,representor=0"));
   EXPECT_FALSE(bess::Port::IsPci("net_null0"));
   EXPECT_FALSE(bess::Port::IsPci(""));
+  EXPECT_EQ(bess::Port::PciAddress("03:00.0,representor=0"), "0000:03:00.0");
+  EXPECT_EQ(bess::Port::PciAddress("net_null0"), "");
 }
 
 TEST_F(PortOpeningTest, TellsDevicesThatShareMemoryFromOthers) {
@@ -306,36 +306,6 @@ TEST_F(PortOpeningTest, NamesTheMissingCapability) {
       testing::ExitedWithCode(0),
       "a packet socket needs the capability CAP_NET_RAW: run as root, or "
       "once: setcap cap_net_admin,cap_net_raw=ep .*host_ports_test");
-}
-
-ptrdiff_t OpenFiles() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                       std::filesystem::directory_iterator());
-}
-
-TEST(HostChecksTest, LeaveNoFileOpen) {
-  const ptrdiff_t before = OpenFiles();
-  bess::internal::CheckTun();
-  EXPECT_EQ(OpenFiles(), before);
-  EXPECT_EQ(bess::internal::CheckReadable("/proc/self/status"), "");
-  EXPECT_NE(bess::internal::CheckReadable("/proc"), "");
-  EXPECT_EQ(OpenFiles(), before);
-}
-
-TEST(HostChecksTest, AFileWithoutAFolderIsMadeHere) {
-  EXPECT_EQ(bess::internal::CheckCreatable("no_such_file.pcap"), "");
-}
-
-// Reading a folder is not enough to make files in it.
-TEST(HostChecksTest, TellWhereNoFileCanBeMade) {
-  const auto check = [] {
-    const bool other = geteuid() != 0 || setresuid(65534, 65534, 65534) == 0;
-    const std::string path = "/no_such_file.pcap";
-    fprintf(stderr, "%s", bess::internal::CheckCreatable(path).c_str());
-    _exit(other ? 0 : 1);
-  };
-  EXPECT_EXIT(check(), testing::ExitedWithCode(0),
-              "cannot make '/no_such_file.pcap': Permission denied$");
 }
 
 class PortModulesTest : public PortTest {

@@ -67,6 +67,29 @@ TEST_F(PortWorkersTest, EachHasAQueueWhereThereAreEnough) {
   ExpectClosed(port);
 }
 
+// Before any has run, and one of which nobody knows: by its index.
+TEST_F(PortWorkersTest, OneThatComesUnknownTakesTheQueueOfItsIndex) {
+  Port* port = Open("loop", {.device = "net_ring0", .tx_queues = 3});
+  const Sender sender = Send(port);
+  for (const int wid : {1, 2, 5}) {
+    bess::InlineWorker worker(wid);
+    for (int i = 0; i < wid; i++) {
+      ASSERT_TRUE(sender.source->Push(MakePacket(MakeFrame(60))));
+    }
+    worker.Run(sender.task());
+  }
+  const size_t expected[] = {0, 1, 7};
+  for (uint16_t queue = 0; queue < 3; queue++) {
+    EXPECT_EQ(Pull(Receive(port, queue)).size(), expected[queue]) << queue;
+  }
+}
+
+TEST_F(PortWorkersTest, TellWhatTheyServe) {
+  Port* port = Open("loop", {.device = "net_ring0", .rx_queues = 2});
+  EXPECT_EQ(Receive(port, 1).in->GetDesc(), "loop, queue 1");
+  EXPECT_EQ(Send(port).out->GetDesc(), "loop");
+}
+
 TEST_F(PortWorkersTest, HearOnlyOfTheirResumption) {
   const Sender sender = Send(Open("null", {.device = "net_null0"}));
   EXPECT_EQ(sender.out->OnEvent(bess::Event::PreResume), 0);

@@ -208,6 +208,13 @@ TEST_F(NullPortTest, ReceivesFullBatchesForever) {
   ExpectClosed(port);
 }
 
+TEST_F(NullPortTest, TakesNumbersAsTheDriverDoes) {
+  Port* port = Open("null", {.device = "net_null0,size=0x40"});
+  ASSERT_NE(port, nullptr);
+  const Receiver receiver = Receive(port);
+  EXPECT_EQ(worker()->Run(receiver.task()).bits, 32u * 64 * 8);
+}
+
 TEST_F(NullPortTest, TakesEverything) {
   Port* port = Open("null", {.device = "net_null0"});
   Push(Send(port), MakeFrame(60), 5000);

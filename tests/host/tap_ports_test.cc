@@ -46,6 +46,8 @@ TEST_F(TapTest, IsAnInterfaceAsLongAsItIsOpen) {
     ASSERT_TRUE(LinkGoes(port, true));
     SetSpeed("tap0", 2500);
     EXPECT_EQ(port->link().mbps, 2500u) << "as the kernel says";
+    SetSpeed("tap0", static_cast<uint32_t>(SPEED_UNKNOWN));
+    EXPECT_EQ(port->link().mbps, 0u);
     RawSocket kernel("tap0");
     const Sender sender = Send(port);
     Push(sender, MakeFrame(60, 1));
@@ -150,6 +152,11 @@ TEST_F(TapTest, RefusesAPoolThatItsQueueEmpties) {
   options.pool = &enough;
   EXPECT_EQ(Failure(options), "");
   EXPECT_EQ(bess::ClosePort("p"), "");
+}
+
+TEST_F(TapTest, RefusesToCopyWhatNoInterfaceHas) {
+  EXPECT_THAT(Failure({.device = "net_tap0,iface=tap0,remote=nope0"}),
+              HasSubstr("there is no network interface 'nope0'"));
 }
 
 TEST_F(TapTest, RefusesMtusBeyondItsLimit) {
