@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -70,6 +71,31 @@ TEST(EalTest, StartsWithoutHugepagesAndOnlyOnce) {
            Expect(bess::InitEal() == "", "starts") &&
            Expect(bess::EalReady(), "ready") &&
            Expect(bess::InitEal({.memory_mb = 1}) == "", "again is no error");
+  });
+}
+
+TEST(EalTest, SeveralProcessesMayHaveIt) {
+  InChild([] {
+    const openflow_test::ScratchDir parent;
+    setenv("RUNTIME_DIRECTORY", parent.path().c_str(), 1);
+    int ends[2];
+    if (pipe(ends) != 0) {
+      return false;
+    }
+    const pid_t other = fork();
+    if (other == 0) {
+      const char failed = bess::InitEal({.memory_mb = 64}).empty() ? 0 : 1;
+      const bool told = write(ends[1], &failed, 1) == 1;
+      pause();
+      _exit(told ? 0 : 1);
+    }
+    char failed = 1;
+    const bool told = read(ends[0], &failed, 1) == 1;
+    const std::string error = bess::InitEal({.memory_mb = 64});
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
+    return Expect(told && failed == 0, "the first starts") &&
+           Expect(error == "", error.c_str());
   });
 }
 
@@ -257,7 +283,10 @@ TEST(EalTest, IsQuietUnlessAskedForMore) {
 TEST(EalTest, WhatDpdkTookAtItsStartCanBecomeAPort) {
   InChild([] {
     bess::InitEal({.memory_mb = 64, .extra_args = {"--vdev=net_null7"}});
-    bess::PacketPool::MakeDefault(1023);
+    if (!Expect(bess::PacketPool::MakeDefault(1023), "the first pool") ||
+        !Expect(bess::PacketPool::Default()->capacity() == 1023, "is it")) {
+      return false;
+    }
     uint16_t id = 0;
     const bess::PortOptions options = {.device = "net_null7"};
     const std::string taken =

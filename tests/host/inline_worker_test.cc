@@ -6,8 +6,10 @@
 #include <urcu-qsbr.h>
 
 #include <atomic>
+#include <chrono>
 #include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -81,6 +83,45 @@ TEST_F(InlineWorkerTest, OneThatIsRefusedKeepsNoLcore) {
     EXPECT_THROW(InlineWorker(3), std::runtime_error);
     EXPECT_EQ(rte_lcore_id(), LCORE_ID_ANY);
   }).join();
+}
+
+// All of DPDK's are taken by threads of others.
+TEST_F(InlineWorkerTest, NeedsAnLcore) {
+  std::atomic<bool> done = false;
+  std::atomic<int> ready = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < RTE_MAX_LCORE; i++) {
+    threads.emplace_back([&] {
+      const bool registered = rte_thread_register() == 0;
+      ready++;
+      while (!done) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      if (registered) {
+        rte_thread_unregister();
+      }
+    });
+  }
+  while (ready < RTE_MAX_LCORE) {
+    std::this_thread::yield();
+  }
+  std::string error;
+  std::thread([&] {
+    try {
+      const InlineWorker worker(5);
+    } catch (const std::runtime_error& failure) {
+      error = failure.what();
+    }
+  }).join();
+  EXPECT_EQ(error, "DPDK has no lcore left: Cannot allocate memory");
+  EXPECT_FALSE(Worker::Exists(5));
+  EXPECT_EQ(Worker::Add(5),
+            "worker 5: DPDK has no lcore for it: Cannot allocate memory");
+  EXPECT_FALSE(Worker::Exists(5));
+  done = true;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
 }
 
 TEST_F(InlineWorkerTest, RunsABatchThroughAGate) {

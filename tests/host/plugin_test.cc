@@ -4,8 +4,11 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <string>
 
 #include "probe.h"
 
@@ -13,6 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 const ModuleBuilder* Find(const std::string& name) {
   const auto& builders = ModuleBuilder::all_module_builders();
@@ -93,6 +97,20 @@ TEST_F(PluginTest, ATakenClassNameIsRefusedAndItsOwnerUnharmed) {
   EXPECT_EQ(bess::LoadPlugin(TWIN_PLUGIN), "");
   EXPECT_EQ(Find("Good")->help_text(), "the other one");
   EXPECT_EQ(bess::UnloadPlugin(TWIN_PLUGIN), "");
+}
+
+// Where it is searched for is the loader's business, whatever there is in the
+// present directory.
+TEST_F(PluginTest, ANameAloneIsLeftToTheLoader) {
+  const std::string name = "plugin_test" + std::to_string(getpid()) + ".so";
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(testing::TempDir());
+  std::ofstream(name) << "no library";
+  EXPECT_THAT(bess::LoadPlugin(name), StartsWith(name + ": "));
+  EXPECT_THAT(bess::LoadPlugin("./" + name),
+              StartsWith(std::filesystem::canonical(name).string() + ": "));
+  std::filesystem::remove(name);
+  std::filesystem::current_path(before);
 }
 
 TEST_F(PluginTest, WhatIsNoPluginIsRefused) {

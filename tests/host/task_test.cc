@@ -130,6 +130,31 @@ TEST_F(TaskTest, AddToRunQueuesForTheModuleBehindTheGate) {
   EXPECT_EQ(captured[0].igate, 4);
 }
 
+TEST_F(TaskTest, AFullQueueTakesNoMore) {
+  Probe* next = MakeProbe("next");
+  Connect(probe_, 0, next, 0);
+  int batches = 0;
+  next->on_batch = [&](Context*, PacketBatch*) { batches++; };
+  const size_t before = pool_->available();
+  Task task(probe_, nullptr);
+  PacketBatch empty;
+  empty.clear();
+  for (int i = 0; i < Task::kQueueLength; i++) {
+    task.AddToRun(next->igates()[0], &empty);
+  }
+  PacketBatch late;
+  late.clear();
+  late.add(MakePacket("a"));
+  late.add(MakePacket("b"));
+  task.AddToRun(next->igates()[0], &late);
+  EXPECT_TRUE(late.empty());
+  EXPECT_EQ(task.overflow_drops(), 2u);
+  EXPECT_EQ(pool_->available(), before);
+  Context ctx;
+  task.RunPending(&ctx);
+  EXPECT_EQ(batches, Task::kQueueLength);
+}
+
 TEST_F(TaskTest, FreesWhatIsStillOnItsWay) {
   Sink* sink = MakeSink("sink");
   Connect(probe_, 0, sink, 0);

@@ -65,6 +65,21 @@ TEST_F(WorkerTasksTest, ATaskMovesToItsNewWorker) {
   EXPECT_EQ(runs[0], 0);
 }
 
+TEST_F(WorkerTasksTest, ResumingWorksOutAnewWhoRunsWhat) {
+  ASSERT_EQ(Worker::Add(0), "");
+  Probe* source = MakeProbe("source");
+  Probe* queue = MakeProbe("queue");
+  Probe* end = MakeProbe("end");
+  Connect(source, 0, queue, 0);
+  Connect(queue, 0, end, 0);
+  ASSERT_EQ(Worker::AttachTasks(source, 0), "");
+  EXPECT_TRUE(end->is_active_worker(0));
+  queue->PropagateWorkers(false);  // as a command of its own may do
+  ASSERT_EQ(Worker::ResumeAll(), "");
+  EXPECT_TRUE(queue->is_active_worker(0));
+  EXPECT_FALSE(end->is_active_worker(0));
+}
+
 TEST_F(WorkerTasksTest, ATaskAttachedAgainRunsOnceARound) {
   ASSERT_EQ(Worker::Add(0), "");
   Probe* probe = MakeProbe("probe");

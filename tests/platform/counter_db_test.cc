@@ -36,6 +36,16 @@ TEST(WorkerCounters, CountsWhatExistsAndNothingElse) {
   EXPECT_EQ(counters.read(std::numeric_limits<uint32_t>::max()), 0u);
 }
 
+// There is memory behind the last one, up to the end of its line.
+TEST(WorkerCounters, EndBehindTheLastOne) {
+  WorkerCounters counters(7);
+  auto* behind = const_cast<std::atomic<uint64_t>*>(counters.data()) + 7;
+  counters.add(7, 5);
+  EXPECT_EQ(behind->load(), 0u);
+  behind->store(5);
+  EXPECT_EQ(counters.read(7), 0u);
+}
+
 TEST(WorkerCounters, MayBeEmpty) {
   WorkerCounters counters(0);
   counters.add(0, 1);

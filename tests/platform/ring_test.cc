@@ -82,6 +82,18 @@ TEST(Ring, KeepsWhatAStatementSays) {
   EXPECT_LE(entries[0].time, after + std::chrono::milliseconds(5));
 }
 
+// Also when it is read much later.
+TEST(Ring, KeepsTheTimeOfAStatement) {
+  Ring ring(64);
+  const auto before = std::chrono::system_clock::now();
+  write(ring, numberSite(), 1);
+  const auto after = std::chrono::system_clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const auto time = ring.read().at(0).time;
+  EXPECT_GE(time, before - std::chrono::milliseconds(5));
+  EXPECT_LE(time, after + std::chrono::milliseconds(5));
+}
+
 TEST(Ring, KeepsWhichThreadItWas) {
   Ring ring(64);
   uint32_t thread = 0;

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -161,6 +163,28 @@ TEST_F(TwinlogTest, OneLineOnStandardErrorByDefault) {
               MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} "
                            "[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6} "
                            "TwinlogTest/2 at 2: 22\n"));
+}
+
+TEST_F(TwinlogTest, TheLineHasTheTimeOfThisPlace) {
+  Twinlog::addStandardErrorSink();
+  Mio::setTraceLevels("TwinlogTest", 1u << 2);
+  setenv("TZ", "TST-05:30", 1);
+  tzset();
+  const auto here = [] {
+    const time_t now = time(nullptr) + 5 * 3600 + 30 * 60;
+    tm utc;
+    char text[32];
+    strftime(text, sizeof(text), "%Y-%m-%d %H:%M:", gmtime_r(&now, &utc));
+    return std::string(text);
+  };
+  const std::string before = here();
+  testing::internal::CaptureStderr();
+  traceAt2();
+  const std::string line = testing::internal::GetCapturedStderr();
+  const std::string after = here();
+  EXPECT_TRUE(line.starts_with(before) || line.starts_with(after)) << line;
+  unsetenv("TZ");
+  tzset();
 }
 
 TEST_F(TwinlogTest, SinksComeAndGoWhileOthersTrace) {
