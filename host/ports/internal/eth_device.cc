@@ -86,6 +86,8 @@ EthDevice::EthDevice(const DeviceString& device)
   if (const int code = rte_eth_dev_info_get(id_, &info_); code != 0) {
     open_devices.Remove(id_);
     rte_eth_dev_close(id_);
+    // As the destructor does, by name: the device has told nothing of itself.
+    rte_eal_hotplug_remove(device.pci ? "pci" : "vdev", device.name.c_str());
     Check(code, "the device does not tell what it can do", log);
   }
 }

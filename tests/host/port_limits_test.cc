@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: BSD-3-Clause
+//
+// Ports on devices with other abilities than those that every machine has.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <rte_ethdev.h>
+
+#include <cerrno>
+#include <functional>
+#include <utility>
+
+#include "port_harness.h"
+
+namespace {
+
+std::function<int(rte_eth_dev_info*)> tell;
+std::function<void(rte_eth_link*)> link_up;
+std::pair<uint16_t, uint16_t> descriptors;
+
+template <typename F>
+F* Next(F*, const char* name) {
+  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// In front of DPDK's own: what a device tells, and how it is set up.
+extern "C" int rte_eth_dev_info_get(uint16_t port, rte_eth_dev_info* info) {
+  static const auto real = Next(rte_eth_dev_info_get, "rte_eth_dev_info_get");
+  const int code = real(port, info);
+  return code == 0 && tell ? tell(info) : code;
+}
+
+extern "C" int rte_eth_link_get_nowait(uint16_t port, rte_eth_link* link) {
+  static const auto real =
+      Next(rte_eth_link_get_nowait, "rte_eth_link_get_nowait");
+  const int code = real(port, link);
+  if (link_up) {
+    link_up(link);
+  }
+  return code;
+}
+
+extern "C" int rte_eth_dev_adjust_nb_rx_tx_desc(uint16_t port, uint16_t* rx,
+                                                uint16_t* tx) {
+  static const auto real = Next(rte_eth_dev_adjust_nb_rx_tx_desc,
+                                "rte_eth_dev_adjust_nb_rx_tx_desc");
+  descriptors = {*rx, *tx};
+  return real(port, rx, tx);
+}
+
+namespace {
+
+using bess::DropCause;
+using bess::Port;
+using testing::HasSubstr;
+using testing::Pair;
+
+class PortLimitsTest : public PortTest {
+ protected:
+  ~PortLimitsTest() override {
+    tell = nullptr;
+    link_up = nullptr;
+  }
+};
+
+TEST_F(PortLimitsTest, ADeviceMaySendAsManySegmentsAsItLikes) {
+  tell = [](rte_eth_dev_info* info) {
+    info->tx_desc_lim.nb_seg_max = 0;
+    return 0;
+  };
+  Port* port = Open("loop", {.device = "net_ring0", .mtu = 9000});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->max_segments(), UINT16_MAX);
+  const Receiver receiver = Receive(port);
+  Push(Send(port), MakeFrame(9014, 5));
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(captured[0].segments, 5);
+}
+
+TEST_F(PortLimitsTest, PacketsInMorePiecesArePutTogetherOrDropped) {
+  tell = [](rte_eth_dev_info* info) {
+    info->tx_desc_lim.nb_seg_max = 4;
+    return 0;
+  };
+  Port* port = Open("loop", {.device = "net_ring0", .mtu = 9000});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->max_segments(), 4);
+  const Receiver receiver = Receive(port);
+  const Sender sender = Send(port);
+  const std::string frame = MakeFrame(1000, 9);
+  for (const size_t segment : {250, 249}) {  // four of them, and one more
+    ASSERT_TRUE(sender.source->Push(MakePacket(frame, segment)));
+  }
+  ASSERT_TRUE(sender.source->Push(MakePacket(MakeFrame(9014))));
+  worker()->Run(sender.task());
+  const auto captured = Pull(receiver);
+  ASSERT_EQ(captured.size(), 2u);
+  EXPECT_EQ(captured[0].segments, 4);
+  EXPECT_EQ(captured[0].bytes, frame);
+  EXPECT_EQ(captured[1].segments, 1);
+  EXPECT_EQ(captured[1].bytes, frame);
+  EXPECT_EQ(port->stats().drop(DropCause::kTxTooManySegments), 1u);
+  EXPECT_EQ(port->stats().tx_bytes, 2000u);
+  ExpectClosed(port);
+}
+
+TEST_F(PortLimitsTest, AFrameIsNoLongerThanABufferWithoutChains) {
+  tell = [](rte_eth_dev_info* info) {
+    info->rx_offload_capa &= ~RTE_ETH_RX_OFFLOAD_SCATTER;
+    return 0;
+  };
+  EXPECT_THAT(Failure({.device = "net_ring0", .mtu = 2027}),
+              HasSubstr("MTU 2027: net_ring carries at most 2026 bytes"));
+  Port* port = Open("loop", {.device = "net_ring0", .mtu = 2026});
+  ASSERT_NE(port, nullptr);
+  EXPECT_EQ(port->mtu(), 2026);
+}
+
+TEST_F(PortLimitsTest, OneThatTellsNothingIsClosedAgain) {
+  tell = [](rte_eth_dev_info*) { return -EIO; };
+  EXPECT_THAT(Failure({.device = "net_null0"}),
+              HasSubstr("the device does not tell what it can do: "
+                        "Input/output error"));
+  tell = nullptr;
+  EXPECT_EQ(Failure({.device = "net_null0"}), "");
+}
+
+TEST_F(PortLimitsTest, QueuesAreAsLongAsAskedForOrAsTheDriverLikes) {
+  uint16_t liked = 0;
+  tell = [&](rte_eth_dev_info* info) {
+    info->default_rxportconf.ring_size = liked;
+    info->default_txportconf.ring_size = static_cast<uint16_t>(2 * liked);
+    return 0;
+  };
+  EXPECT_EQ(Failure({.device = "net_null0"}), "");
+  EXPECT_THAT(descriptors, Pair(512, 512));
+  EXPECT_EQ(bess::ClosePort("p"), "");
+  liked = 256;
+  EXPECT_EQ(Failure({.device = "net_null0"}), "");
+  EXPECT_THAT(descriptors, Pair(256, 512));
+  EXPECT_EQ(bess::ClosePort("p"), "");
+  EXPECT_EQ(
+      Failure(
+          {.device = "net_null0", .rx_descriptors = 64, .tx_descriptors = 128}),
+      "");
+  EXPECT_THAT(descriptors, Pair(64, 128));
+}
+
+TEST_F(PortLimitsTest, ALinkTellsItsSpeedIfItHasAny) {
+  const Port* port = Open("null", {.device = "net_null0"});
+  rte_eth_link device = {};
+  link_up = [&](rte_eth_link* link) { *link = device; };
+  device.link_status = RTE_ETH_LINK_UP;
+  device.link_speed = 25000;
+  device.link_duplex = RTE_ETH_LINK_FULL_DUPLEX;
+  EXPECT_TRUE(port->link().up);
+  EXPECT_EQ(port->link().mbps, 25000u);
+  EXPECT_TRUE(port->link().full_duplex);
+  device.link_speed = RTE_ETH_SPEED_NUM_UNKNOWN;
+  device.link_duplex = RTE_ETH_LINK_HALF_DUPLEX;
+  EXPECT_EQ(port->link().mbps, 0u);
+  EXPECT_FALSE(port->link().full_duplex);
+  device.link_status = RTE_ETH_LINK_DOWN;
+  EXPECT_FALSE(port->link().up);
+}
+
+}  // namespace
