@@ -239,37 +239,42 @@ std::string AnyAddress() {
          std::to_string(round++);
 }
 
-// A socket for which `use`, bind or connect, has taken the abstract address.
+// A socket for which `use`, bind or connect, has taken the abstract address,
+// as it is or filled up to the longest.
 template <typename F>
-int SocketAt(const std::string& name, F use) {
+int SocketAt(const std::string& name, F use, bool filled = false) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path + 1, name.data(), name.size());
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  const auto len =
-      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  const auto len = static_cast<socklen_t>(
+      filled ? sizeof(address)
+             : offsetof(sockaddr_un, sun_path) + 1 + name.size());
   EXPECT_EQ(use(fd, reinterpret_cast<sockaddr*>(&address), len), 0);
   return fd;
 }
 
 TEST_F(PortOpeningTest, RefusesASocketThatAnotherProcessHas) {
-  const std::string name = AnyAddress();
-  const int fd = SocketAt(name, bind);
-  ASSERT_EQ(listen(fd, 1), 0);
-  // Only a child holds it from here on.
-  const pid_t child = fork();
-  if (child == 0) {
-    pause();
-    _exit(0);
+  for (const bool filled : {false, true}) {
+    const std::string name = AnyAddress();
+    const int fd = SocketAt(name, bind, filled);
+    ASSERT_EQ(listen(fd, 1), 0);
+    // Only a child holds it from here on.
+    const pid_t child = fork();
+    if (child == 0) {
+      pause();
+      _exit(0);
+    }
+    close(fd);
+    const PortOptions options = {.device =
+                                     "net_memif0,role=server,socket=" + name};
+    EXPECT_THAT(Failure(options),
+                HasSubstr("another process listens at socket '" + name + "'"));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(Failure(options), "");
+    EXPECT_EQ(bess::ClosePort("p"), "");
   }
-  close(fd);
-  const PortOptions options = {.device =
-                                   "net_memif0,role=server,socket=" + name};
-  EXPECT_THAT(Failure(options),
-              HasSubstr("another process listens at socket '" + name + "'"));
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  EXPECT_EQ(Failure(options), "");
 }
 
 // Its other end is gone, and nobody listens there.

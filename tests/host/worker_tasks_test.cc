@@ -80,6 +80,25 @@ TEST_F(WorkerTasksTest, ResumingWorksOutAnewWhoRunsWhat) {
   EXPECT_FALSE(end->is_active_worker(0));
 }
 
+TEST_F(WorkerTasksTest, DetachingFreesWhatWaitsInTheTask) {
+  ASSERT_EQ(Worker::Add(0), "");
+  Probe* probe = MakeProbe("probe");
+  Sink* sink = MakeSink("sink");
+  Connect(probe, 0, sink, 0);
+  ASSERT_EQ(Worker::AttachTasks(probe, 0), "");
+  const size_t before = pool_->available();
+  Context ctx;
+  ctx.task = probe->task();
+  for (int i = 0; i < 50; i++) {
+    probe->EmitPacket(&ctx, MakePacket("x"), 0);
+  }
+  EXPECT_EQ(pool_->available(), before - 50);
+  Worker::DetachTasks(probe);
+  EXPECT_EQ(probe->task()->wid(), -1);
+  EXPECT_EQ(pool_->available(), before);
+  EXPECT_EQ(sink->count(), 0u);
+}
+
 TEST_F(WorkerTasksTest, ATaskAttachedAgainRunsOnceARound) {
   ASSERT_EQ(Worker::Add(0), "");
   Probe* probe = MakeProbe("probe");

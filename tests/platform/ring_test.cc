@@ -213,6 +213,8 @@ TEST(Ring, HoldsSixteenArguments) {
   EXPECT_EQ(ring.read()[0].text, "0123456789101112131415");
   write(ring, site, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16);
   EXPECT_EQ(ring.read()[1].text, "0123456789101112131415");
+  write(ring, site, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, "x");
+  EXPECT_EQ(ring.read()[2].text, "0123456789101112131415");
 }
 
 TEST(Ring, IsFollowedFromWhereTheLastReadingEnded) {
