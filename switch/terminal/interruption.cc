@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <ctime>
 #include <utility>
 
 namespace ofswitch {
@@ -32,7 +33,16 @@ Interruption::~Interruption() {
   }
   wake_.notify_all();
   thread_.join();
+  if (happened_) takePending();
   pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+// One that came a second time has had its effect already: it must not end a
+// process that ends by itself.
+void Interruption::takePending() const {
+  const timespec none = {};
+  while (sigtimedwait(&signals_, nullptr, &none) > 0) {
+  }
 }
 
 bool Interruption::happened() const {

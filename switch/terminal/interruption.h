@@ -33,6 +33,7 @@ class Interruption {
 
  private:
   void watch();
+  void takePending() const;
 
   sigset_t signals_;
   sigset_t before_;
