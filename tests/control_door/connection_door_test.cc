@@ -1,21 +1,51 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/connection_door.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/captures/capture_files.h"
+#include "tests/control_door/control_bench.h"
 #include "tests/support/time_limit.h"
+
+namespace {
+
+std::atomic<bool> isOutOfDescriptors = false;
+std::atomic<int> refusals = 0;
+
+}  // namespace
+
+// The program's own version of the system's function.
+extern "C" int accept4(int fd, sockaddr* address, socklen_t* length,
+                       int flags) {
+  using Accept = decltype(&accept4);
+  static const auto real =
+      reinterpret_cast<Accept>(dlsym(RTLD_NEXT, "accept4"));
+  if (!isOutOfDescriptors) return real(fd, address, length, flags);
+  refusals++;
+  errno = EMFILE;
+  return -1;
+}
 
 namespace ofswitch {
 namespace {
@@ -45,6 +75,15 @@ class Connections {
     return wake_.wait_for(lock,
                           openflow_test::timeLimit(std::chrono::seconds(10)),
                           [&] { return fds_.size() == count; });
+  }
+
+  // The value of an option of the first one.
+  int option(int level, int name) {
+    const std::lock_guard lock(mutex_);
+    int value = -1;
+    socklen_t size = sizeof(value);
+    EXPECT_EQ(getsockopt(fds_.front(), level, name, &value, &size), 0);
+    return value;
   }
 
   void closeOne() {
@@ -114,6 +153,58 @@ TEST(ConnectionDoor, HoldsSoManyConnectionsAndNoMore) {
   door.disconnect();
   EXPECT_TRUE(second.isClosed(10'000));
   EXPECT_TRUE(third.isClosed(10'000));
+}
+
+// Replies are short, and must not wait for what follows them.
+TEST(ConnectionDoor, SendsAtOnceOverTcp) {
+  const std::string any = "127.0.0.1:0";
+  const ListeningSocket socket =
+      ListeningSocket::atAddress(any, TcpAddress(any, "key"), "key");
+  Connections connections;
+  std::vector<ConnectionDoor::Entrance> entrances;
+  entrances.push_back(
+      {&socket, std::make_unique<Connections::Acceptor>(&connections)});
+  ConnectionDoor door(std::move(entrances), 2);
+  const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const TcpAddress there("127.0.0.1:" + std::to_string(socket.port()), "key");
+  ASSERT_EQ(connect(client, there.data(), there.size()), 0);
+  ASSERT_TRUE(connections.waitFor(1));
+  EXPECT_NE(connections.option(IPPROTO_TCP, TCP_NODELAY), 0);
+  close(client);
+  door.close();
+}
+
+TEST(ConnectionDoor, WaitsForDescriptorsWithoutHaste) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "door.sock";
+  const ListeningSocket socket = ListeningSocket::atPath(path);
+  Connections connections;
+  std::vector<ConnectionDoor::Entrance> entrances;
+  entrances.push_back(
+      {&socket, std::make_unique<Connections::Acceptor>(&connections)});
+  isOutOfDescriptors = true;
+  ConnectionDoor door(std::move(entrances), 2);
+  const Client client(path);
+  std::this_thread::sleep_for(std::chrono::milliseconds(350));
+  isOutOfDescriptors = false;
+  EXPECT_GE(refusals, 1);
+  EXPECT_LE(refusals, 4);
+  EXPECT_TRUE(connections.waitFor(1));
+  door.close();
+}
+
+// The descriptors that so many connections take, as far as the system lets it.
+TEST(ConnectionDoor, OpensWithRoomForDescriptors) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit few = {std::min<rlim_t>(before.rlim_max, 1024), before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  const ControlBench control;
+  rlimit after{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &after), 0);
+  EXPECT_EQ(after.rlim_cur, std::min<rlim_t>(before.rlim_max, 4096 + 256));
+  EXPECT_EQ(after.rlim_max, before.rlim_max);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
 }  // namespace

@@ -313,6 +313,10 @@ TEST_F(HostServiceTest, RefusesWrongArguments) {
   unknown.set_type_url("type.googleapis.com/other.pb.OpenFlowGetStatsArg");
   EXPECT_EQ(command("openflow", "getStats", unknown).error().errmsg(),
             "arg: there is no type \"other.pb.OpenFlowGetStatsArg\"");
+  unknown.set_type_url("type.googleapis.com/quil.pb.NoOpenFlowGetStatsArg");
+  EXPECT_EQ(command("openflow", "getStats", unknown).error().errmsg(),
+            "arg: is of type \"quil.pb.NoOpenFlowGetStatsArg\", must be "
+            "\"OpenFlowGetStatsArg\"");
   EXPECT_EQ(command("openflow", "flush", {}).error().code(), ENOTSUP);
   EXPECT_EQ(command("nobody", "getStats", any(argument)).error().code(),
             ENOENT);

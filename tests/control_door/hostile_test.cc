@@ -241,24 +241,48 @@ TEST(HostileClients, WhoStopsReadingCostsLittleAndHoldsUpNobody) {
   }
 }
 
+// A call that does not end before it is cancelled.
+struct Follower {
+  explicit Follower(const std::shared_ptr<grpc::Channel>& channel)
+      : stub(pb::Switch::NewStub(channel)) {
+    pb::LogRequest request;
+    request.set_follow(true);
+    request.set_max_level(5);
+    request.set_last(1);
+    reader = stub->ReadLog(&context, request);
+  }
+
+  std::unique_ptr<pb::Switch::Stub> stub;
+  grpc::ClientContext context;
+  std::unique_ptr<grpc::ClientReader<pb::LogEntry>> reader;
+};
+
+TEST(HostileClients, OneConnectionHasSoManyCallsAndNoMore) {
+  constexpr size_t kCalls = 128;
+  ControlBench control;
+  control.add("actions=drop\n");
+  const auto channel = control.connect();
+  std::vector<std::unique_ptr<Follower>> clients;
+  pb::LogEntry entry;
+  for (size_t i = 0; i < kCalls; i++) {
+    clients.push_back(std::make_unique<Follower>(channel));
+    ASSERT_TRUE(clients.back()->reader->Read(&entry)) << i;
+  }
+  EXPECT_EQ(rawCall(channel, kGetTables, "", 500ms).status.error_code(),
+            grpc::StatusCode::DEADLINE_EXCEEDED);
+  EXPECT_TRUE(isServed(&control)) << "on a connection of its own";
+  clients.front()->context.TryCancel();
+  EXPECT_TRUE(rawCall(channel, kGetTables, "", timeLimit(10s)).status.ok());
+  for (auto& client : clients) client->context.TryCancel();
+  control.door().stop();
+}
+
 TEST(HostileClients, AThousandFollowTheLogWhileOthersAreServed) {
   constexpr size_t kClients = 1000;
   ControlBench control;
-  struct Client {
-    std::unique_ptr<pb::Switch::Stub> stub;
-    grpc::ClientContext context;
-    std::unique_ptr<grpc::ClientReader<pb::LogEntry>> reader;
-  };
-  pb::LogRequest request;
-  request.set_follow(true);
-  request.set_max_level(5);
-  request.set_last(1);
-  std::vector<std::unique_ptr<Client>> clients;
+  std::vector<std::unique_ptr<Follower>> clients;
   for (size_t i = 0; i < kClients; i++) {
-    auto client = std::make_unique<Client>();
-    client->stub = pb::Switch::NewStub(control.connect());
-    client->reader = client->stub->ReadLog(&client->context, request);
-    clients.push_back(std::move(client));
+    clients.push_back(std::make_unique<Follower>(control.connect()));
   }
   pb::LogEntry entry;
   for (auto& client : clients) ASSERT_TRUE(client->reader->Read(&entry));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/message_codec.h"
 
+#include <google/protobuf/descriptor.pb.h>
 #include <gtest/gtest.h>
 
 #include "switch.pb.h"
@@ -80,6 +81,20 @@ TEST(MessageCodec, TakesSoManyFields) {
   EXPECT_EQ(decoded(bytes, {100, 3}), tooMany);
   EXPECT_EQ(checked(bytes, {100, 4}), Outcome());
   EXPECT_EQ(checked(bytes, {100, 3}), tooMany);
+}
+
+// Of a type that can hold itself, as none that is served does yet.
+TEST(MessageCodec, TakesMessagesInsideEachOtherToADepth) {
+  using google::protobuf::DescriptorProto;
+  const auto nested = [](int depth) {
+    DescriptorProto message;
+    DescriptorProto* inner = &message;
+    for (int i = 0; i < depth; i++) inner = inner->add_nested_type();
+    return message.SerializeAsString();
+  };
+  const auto& type = *DescriptorProto::descriptor();
+  EXPECT_NO_THROW(checkFields(nested(32), kSmallMessage, type));
+  EXPECT_THROW(checkFields(nested(33), kSmallMessage, type), BadMessage);
 }
 
 TEST(MessageCodec, RefusesBytesThatAreNoMessage) {

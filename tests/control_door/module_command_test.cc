@@ -12,12 +12,13 @@
 #include "graph.h"
 #include "module_builder.h"
 #include "openflow.pb.h"
+#include "switch/control/host_report.h"
 #include "tests/control_door/control_bench.h"
 
 namespace ofswitch {
 namespace {
 
-// A module of somebody else's, with a command that needs nothing.
+// A module of somebody else's, with commands that need nothing.
 class Bell final : public Module {
  public:
   CommandResponse Init(const bess::pb::EmptyArg&) { return CommandSuccess(); }
@@ -31,7 +32,9 @@ class Bell final : public Module {
 
 [[maybe_unused]] const bool registered = ModuleBuilder::RegisterModuleClass(
     [] { return new Bell; }, "Bell", "bell", "rings", 0, 0,
-    {{"ring", "EmptyArg", MODULE_CMD_FUNC(&Bell::ring), Command::THREAD_SAFE}},
+    {{"ring", "EmptyArg", MODULE_CMD_FUNC(&Bell::ring), Command::THREAD_SAFE},
+     {"setAclIds", "EmptyArg", MODULE_CMD_FUNC(&Bell::ring),
+      Command::THREAD_SAFE}},
     MODULE_INIT_FUNC(&Bell::Init));
 
 class ModuleCommands : public testing::Test {
@@ -79,6 +82,25 @@ TEST_F(ModuleCommands, NothingIsAnEmptyArgument) {
               "arg: is of type \"" + type + "\", must be \"EmptyArg\"");
   }
   EXPECT_EQ(Bell::rings, 2);
+}
+
+TEST_F(ModuleCommands, OfOtherModulesAreNotTheSwitchs) {
+  EXPECT_EQ(run("bell", "setAclIds", "").errmsg(), "");
+  EXPECT_EQ(Bell::rings, 1);
+}
+
+TEST_F(ModuleCommands, GoToModulesThatNoWorkerRuns) {
+  const auto workers = listWorkers();
+  ASSERT_EQ(workers.workers_size(), 1);
+  EXPECT_GT(workers.workers(0).modules_size(), 0);
+  for (const std::string& name : workers.workers(0).modules()) {
+    EXPECT_NE(name, "bell");
+  }
+  bess::pb::GetModuleRequest request;
+  request.set_name("bell");
+  EXPECT_EQ(getModule(request).workers_size(), 0);
+  EXPECT_EQ(run("bell", "ring", "").errmsg(), "");
+  EXPECT_EQ(Bell::rings, 1);
 }
 
 TEST_F(ModuleCommands, TooLongIsNotWrong) {
