@@ -237,10 +237,7 @@ class PacketTracer::Walk {
                                 pb::TraceReply::Step* step) {
     const auto to =
         std::ranges::find(flow.actions, ActionKind::kGoto, &Action::kind);
-    if (!pass->handedOn || to == flow.actions.end() ||
-        to->value <= step->table() || to->value >= kNumTables) {
-      return std::nullopt;
-    }
+    if (!pass->handedOn || to == flow.actions.end()) return std::nullopt;
     step->set_goto_table(static_cast<uint32_t>(to->value));
     frame_ = std::move(*pass->handedOn);
     return static_cast<uint8_t>(to->value);

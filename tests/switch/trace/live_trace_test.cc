@@ -187,6 +187,7 @@ TEST(LiveTrace, DropsTellTheirCause) {
   const pb::TraceReply empty = traceFrame(&bench, tcpTo(80).bytes(), 1, 9);
   EXPECT_EQ(empty.steps(0).table(), 9);
   EXPECT_EQ(empty.steps(0).drop().name(), "lookup_failed");
+  EXPECT_EQ(empty.steps(0).drop().table(), 9);
   EXPECT_THAT(explained(bench, empty), HasSubstr("the table has no flows"));
 }
 
@@ -291,6 +292,31 @@ TEST(LiveTrace, LongFramesAndLongChains) {
   EXPECT_EQ(last.outputs(0).port(), 8191);
   EXPECT_EQ(bytesOf(last.outputs(0).frame()), frame);
   EXPECT_EQ(bytesOf(last.outputs(1).frame()), frame);
+}
+
+// A flow for packets of both families has a guard in each classifier.
+TEST(LiveTrace, TellsWhichClassifierFoundWhatExpired) {
+  LiveBench bench({.flows = "in_port=1,actions=dec_ttl,output:3\n"});
+  const pb::TraceReply v4 = traceFrame(&bench, tcpTo(80).ttl(1).bytes());
+  EXPECT_EQ(v4.steps(0).drop().name(), "ttl_expired");
+  EXPECT_FALSE(v4.steps(0).ipv6_classifier());
+  const pb::TraceReply v6 = traceFrame(
+      &bench,
+      Frame::eth().ipv6(ip6("::1"), ip6("::2")).tcp(1, 2).ttl(1).bytes());
+  EXPECT_EQ(v6.steps(0).drop().name(), "ttl_expired");
+  EXPECT_TRUE(v6.steps(0).ipv6_classifier());
+}
+
+// More of them than there are buffers, so that each had another one before.
+TEST(LiveTrace, NothingOfEarlierPacketsIsBehindAShortOne) {
+  LiveBench bench({.flows = "tcp,tp_dst=0,actions=output:3\n"
+                            "tcp,tp_dst=65535,actions=output:3\n"});
+  const Bytes full = tcpTo(0xffff).payload(Bytes(100, 0xff)).bytes();
+  for (int i = 0; i < 300; i++) {
+    ASSERT_EQ(traceFrame(&bench, full).outputs_size(), 1);
+  }
+  const Bytes cut = tcpTo(80).keep(34).bytes();
+  EXPECT_EQ(traceFrame(&bench, cut).steps(0).flow().match(), "tcp,tp_dst=0");
 }
 
 // What a rewrite writes behind a short frame's end travels with its copy, and

@@ -51,6 +51,8 @@ TEST(TraceRequest, TextOrWhatStandsBesideNamesPortAndTable) {
   EXPECT_EQ(placeOf(textRequest("in_port=5,table=3,tcp", 5, 3)), "5/3");
   EXPECT_EQ(placeOf(textRequest("in_port=8191,table=31,tcp")), "8191/31");
   EXPECT_EQ(placeOf(frameRequest(60, 8191, 31)), "8191/31");
+  EXPECT_EQ(refusalOf(frameRequest(60, 8192)),
+            "in_port=8192: ports are numbers from 1 to 8191");
   EXPECT_EQ(refusalOf(textRequest("table=3,tcp", 5, 4)),
             "table=3 in the packet's text, but 4 was asked for");
   EXPECT_EQ(refusalOf(textRequest("in_port=1,table=0,table=2,tcp")),
