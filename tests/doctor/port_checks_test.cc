@@ -130,10 +130,10 @@ TEST_F(PortChecks, InterfaceIsNotNamed) {
 
 TEST_F(PortChecks, InterfaceIsDown) {
   fake_.write("/sys/class/net/veth1/flags", "0x1002\n");
+  fake_.write("/sys/class/net/veth1/carrier", "0\n");
   EXPECT_THAT(port(kVeth), ElementsAre("problem: veth1 is down -> ip link set "
                                        "veth1 up"));
   fake_.write("/sys/class/net/veth1/flags", "0x1003\n");
-  fake_.write("/sys/class/net/veth1/carrier", "0\n");
   fake_.write("/sys/class/net/veth2/flags", "0x1002\n");
   EXPECT_THAT(port(kVeth),
               ElementsAre("problem: veth2, the other end of veth1, is down -> "

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <rte_mbuf.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -96,6 +97,22 @@ TEST(ControllerPort, GivesBackWhatNobodyCaptures) {
   EXPECT_EQ(bess::PacketPool::Default()->available(), before);
   EXPECT_EQ(port.counts().packets, 3 * 32);
   EXPECT_EQ(port.counts().notCaptured, 0);
+}
+
+TEST(ControllerPort, CountsTheBytesOfAllSegments) {
+  LiveBench bench({});  // DPDK and a packet pool
+  ControllerPort port;
+  bess::Packet* packet = bess::PacketPool::Default()->Alloc(kFrameSize);
+  bess::Packet* more = bess::PacketPool::Default()->Alloc(40);
+  ASSERT_EQ(rte_pktmbuf_chain(packet->mbuf(), more->mbuf()), 0);
+  bess::PacketBatch batch;
+  batch.clear();
+  batch.add(packet);
+  Context ctx;
+  ctx.wid = 2;
+  port.ProcessBatch(&ctx, &batch);
+  EXPECT_EQ(port.counts().packets, 1);
+  EXPECT_EQ(port.counts().bytes, kFrameSize + 40);
 }
 
 // The writer waits for its file: its queue of 4095 packets and the file's 64

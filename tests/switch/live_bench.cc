@@ -55,8 +55,8 @@ LiveBench::LiveBench(const Options& options)
   config.ports = {
       {1, "port1", "net_ring1", 1, 0},
       {2, "port2", "net_ring2", 1, 0},
-      {3, "port3", "net_pcap3,tx_pcap=" + (dir_ / "port3.pcap").string(), 1,
-       0}};
+      {3, "port3", "net_pcap3,tx_pcap=" + (dir_ / "port3.pcap").string(),
+       options.queues, 0}};
   config.workers.assign(static_cast<size_t>(options.workers), -1);
   config.memoryMb = 256;
   config.flowFiles = {{dir_ / "flows.txt"}};
@@ -64,6 +64,7 @@ LiveBench::LiveBench(const Options& options)
   config.packetBuffers = options.buffers;
   config.module.path = MODULE;
   config.dpdkTelemetry = options.dpdkTelemetry;
+  config.buildMb = options.buildMb;
   if (!options.controllerCapture.empty()) {
     config.controllerCapture.path = dir_ / options.controllerCapture;
   }

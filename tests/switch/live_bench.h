@@ -27,6 +27,8 @@ class LiveBench {
     uint32_t counters = 4096;
     size_t buffers = 16383;      // of the process: the first bench decides
     bool dpdkTelemetry = false;  // likewise
+    uint16_t queues = 1;         // asked of port 3, which has one
+    size_t buildMb = 0;
   };
 
   explicit LiveBench(const Options& options);

@@ -6,11 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <thread>
 
 #include "switch/live/live_switch.h"
 #include "tests/support/frame.h"
+#include "tests/support/time_limit.h"
 #include "tests/switch/explosive_flows.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/live_policy.h"
@@ -23,6 +25,7 @@ namespace {
 using openflow_test::Bytes;
 using openflow_test::Frame;
 using openflow_test::ip4;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -80,6 +83,18 @@ TEST(LiveChanges, FlowsChangeUnderTrafficOfTwoWorkersAndNothingIsLost) {
   const pb::StatsReply underTraffic = bench->stats(pause);
   EXPECT_TRUE(underTraffic.exact());
   EXPECT_THAT(underTraffic.discrepancies(), IsEmpty());
+  // Readings that nobody pauses it for say when packets were under way.
+  const auto end = std::chrono::steady_clock::now() +
+                   openflow_test::timeLimit(std::chrono::seconds(10));
+  bool isMoving = false;
+  uint64_t received = 0;
+  while ((!isMoving || received <= 1000) &&
+         std::chrono::steady_clock::now() < end) {
+    const pb::StatsReply reading = bench->stats();
+    isMoving |= !reading.exact();
+    received = reading.packets_received();
+  }
+  EXPECT_TRUE(isMoving);
   done = true;
   one.join();
   two.join();
@@ -146,10 +161,25 @@ TEST(LiveChanges, FailedBuildChangesNothingForPackets) {
   bench.receive(1, tcpTo(80), 4);
   const pb::StatsReply stats = bench.settled();
   EXPECT_EQ(stats.packets_sent(), 4);
+  EXPECT_EQ(stats.flow_changes(), 0);
   const pb::TablesReply tables = bench->tables({});
   EXPECT_EQ(tables.tables(0).ipv4().failed_builds(), 1);
   EXPECT_EQ(tables.tables(0).counters(3).name(), "aclBuildFailures");
   EXPECT_EQ(tables.tables(0).counters(3).value(), 1);
+}
+
+TEST(LiveChanges, WhatCouldNotBeUndoneIsBuiltLater) {
+  LiveBench bench({.flows = kPolicy});
+  const auto table0 = [&] { return bench->tables({}).tables(0).ipv4(); };
+  const uint64_t before = table0().builds();
+  const RefuseBuild refuse(0, 2);
+  const pb::FlowChangeReply reply =
+      bench.add("table=0,in_port=1,priority=20,actions=drop\n");
+  EXPECT_THAT(reply.failure(), HasSubstr("undoing it failed in table 0 IPv4, "
+                                         "which is tried again every second"));
+  bench->expireFlows();
+  EXPECT_EQ(table0().failed_builds(), 2);
+  EXPECT_EQ(table0().builds(), before + 3);
 }
 
 TEST(LiveChanges, ABuildBeyondItsMemoryIsRefused) {

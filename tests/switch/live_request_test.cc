@@ -114,6 +114,18 @@ const RequestCase kRequestCases[] = {
 
 class Requests : public testing::TestWithParam<RequestCase> {};
 
+TEST(FlowRequests, AreRefusedInAFewWords) {
+  pb::FlowChange change;
+  change.set_operation(kAdd);
+  // A number may have any number of zeros in front.
+  change.set_text("actions=mod_vlan_pcp:" + std::string(10'000, '0') +
+                  "3,output:1\n");
+  const FlowRequest request = readFlowRequest(change);
+  ASSERT_THAT(request.refusals, testing::SizeIs(1));
+  EXPECT_EQ(request.refusals[0].reason.size(), 503u);
+  EXPECT_THAT(request.refusals[0].reason, testing::EndsWith("000..."));
+}
+
 TEST_P(Requests, AreRefusedWithTheirPlaceAndReason) {
   pb::FlowChange change;
   GetParam().fill(&change);

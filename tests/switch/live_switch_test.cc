@@ -10,6 +10,7 @@
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/live_policy.h"
+#include "utils/acl_build_memory.h"
 
 namespace ofswitch {
 namespace {
@@ -134,16 +135,50 @@ TEST(LiveSwitch, DumpIsReadBackUnchanged) {
   EXPECT_EQ(reply.builds_size(), 0);
 }
 
+TEST(LiveSwitch, DealsQueuesOutToWorkersInTurn) {
+  SwitchConfig config = LiveBench({})->config();
+  config.ports = {{1, "one", "net_null1", 1, 0}, {2, "two", "net_null2", 1, 0}};
+  config.workers = {-1, -1};
+  config.flowFiles.clear();
+  LiveSwitch live(config);
+  live.start();
+  const pb::StatsReply stats = live.stats();
+  ASSERT_EQ(stats.workers_size(), 2);
+  EXPECT_THAT(stats.workers(0).tasks(), ElementsAre("one queue 0"));
+  EXPECT_THAT(stats.workers(1).tasks(), ElementsAre("two queue 0"));
+  EXPECT_EQ(live.ports().ports(1).tx_queues(), 2) << "one a worker";
+}
+
+TEST(LiveSwitch, NotesThatADeviceHasOtherQueues) {
+  LiveBench bench({.workers = 2, .queues = 3});
+  EXPECT_THAT(
+      bench->startNotes(),
+      testing::IsSupersetOf(
+          {"port 2: 2 receive queues instead of 1, as the device has it",
+           "port 3: 1 receive queues instead of 3, as the device has "
+           "it"}));
+}
+
+TEST(LiveSwitch, SetsWhatBuildsMayTake) {
+  const size_t before = Dpdk::aclBuildLimit();
+  {
+    LiveBench bench({.buildMb = 77});
+    EXPECT_EQ(Dpdk::aclBuildLimit(), size_t{77} << 20);
+  }
+  Dpdk::setAclBuildLimit(before);
+}
+
 TEST(LiveSwitch, TimeoutsRemoveFlowsByTheirCounters) {
   LiveBench bench({.flows = "idle_timeout=30,in_port=1,actions=output:3\n"
-                            "hard_timeout=100,in_port=2,actions=output:3\n"});
+                            "hard_timeout=100,in_port=2,actions=output:3\n"
+                            "hard_timeout=100,in_port=3,actions=output:2\n"});
   for (int i = 0; i < 4; i++) {
     bench.receive(1, tcpTo(80));
     bench.settled();
     bench->expireFlows();
     bench.pass(std::chrono::seconds(24));
     bench->expireFlows();
-    ASSERT_THAT(bench.dump(), SizeIs(2)) << i;
+    ASSERT_THAT(bench.dump(), SizeIs(3)) << i;
   }
   bench.pass(std::chrono::seconds(4));  // 100 seconds after the start
   bench->expireFlows();
@@ -153,7 +188,7 @@ TEST(LiveSwitch, TimeoutsRemoveFlowsByTheirCounters) {
   EXPECT_THAT(bench.dump(), IsEmpty());
   const pb::StatsReply stats = bench.settled();
   EXPECT_EQ(stats.expired_idle(), 1);
-  EXPECT_EQ(stats.expired_hard(), 1);
+  EXPECT_EQ(stats.expired_hard(), 2);
   EXPECT_EQ(stats.packets_sent(), 4);
   bench.receive(1, tcpTo(80));
   EXPECT_EQ(LiveBench::drops(bench.settled(), "table_miss"), 1);

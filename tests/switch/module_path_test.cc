@@ -52,6 +52,8 @@ TEST_F(ModulePath, IsLookedForBesideTheProgramAndTellsWhere) {
   const std::filesystem::path here =
       std::filesystem::read_symlink("/proc/self/exe").parent_path();
   const std::string error = errorOf("");
+  setenv("OFSWITCH_MODULE", "", 1);
+  EXPECT_EQ(errorOf(""), error) << "nothing is no name";
   EXPECT_THAT(
       error,
       StartsWith("libOpenFlowModule.so is not in " +

@@ -9,15 +9,19 @@
 
 namespace {
 
-std::atomic<int> buildsLeft = -1;  // negative: refuse none
+std::atomic<int> successesLeft = 0;
+std::atomic<int> refusalsLeft = 0;
 
 }  // namespace
 
 namespace ofswitch {
 
-RefuseBuild::RefuseBuild(int successes) { buildsLeft = successes; }
+RefuseBuild::RefuseBuild(int successes, int refusals) {
+  successesLeft = successes;
+  refusalsLeft = refusals;
+}
 
-RefuseBuild::~RefuseBuild() { buildsLeft = -1; }
+RefuseBuild::~RefuseBuild() { refusalsLeft = 0; }
 
 }  // namespace ofswitch
 
@@ -25,6 +29,7 @@ RefuseBuild::~RefuseBuild() { buildsLeft = -1; }
 extern "C" int rte_acl_build(rte_acl_ctx* ctx, const rte_acl_config* config) {
   static const auto build = reinterpret_cast<decltype(&rte_acl_build)>(
       dlsym(RTLD_NEXT, "rte_acl_build"));
-  if (buildsLeft >= 0 && buildsLeft-- == 0) return -ENOMEM;
-  return build(ctx, config);
+  if (refusalsLeft == 0 || successesLeft-- > 0) return build(ctx, config);
+  refusalsLeft--;
+  return -ENOMEM;
 }

@@ -5,11 +5,11 @@
 
 namespace ofswitch {
 
-// Makes the classifier library refuse one build of this process: the one after
-// `successes` more. No flow text makes it do so, a full memory does.
+// Makes the classifier library refuse so many builds of this process, those
+// after `successes` more. No flow text makes it do so, a full memory does.
 class RefuseBuild {
  public:
-  explicit RefuseBuild(int successes);
+  explicit RefuseBuild(int successes, int refusals = 1);
   ~RefuseBuild();
 
  private:

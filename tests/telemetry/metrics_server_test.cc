@@ -312,6 +312,10 @@ TEST(MetricsServer, SaysWhyItCannotListen) {
                         "already in use; give another address, such as "
                         "\"metrics: 127.0.0.1:{}\", or \"metrics: false\"",
                         port, port + 1));
+  const std::string last = "127.0.0.1:65535";
+  const MetricsServer onLast(bench.live(), last, 100);
+  EXPECT_THAT(errorOf(bench, last), HasSubstr("\"metrics: 127.0.0.1:65534\""))
+      << "there is none behind it";
   for (const char* address : {"0.0.0.0:0", "192.0.2.1:9469", "[::1]:9469",
                               "localhost", ":9469", ""}) {
     EXPECT_EQ(errorOf(bench, address),
