@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 #include <rte_ethdev.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "port_harness.h"
@@ -16,6 +19,7 @@ namespace {
 
 std::function<int(rte_eth_dev_info*)> tell;
 std::function<void(rte_eth_link*)> link_up;
+std::atomic<int> links_asked = 0;
 std::pair<uint16_t, uint16_t> descriptors;
 
 template <typename F>
@@ -36,6 +40,7 @@ extern "C" int rte_eth_link_get_nowait(uint16_t port, rte_eth_link* link) {
   static const auto real =
       Next(rte_eth_link_get_nowait, "rte_eth_link_get_nowait");
   const int code = real(port, link);
+  links_asked++;
   if (link_up) {
     link_up(link);
   }
@@ -147,6 +152,20 @@ TEST_F(PortLimitsTest, QueuesAreAsLongAsAskedForOrAsTheDriverLikes) {
           {.device = "net_null0", .rx_descriptors = 64, .tx_descriptors = 128}),
       "");
   EXPECT_THAT(descriptors, Pair(64, 128));
+}
+
+// Ten times a second; some of them may be late.
+TEST_F(PortLimitsTest, ALinkIsLookedAtAgainAndAgain) {
+  Open("null", {.device = "net_null0"});
+  const int before = links_asked;
+  for (int i = 0; i < 10; i++) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_GE(links_asked - before, 4);
+  EXPECT_EQ(bess::ClosePort("null"), "");
+  const int after = links_asked;
+  std::this_thread::sleep_for(std::chrono::milliseconds(250));
+  EXPECT_EQ(links_asked, after) << "there is nothing to look at";
 }
 
 TEST_F(PortLimitsTest, ALinkTellsItsSpeedIfItHasAny) {

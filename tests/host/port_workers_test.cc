@@ -84,10 +84,14 @@ TEST_F(PortWorkersTest, OneThatComesUnknownTakesTheQueueOfItsIndex) {
   }
 }
 
-TEST_F(PortWorkersTest, TellWhatTheyServe) {
+TEST_F(PortWorkersTest, TellWhatTheyServeAndHowManyMayRunThem) {
   Port* port = Open("loop", {.device = "net_ring0", .rx_queues = 2});
-  EXPECT_EQ(Receive(port, 1).in->GetDesc(), "loop, queue 1");
-  EXPECT_EQ(Send(port).out->GetDesc(), "loop");
+  const PortIn* in = Receive(port, 1).in;
+  EXPECT_EQ(in->GetDesc(), "loop, queue 1");
+  EXPECT_EQ(in->max_allowed_workers(), 1);
+  const PortOut* out = Send(port).out;
+  EXPECT_EQ(out->GetDesc(), "loop");
+  EXPECT_EQ(out->max_allowed_workers(), Worker::kMaxWorkers);
 }
 
 TEST_F(PortWorkersTest, HearOnlyOfTheirResumption) {

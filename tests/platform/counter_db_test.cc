@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "tests/platform/rte_calls.h"
 #include "tests/support/watched.h"
@@ -156,6 +158,15 @@ TEST(WorkerCounters, ShareNoCacheLineWithAnythingElse) {
     one.add(size - 1, 5);
     EXPECT_EQ(one.data()[size - 1].load(), 5u);
     EXPECT_EQ(other.read(size - 1), 0u);
+    // Nor is anything else put into what is left of the last line.
+    std::vector<std::unique_ptr<char[]>> others;
+    for (int i = 0; i < 1000; i++) {
+      others.push_back(std::make_unique<char[]>(24));
+      const auto at = reinterpret_cast<uintptr_t>(others.back().get());
+      for (const WorkerCounters* counters : {&one, &other}) {
+        ASSERT_NE(at / 64, (begin(*counters) + (size - 1) * 8) / 64) << size;
+      }
+    }
   }
 }
 
