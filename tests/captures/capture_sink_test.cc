@@ -177,15 +177,17 @@ TEST_F(CaptureSinkTest, StampsWhatComesFromElsewhereWithItsArrival) {
 }
 
 TEST_F(CaptureSinkTest, OnlyCountsWithoutAFile) {
-  bess::pb::CaptureSinkArg arg;
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(dir_.path());
   CaptureSource* from = source();
-  auto* to = make<CaptureSink>("CaptureSink", arg);
+  auto* to = make<CaptureSink>("CaptureSink", bess::pb::CaptureSinkArg());
   connect(from, 0, to);
   while (!from->done()) worker_.Run(from->tasks().front().get());
   EXPECT_EQ(to->Finish(), "");
   EXPECT_EQ(to->packets(), 80u);
   EXPECT_EQ(to->bytes(), 80u * 60);
   EXPECT_FALSE(std::filesystem::exists(CaptureSink::PartOf("")));
+  std::filesystem::current_path(before);
 }
 
 // What a port brings in days is more than any memory.
