@@ -143,7 +143,6 @@ std::string InitEal(const EalOptions& options) {
         std::filesystem::path(rte_eal_get_runtime_dir()).parent_path(),
         options.telemetry);
   }
-  pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
   internal::AllowWideCopies(options.max_simd_bits);
   huge_pages = options.hugepages;
   if (!options.hugepages && options.pci.empty() && !options.shareable) {
