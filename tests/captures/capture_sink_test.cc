@@ -250,6 +250,13 @@ int FindSpool(const std::filesystem::path& dir) {
   return -1;
 }
 
+// From here on it takes everything, and nothing can be read from it.
+void LoseSpool(int spool) {
+  const int write_only = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  EXPECT_EQ(dup2(write_only, spool), spool);
+  close(write_only);
+}
+
 // As from a disk that has gone: what is missing is not passed over.
 TEST_F(CaptureSinkTest, TellsWhenAWorkersPartCannotBeReadBack) {
   CaptureSource* from = source();
@@ -258,29 +265,53 @@ TEST_F(CaptureSinkTest, TellsWhenAWorkersPartCannotBeReadBack) {
   while (!from->done()) worker_.Run(from->tasks().front().get());
   const int spool = FindSpool(dir_.path());
   ASSERT_GE(spool, 0);
-  const int write_only = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  ASSERT_EQ(dup2(write_only, spool), spool);
-  close(write_only);
+  LoseSpool(spool);
   EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": Bad file descriptor");
   EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
 }
 
-// Where the disk is full there may be whole records, and nothing behind them.
-TEST_F(CaptureSinkTest, TellsWhenAWorkersPartCannotBeKept) {
-  constexpr rlim_t kTenRecords = 10 * (8 + 8 + 4 + 4 + 60);
+// While it lives, no file may become longer than ten records.
+class LittleDisk {
+ public:
+  LittleDisk() : handler_(signal(SIGXFSZ, SIG_IGN)) {
+    EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
+    const rlimit little = {10 * (8 + 8 + 4 + 4 + 60), before_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &little), 0);
+  }
+  ~LittleDisk() {
+    setrlimit(RLIMIT_FSIZE, &before_);
+    signal(SIGXFSZ, handler_);
+  }
+
+ private:
+  sighandler_t handler_;
+  rlimit before_ = {};
+};
+
+TEST_F(CaptureSinkTest, TellsTheFirstOfSeveralFailures) {
   CaptureSource* from = source();
   CaptureSink* to = sink(true);
   connect(from, 0, to);
-  rlimit before = {};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-  auto* const handler = signal(SIGXFSZ, SIG_IGN);
+  {
+    const LittleDisk disk;
+    while (!from->done()) worker_.Run(from->tasks().front().get());
+  }
+  const int spool = FindSpool(dir_.path());
+  ASSERT_GE(spool, 0);
+  LoseSpool(spool);
+  EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": File too large");
+}
+
+// Where the disk is full there may be whole records, and nothing behind them.
+TEST_F(CaptureSinkTest, TellsWhenAWorkersPartCannotBeKept) {
+  CaptureSource* from = source();
+  CaptureSink* to = sink(true);
+  connect(from, 0, to);
   worker_.Run(from->tasks().front().get());
-  const rlimit little = {kTenRecords, before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &little), 0);
-  const std::string error = to->Finish();
-  setrlimit(RLIMIT_FSIZE, &before);
-  signal(SIGXFSZ, handler);
-  EXPECT_EQ(error, (dir_ / "out").string() + ": File too large");
+  {
+    const LittleDisk disk;
+    EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": File too large");
+  }
   EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
   EXPECT_FALSE(std::filesystem::exists(CaptureSink::PartOf(dir_ / "out")));
 }

@@ -126,6 +126,15 @@ TEST(FlowHash, FragmentsStayTogether) {
             hashOf(Frame::eth().ipv4(kA, kB).fragment(64, false).udp(1, 2)));
 }
 
+TEST(FlowHash, ReadsTheMacsOfAFrameThatEndsInATag) {
+  const Frame a = Frame::eth().vlan(5).ipv4(kA, kB).udp(7, 80);
+  const Frame b = Frame::eth(kSrcMac, kDstMac).vlan(5).ipv4(kA, kB).udp(7, 80);
+  for (const long len : {14, 15, 16, 17}) {
+    EXPECT_NE(hashOfFirst(a, len), hashOfFirst(b, len)) << len;
+    EXPECT_EQ(hashOfFirst(a, len), hashOfFirst(a, 14)) << len;
+  }
+}
+
 TEST(FlowHash, ReadsPortsUpToTheFramesLastByte) {
   const Frame a = Frame::eth().ipv4(kA, kB).udp(7, 80);
   const Frame b = Frame::eth().ipv4(kA, kB).udp(7, 81);

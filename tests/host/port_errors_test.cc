@@ -82,9 +82,6 @@ const Refused kRefused[] = {
     {"LongName",
      {.device = "net_null" + std::string(56, '1')},
      {"longer than 63 characters"}},
-    {"UnknownArgument",
-     {.device = "net_null0,sise=64"},
-     {"unknown argument 'sise': net_null takes size,copy,no-rx"}},
     {"PartOfAnArgument",
      {.device = "net_null0,siz=64"},
      {"unknown argument 'siz'"}},
@@ -154,6 +151,12 @@ TEST_F(PortOpeningTest, TakesTheSmallestMtu) {
   ASSERT_NE(port, nullptr);
   EXPECT_EQ(port->mtu(), 68);
   EXPECT_EQ(port->max_frame(), 82u);
+}
+
+TEST_F(PortOpeningTest, TellsTheArgumentsThatThereAre) {
+  EXPECT_EQ(Failure({.device = "net_null0,sise=64"}),
+            "port 'p', device 'net_null0,sise=64': unknown argument 'sise': "
+            "net_null takes size,copy,no-rx");
 }
 
 TEST_F(PortOpeningTest, TakesTheLongestNameAndTheShortestFrames) {

@@ -21,6 +21,7 @@ std::function<int(rte_eth_dev_info*)> tell;
 std::function<void(rte_eth_link*)> link_up;
 std::atomic<int> links_asked = 0;
 std::pair<uint16_t, uint16_t> descriptors;
+rte_eth_conf configured;
 
 template <typename F>
 F* Next(F*, const char* name) {
@@ -34,6 +35,13 @@ extern "C" int rte_eth_dev_info_get(uint16_t port, rte_eth_dev_info* info) {
   static const auto real = Next(rte_eth_dev_info_get, "rte_eth_dev_info_get");
   const int code = real(port, info);
   return code == 0 && tell ? tell(info) : code;
+}
+
+extern "C" int rte_eth_dev_configure(uint16_t port, uint16_t rx, uint16_t tx,
+                                     const rte_eth_conf* conf) {
+  static const auto real = Next(rte_eth_dev_configure, "rte_eth_dev_configure");
+  configured = *conf;
+  return real(port, rx, tx, conf);
 }
 
 extern "C" int rte_eth_link_get_nowait(uint16_t port, rte_eth_link* link) {
@@ -122,6 +130,26 @@ TEST_F(PortLimitsTest, AFrameIsNoLongerThanABufferWithoutChains) {
   Port* port = Open("loop", {.device = "net_ring0", .mtu = 2026});
   ASSERT_NE(port, nullptr);
   EXPECT_EQ(port->mtu(), 2026);
+}
+
+// A device does not carry chains by itself because it could.
+TEST_F(PortLimitsTest, ChainsAreAskedForWhereThereAreAny) {
+  uint64_t rx = RTE_ETH_RX_OFFLOAD_SCATTER;
+  uint64_t tx = RTE_ETH_TX_OFFLOAD_MULTI_SEGS;
+  tell = [&](rte_eth_dev_info* info) {
+    info->rx_offload_capa = rx;
+    info->tx_offload_capa = tx;
+    return 0;
+  };
+  EXPECT_EQ(Failure({.device = "net_ring0", .mtu = 1400}), "");
+  EXPECT_EQ(configured.rxmode.offloads, rx);
+  EXPECT_EQ(configured.txmode.offloads, tx);
+  EXPECT_EQ(configured.rxmode.mtu, 1400u);
+  EXPECT_EQ(bess::ClosePort("p"), "");
+  rx = tx = 0;
+  EXPECT_EQ(Failure({.device = "net_ring0"}), "");
+  EXPECT_EQ(configured.rxmode.offloads, 0u);
+  EXPECT_EQ(configured.txmode.offloads, 0u);
 }
 
 TEST_F(PortLimitsTest, OneThatTellsNothingIsClosedAgain) {

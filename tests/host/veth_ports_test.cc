@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <iterator>
+
 #include "veth_fixture.h"
 
 namespace {
@@ -248,6 +251,22 @@ TEST_F(VethTest, StaysWithItsInterfaceUnderAnotherName) {
   Ip("link set other down");
   ASSERT_TRUE(LinkGoes(port, false));
   Ip("link set other name left");
+}
+
+// The port asks ten times a second, for days.
+TEST_F(VethTest, LeavesNoFileOpenThatItAskedThrough) {
+  Port* port = OpenLeft();
+  ASSERT_NE(port, nullptr);
+  const auto open_files = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = open_files();
+  for (int i = 0; i < 100; i++) {
+    port->Refresh();
+    EXPECT_TRUE(port->link().up);
+  }
+  EXPECT_LT(open_files(), before + 10) << "the port's own thread asks, too";
 }
 
 // Also when there is another interface of that name.

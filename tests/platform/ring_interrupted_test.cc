@@ -43,12 +43,14 @@ class RingInterrupted : public testing::Test {
     munmap(page_, pageSize_);
   }
 
-  // Writes a number and 200 bytes of the page, three cells in all, and runs
-  // `meanwhile` when the number is stored and the text is not.
-  void writeInterrupted(const std::function<void()>& meanwhile) {
-    std::thread writer([this] {
+  // Writes `first` and 200 bytes of the page, three cells in all when it is a
+  // number, and runs `meanwhile` when it is stored and the rest is not.
+  template <class T = int>
+  void writeInterrupted(const std::function<void()>& meanwhile,
+                        const T& first = 1) {
+    std::thread writer([&] {
       const std::array arguments{
-          Argument::of(1), Argument::ofText(std::string_view(page_, 200))};
+          Argument::of(first), Argument::ofText(std::string_view(page_, 200))};
       ring_.write(Ringlog::internSite("Test", 2, "f", "%s %s"), arguments);
     });
     while (!stopped_) {
@@ -107,6 +109,27 @@ TEST_F(RingInterrupted, AReaderWaitsInFrontOfAnUnfinishedStatement) {
   EXPECT_EQ(texts(all), std::vector<std::string>({"number 10", "number 11"}));
   EXPECT_EQ(texts(ring_.readSince(meanwhile.next).entries),
             std::vector<std::string>({interrupted_, "number 11"}));
+}
+
+// Its head is there already, and a part of what follows.
+TEST_F(RingInterrupted, AReaderTakesNoHalfOfAStatement) {
+  const std::string first(150, 'a');  // reaches into the second cell
+  write(10);
+  Reading meanwhile;
+  std::vector<Ringlog::Entry> all;
+  writeInterrupted(
+      [&] {
+        write(11);
+        meanwhile = ring_.readSince(0);
+        all = ring_.read();
+      },
+      first);
+  EXPECT_EQ(texts(meanwhile.entries), std::vector<std::string>({"number 10"}));
+  EXPECT_EQ(meanwhile.next, 1u);
+  EXPECT_EQ(texts(all), std::vector<std::string>({"number 10", "number 11"}));
+  EXPECT_EQ(texts(ring_.readSince(meanwhile.next).entries),
+            std::vector<std::string>(
+                {first + " " + std::string(200, 'p'), "number 11"}));
 }
 
 TEST_F(RingInterrupted, AReaderDoesNotWaitForever) {
