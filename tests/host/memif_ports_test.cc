@@ -97,8 +97,10 @@ TEST_F(MemifPortTest, ReplacesTheSocketOfADeadProcess) {
 
 // An abstract address is no file, whatever it is called.
 TEST_F(MemifPortTest, LeavesFilesAloneWhoseNameAnAbstractSocketHas) {
+  static int round = 0;
   const std::string path = testing::TempDir() + "ports_test_file" +
-                           std::to_string(getpid()) + ".sock";
+                           std::to_string(getpid()) + "." +
+                           std::to_string(round++);
   ASSERT_TRUE(LeaveSocket(path));
   EXPECT_EQ(Failure({.device = "net_memif0,role=server,socket=" + path}), "");
   EXPECT_EQ(access(path.c_str(), F_OK), 0);
