@@ -4,12 +4,14 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rte_dev.h>
 #include <rte_ethdev.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -22,6 +24,7 @@ std::function<void(rte_eth_link*)> link_up;
 std::atomic<int> links_asked = 0;
 std::pair<uint16_t, uint16_t> descriptors;
 rte_eth_conf configured;
+int probe_code = 0;
 
 template <typename F>
 F* Next(F*, const char* name) {
@@ -35,6 +38,11 @@ extern "C" int rte_eth_dev_info_get(uint16_t port, rte_eth_dev_info* info) {
   static const auto real = Next(rte_eth_dev_info_get, "rte_eth_dev_info_get");
   const int code = real(port, info);
   return code == 0 && tell ? tell(info) : code;
+}
+
+extern "C" int rte_dev_probe(const char* devargs) {
+  static const auto real = Next(rte_dev_probe, "rte_dev_probe");
+  return probe_code != 0 ? probe_code : real(devargs);
 }
 
 extern "C" int rte_eth_dev_configure(uint16_t port, uint16_t rx, uint16_t tx,
@@ -73,6 +81,7 @@ using testing::Pair;
 class PortLimitsTest : public PortTest {
  protected:
   ~PortLimitsTest() override {
+    probe_code = 0;
     tell = nullptr;
     link_up = nullptr;
   }
@@ -130,6 +139,20 @@ TEST_F(PortLimitsTest, AFrameIsNoLongerThanABufferWithoutChains) {
   Port* port = Open("loop", {.device = "net_ring0", .mtu = 2026});
   ASSERT_NE(port, nullptr);
   EXPECT_EQ(port->mtu(), 2026);
+}
+
+TEST_F(PortLimitsTest, ADriverThatSaysNothingIsToldByItsCode) {
+  const std::string port = "port 'p', device 'net_null0': ";
+  for (const auto& [code, text] : {
+           std::pair(-ENOMEM, "the driver refuses it: Cannot allocate memory"),
+           std::pair(-1, "the driver refuses it: Invalid argument"),
+           std::pair(-EEXIST, "DPDK has a device of that name already"),
+       }) {
+    probe_code = code;
+    EXPECT_EQ(Failure({.device = "net_null0"}), port + text);
+  }
+  probe_code = 0;
+  EXPECT_EQ(Failure({.device = "net_null0"}), "");
 }
 
 // A device does not carry chains by itself because it could.
