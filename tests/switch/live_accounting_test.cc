@@ -69,6 +69,34 @@ TEST(Accounting, Closes) {
   EXPECT_EQ(drop(account, SwitchDrop::kNoSuchPort), 5);
 }
 
+// Twenty of the packets of table 5 come by way of table 3.
+TEST(Accounting, TablesAreEnteredFromSeveral) {
+  SwitchCounts counts = healthy();
+  counts.matched[{0, {Kind::kGoto, 5}}] = 10;
+  counts.matched[{0, {Kind::kGoto, 3}}] = 20;
+  counts.matched[{3, {Kind::kGoto, 5}}] = 20;
+  counts.deadEnds += 20;
+  const SwitchAccount account = accountOf(counts);
+  EXPECT_THAT(account.discrepancies, IsEmpty());
+  EXPECT_EQ(account.tables[3].entered, 20);
+  EXPECT_EQ(account.tables[5].entered, 30);
+}
+
+// Of what came, 3 were not queued and 2 of the others not written; one more has
+// left for it and not come yet.
+TEST(Accounting, TellsWhatTheControllersCaptureMissed) {
+  SwitchCounts counts = healthy();
+  counts.exact = false;
+  counts.controller.notCaptured = 3;
+  counts.controller.notWritten = 2;
+  counts.controllerGatePackets = 3;
+  const SwitchAccount account = accountOf(counts);
+  EXPECT_EQ(drop(account, SwitchDrop::kControllerQueueFull), 3);
+  EXPECT_EQ(drop(account, SwitchDrop::kControllerCaptureFailed), 2);
+  EXPECT_EQ(account.sent, 38);
+  EXPECT_EQ(account.copiesOutput, 46);
+}
+
 // Ports are read before tables: what comes meanwhile is not below zero.
 TEST(Accounting, NothingIsInFlightWhenMoreHasEndedThanCame) {
   SwitchCounts counts = healthy();

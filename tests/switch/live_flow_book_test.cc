@@ -178,6 +178,28 @@ TEST(FlowBook, CookieAloneIsNoBuild) {
   EXPECT_EQ(reply.changed(), 1);
   EXPECT_EQ(reply.builds_size(), 0);
   EXPECT_EQ(bench.only("cookie=7/-1").installed->rule, before);
+  // Nor of a flow that has a guard.
+  bench.add("ip,actions=dec_ttl,output:2");
+  EXPECT_EQ(bench.add("cookie=8,ip,actions=dec_ttl,output:2").builds_size(), 0);
+}
+
+TEST(FlowBook, ListsTheFirstOfMany) {
+  BookBench bench;
+  bench.add(
+      "priority=5,in_port=1,actions=output:2\n"
+      "priority=7,in_port=1,actions=output:2\n"
+      "priority=6,in_port=1,actions=output:2\n");
+  const auto prioritiesOf = [&](size_t most) {
+    std::vector<int> priorities;
+    for (const FlowBook::View& view : bench.book.select({}, false, most)) {
+      priorities.push_back(view.installed->flow.priority);
+    }
+    return priorities;
+  };
+  EXPECT_THAT(prioritiesOf(0), IsEmpty());
+  EXPECT_THAT(prioritiesOf(2), ElementsAre(7, 6));
+  EXPECT_THAT(prioritiesOf(3), ElementsAre(7, 6, 5));
+  EXPECT_THAT(prioritiesOf(4), ElementsAre(7, 6, 5));
 }
 
 // For the module both are a flow that drops; what it drops is another matter.
@@ -214,6 +236,12 @@ TEST(FlowBook, GuardsFollowTheirFlow) {
   EXPECT_EQ(bench.book.findByFlowId(view.installed->guards[0].flowId)
                 ->installed->rule.flowId,
             view.installed->rule.flowId);
+
+  // Under its identifier, as its flow.
+  const pb::FlowChangeReply changed = bench.add("ip,actions=dec_ttl,output:3");
+  ASSERT_EQ(changed.builds_size(), 1);
+  EXPECT_EQ(changed.builds(0).adds(), 2);
+  EXPECT_EQ(changed.builds(0).deletes(), 0);
 
   const pb::FlowChangeReply reply = bench.add("ip,actions=output:2");
   ASSERT_EQ(reply.builds_size(), 1);
