@@ -67,6 +67,9 @@ counters: 4096
   EXPECT_EQ(config.memoryMb, 2048);
   EXPECT_TRUE(config.hugepages);
   EXPECT_FALSE(parseConfig("memory: {hugepages: false}\n", "x").hugepages);
+  EXPECT_EQ(parseConfig("controller: {capture: ''}\n", "/etc/x.yaml")
+                .controllerCapture.path,
+            "");
   EXPECT_EQ(config.packetBuffers, 65535);
   EXPECT_EQ(config.buildMb, 1000);
   ASSERT_EQ(config.flowFiles.size(), 2);

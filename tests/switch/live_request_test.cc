@@ -114,6 +114,14 @@ const RequestCase kRequestCases[] = {
 
 class Requests : public testing::TestWithParam<RequestCase> {};
 
+TEST(FlowRequests, OfAWrongFilterAreRefusedForThatAlone) {
+  pb::FlowChange change;
+  change.set_operation(kDelete);
+  change.set_strict(true);
+  change.set_text("tabel=3\n");
+  EXPECT_THAT(readFlowRequest(change).refusals, testing::SizeIs(1));
+}
+
 TEST(FlowRequests, AreRefusedInAFewWords) {
   pb::FlowChange change;
   change.set_operation(kAdd);

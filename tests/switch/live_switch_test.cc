@@ -6,7 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <vector>
 
+#include "packet_pool.h"
+#include "platform/quil_modules/counter_db.h"
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/live_policy.h"
@@ -202,7 +206,8 @@ TEST(LiveSwitch, ControllerPacketsAreLoggedAndCaptured) {
   request.set_facility("Controller");
   request.set_max_level(5);
   request.set_since(bench->readLog(request).next);
-  bench.receive(1, frame, 2);
+  const Bytes other = tcpTo(80).payload(100).bytes();
+  bench.receive(1, {frame, other});
   bench.settled();
   const LiveSwitch::LogReading log = bench->readLog(request);
   ASSERT_THAT(log.entries, SizeIs(2));
@@ -215,7 +220,73 @@ TEST(LiveSwitch, ControllerPacketsAreLoggedAndCaptured) {
   bench.stop();
   const auto rows = openflow_test::readCapture(bench.path("controller.pcap"));
   ASSERT_THAT(rows, SizeIs(2));
-  EXPECT_EQ(rows[1].bytes, std::string(frame.begin(), frame.end()));
+  EXPECT_EQ(rows[0].bytes, std::string(frame.begin(), frame.end()));
+  EXPECT_EQ(rows[1].bytes, std::string(other.begin(), other.end()));
+}
+
+TEST(LiveSwitch, TellsWhatItConsistsOf) {
+  LiveBench bench({});
+  const pb::PortsReply ports = bench->ports();
+  EXPECT_EQ(ports.ports(1).speed_mbps(), 10'000);
+  EXPECT_EQ(ports.ports(1).mtu(), 1500);
+  EXPECT_EQ(bench->stats().workers(0).core(), -1);
+  bess::PacketPool* pool = bess::PacketPool::Default();
+  bess::Packet* packet = pool->Alloc(60);
+  const pb::StatsReply stats = bench->stats();
+  EXPECT_EQ(stats.buffers_total(), pool->capacity());
+  EXPECT_EQ(stats.buffers_free(), stats.buffers_total() - 1);
+  bess::Packet::Free(packet);
+}
+
+// Counted by nobody's packet.
+TEST(LiveSwitch, SaysThatItsSumsDoNotClose) {
+  LiveBench bench({.flows = "in_port=1,actions=output:3\n"});
+  QuilModules::bessCounterDb[0]->add(1, 5);
+  pb::StatsRequest pause;
+  pause.set_pause(true);
+  const pb::StatsReply stats = bench->stats(pause);
+  EXPECT_FALSE(stats.closes());
+  EXPECT_THAT(stats.discrepancies(),
+              testing::Contains("0 packets received, but 5 accounted for"));
+}
+
+TEST(LiveSwitch, NotesOutputsThatLeadNowhere) {
+  LiveBench bench({});
+  const pb::FlowChangeReply reply = bench.add("actions=output:9\n");
+  EXPECT_TRUE(reply.applied());
+  ASSERT_EQ(reply.notes_size(), 1);
+  EXPECT_THAT(reply.notes(0).reason(), HasSubstr("port 9 is not connected"));
+}
+
+TEST(LiveSwitch, ListsHowLongFlowsHaveRested) {
+  LiveBench bench({.flows = "in_port=1,actions=output:3\n"});
+  bench.pass(std::chrono::seconds(100));
+  EXPECT_GE(bench.entries()[0].idle_age_ns(), 100'000'000'000);
+  bench.receive(1, tcpTo(80));
+  bench.settled();
+  EXPECT_LT(bench.entries()[0].idle_age_ns(), 90'000'000'000);
+}
+
+TEST(LiveSwitch, StopsOnce) {
+  LiveBench bench({.flows = "in_port=1,actions=output:3\n"});
+  bench.receive(1, tcpTo(80), 5);
+  bench.settled();
+  EXPECT_EQ(bench->stop().packets_sent(), 5);
+  EXPECT_EQ(bench->stop().packets_sent(), 5) << "the same once more";
+}
+
+// Copies that failed before its time are not missed.
+TEST(LiveSwitch, SecondStartHasLostNothing) {
+  {
+    LiveBench bench({});
+    bess::PacketPool* pool = bess::PacketPool::Default();
+    std::vector<bess::Packet*> all;
+    while (bess::Packet* packet = pool->Alloc(60)) all.push_back(packet);
+    EXPECT_EQ(bess::Packet::copy(all.front()), nullptr);
+    for (bess::Packet* packet : all) bess::Packet::Free(packet);
+  }
+  LiveBench bench({});
+  EXPECT_EQ(LiveBench::drops(bench.settled(), "no_buffer_for_output"), 0);
 }
 
 TEST(LiveSwitch, SecondStartIsClean) {
