@@ -178,7 +178,6 @@ std::vector<FieldDifference> rewrittenFields(std::string_view before,
     std::string wanted = textIn(row, to);
     if (isTag(row)) {
       // A tag of sixteen 0 bits is one, too.
-      if (!tagBefore && !tagAfter) continue;
       found = tagBefore ? row.text(row.read(from)) : "none";
       wanted = tagAfter ? row.text(row.read(to)) : "none";
       if (row.has == dropEligible && !row.has(from) && !row.has(to)) continue;
