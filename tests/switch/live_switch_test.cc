@@ -153,6 +153,15 @@ TEST(LiveSwitch, DealsQueuesOutToWorkersInTurn) {
   EXPECT_EQ(live.ports().ports(1).tx_queues(), 2) << "one a worker";
 }
 
+TEST(LiveSwitch, AsksDevicesForTheirMtu) {
+  SwitchConfig config = LiveBench({})->config();
+  config.ports = {{1, "one", "net_null1", 1, 9000}};
+  config.flowFiles.clear();
+  LiveSwitch live(config);
+  live.start();
+  EXPECT_EQ(live.ports().ports(1).mtu(), 9000);
+}
+
 TEST(LiveSwitch, NotesThatADeviceHasOtherQueues) {
   LiveBench bench({.workers = 2, .queues = 3});
   EXPECT_THAT(
