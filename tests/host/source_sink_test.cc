@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rte_malloc.h>
 
 #include <cstring>
 
+#include "dpdk_log.h"
 #include "modules/source.h"
 #include "probe.h"
 
@@ -83,6 +85,21 @@ TEST_F(SourceSinkTest, SourceRefusesMoreThanItHolds) {
   EXPECT_FALSE(source_->Push(one_more));
   Packet::Free(one_more);
   // What waits is freed with the module; the fixture counts.
+}
+
+// Before it is gone: DPDK says so when it is given a ring that it has freed.
+TEST_F(SourceSinkTest, SourceGivesItsRingBackOnce) {
+  rte_malloc_socket_stats before;
+  rte_malloc_socket_stats after;
+  rte_malloc_get_socket_stats(0, &before);
+  ASSERT_EQ(bess::CreateModule("Source", "once").response.error().code(), 0);
+  {
+    const bess::DpdkLogCapture log;
+    EXPECT_EQ(bess::DestroyModule("once").error().code(), 0);
+    EXPECT_EQ(log.Summary(), "");
+  }
+  rte_malloc_get_socket_stats(0, &after);
+  EXPECT_EQ(after.heap_allocsz_bytes, before.heap_allocsz_bytes);
 }
 
 TEST_F(SourceSinkTest, WithoutALinkTheSourceDrops) {
