@@ -258,10 +258,10 @@ TEST(EalTest, SaysWhenThereIsNotThatMuchMemory) {
     size_t pages = 0;  // that the process has mapped
     std::ifstream("/proc/self/statm") >> pages;
     const rlim_t most = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) +
-                        (size_t{256} << 20);
+                        (size_t{1} << 30);  // for the program itself
     const rlimit little = {most, most};
     setrlimit(RLIMIT_AS, &little);
-    const std::string error = bess::InitEal({.memory_mb = 512});
+    const std::string error = bess::InitEal({.memory_mb = 1536});
     return Expect(error.ends_with(": Cannot allocate memory; is there that "
                                   "much free memory?"),
                   error.c_str());
