@@ -20,6 +20,7 @@
 #include "modules/source.h"
 #include "packet_pool.h"
 #include "tests/captures/capture_files.h"
+#include "tests/captures/make_module.h"
 
 namespace openflow_test {
 namespace {
@@ -65,25 +66,17 @@ class CaptureSinkTest : public testing::Test {
     EXPECT_EQ(bess::DestroyAllModules().error().code(), 0);
   }
 
-  template <class M>
-  static M* make(const std::string& className,
-                 const google::protobuf::Message& arg) {
-    google::protobuf::Any any;
-    any.PackFrom(arg);
-    return static_cast<M*>(bess::CreateModule(className, "", any).module);
-  }
-
   CaptureSource* source() {
     bess::pb::CaptureSourceArg arg;
     arg.add_inputs()->set_path(dir_ / "in");
-    return make<CaptureSource>("CaptureSource", arg);
+    return makeModule<CaptureSource>("CaptureSource", arg);
   }
 
   CaptureSink* sink(bool manyWorkers) {
     bess::pb::CaptureSinkArg arg;
     arg.set_path(dir_ / "out");
     arg.set_many_workers(manyWorkers);
-    return make<CaptureSink>("CaptureSink", arg);
+    return makeModule<CaptureSink>("CaptureSink", arg);
   }
 
   static void connect(const Module* from, gate_idx_t gate, const Module* to) {
@@ -103,7 +96,7 @@ TEST_F(CaptureSinkTest, WritesABurstInTheOrderInWhichItCame) {
       MODULE_INIT_FUNC(&Module::Init)));
   for (const bool manyWorkers : {false, true}) {
     CaptureSource* from = source();
-    auto* reverser = make<Reverser>("Reverser", bess::pb::EmptyArg());
+    auto* reverser = makeModule<Reverser>("Reverser", bess::pb::EmptyArg());
     CaptureSink* to = sink(manyWorkers);
     connect(from, 0, reverser);
     for (gate_idx_t gate = 0; gate < 32; gate++) connect(reverser, gate, to);
@@ -128,7 +121,7 @@ TEST_F(CaptureSinkTest, KeepsCopiesOfAPacketInTheOrderOfTheirMaking) {
   }
   for (const bool manyWorkers : {false, true}) {
     CaptureSource* from = source();
-    auto* copier = make<Copier>("Copier", bess::pb::EmptyArg());
+    auto* copier = makeModule<Copier>("Copier", bess::pb::EmptyArg());
     CaptureSink* to = sink(manyWorkers);
     connect(from, 0, copier);
     connect(copier, 0, to);
@@ -160,7 +153,7 @@ TEST_F(CaptureSinkTest, CountsTheBytesOfAllSegments) {
 }
 
 TEST_F(CaptureSinkTest, StampsWhatComesFromElsewhereWithItsArrival) {
-  auto* from = make<Source>("Source", bess::pb::EmptyArg());
+  auto* from = makeModule<Source>("Source", bess::pb::EmptyArg());
   CaptureSink* to = sink(false);
   connect(from, 0, to);
   std::vector<CaptureRow> rows;
@@ -180,7 +173,7 @@ TEST_F(CaptureSinkTest, OnlyCountsWithoutAFile) {
   const auto before = std::filesystem::current_path();
   std::filesystem::current_path(dir_.path());
   CaptureSource* from = source();
-  auto* to = make<CaptureSink>("CaptureSink", bess::pb::CaptureSinkArg());
+  auto* to = makeModule<CaptureSink>("CaptureSink", bess::pb::CaptureSinkArg());
   connect(from, 0, to);
   while (!from->done()) worker_.Run(from->tasks().front().get());
   EXPECT_EQ(to->Finish(), "");
@@ -192,7 +185,7 @@ TEST_F(CaptureSinkTest, OnlyCountsWithoutAFile) {
 
 // What a port brings in days is more than any memory.
 TEST_F(CaptureSinkTest, KeepsNothingOfWhatItHasWritten) {
-  auto* from = make<Source>("Source", bess::pb::EmptyArg());
+  auto* from = makeModule<Source>("Source", bess::pb::EmptyArg());
   CaptureSink* to = sink(false);
   connect(from, 0, to);
   const auto heap = [] {

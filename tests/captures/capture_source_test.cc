@@ -15,6 +15,7 @@
 #include "modules/sink.h"
 #include "packet_pool.h"
 #include "tests/captures/capture_files.h"
+#include "tests/captures/make_module.h"
 
 namespace openflow_test {
 namespace {
@@ -43,14 +44,6 @@ class CaptureSourceTest : public testing::Test {
     EXPECT_EQ(bess::DestroyAllModules().error().code(), 0);
   }
 
-  template <class M>
-  static M* make(const std::string& className,
-                 const google::protobuf::Message& arg) {
-    google::protobuf::Any any;
-    any.PackFrom(arg);
-    return static_cast<M*>(bess::CreateModule(className, "", any).module);
-  }
-
   CaptureSource* source(const std::vector<std::string>& names,
                         uint32_t share = 0, uint32_t shares = 1) {
     bess::pb::CaptureSourceArg arg;
@@ -59,7 +52,7 @@ class CaptureSourceTest : public testing::Test {
     }
     arg.set_share(share);
     arg.set_shares(shares);
-    return make<CaptureSource>("CaptureSource", arg);
+    return makeModule<CaptureSource>("CaptureSource", arg);
   }
 
   static void connect(const Module* from, const Module* to) {
@@ -89,7 +82,7 @@ TEST_F(CaptureSourceTest, TellsWhatEachRunHasDone) {
   std::vector<CaptureRow> rows(40, {1, std::string(100, 'x'), 1500});
   writeFile(dir_ / "in", captureBytes(rows));
   CaptureSource* from = source({"in"});
-  connect(from, make<Sink>("Sink", bess::pb::EmptyArg()));
+  connect(from, makeModule<Sink>("Sink", bess::pb::EmptyArg()));
   EXPECT_EQ(from->burst(), 0u);
   for (const uint32_t packets : {32, 8, 0, 0}) {
     EXPECT_FALSE(from->done());
@@ -127,7 +120,7 @@ TEST_F(CaptureSourceTest, NumbersTheFramesOfAllInputsWhosesoeverTheyAre) {
   std::vector<int> seen(100, 0);
   for (const uint32_t share : {0, 1}) {
     CaptureSource* from = source({"a", "b"}, share, 2);
-    auto* to = make<Origins>("Origins", bess::pb::EmptyArg());
+    auto* to = makeModule<Origins>("Origins", bess::pb::EmptyArg());
     connect(from, to);
     EXPECT_EQ(from->size(), std::filesystem::file_size(dir_ / "a") +
                                 std::filesystem::file_size(dir_ / "b"));
@@ -153,7 +146,7 @@ TEST_F(CaptureSourceTest, WaitsForPacketsAndHoldsNoneMeanwhile) {
       {1, "first", 0}, {2, std::string(5000, 'l'), 0}, {3, "last", 0}};
   writeFile(dir_ / "in", captureBytes(rows));
   CaptureSource* from = source({"in"});
-  auto* to = make<Sink>("Sink", bess::pb::EmptyArg());
+  auto* to = makeModule<Sink>("Sink", bess::pb::EmptyArg());
   connect(from, to);
   // The second frame takes three, of which there are two.
   std::vector<bess::Packet*> held = drain(2);

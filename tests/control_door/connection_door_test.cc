@@ -124,15 +124,20 @@ class Client {
   const int fd_;
 };
 
+std::vector<ConnectionDoor::Entrance> entranceTo(
+    Connections* connections, const ListeningSocket* socket) {
+  std::vector<ConnectionDoor::Entrance> entrances;
+  entrances.push_back(
+      {socket, std::make_unique<Connections::Acceptor>(connections)});
+  return entrances;
+}
+
 TEST(ConnectionDoor, HoldsSoManyConnectionsAndNoMore) {
   const openflow_test::ScratchDir dir;
   const std::string path = dir / "door.sock";
   const ListeningSocket socket = ListeningSocket::atPath(path);
   Connections connections;
-  std::vector<ConnectionDoor::Entrance> entrances;
-  entrances.push_back(
-      {&socket, std::make_unique<Connections::Acceptor>(&connections)});
-  ConnectionDoor door(std::move(entrances), 2);
+  ConnectionDoor door(entranceTo(&connections, &socket), 2);
 
   const Client first(path);
   ASSERT_TRUE(connections.waitFor(1));
@@ -161,10 +166,7 @@ TEST(ConnectionDoor, SendsAtOnceOverTcp) {
   const ListeningSocket socket =
       ListeningSocket::atAddress(any, TcpAddress(any, "key"), "key");
   Connections connections;
-  std::vector<ConnectionDoor::Entrance> entrances;
-  entrances.push_back(
-      {&socket, std::make_unique<Connections::Acceptor>(&connections)});
-  ConnectionDoor door(std::move(entrances), 2);
+  ConnectionDoor door(entranceTo(&connections, &socket), 2);
   const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const TcpAddress there("127.0.0.1:" + std::to_string(socket.port()), "key");
   ASSERT_EQ(connect(client, there.data(), there.size()), 0);
@@ -179,11 +181,8 @@ TEST(ConnectionDoor, WaitsForDescriptorsWithoutHaste) {
   const std::string path = dir / "door.sock";
   const ListeningSocket socket = ListeningSocket::atPath(path);
   Connections connections;
-  std::vector<ConnectionDoor::Entrance> entrances;
-  entrances.push_back(
-      {&socket, std::make_unique<Connections::Acceptor>(&connections)});
   isOutOfDescriptors = true;
-  ConnectionDoor door(std::move(entrances), 2);
+  ConnectionDoor door(entranceTo(&connections, &socket), 2);
   const Client client(path);
   std::this_thread::sleep_for(std::chrono::milliseconds(350));
   isOutOfDescriptors = false;

@@ -45,6 +45,23 @@ class WorkerTasksTest : public HostTest {
     Probe* probe_;
     std::atomic<uint64_t> runs_ = 0;
   };
+
+  // A module on a new worker 0 that has emitted packets to `sink` beside its
+  // runs, so that nobody has handed them on.
+  Probe* ProbeWithPackets(int packets, const Sink* sink) {
+    EXPECT_EQ(Worker::Add(0), "");
+    Probe* probe = MakeProbe("probe");
+    Connect(probe, 0, sink, 0);
+    EXPECT_EQ(Worker::AttachTasks(probe, 0), "");
+    Context ctx;
+    ctx.task = probe->task();
+    const size_t before = pool_->available();
+    for (int i = 0; i < packets; i++) {
+      probe->EmitPacket(&ctx, MakePacket("x"), 0);
+    }
+    EXPECT_EQ(pool_->available(), before - packets);
+    return probe;
+  }
 };
 
 TEST_F(WorkerTasksTest, ATaskMovesToItsNewWorker) {
@@ -81,20 +98,20 @@ TEST_F(WorkerTasksTest, ResumingWorksOutAnewWhoRunsWhat) {
 }
 
 TEST_F(WorkerTasksTest, DetachingFreesWhatWaitsInTheTask) {
-  ASSERT_EQ(Worker::Add(0), "");
-  Probe* probe = MakeProbe("probe");
-  Sink* sink = MakeSink("sink");
-  Connect(probe, 0, sink, 0);
-  ASSERT_EQ(Worker::AttachTasks(probe, 0), "");
+  const Sink* sink = MakeSink("sink");
   const size_t before = pool_->available();
-  Context ctx;
-  ctx.task = probe->task();
-  for (int i = 0; i < 50; i++) {
-    probe->EmitPacket(&ctx, MakePacket("x"), 0);
-  }
-  EXPECT_EQ(pool_->available(), before - 50);
+  Probe* probe = ProbeWithPackets(50, sink);
   Worker::DetachTasks(probe);
   EXPECT_EQ(probe->task()->wid(), -1);
+  EXPECT_EQ(pool_->available(), before);
+  EXPECT_EQ(sink->count(), 0u);
+}
+
+TEST_F(WorkerTasksTest, StoppingFreesWhatWaitsInItsTasks) {
+  const Sink* sink = MakeSink("sink");
+  const size_t before = pool_->available();
+  ProbeWithPackets(50, sink);
+  EXPECT_EQ(Worker::Stop(0), "");
   EXPECT_EQ(pool_->available(), before);
   EXPECT_EQ(sink->count(), 0u);
 }
@@ -154,17 +171,9 @@ TEST_F(WorkerTasksTest, ADestroyedModulesTaskRunsNoMore) {
 
 TEST_F(WorkerTasksTest, DestroyingFreesWhatTheTaskHasQueued) {
   // Before the module is gone: freeing hands packets on through its gates.
-  ASSERT_EQ(Worker::Add(0), "");
-  Probe* probe = MakeProbe("probe");
-  Sink* sink = MakeSink("sink");
-  Connect(probe, 0, sink, 0);
-  ASSERT_EQ(Worker::AttachTasks(probe, 0), "");
+  const Sink* sink = MakeSink("sink");
   const size_t before = pool_->available();
-  Context ctx;
-  ctx.task = probe->task();
-  for (int i = 0; i < 50; i++) {
-    probe->EmitPacket(&ctx, MakePacket("x"), 0);
-  }
+  ProbeWithPackets(50, sink);
   ASSERT_EQ(bess::DestroyModule("probe").error().errmsg(), "");
   EXPECT_EQ(pool_->available(), before);
   EXPECT_EQ(sink->count(), 0u);

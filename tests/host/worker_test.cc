@@ -320,25 +320,6 @@ TEST_F(WorkerTest, TellsModulesBeforeTheyResume) {
   EXPECT_THAT(Probe::log(), ElementsAre()) << "nobody resumes";
 }
 
-TEST_F(WorkerTest, StoppingFreesWhatItLeavesInGates) {
-  // The module emits beside its runs, so that nobody has handed the packets on.
-  ASSERT_EQ(Worker::Add(0), "");
-  Probe* probe = MakeProbe("probe");
-  Sink* sink = MakeSink("sink");
-  Connect(probe, 0, sink, 0);
-  ASSERT_EQ(Worker::AttachTasks(probe, 0), "");
-  const size_t before = pool_->available();
-  Context ctx;
-  ctx.task = probe->task();
-  for (int i = 0; i < 50; i++) {
-    probe->EmitPacket(&ctx, MakePacket("x"), 0);
-  }
-  EXPECT_EQ(pool_->available(), before - 50);
-  EXPECT_EQ(Worker::Stop(0), "");
-  EXPECT_EQ(pool_->available(), before);
-  EXPECT_EQ(sink->count(), 0u);
-}
-
 TEST_F(WorkerTest, SeveralWorkersLoseNothing) {
   constexpr int kWorkers = 3;
   constexpr int kPackets = 5000;
