@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstring>
 #include <deque>
+#include <new>
 
 namespace Ringlog {
 
@@ -331,8 +332,11 @@ Reading Ring::readSince(uint64_t position, size_t most) const {
 
 Reading Ring::read(const Query& query) const { return walk(query, false); }
 
-void write(const Site& site, std::span<const Argument> arguments) {
-  Ring::instance().write(site, arguments);
+void write(const Site& site, std::span<const Argument> arguments) noexcept {
+  try {
+    Ring::instance().write(site, arguments);
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 }  // namespace Ringlog

@@ -131,7 +131,8 @@ class Ring {
   alignas(64) std::atomic<uint64_t> head_{0};
 };
 
-// Stores a statement into the process's ring.
-void write(const Site& site, std::span<const Argument> arguments);
+// Stores a statement into the process's ring. Lost while there is no memory to
+// make that ring.
+void write(const Site& site, std::span<const Argument> arguments) noexcept;
 
 }  // namespace Ringlog

@@ -18,7 +18,8 @@ struct Site {
 // The statement with these parts. Equal ones are one Site, which is never
 // freed: the ring may refer to statements of a plug-in that is gone, and a
 // plug-in that comes back finds its old ones. May allocate and lock: call it
-// once per statement and keep the reference. Thread-safe.
+// once per statement and keep the reference. Throws std::bad_alloc, and then
+// there is no new one. Thread-safe.
 const Site& internSite(std::string_view facility, unsigned level,
                        std::string_view function, std::string_view format);
 

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace Twinlog {
@@ -37,6 +38,21 @@ struct Sinks {
 
 thread_local bool inSink = false;
 
+// What this thread traces while it lives goes to no sink.
+struct InSinks {
+  InSinks() { inSink = true; }
+  ~InSinks() { inSink = false; }
+};
+
+void handToSinks(const Message& message) {
+  Sinks& all = Sinks::instance();
+  const std::lock_guard lock(all.mutex);
+  const InSinks here;
+  for (const auto& [id, sink] : all.sinks) {
+    sink(message);
+  }
+}
+
 }  // namespace
 
 SinkId addSink(Sink sink) {
@@ -58,20 +74,30 @@ void addStandardErrorSink() {
   all.sinks.emplace(kStandardErrorSink, writeLine);
 }
 
+const Ringlog::Site* internAt(Place* place, const char* facility,
+                              unsigned level, const char* function,
+                              const char* format) noexcept {
+  try {
+    const Ringlog::Site& site =
+        Ringlog::internSite(facility, level, function, format);
+    place->store(&site, std::memory_order_release);
+    return &site;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
 void writeText(const Ringlog::Site& site,
                std::span<const Ringlog::Argument> arguments) noexcept {
   if (inSink) {
     return;
   }
-  const Message message{site.facility, site.level, site.function,
-                        Ringlog::format(site.format, arguments)};
-  Sinks& all = Sinks::instance();
-  const std::lock_guard lock(all.mutex);
-  inSink = true;
-  for (const auto& [id, sink] : all.sinks) {
-    sink(message);
+  try {
+    handToSinks({site.facility, site.level, site.function,
+                 Ringlog::format(site.format, arguments)});
+  } catch (const std::bad_alloc&) {
+    // The ring has the statement.
   }
-  inSink = false;
 }
 
 }  // namespace Twinlog

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <span>
@@ -15,6 +16,9 @@
 // Every statement that runs goes to the ring, unformatted. Those of a level
 // that is enabled for their facility are also formatted at once and handed to
 // the sinks. Thread-safe.
+//
+// A statement never throws. It takes memory when it runs for the first time,
+// and for its text; where there is none, it goes without.
 namespace Twinlog {
 
 struct Message {
@@ -25,8 +29,9 @@ struct Message {
 };
 
 // Gets the messages one at a time, on the thread that traces. What a sink
-// traces itself goes to the ring only. It must not throw, nor add or remove
-// sinks.
+// traces itself goes to the ring only. It must not add or remove sinks, nor
+// throw anything but std::bad_alloc, with which the message is lost for it and
+// for the sinks behind it.
 using Sink = std::function<void(const Message&)>;
 using SinkId = unsigned;
 
@@ -40,6 +45,15 @@ void removeSink(SinkId id);
 
 // Puts the sink on standard error back.
 void addStandardErrorSink();
+
+// Where a trace statement keeps its Site, once it has one.
+using Place = std::atomic<const Ringlog::Site*>;
+
+// The statement's Site, which is kept in `place`. Null without memory for it;
+// the next run tries again. For TWINLOG_TRACE.
+const Ringlog::Site* internAt(Place* place, const char* facility,
+                              unsigned level, const char* function,
+                              const char* format) noexcept;
 
 // Formats a statement for the sinks. For TWINLOG_TRACE.
 void writeText(const Ringlog::Site& site,
@@ -64,14 +78,21 @@ void trace(const Mio::TraceHandle& handle, const Ringlog::Site& site,
 // Traces a statement: TWINLOG_TRACE(handle, 2, "addFlow flowId: %s", id).
 // `handle` is a Mio::TraceHandle, always the same one at this place; `level`
 // and `format` are constants. Every "%s" takes the next argument, whatever its
-// type; "%%" prints "%". Arguments are evaluated once. For text composed
-// beforehand use the format "%s".
-#define TWINLOG_TRACE(handle, level, format, ...)                  \
-  do {                                                             \
-    static_assert((level) < 32);                                   \
-    const Mio::TraceHandle& twinlogHandle = (handle);              \
-    static const Ringlog::Site& twinlogSite = Ringlog::internSite( \
-        twinlogHandle.name(), (level), __func__, (format));        \
-    Twinlog::trace<Ringlog::countPlaceholders(format)>(            \
-        twinlogHandle, twinlogSite __VA_OPT__(, ) __VA_ARGS__);    \
+// type; "%%" prints "%". Arguments are evaluated once at most. For text
+// composed beforehand use the format "%s".
+#define TWINLOG_TRACE(handle, level, format, ...)                          \
+  do {                                                                     \
+    static_assert((level) < 32);                                           \
+    const Mio::TraceHandle& twinlogHandle = (handle);                      \
+    static constinit Twinlog::Place twinlogPlace{nullptr};                 \
+    const Ringlog::Site* twinlogSite =                                     \
+        twinlogPlace.load(std::memory_order_acquire);                      \
+    if (twinlogSite == nullptr) [[unlikely]] {                             \
+      twinlogSite = Twinlog::internAt(&twinlogPlace, twinlogHandle.name(), \
+                                      (level), __func__, (format));        \
+    }                                                                      \
+    if (twinlogSite != nullptr) [[likely]] {                               \
+      Twinlog::trace<Ringlog::countPlaceholders(format)>(                  \
+          twinlogHandle, *twinlogSite __VA_OPT__(, ) __VA_ARGS__);         \
+    }                                                                      \
   } while (false)

@@ -7,10 +7,28 @@
 
 static std::atomic<int> allocations;
 
+// Requests to be granted before the one that is refused; negative: all.
+static std::atomic<int> toGrant{-1};
+static std::atomic<bool> refused;
+
 int countAllocations() { return allocations; }
+
+void refuseAllocation(int n) {
+  refused = false;
+  toGrant = n;
+}
+
+bool wasAllocationRefused() {
+  toGrant = -1;
+  return refused;
+}
 
 void* operator new(size_t size) {
   allocations++;
+  if (toGrant >= 0 && toGrant-- == 0) {
+    refused = true;
+    throw std::bad_alloc();
+  }
   if (void* p = malloc(size)) {
     return p;
   }

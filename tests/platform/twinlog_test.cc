@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/platform/allocation_counter.h"
+
 namespace {
 
 using Ringlog::Ring;
@@ -150,6 +152,43 @@ TEST_F(TwinlogTest, ASinkMayTrace) {
   Twinlog::removeSink(id);
   EXPECT_EQ(messages_.size(), 1u);
   EXPECT_THAT(ring(), ElementsAre("at 2: 22", "from the sink"));
+}
+
+// A statement of which the program has heard nothing yet.
+void traceAnew() {
+  TWINLOG_TRACE(handle(), 2, "a text that no string keeps in itself: %s", 1);
+}
+
+TEST_F(TwinlogTest, AStatementWithoutMemoryForItsPlaceIsLeftOut) {
+  int refusals = 0;
+  for (;; refusals++) {
+    refuseAllocation(refusals);
+    traceAnew();
+    if (!wasAllocationRefused()) break;
+    EXPECT_THAT(ring(), IsEmpty()) << refusals;
+  }
+  EXPECT_GE(refusals, 2) << "its text, and its place among all";
+  const std::string text = "a text that no string keeps in itself: 1";
+  EXPECT_THAT(ring(), ElementsAre(text));
+  traceAnew();
+  EXPECT_THAT(ring(), ElementsAre(text, text));
+}
+
+TEST_F(TwinlogTest, WithoutMemoryForItsTextTheRingAloneHasIt) {
+  traceAt2();
+  Mio::setTraceLevels("TwinlogTest", 1u << 2);
+  int refusals = 0;
+  for (;; refusals++) {
+    const size_t messages = messages_.size();
+    refuseAllocation(refusals);
+    TWINLOG_TRACE(handle(), 2, "%s", "a text that no string keeps in itself");
+    if (!wasAllocationRefused()) break;
+    EXPECT_EQ(messages_.size(), messages) << refusals;
+  }
+  EXPECT_GE(refusals, 2) << "the message, and what the sink makes of it";
+  EXPECT_EQ(ring().size(), 2u + static_cast<size_t>(refusals));
+  EXPECT_THAT(messages_, ElementsAre("TwinlogTest/2 TestBody a text that no "
+                                     "string keeps in itself"));
 }
 
 TEST_F(TwinlogTest, OneLineOnStandardErrorByDefault) {

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include <fmt/core.h>
 #include <glog/logging.h>
 #include <rte_byteorder.h>
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -160,9 +161,11 @@ void dumpRule(const rte_acl_rule_data& data, const rte_acl_field* field,
               int numFields) {
   OF_TRACE(kTraceDump, "AclFields: ");
   for (int i = 0; i < numFields; i++) {
-    OF_TRACE(kTraceDump, "%s",
-             fmt::format(" Field{}: val: 0x{:016x}, mask: 0x{:016x}", i,
-                         field[i].value.u64, field[i].mask_range.u64));
+    char text[80];  // longer than any
+    snprintf(text, sizeof(text),
+             " Field%d: val: 0x%016" PRIx64 ", mask: 0x%016" PRIx64, i,
+             field[i].value.u64, field[i].mask_range.u64);
+    OF_TRACE(kTraceDump, "%s", text);
   }
   OF_TRACE(kTraceDump, "AclData:  userdata: %s, priority: %s", data.userdata,
            data.priority);

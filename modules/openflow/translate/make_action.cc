@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <sstream>
 #include <string>
 
@@ -117,11 +118,16 @@ void setOutputs(const quil::pb::OfActionFields& f,
   }
 }
 
+// Empty, or not all of it, where there is no memory for the text.
 template <typename Printable>
 std::string print(const Printable& printable) {
-  std::ostringstream out;
-  out << printable;
-  return out.str();
+  try {
+    std::ostringstream out;
+    out << printable;
+    return out.str();
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
 }
 
 }  // namespace
