@@ -124,13 +124,6 @@ nlohmann::json toJson(const InstalledFlow& installed) {
           {"guards", guards}};
 }
 
-// As many digits as one wants to read.
-std::string sizeText(size_t bytes) {
-  constexpr size_t kMb = size_t{1} << 20;
-  return bytes < 10 * kMb ? fmt::format("{} KB", (bytes + 1023) / 1024)
-                          : fmt::format("{} MB", (bytes + kMb / 2) / kMb);
-}
-
 void printBuild(const TableBuild& build) {
   if (!build.failure.empty()) {
     printError("{}\n", build.failure);

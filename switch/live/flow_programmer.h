@@ -5,19 +5,20 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <set>
+#include <map>
 #include <string>
 #include <utility>
 
 #include "switch.pb.h"
 #include "switch/live/flow_book.h"
+#include "switch/live/retry.h"
+#include "switch/replay/module_commands.h"
 
 namespace ofswitch {
 
 // How the switch reaches its module. A test puts its own in here.
 struct ModuleDoor {
-  // Sends one update; answers why it failed, or nothing.
-  std::function<std::string(const TableUpdate&)> update;
+  std::function<UpdateAnswer(const TableUpdate&, Sender)> update;
   // Returns when no worker can be using what it used at the call.
   std::function<void()> gracePeriod;
 };
@@ -45,9 +46,11 @@ class FlowProgrammer {
   void make(FlowBook::Plan plan, FlowBook::Time now, const Progress& progress,
             pb::FlowChangeReply* reply);
 
-  // Builds what an inverse update could not: its table still matches by flows
-  // that were taken back. Answers whether nothing is left to mend.
-  bool mend();
+  // Does what an inverse update could not: its table still matches by flows
+  // that were taken back. A build that fails may keep memory for good, so each
+  // is waited for twice as long as the one before, a minute at most; one that
+  // there is no room for is not tried. Answers whether nothing is left to mend.
+  bool mend(FlowBook::Time now);
 
   const BuildHistory& history(uint8_t table, bool ipv6) const {
     return history_[table][ipv6];
@@ -56,15 +59,21 @@ class FlowProgrammer {
  private:
   using Place = std::pair<uint8_t, bool>;  // table, whether IPv6
 
-  std::string send(const TableUpdate& update, bool isInverse,
-                   pb::FlowChangeReply* reply);
-  std::string undo(const FlowBook::Plan& plan, size_t sent,
+  // An inverse that was not made.
+  struct Stale {
+    TableUpdate missing;  // what the module's flows lack of it; may be nothing
+    Retry retry;
+  };
+
+  UpdateAnswer send(const TableUpdate& update, Sender sender,
+                    pb::FlowChangeReply* reply);
+  std::string undo(const FlowBook::Plan& plan, size_t sent, FlowBook::Time now,
                    pb::FlowChangeReply* reply);
 
   FlowBook& book_;
   ModuleDoor door_;
   std::array<std::array<BuildHistory, 2>, kNumTables> history_;
-  std::set<Place> stale_;  // an inverse build failed there
+  std::map<Place, Stale> stale_;
 };
 
 }  // namespace ofswitch

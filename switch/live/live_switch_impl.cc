@@ -129,7 +129,9 @@ void LiveSwitch::Impl::expire() {
   if (programmer_ == nullptr) return;
   const Clock::time_point now = now_();
   FlowBook::Plan plan = book_.planExpiry(now);
-  if (!plan.steps.empty()) {
+  if (!expiry_.isDue(now)) {
+    book_.cancel(std::move(plan));
+  } else if (!plan.steps.empty()) {
     const uint64_t idle = plan.expiredIdle;
     const uint64_t hard = plan.expiredHard;
     pb::FlowChangeReply reply;
@@ -137,9 +139,11 @@ void LiveSwitch::Impl::expire() {
     if (reply.applied()) {
       expiredIdle_ += idle;
       expiredHard_ += hard;
+    } else {
+      expiry_.failed(now);  // and what a failed build has kept stays
     }
   }
-  programmer_->mend();
+  programmer_->mend(now);
 }
 
 pb::TablesReply LiveSwitch::Impl::tables(bool all) {
@@ -217,7 +221,11 @@ void LiveSwitch::Impl::loadFlows(const std::vector<Flow>& flows,
             .text());
   }
   if (!reply.applied()) {
-    throw StartError("the flows cannot be loaded: " + reply.failure());
+    std::string files;
+    for (const ConfiguredFile& file : config_.flowFiles) {
+      files += file.path + ": ";
+    }
+    throw StartError(files + "the flows cannot be loaded: " + reply.failure());
   }
 }
 
@@ -241,6 +249,7 @@ void LiveSwitch::Impl::program(FlowBook::Plan plan, const Progress& progress,
                                pb::FlowChangeReply* reply) {
   const Programming programming(&isProgramming_);
   programmer_->make(std::move(plan), now_(), progress, reply);
+  if (reply->applied()) expiry_ = Retry();
 }
 
 FlowBook::Plan LiveSwitch::Impl::planOf(const pb::FlowChange& change,

@@ -24,6 +24,7 @@
 #include "switch/live/flow_programmer.h"
 #include "switch/live/flow_request.h"
 #include "switch/live/live_switch.h"
+#include "switch/live/retry.h"
 #include "switch/live/switch_graph.h"
 #include "switch/trace/packet_tracer.h"
 
@@ -89,6 +90,7 @@ class LiveSwitch::Impl {
   uint64_t changes_ = 0;
   uint64_t expiredIdle_ = 0;
   uint64_t expiredHard_ = 0;
+  Retry expiry_;
   MissingPackets missing_;
   std::unique_ptr<PacketTracer> tracer_;  // from the first trace on
   pb::StatsReply final_;

@@ -204,7 +204,9 @@ std::string SwitchGraph::stopCapture() {
 }
 
 ModuleDoor SwitchGraph::door() {
-  return {[this](const TableUpdate& one) { return update(one); },
+  return {[this](const TableUpdate& one, Sender sender) {
+            return update(one, sender);
+          },
           [] { synchronize_rcu(); }};
 }
 
@@ -217,9 +219,9 @@ quil::pb::OpenFlowGetStatsRespArg SwitchGraph::tableStats(uint8_t table) const {
   return ofswitch::tableStats(table);
 }
 
-std::string SwitchGraph::update(const TableUpdate& update) {
+UpdateAnswer SwitchGraph::update(const TableUpdate& update, Sender sender) {
   programmed_[update.tableid()] = true;
-  return updateTable(update, {"memory.mb", "memory.build_mb"});
+  return updateTable(update, sender, {"memory.mb", "memory.build_mb"});
 }
 
 uint64_t SwitchGraph::failedCopies() const {

@@ -68,7 +68,7 @@ class SwitchGraph {
   void openPorts();
   void makeController();
   void makeInputs();
-  std::string update(const TableUpdate& update);
+  UpdateAnswer update(const TableUpdate& update, Sender sender);
 
   const SwitchConfig& config_;
   std::vector<std::string> notes_;

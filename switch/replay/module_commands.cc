@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "dpdk_log.h"
@@ -62,16 +63,21 @@ quil::pb::OpenFlowGetStatsRespArg tableStats(uint32_t table) {
   return stats;
 }
 
-std::string updateTable(const TableUpdate& update,
-                        const MemorySettings& settings) {
+UpdateAnswer updateTable(const TableUpdate& update, Sender sender,
+                         const MemorySettings& settings) {
   const quil::pb::OpenFlowGetStatsRespArg before = tableStats(update.tableid());
-  // What the classifier library says of a failure is in the answer.
+  // What DPDK says of a failure is in the answer.
   const bess::DpdkLogCapture log;
+  if (std::string missing = missingRoom(update, before, sender, settings);
+      !missing.empty()) {
+    return {std::move(missing), false};
+  }
   const CommandResponse response =
       bess::RunModuleCommand(kModuleName, "updateFlows", packed(update));
-  if (response.error().code() == 0) return "";
-  return updateFailure(response, before, tableStats(update.tableid()),
-                       settings);
+  if (response.error().code() == 0) return {};
+  return {
+      updateFailure(response, before, tableStats(update.tableid()), settings),
+      response.error().code() != -ENOMEM};
 }
 
 CommandResponse applyCommand(const PolicyCommand& one) {
@@ -81,7 +87,8 @@ CommandResponse applyCommand(const PolicyCommand& one) {
                    fmt::format("{}: {}", one.where, one.name));
   }
   const std::string failure =
-      updateTable(update, {"--memory", "--build-memory"});
+      updateTable(update, Sender::kOperator, {"--memory", "--build-memory"})
+          .failure;
   if (!failure.empty()) {
     throw std::runtime_error(fmt::format(
         "{}: table {} {}: {}", one.where, update.tableid(),

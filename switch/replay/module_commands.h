@@ -15,6 +15,7 @@
 #include "switch/flow/update_batch.h"
 #include "switch/replay/policy.h"
 #include "switch/replay/update_failure.h"
+#include "switch/replay/update_room.h"
 
 namespace ofswitch {
 
@@ -29,9 +30,15 @@ Module* makeModule(const std::string& path);
 
 quil::pb::OpenFlowGetStatsRespArg tableStats(uint32_t table);
 
-// Sends an update. Answers why it has failed, empty on success.
-std::string updateTable(const TableUpdate& update,
-                        const MemorySettings& settings);
+// How an update went.
+struct UpdateAnswer {
+  std::string failure;   // why it has failed; empty on success
+  bool isStored = true;  // the module has its flows, if without a classifier
+};
+
+// Sends an update, unless there is no room for it.
+UpdateAnswer updateTable(const TableUpdate& update, Sender sender,
+                         const MemorySettings& settings);
 
 // An update that fails is told by its place, its table and the reason.
 CommandResponse applyCommand(const PolicyCommand& command);

@@ -28,9 +28,8 @@ std::string updateFailure(const CommandResponse& response,
     return "the classifier library refused its flows";
   }
   if (after.aclcreatefailures() > before.aclcreatefailures()) {
-    return fmt::format(
-        "there is no memory for a classifier of so many flows ({})",
-        settings.memory);
+    return fmt::format("there is no memory for its classifier ({})",
+                       settings.memory);
   }
   if (after.updatefailures() > before.updatefailures()) {
     return fmt::format("there is no memory for its flows ({})",

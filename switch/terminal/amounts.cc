@@ -14,6 +14,12 @@ std::string plural(uint64_t count, std::string_view one,
   return fmt::format("{} {}", count, count == 1 ? one : many);
 }
 
+std::string sizeText(uint64_t bytes) {
+  constexpr uint64_t kMb = uint64_t{1} << 20;
+  return bytes < 10 * kMb ? fmt::format("{} KB", (bytes + 1023) / 1024)
+                          : fmt::format("{} MB", (bytes + kMb / 2) / kMb);
+}
+
 std::string timeText(uint64_t ns) {
   constexpr uint64_t kMs = 1'000'000;
   constexpr uint64_t kSecond = 1'000 * kMs;

@@ -13,6 +13,9 @@ namespace ofswitch {
 std::string plural(uint64_t count, std::string_view one);
 std::string plural(uint64_t count, std::string_view one, std::string_view many);
 
+// Memory: "8193 KB" for what is below 10 MB, "11 MB" for more.
+std::string sizeText(uint64_t bytes);
+
 // A time that something took: "850 us", "1.25 ms", "3.10 s".
 std::string timeText(uint64_t ns);
 

@@ -133,7 +133,7 @@ class PacketTracer::Walk {
     if (!winner) {
       throw ProbeError(fmt::format(
           "table {} matches by a flow that is gone, because a classifier could "
-          "not be built; it is tried again every second",
+          "not be built; it is tried again within a minute",
           table));
     }
     const InstalledFlow& installed = *winner->installed;

@@ -16,6 +16,17 @@ TEST(Amounts, OneIsSingular) {
   EXPECT_EQ(plural(1, "copy was", "copies were"), "1 copy was");
 }
 
+TEST(Amounts, SizesHaveTheUnitThatFits) {
+  EXPECT_EQ(sizeText(0), "0 KB");
+  EXPECT_EQ(sizeText(1), "1 KB");
+  EXPECT_EQ(sizeText(1024), "1 KB");
+  EXPECT_EQ(sizeText(1025), "2 KB");
+  EXPECT_EQ(sizeText(10 * 1048576 - 1), "10240 KB");
+  EXPECT_EQ(sizeText(10 * 1048576), "10 MB");
+  EXPECT_EQ(sizeText(10 * 1048576 + 524287), "10 MB");
+  EXPECT_EQ(sizeText(10 * 1048576 + 524288), "11 MB");
+}
+
 TEST(Amounts, TimesHaveTheUnitThatFits) {
   EXPECT_EQ(timeText(0), "0 us");
   EXPECT_EQ(timeText(1'999), "1 us");

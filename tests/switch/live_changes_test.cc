@@ -175,11 +175,35 @@ TEST(LiveChanges, WhatCouldNotBeUndoneIsBuiltLater) {
   const RefuseBuild refuse(0, 2);
   const pb::FlowChangeReply reply =
       bench.add("table=0,in_port=1,priority=20,actions=drop\n");
-  EXPECT_THAT(reply.failure(), HasSubstr("undoing it failed in table 0 IPv4, "
-                                         "which is tried again every second"));
+  EXPECT_THAT(reply.failure(),
+              HasSubstr("undoing it failed in table 0 IPv4, "
+                        "which is tried again within a minute"));
   bench->expireFlows();
   EXPECT_EQ(table0().failed_builds(), 2);
   EXPECT_EQ(table0().builds(), before + 3);
+}
+
+// Table 4 keeps the classifier of a change that was taken back.
+TEST(LiveChanges, APacketIsNotTracedByAFlowThatIsGone) {
+  LiveBench bench({.flows = kPolicy});
+  pb::TraceRequest packet;
+  packet.set_text("in_port=1,tcp,tp_dst=80,table=4");
+  EXPECT_EQ(bench->trace(packet).refusal(), "");
+  {
+    const RefuseBuild refuse(1, 10);
+    EXPECT_FALSE(bench
+                     .add("table=0,in_port=1,priority=20,actions=drop\n"
+                          "table=4,tcp,tp_dst=80,priority=60,actions=drop\n")
+                     .applied());
+    EXPECT_EQ(bench->trace(packet).refusal(),
+              "table 4 matches by a flow that is gone, because a classifier "
+              "could not be built; it is tried again within a minute");
+  }
+  bench.pass(std::chrono::minutes(1));
+  bench->expireFlows();
+  const pb::TraceReply reply = bench->trace(packet);
+  EXPECT_EQ(reply.refusal(), "");
+  EXPECT_GT(reply.outputs_size(), 0);
 }
 
 TEST(LiveChanges, ABuildBeyondItsMemoryIsRefused) {

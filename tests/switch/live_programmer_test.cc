@@ -71,7 +71,7 @@ TEST(FlowProgrammer, RemembersTheLongestBuild) {
   BookBench bench;
   bool slow = true;
   FlowProgrammer programmer(&bench.book,
-                            {[&](const TableUpdate& update) {
+                            {[&](const TableUpdate& update, Sender) {
                                if (slow) std::this_thread::sleep_for(kLong);
                                slow = false;
                                return bench.module.take(update);
@@ -118,13 +118,111 @@ TEST(FlowProgrammer, MendsWhatCouldNotBeUndone) {
       "in_port=1,actions=output:3\ntable=3,in_port=1,actions=output:3\n");
   EXPECT_EQ(reply.failure(),
             "table 0 IPv4: no memory; undoing it failed in table 3 IPv4, which "
-            "is tried again every second");
+            "is tried again within a minute");
   EXPECT_NE(bench.module.published, before);
   EXPECT_EQ(bench.module.store, before);
-  EXPECT_FALSE(bench.programmer.mend());
+  EXPECT_FALSE(bench.programmer.mend(bench.now));
   EXPECT_NE(bench.module.published, before);
-  EXPECT_TRUE(bench.programmer.mend());
+  EXPECT_TRUE(bench.programmer.mend(bench.now + std::chrono::seconds(1)));
   EXPECT_EQ(bench.module.published, before);
+}
+
+// Each build that fails may keep memory for good.
+TEST(FlowProgrammer, WaitsLongerAfterEachBuildThatFails) {
+  using std::chrono::seconds;
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  for (int i = 0; i < 100; i++) {
+    bench.module.failures.insert(bench.module.builds + i);
+  }
+  EXPECT_FALSE(bench.add("in_port=1,actions=output:3").applied());
+  const int before = bench.module.builds;
+  std::vector<int> tries;
+  for (int second = 0; second <= 200; second++) {
+    const int builds = bench.module.builds;
+    EXPECT_FALSE(bench.programmer.mend(bench.now + seconds(second)));
+    if (bench.module.builds > builds) tries.push_back(second);
+  }
+  EXPECT_THAT(tries, testing::ElementsAre(0, 1, 3, 7, 15, 31, 63, 123, 183));
+
+  // Another change of the table starts anew.
+  bench.now += seconds(200);
+  EXPECT_FALSE(bench.add("in_port=1,actions=output:3").applied());
+  tries.clear();
+  for (int second = 0; second <= 8; second++) {
+    const int builds = bench.module.builds;
+    EXPECT_FALSE(bench.programmer.mend(bench.now + seconds(second)));
+    if (bench.module.builds > builds) tries.push_back(second);
+  }
+  EXPECT_THAT(tries, testing::ElementsAre(0, 1, 3, 7));
+  EXPECT_GT(bench.module.builds, before);
+  bench.module.failures.clear();
+  EXPECT_TRUE(bench.programmer.mend(bench.now + seconds(20)));
+}
+
+TEST(FlowProgrammer, WhatThereIsNoRoomForIsNoBuild) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2\ntable=3,in_port=1,actions=drop");
+  const FakeModule::Tables before = bench.module.published;
+  const uint64_t builds = bench.programmer.history(3, false).builds;
+  bench.module.fullAfter = bench.module.builds;
+  const pb::FlowChangeReply reply =
+      bench.add("table=3,in_port=1,actions=output:3");
+  EXPECT_FALSE(reply.applied());
+  EXPECT_EQ(reply.failure(),
+            "table 3 IPv4: no room; all flows are as they were");
+  EXPECT_EQ(reply.builds_size(), 0);
+  EXPECT_EQ(bench.programmer.history(3, false).builds, builds);
+  EXPECT_EQ(bench.programmer.history(3, false).failures, 0);
+  EXPECT_EQ(bench.module.published, before);
+  EXPECT_TRUE(bench.programmer.mend(bench.now));
+}
+
+// What is missing comes with the next update of the table, or by itself.
+TEST(FlowProgrammer, MakesInversesUpThatHadNoRoom) {
+  for (const bool isChanged : {false, true}) {
+    BookBench bench;
+    bench.add(
+        "in_port=1,actions=output:2\nin_port=3,actions=output:2\n"
+        "table=3,in_port=1,actions=drop");
+    FakeModule::Tables expected = bench.module.published;
+    // Table 3 is built, table 0 fails, and then there is no room for anything.
+    bench.module.failures = {bench.module.builds + 1};
+    bench.module.fullAfter = bench.module.builds + 2;
+    const pb::FlowChangeReply reply = bench.replace(
+        "in_port=1,actions=output:3\nin_port=2,actions=output:3\n"
+        "table=3,in_port=2,actions=output:3\n");
+    EXPECT_EQ(reply.failure(),
+              "table 0 IPv4: no memory; undoing it failed in table 0 IPv4, "
+              "table 3 IPv4, which is tried again within a minute");
+    EXPECT_FALSE(bench.programmer.mend(bench.now));
+    EXPECT_FALSE(bench.add("in_port=2,actions=drop").applied());
+    EXPECT_NE(bench.module.store, expected);
+    EXPECT_THAT(bench.texts(), SizeIs(3));
+    bench.module.fullAfter = -1;
+    if (isChanged) {
+      // With flow identifiers that the failed change has given back.
+      EXPECT_TRUE(bench.remove("table=0,in_port=3").applied());
+      EXPECT_TRUE(bench
+                      .add("in_port=2,actions=drop\n"
+                           "table=3,in_port=3,actions=drop")
+                      .applied());
+      EXPECT_TRUE(bench.remove("table=0,in_port=2").applied());
+      EXPECT_TRUE(bench.remove("table=3,in_port=3").applied());
+      EXPECT_TRUE(bench.add("in_port=3,actions=output:2").applied());
+      EXPECT_THAT(bench.texts(), SizeIs(3));
+    }
+    EXPECT_TRUE(bench.programmer.mend(bench.now));
+    EXPECT_EQ(bench.module.published, bench.module.store);
+    if (!isChanged) {
+      EXPECT_EQ(bench.module.published, expected);
+    }
+    BookBench fresh;
+    for (const std::string& text : bench.texts()) fresh.add(text);
+    for (const auto& [place, rules] : fresh.module.published) {
+      EXPECT_EQ(bench.module.published[place].size(), rules.size());
+    }
+  }
 }
 
 TEST(FlowProgrammer, TellsItsProgressAndRemembersItsBuilds) {

@@ -36,8 +36,7 @@ TEST(UpdateFailure, SaysWhichStepFailed) {
   Stats stats = failed();
   EXPECT_EQ(textOf(stats), "there is no memory for its flows (mem)");
   stats.set_aclcreatefailures(1);
-  EXPECT_EQ(textOf(stats),
-            "there is no memory for a classifier of so many flows (mem)");
+  EXPECT_EQ(textOf(stats), "there is no memory for its classifier (mem)");
   stats = failed();
   stats.set_acladdrulesfailures(1);
   EXPECT_EQ(textOf(stats), "the classifier library refused its flows");
