@@ -55,22 +55,21 @@ task_result PortIn::RunTask(Context* ctx, PacketBatch* batch, void*) {
   for (uint16_t i = 0; i < count; i++) {
     rte_prefetch0(pkts[i]->metadata<void*>());
   }
+  const uint32_t number = port_->number();
   const uint32_t longest = port_->max_received_frame();
   PortCounters* counters = port_->counters(ctx->wid);
   batch->set_cnt(count);
   bool fit = true;  // all of them, as nearly always
+  uint64_t bytes = 0;
   for (uint16_t i = 0; i < count; i++) {
-    fit &= static_cast<uint32_t>(pkts[i]->total_len()) <= longest;
-    pkts[i]->clear_metadata_flags();
+    const auto len = static_cast<uint32_t>(pkts[i]->total_len());
+    fit &= len <= longest;
+    bytes += len;
     pkts[i]->set_tag(0);
-    bess::SetReceivedOn(pkts[i], port_->number());
+    bess::SetReceivedOn(pkts[i], number);
   }
   if (!fit) [[unlikely]] {
-    DropTooLong(ctx, batch, longest, counters);
-  }
-  uint64_t bytes = 0;
-  for (int i = 0; i < batch->cnt(); i++) {
-    bytes += static_cast<uint64_t>(pkts[i]->total_len());
+    bytes -= DropTooLong(ctx, batch, longest, counters);
   }
   const auto handed_on = static_cast<uint32_t>(batch->cnt());
   PortCounters::Add(counters->rx_packets, handed_on);
@@ -79,20 +78,24 @@ task_result PortIn::RunTask(Context* ctx, PacketBatch* batch, void*) {
   return {.block = false, .packets = handed_on, .bits = bytes * 8};
 }
 
-// The others stay, in their order.
-void PortIn::DropTooLong(Context* ctx, PacketBatch* batch, uint32_t longest,
-                         PortCounters* counters) {
+// The others stay, in their order. Answers how many bytes went.
+uint64_t PortIn::DropTooLong(Context* ctx, PacketBatch* batch, uint32_t longest,
+                             PortCounters* counters) {
   const int cnt = batch->cnt();
+  uint64_t bytes = 0;
   batch->clear();
   for (int i = 0; i < cnt; i++) {
     Packet* pkt = batch->pkts()[i];
-    if (static_cast<uint32_t>(pkt->total_len()) <= longest) {
+    const auto len = static_cast<uint32_t>(pkt->total_len());
+    if (len <= longest) {
       batch->add(pkt);
     } else {
+      bytes += len;
       counters->Drop(DropCause::kRxTooLong);
       DropPacket(ctx, pkt);
     }
   }
+  return bytes;
 }
 
 std::string PortIn::GetDesc() const {

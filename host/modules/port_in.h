@@ -26,8 +26,8 @@ class PortIn final : public Module {
   std::string GetDesc() const override;
 
  private:
-  void DropTooLong(Context* ctx, bess::PacketBatch* batch, uint32_t longest,
-                   bess::PortCounters* counters);
+  uint64_t DropTooLong(Context* ctx, bess::PacketBatch* batch, uint32_t longest,
+                       bess::PortCounters* counters);
 
   bess::Port* port_ = nullptr;
   uint16_t queue_ = 0;

@@ -25,13 +25,14 @@ static_assert(offsetof(PortMetadata, metadata) == 16);
 static_assert(offsetof(PortMetadata, in_port) == 52);
 static_assert(sizeof(PortMetadata) <= Packet::kMetadataSize);
 
-// Marks a fresh packet as received on `port`. The 64-bit metadata says so too:
-// it is what flows match, and what travels from table to table.
+// Marks a packet as received on `port`, and nothing else in its metadata as
+// valid. The 64-bit metadata says so too: it is what flows match, and what
+// travels from table to table.
 inline void SetReceivedOn(Packet* pkt, uint32_t port) {
   auto* block = pkt->metadata<PortMetadata*>();
+  block->flags = PortMetadata::kMetadataValid | PortMetadata::kInPortValid;
   block->metadata = port;
   block->in_port = port;
-  block->flags |= PortMetadata::kMetadataValid | PortMetadata::kInPortValid;
 }
 
 }  // namespace bess
