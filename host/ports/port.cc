@@ -65,6 +65,10 @@ std::string Port::PciAddress(const std::string& device) {
   return parts.pci ? parts.name : "";
 }
 
+std::string Port::Fault(const std::string& device) {
+  return internal::CheckDevice(DeviceString(device));
+}
+
 bool Port::SharesMemory(const std::string& device) {
   const DeviceString parts(device);
   const std::string* zero_copy = parts.Find("zero-copy");

@@ -83,6 +83,11 @@ class Port {
   // people write "A:0.0"; empty for any other device.
   static std::string PciAddress(const std::string& device);
 
+  // What is wrong with a device string as far as it can be told without opening
+  // the device: an unknown argument, a missing interface or file, a missing
+  // permission. Says what would be right. Empty when nothing is found.
+  static std::string Fault(const std::string& device);
+
   // Whether the device gives another process DPDK's memory to read and write,
   // which must then be a file (EalOptions::shareable).
   static bool SharesMemory(const std::string& device);

@@ -107,6 +107,14 @@ void checkTap(const Machine& machine, Findings* out) {
                  out);
 }
 
+// What the port itself would refuse when the switch starts.
+void checkArguments(const std::string& device, Findings* out) {
+  const std::string fault = bess::Port::Fault(device);
+  if (!fault.empty()) {
+    out->problem(fmt::format("{}: {}", device, fault), "man switch.yaml");
+  }
+}
+
 void checkLockedMemory(const Machine& machine, const SwitchConfig& config,
                        Findings* out) {
   const std::string limit =
@@ -147,6 +155,8 @@ void checkPort(const Machine& machine, const SwitchConfig& config,
       checkPacketSocket(machine, port.device, out);
     } else if (driver == "net_tap") {
       checkTap(machine, out);
+    } else if (out->all().size() == before) {
+      checkArguments(port.device, out);
     }
   }
   if (out->all().size() == before) out->ok(port.device);

@@ -55,6 +55,21 @@ TEST_F(PortChecks, NoDriver) {
                           "apt-get install -y librte-net-null23"));
 }
 
+TEST_F(PortChecks, FaultsInArguments) {
+  fake_.write("/usr/lib/x86_64-linux-gnu/dpdk/pmds-23.0/librte_net_pcap.so",
+              "");
+  EXPECT_THAT(port("net_null0,siez=64"),
+              ElementsAre("problem: net_null0,siez=64: unknown argument "
+                          "'siez': net_null takes size,copy,no-rx -> "
+                          "man switch.yaml"));
+  EXPECT_THAT(port("net_pcap0,rx_pcap=/no/such.pcap"),
+              ElementsAre("problem: net_pcap0,rx_pcap=/no/such.pcap: cannot "
+                          "read '/no/such.pcap': No such file or directory -> "
+                          "man switch.yaml"));
+  EXPECT_THAT(port("net_pcap0,rx_pcap=/dev/null"),
+              ElementsAre("ok: net_pcap0,rx_pcap=/dev/null"));
+}
+
 // Others keep there what they like.
 TEST_F(PortChecks, DriversAreWhereDebianPutsThem) {
   const std::string folder = "/usr/lib/x86_64-linux-gnu/dpdk/";
@@ -80,7 +95,20 @@ TEST_F(PortChecks, NoPermissions) {
                           "cap_net_admin,cap_net_raw=ep "
                           "/usr/local/bin/ofswitch"));
   EXPECT_THAT(port("net_null0"), ElementsAre("ok: net_null0"));
-  // CAP_NET_ADMIN and CAP_NET_RAW, bits 12 and 13.
+  // A process whose program is nowhere.
+  fake_.remove("/proc/self/exe");
+  EXPECT_THAT(port("net_tap0"),
+              ElementsAre("problem: a tap interface needs the capability "
+                          "CAP_NET_ADMIN, or root -> sudo setcap "
+                          "cap_net_admin,cap_net_raw=ep /usr/bin/ofswitch"));
+  // CAP_NET_ADMIN, bit 12, and CAP_NET_RAW, bit 13.
+  fake_.write("/proc/self/status", "CapEff:\t0000000000001000\n");
+  EXPECT_THAT(port("net_tap0"), ElementsAre("ok: net_tap0"));
+  EXPECT_EQ(port(kVeth).size(), 1u);
+  EXPECT_NE(port(kVeth)[0], std::string("ok: ") + kVeth);
+  fake_.write("/proc/self/status", "CapEff:\t0000000000002000\n");
+  EXPECT_THAT(port(kVeth), ElementsAre(std::string("ok: ") + kVeth));
+  EXPECT_NE(port("net_tap0")[0], "ok: net_tap0");
   fake_.write("/proc/self/status", "CapEff:\t0000000000003000\n");
   EXPECT_THAT(port("net_tap0"), ElementsAre("ok: net_tap0"));
 }
@@ -166,7 +194,7 @@ TEST_F(PortChecks, Offloads) {
                           "ethtool -K eth0 tx off"));
   // What the other end sends comes to the switch.
   fake_.offloads["veth1"] = {};
-  fake_.offloads["veth2"] = {"tx", "gro"};
+  fake_.offloads["veth2"] = {"gro", "tx", "lro"};
   EXPECT_THAT(port(kVeth), ElementsAre("problem: veth2 has offloads on (tx" +
                                        why + "ethtool -K veth2 tx off"));
   fake_.remove("/usr/sbin/ethtool");
@@ -174,6 +202,15 @@ TEST_F(PortChecks, Offloads) {
               ElementsAre("problem: veth2 has offloads on (tx" + why +
                           "apt-get install -y ethtool && ethtool -K veth2 tx "
                           "off"));
+  fake_.write("/sbin/ethtool", "");
+  EXPECT_THAT(port(kVeth), ElementsAre("problem: veth2 has offloads on (tx" +
+                                       why + "ethtool -K veth2 tx off"));
+  fake_.offloads["veth1"] = {"lro"};
+  EXPECT_THAT(port(kVeth), ElementsAre("problem: veth1 has offloads on (lro" +
+                                           why + "ethtool -K veth1 lro off",
+                                       "problem: veth2 has offloads on (tx" +
+                                           why + "ethtool -K veth2 tx off"));
+  fake_.offloads["veth1"] = {};
   // The other end is in another namespace; its number here is a stranger's.
   fake_.write("/sys/class/net/veth1/iflink", "2\n");
   fake_.offloads["eth0"] = {"tx"};
@@ -184,6 +221,13 @@ TEST_F(PortChecks, NoCard) {
   EXPECT_THAT(port("0000:04:00.0"),
               ElementsAre("problem: there is no PCI device 0000:04:00.0, only "
                           "0000:03:00.0 -> dpdk-devbind.py --status-dev net"));
+  fake_.addCard("0000:01:00.0", "i40e");
+  fake_.addCard("0000:02:00.0", "nvme");
+  fake_.write("/sys/bus/pci/devices/0000:02:00.0/class", "0x010802\n");
+  EXPECT_THAT(port("0000:04:00.0"),
+              ElementsAre("problem: there is no PCI device 0000:04:00.0, only "
+                          "0000:01:00.0, 0000:03:00.0 -> dpdk-devbind.py "
+                          "--status-dev net"));
 }
 
 TEST_F(PortChecks, CardIsKnownHoweverItsAddressIsWritten) {
@@ -248,6 +292,15 @@ TEST_F(PortChecks, LockedMemory) {
               "Max locked memory         536870912            536870912        "
               "    bytes\n");
   EXPECT_THAT(port("03:00.0"), ElementsAre("ok: 03:00.0"));
+  config_.memoryMb = 513;
+  EXPECT_THAT(port("03:00.0"),
+              ElementsAre("problem: the card reads and writes 513 MB of locked "
+                          "memory, and this process may lock 512 MB -> ulimit "
+                          "-l unlimited"));
+  // CAP_IPC_LOCK, bit 14.
+  fake_.write("/proc/self/status", "CapEff:\t0000000000004000\n");
+  EXPECT_THAT(port("03:00.0"), ElementsAre("ok: 03:00.0"));
+  fake_.write("/proc/self/status", "CapEff:\t0000000000000000\n");
   fake_.write("/proc/self/limits",
               "Max locked memory         unlimited            unlimited        "
               "    bytes\n");
@@ -269,8 +322,20 @@ TEST_F(PortChecks, CardsThatAreNoPorts) {
                   "and is no port; to make it one: dpdk-devbind.py "
                   "--bind=vfio-pci 0000:03:00.0; then in switch.yaml: device: "
                   "\"0000:03:00.0\""));
+  EXPECT_THAT(port("03:00.0"),
+              ElementsAre("problem: the kernel's module vfio-pci is not loaded "
+                          "-> modprobe vfio-pci",
+                          "problem: the kernel's driver virtio-pci holds "
+                          "0000:03:00.0 as ens3 -> ip link set ens3 down && "
+                          "dpdk-devbind.py --bind=vfio-pci 0000:03:00.0"));
   fake_.write("/sys/bus/pci/devices/0000:03:00.0/class", "0x010802\n");
   EXPECT_THAT(otherCards("net_null0"), IsEmpty());
+  fake_.addCard("0000:07:00.0", "");
+  EXPECT_THAT(otherCards("net_null0"),
+              ElementsAre("ok: 0000:07:00.0 (8086:1572) has no driver and is "
+                          "no port; to make it one: dpdk-devbind.py "
+                          "--bind=vfio-pci 0000:07:00.0; then in switch.yaml: "
+                          "device: \"0000:07:00.0\""));
 }
 
 }  // namespace

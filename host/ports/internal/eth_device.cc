@@ -97,6 +97,7 @@ void EthDevice::Probe(const DpdkLogCapture& log) {
     throw std::runtime_error(ProbeFailure(device_, code, log));
   }
   if (rte_eth_dev_get_port_by_name(device_.name.c_str(), &id_) != 0) {
+    rte_eal_hotplug_remove(device_.pci ? "pci" : "vdev", device_.name.c_str());
     throw std::runtime_error("it is no Ethernet device");
   }
 }
