@@ -4,6 +4,7 @@
 #include <fmt/core.h>
 #include <signal.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -97,11 +98,13 @@ std::unique_ptr<MetricsServer> serveMetrics(const LiveSwitch& live) {
   return server;
 }
 
-void printDoor(const SwitchConfig& config) {
+// The system chooses the port where the configuration says 0.
+void printDoor(const SwitchConfig& config, uint16_t port) {
   printMessage("control: {}\n", config.controlSocket);
-  if (!config.controlAddress.empty()) {
-    printMessage("control: {}{}\n", config.controlAddress,
-                 config.tlsCertificate.path.empty() ? "" : " with TLS");
+  const std::string& address = config.controlAddress;
+  if (!address.empty()) {
+    printMessage("control: {}:{}{}\n", address.substr(0, address.rfind(':')),
+                 port, config.tlsCertificate.path.empty() ? "" : " with TLS");
   }
 }
 
@@ -131,7 +134,7 @@ int run(const RunOptions& options) {
   const std::unique_ptr<MetricsServer> metrics = serveMetrics(live);
   const DpdkTelemetry telemetry(live);
   ControlServer control(std::move(sockets), &live);
-  printDoor(live.config());
+  printDoor(live.config(), control.tcpPort());
   printMessage("DPDK telemetry: {}\n", DpdkTelemetry::command());
   printSummary(live);
   tellServiceManager("READY=1");

@@ -70,7 +70,6 @@ SwitchCounts readCounts(const SwitchGraph& graph, const FlowBook& book) {
   const uint64_t before = receivedPackets(graph);
   // Whatever was received before has then gone all its way.
   synchronize_rcu();
-  counts.deadEnds = 0;
   for (const uint64_t ends : graph.module().deadends()) {
     counts.deadEnds += ends;
   }
@@ -186,7 +185,8 @@ pb::StatsReply statsReply(const SwitchCounts& counts,
   }
   for (const SwitchDrop cause :
        {SwitchDrop::kNoSuchPort, SwitchDrop::kNoBufferForOutput,
-        SwitchDrop::kControllerQueueFull}) {
+        SwitchDrop::kControllerQueueFull,
+        SwitchDrop::kControllerCaptureFailed}) {
     *reply.add_drops() =
         dropCause(cause, account.drops[static_cast<size_t>(cause)]);
   }

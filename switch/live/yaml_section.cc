@@ -14,7 +14,10 @@
 namespace ofswitch {
 
 YamlSection::YamlSection(YAML::Node node, std::string file, std::string where)
-    : node_(std::move(node)), file_(std::move(file)), where_(std::move(where)) {
+    : node_(std::move(node)),
+      mark_(node_.Mark()),
+      file_(std::move(file)),
+      where_(std::move(where)) {
   if (node_.IsNull()) node_ = YAML::Node(YAML::NodeType::Map);
   if (!node_.IsMap()) {
     fail(where_.empty() ? "the file must hold keys and values"
@@ -32,9 +35,13 @@ YamlSection::YamlSection(YAML::Node node, std::string file, std::string where)
 
 void YamlSection::failAt(const YAML::Node& node,
                          const std::string& reason) const {
-  const YAML::Mark mark = node.Mark();
-  const int line = mark.is_null() ? 0 : mark.line + 1;
-  throw ConfigError(Diagnostic{file_, line, reason}.text());
+  failAt(node.Mark(), reason);
+}
+
+// A null mark is one of line -1.
+void YamlSection::failAt(const YAML::Mark& mark,
+                         const std::string& reason) const {
+  throw ConfigError(Diagnostic{file_, mark.line + 1, reason}.text());
 }
 
 std::string YamlSection::place(const YAML::Node& node) const {
@@ -42,7 +49,7 @@ std::string YamlSection::place(const YAML::Node& node) const {
 }
 
 void YamlSection::fail(const std::string& reason) const {
-  failAt(node_, reason);
+  failAt(mark_, reason);
 }
 
 std::string YamlSection::pathOf(std::string_view key) const {

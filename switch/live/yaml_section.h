@@ -52,7 +52,11 @@ class YamlSection {
   std::string pathOf(std::string_view key) const;
 
  private:
+  [[noreturn]] void failAt(const YAML::Mark& mark,
+                           const std::string& reason) const;
+
   YAML::Node node_;
+  YAML::Mark mark_;  // where it begins, also if nothing stands there
   std::string file_;
   std::string where_;
   std::vector<std::string_view> known_;  // literals
