@@ -117,7 +117,7 @@ void WorkerThread::Main() {
   const QsbrReader reader;
   IdleBackoff backoff;
   for (;;) {
-    if (wish_.load(std::memory_order_acquire) != Wish::kRun || tasks_.empty()) {
+    if (wish_.load(std::memory_order_acquire) != Wish::kRun) {
       WaitForWork();
       if (wish_.load(std::memory_order_acquire) == Wish::kQuit) {
         break;
@@ -136,6 +136,7 @@ void WorkerThread::Main() {
   rte_thread_unregister();
 }
 
+// Until the worker is to run and has tasks. Those change only while it is here.
 void WorkerThread::WaitForWork() {
   const QsbrOffline offline;
   std::unique_lock lock(mutex_);

@@ -45,8 +45,7 @@ class FieldCounter {
       const auto wireType = WireFormatLite::GetTagWireType(tag);
       const FieldDescriptor* field =
           type->FindFieldByNumber(WireFormatLite::GetTagFieldNumber(tag));
-      if (wireType == WireFormatLite::WIRETYPE_START_GROUP ||
-          wireType == WireFormatLite::WIRETYPE_END_GROUP) {
+      if (wireType == WireFormatLite::WIRETYPE_START_GROUP) {
         malformed(type_);  // there are none in what is served here
       }
       if (field != nullptr && field->message_type() != nullptr &&
@@ -120,9 +119,7 @@ void decode(const grpc::ByteBuffer& bytes, const MessageLimits& limits,
     FieldCounter(type, limits.fields).count(&in);
   }
   grpc::ProtoBufferReader reader(&buffer);
-  if (!reader.status().ok() || !message->ParseFromZeroCopyStream(&reader)) {
-    malformed(type);
-  }
+  if (!message->ParseFromZeroCopyStream(&reader)) malformed(type);
 }
 
 grpc::ByteBuffer encode(const google::protobuf::Message& message) {

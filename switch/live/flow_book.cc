@@ -109,9 +109,8 @@ void FlowBook::commit(Plan plan, Time now) {
     auto entry = entries_.find(step.key);
     if (step.before != nullptr) {
       Entry& old = entry->second;
-      const bool keep = step.after != nullptr && step.keepCounts;
       retire(*step.before, old.end, step.after.get(),
-             keep ? old.carried : nullptr);
+             step.keepCounts ? old.carried : nullptr);
       count(*step.before, -1);
       if (step.after == nullptr) {
         entries_.erase(entry);

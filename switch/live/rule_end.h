@@ -34,8 +34,7 @@ inline RuleEnd endOf(const Flow& flow, const PreparedFlow& prepared) {
             static_cast<uint8_t>(prepared.action.values().nexttbl())};
   }
   if (fields.setoutputall() || fields.setoutputflood() ||
-      fields.setoutputport() || fields.setoutputinport() ||
-      fields.setoutputcontroller()) {
+      fields.setoutputinport() || fields.setoutputcontroller()) {
     return {Kind::kSent};
   }
   if (!fields.setoutputdrop()) return {Kind::kNoOutput};

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "switch/terminal/amounts.h"
 
@@ -101,12 +102,12 @@ class Accountant {
     if (counts_.tableCountsExact || stats.batchdrops() > 0) {
       table.misses = take(stats.tablemisses(), "missed");
     } else {
-      table.misses = take(rest, "missed");
+      table.misses = std::exchange(rest, 0);
     }
     // A batch is counted as one whatever its size; its packets are what no flow
     // and no miss accounts for.
     if (stats.batchdrops() > 0) {
-      table.batchDropPackets = take(rest, "were freed with their batch");
+      table.batchDropPackets = std::exchange(rest, 0);
     }
     table.notCopied = rest;
     account_.misses += table.misses;

@@ -103,9 +103,7 @@ class PolicyLoader {
       if (const auto* update = std::get_if<TableUpdate>(&command.argument)) {
         for (const quil::pb::OpenFlowAddFlow& add : update->adds()) {
           for (const uint32_t gate : add.action().values().ogate()) {
-            if (gate <= kMaxPort) {
-              ports.push_back(static_cast<uint16_t>(gate));
-            }
+            ports.push_back(static_cast<uint16_t>(gate));  // kMaxPort at most
           }
         }
       }
