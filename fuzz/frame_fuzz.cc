@@ -5,7 +5,8 @@
 // chains. Bytes, metadata, counters and drops must be those of the twin.
 //
 // Input, for each packet: start table (bit 7: valid), flags, in-port (2 bytes),
-// metadata (2), headroom (2), filler (1), length (2), bytes.
+// metadata (2), headroom (2), filler (1), length (2), bytes; with flag 2 the
+// length of the first of two segments (2).
 #include <algorithm>
 #include <sstream>
 #include <string>
@@ -47,8 +48,14 @@ class Bench {
     if (module.leakedPackets != 0) {
       openflow_fuzz::fail("{} packets leaked", module.leakedPackets);
     }
-    // What stands behind a short copy's data is whatever was there before.
-    if (twin_.readGarbage() || module == expected) return;
+    if (twin_.readGarbage()) {
+      // What stands behind a short copy's data is whatever was there before, so
+      // a packet with such a copy is left out.
+      if (packets.size() == 1) return;
+      for (const InputPacket& packet : packets) compare({packet});
+      return;
+    }
+    if (module == expected) return;
     std::ostringstream text;
     for (const InputPacket& packet : packets) text << packet;
     text << "module\n" << module << "twin\n" << expected;
@@ -76,6 +83,11 @@ InputPacket takePacket(Input* input) {
   packet.bytes.assign(bytes.begin(), bytes.end());
   packet.headroom =
       std::min<size_t>(headroom, kBufferSize - packet.bytes.size());
+  if (flags & 4) {
+    const size_t first =
+        std::min<size_t>(input->take<uint16_t>(), packet.bytes.size());
+    packet.segments = {first, packet.bytes.size() - first};
+  }
   return packet;
 }
 
