@@ -169,6 +169,12 @@ TEST_F(CommandTest, AnUnknownOneSaysSo) {
             "module class 'Probe' has no command 'dance'");
 }
 
+TEST_F(CommandTest, ItsNameIsTheWholeName) {
+  for (const char* cmd : {"saf", "safely", "Safe", ""}) {
+    EXPECT_EQ(Run(cmd).error().code(), ENOTSUP) << cmd;
+  }
+}
+
 TEST_F(CommandTest, WhatItThrowsPassesThrough) {
   EXPECT_THROW(Run("throw"), std::runtime_error);
 }

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <rte_log.h>
 
+#include <cstdio>
+
 namespace {
 
 void Say(const char* text) {
@@ -18,6 +20,16 @@ TEST(DpdkLogCaptureTest, SummarisesWhatDriversSay) {
   Say("\n");
   Say("net_a: gives up\n");
   EXPECT_EQ(log.Summary(), "net_a: has no cable; net_a: gives up");
+}
+
+TEST(DpdkLogCaptureTest, GivesBackTheStreamThatItFound) {
+  FILE* const own = tmpfile();
+  ASSERT_NE(own, nullptr);
+  rte_openlog_stream(own);
+  { const bess::DpdkLogCapture log; }
+  EXPECT_EQ(rte_log_get_stream(), own);
+  rte_openlog_stream(nullptr);
+  fclose(own);
 }
 
 TEST(DpdkLogCaptureTest, EndsWithItsScope) {

@@ -277,6 +277,12 @@ TEST(EalTest, IsQuietUnlessAskedForMore) {
               testing::Not(testing::HasSubstr("EAL: Detected")));
   EXPECT_EXIT(starts(false), testing::ExitedWithCode(0),
               testing::HasSubstr("EAL: Detected"));
+  // What has gone wrong is told all the same.
+  const auto fails = [] {
+    exit(bess::InitEal({.extra_args = {"--no-such-option"}}).empty() ? 1 : 0);
+  };
+  EXPECT_EXIT(fails(), testing::ExitedWithCode(0),
+              testing::HasSubstr("EAL: Invalid 'command line' arguments"));
 }
 
 // As DPDK does with the cards that it is told of.
@@ -303,6 +309,15 @@ TEST(EalTest, WhatDpdkTookAtItsStartCanBecomeAPort) {
       }
     }
     return true;
+  });
+}
+
+TEST(EalTest, TheDefaultPoolIsMadeWhenItIsFirstAskedFor) {
+  InChild([] {
+    bess::InitEal({.memory_mb = 128});
+    return Expect(bess::PacketPool::Default()->capacity() == 16383,
+                  "as large as it says") &&
+           Expect(!bess::PacketPool::MakeDefault(100), "and there to stay");
   });
 }
 

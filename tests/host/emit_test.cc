@@ -5,11 +5,12 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "probe.h"
+#include "emitting_fixture.h"
 
 namespace {
 
@@ -18,29 +19,7 @@ using bess::PacketBatch;
 using testing::Each;
 using testing::ElementsAre;
 
-std::vector<std::string> Numbers(int from, int to) {
-  std::vector<std::string> texts;
-  for (int i = from; i < to; i++) {
-    texts.push_back(std::to_string(i));
-  }
-  return texts;
-}
-
-class EmitTest : public HostTest {
- protected:
-  // Emits one packet of that text on each of the gates.
-  void Emit(Context* ctx, const std::string& text,
-            std::initializer_list<gate_idx_t> gates) {
-    for (gate_idx_t gate : gates) {
-      probe_->EmitPacket(ctx, MakePacket(text), gate);
-    }
-  }
-
-  void Run() { worker_.Run(probe_->task()); }
-
-  Probe* probe_ = MakeProbe("probe");
-  bess::InlineWorker worker_{0};
-};
+using EmitTest = EmittingTest;
 
 TEST_F(EmitTest, GoesToTheModuleBehindTheGate) {
   Sink* one = MakeSink("one");
@@ -306,6 +285,24 @@ TEST_F(EmitTest, ModulesInARowKeepTheOrder) {
   EXPECT_EQ(Texts(sink->Take()), Numbers(0, 75));
 }
 
+// Each of the sixteen has a slot of its own in every gate.
+TEST_F(EmitTest, EveryWorkerCollectsByItself) {
+  Sink* sink = MakeSink("sink");
+  Connect(probe_, 0, sink, 0);
+  std::vector<std::unique_ptr<Task>> tasks;
+  Context contexts[Worker::kMaxWorkers];
+  for (int wid = 0; wid < Worker::kMaxWorkers; wid++) {
+    tasks.push_back(std::make_unique<Task>(probe_, nullptr));
+    contexts[wid].wid = wid;
+    contexts[wid].task = tasks.back().get();
+    Emit(&contexts[wid], std::to_string(wid), {0});
+  }
+  for (int wid = Worker::kMaxWorkers - 1; wid >= 0; wid--) {
+    tasks[wid]->RunPending(&contexts[wid]);
+    EXPECT_THAT(Texts(sink->Take()), ElementsAre(std::to_string(wid)));
+  }
+}
+
 TEST_F(EmitTest, WorkersCollectApart) {
   Sink* sink = MakeSink("sink");
   Connect(probe_, 0, sink, 0);
@@ -328,85 +325,6 @@ TEST_F(EmitTest, WorkersCollectApart) {
   const auto captured = sink->Take();
   EXPECT_THAT(Texts(captured), ElementsAre("a", "c"));
   EXPECT_EQ(captured[0].wid, 1);
-}
-
-TEST_F(EmitTest, WhatWasEmittedOutsideOfARunGoesWithTheNextOne) {
-  Sink* sink = MakeSink("sink");
-  Connect(probe_, 0, sink, 0);
-  Context* ctx = worker_.context();
-  ctx->task = probe_->task();
-  for (const std::string& text : Numbers(0, 40)) {
-    Emit(ctx, text, {0});
-  }
-  probe_->on_run = [&](Context* run_ctx, PacketBatch*) {
-    Emit(run_ctx, "40", {0});
-  };
-  Run();
-  EXPECT_EQ(Texts(sink->Take()), Numbers(0, 41));
-}
-
-// Of the gates that wait, whichever it is in their row.
-TEST_F(EmitTest, WhatWaitsInAGateIsFreedWithTheLink) {
-  Sink* sink = MakeSink("sink");
-  for (const gate_idx_t cut : {0, 1, 2}) {
-    for (const gate_idx_t gate : {0, 1, 2, 3}) Connect(probe_, gate, sink, 0);
-    const size_t before = pool_->available();
-    const uint64_t ended = probe_->deadends(0);
-    Context* ctx = worker_.context();
-    ctx->task = probe_->task();
-    Emit(ctx, "a", {0, 1, 2});
-    EXPECT_EQ(pool_->available(), before - 3);
-    bess::DisconnectModules("probe", cut);
-    EXPECT_EQ(pool_->available(), before - 2);
-    Emit(ctx, "b", {2, 1, 0});
-    Emit(ctx, "c", {3});
-    Run();
-    EXPECT_THAT(Texts(sink->Take()), ElementsAre("a", "b", "a", "b", "c"));
-    EXPECT_EQ(probe_->deadends(0), ended + 1);
-    for (const gate_idx_t gate : {0, 1, 2, 3}) {
-      if (gate != cut) bess::DisconnectModules("probe", gate);
-    }
-  }
-}
-
-// Two tasks of a worker that emit outside of a run: the gate goes on in the
-// hands of the first, and with its next run.
-TEST_F(EmitTest, AGateBelongsToTheTaskThatBegan) {
-  Sink* sink = MakeSink("sink");
-  Connect(probe_, 0, sink, 0);
-  Probe* other = MakeProbe("other");
-  Connect(other, 0, sink, 1);
-  other->on_run = [&](Context* run_ctx, PacketBatch*) {
-    other->EmitPacket(run_ctx, MakePacket("other's"), 0);
-  };
-  Context* ctx = worker_.context();
-  ctx->task = probe_->task();
-  for (const std::string& text : Numbers(0, 30)) Emit(ctx, text, {0});
-  ctx->task = other->task();
-  for (const std::string& text : Numbers(30, 40)) Emit(ctx, text, {0});
-  worker_.Run(other->task());
-  EXPECT_THAT(Texts(sink->Take()), ElementsAre("other's"));
-  Run();
-  EXPECT_EQ(Texts(sink->Take()), Numbers(0, 40));
-}
-
-TEST_F(EmitTest, WhatWaitsInAGateIsFreedWithTheTask) {
-  Sink* sink = MakeSink("sink");
-  Connect(probe_, 0, sink, 0);
-  const size_t before = pool_->available();
-  {
-    Task task(probe_, nullptr);
-    Context ctx;
-    ctx.task = &task;
-    for (int i = 0; i < 70; i++) {
-      Emit(&ctx, "a", {0});
-    }
-    EXPECT_EQ(pool_->available(), before - 70);
-  }
-  EXPECT_EQ(pool_->available(), before);
-  probe_->on_run = [&](Context* ctx, PacketBatch*) { Emit(ctx, "b", {0}); };
-  Run();
-  EXPECT_THAT(Texts(sink->Take()), ElementsAre("b"));
 }
 
 using EmitDeathTest = EmitTest;

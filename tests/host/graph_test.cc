@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "control.h"
@@ -20,6 +21,7 @@ TEST_F(GraphTest, MakesFindsAndDestroysInstances) {
   EXPECT_EQ(made.response.error().code(), 0);
   ASSERT_NE(made.module, nullptr);
   EXPECT_EQ(made.module->name(), "a");
+  EXPECT_EQ(made.module->GetDesc(), "") << "which it has not said";
   EXPECT_EQ(bess::FindModule("a"), made.module);
   EXPECT_EQ(bess::FindModule("b"), nullptr);
   EXPECT_THAT(bess::ListModules(), ElementsAre(made.module));
@@ -128,6 +130,21 @@ TEST_F(GraphTest, LinksGates) {
   EXPECT_EQ(bess::DisconnectModules("a", 8191).error().code(), ENOENT);
 }
 
+TEST_F(GraphTest, ModulesTellWhyTheyDoNotLink) {
+  Probe* a = MakeProbe("a");
+  Sink* sink = MakeSink("sink");
+  EXPECT_EQ(a->DisconnectGate(0), -ENOENT);
+  EXPECT_EQ(a->ConnectGate(8192, sink, 0), -EINVAL);
+  EXPECT_EQ(a->ConnectGate(0, sink, 8192), -EINVAL);
+  EXPECT_EQ(sink->ConnectGate(0, a, 0), -EINVAL);
+  EXPECT_EQ(a->ConnectGate(2, sink, 0), 0);
+  EXPECT_EQ(a->ConnectGate(2, sink, 1), -EBUSY);
+  EXPECT_EQ(a->DisconnectGate(1), -ENOENT);
+  EXPECT_EQ(a->DisconnectGate(3), -ENOENT);
+  EXPECT_EQ(a->DisconnectGate(2), 0);
+  EXPECT_EQ(a->DisconnectGate(2), -ENOENT);
+}
+
 TEST_F(GraphTest, AnInputGateStaysWhileALinkLeadsToIt) {
   Probe* a = MakeProbe("a");
   Probe* b = MakeProbe("b");
@@ -145,11 +162,11 @@ TEST_F(GraphTest, GatesBeyondTheClasssAreRefused) {
   MakeSink("sink");
   EXPECT_EQ(bess::ConnectModules("a", 8192, "sink", 0).error().code(), EINVAL);
   EXPECT_EQ(bess::ConnectModules("a", 0, "sink", 8192).error().code(), EINVAL);
-  const auto response = bess::ConnectModules("sink", 0, "a", 0);
+  const auto response = bess::ConnectModules("sink", 1, "a", 2);
   EXPECT_EQ(response.error().code(), EINVAL);
   EXPECT_EQ(response.error().errmsg(),
             "'sink' has output gates below 0 and 'a' input gates below 8192: "
-            "cannot link 0 to 0");
+            "cannot link 1 to 2");
 }
 
 TEST_F(GraphTest, DestroyingUnlinksBothSides) {
@@ -176,6 +193,24 @@ TEST_F(GraphTest, DestroysAllFromTheLastToTheFirst) {
   EXPECT_THAT(Probe::log(), ElementsAre("DeInit c", "delete c", "DeInit b",
                                         "delete b", "DeInit a", "delete a"));
   EXPECT_THAT(bess::ListModules(), ElementsAre());
+}
+
+// Throws what is no exception of the standard library.
+class Odd final : public Module {
+ public:
+  void DeInit() override { throw 5; }
+};
+
+TEST_F(GraphTest, AnythingMayBeThrown) {
+  ASSERT_TRUE(ModuleBuilder::RegisterModuleClass(
+      [] { return new Odd; }, "Odd", "odd", "", 0, 0, {},
+      MODULE_INIT_FUNC(&Module::Init)));
+  EXPECT_EQ(bess::CreateModule("Odd", "a").response.error().code(), 0);
+  const auto response = bess::DestroyModule("a");
+  EXPECT_EQ(response.error().code(), ENOTRECOVERABLE);
+  EXPECT_EQ(response.error().errmsg(), "unknown exception");
+  EXPECT_EQ(bess::FindModule("a"), nullptr);
+  EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Odd"));
 }
 
 // Says which one it was.

@@ -53,6 +53,8 @@ TEST(HostChecksTest, TellWhereNoFileCanBeMade) {
                            "denied");
   ExpectWithoutPermissions([] { return CheckCreatable("/etc/passwd"); },
                            "cannot write '/etc/passwd': Permission denied");
+  ExpectWithoutPermissions([] { return CheckReadable("/etc/shadow"); },
+                           "cannot read '/etc/shadow': Permission denied");
 }
 
 TEST(HostChecksTest, TapsNeedADriverAndACapability) {

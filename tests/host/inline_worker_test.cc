@@ -71,10 +71,27 @@ TEST_F(InlineWorkerTest, AnIndexBelongsToOne) {
   const InlineWorker worker(3);
   EXPECT_THROW(InlineWorker(3), std::runtime_error);
   EXPECT_EQ(Worker::Add(3), "worker 3 exists already");
+  EXPECT_EQ(Worker::Stop(3), "there is no worker 3");
   EXPECT_THROW(InlineWorker(16), std::runtime_error);
   EXPECT_THROW(InlineWorker(-1), std::runtime_error);
   ASSERT_EQ(Worker::Add(4), "");
   EXPECT_THROW(InlineWorker(4), std::runtime_error);
+}
+
+// Which is a matter of workers that are threads.
+TEST_F(InlineWorkerTest, IsNeitherPausedNorResumed) {
+  Probe* probe = MakeProbe("probe");
+  int runs = 0;
+  probe->on_run = [&](Context*, PacketBatch*) { runs++; };
+  ASSERT_EQ(Worker::Add(1), "");
+  InlineWorker worker(0);
+  EXPECT_EQ(Worker::ResumeAll(), "");
+  EXPECT_FALSE(Worker::IsRunning(0));
+  EXPECT_TRUE(Worker::IsRunning(1));
+  Worker::PauseAll();
+  worker.Run(probe->task());
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(Worker::List(), (std::vector<int>{0, 1}));
 }
 
 TEST_F(InlineWorkerTest, OneThatIsRefusedKeepsNoLcore) {

@@ -149,6 +149,13 @@ TEST_F(MemifPortTest, LeavesTheSocketToThoseThatStillListen) {
   EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
 
+TEST_F(MemifPortTest, SeveralMayListenAtAnAbstractSocket) {
+  const std::string args =
+      ",role=server,socket=ports_test_together" + std::to_string(getpid());
+  EXPECT_NE(Open("a", {.device = "net_memif0,id=0" + args}), nullptr);
+  EXPECT_NE(Open("b", {.device = "net_memif1,id=1" + args}), nullptr);
+}
+
 // The driver does not close it; opening the device again would spoil its name.
 TEST_F(MemifPortTest, TellsWhenAnAbstractSocketCannotBeUsedAgain) {
   static int round = 0;

@@ -38,10 +38,17 @@ TEST(PacketPoolTest, BulkIsAllOrNothing) {
   Packet* pkts[11];
   EXPECT_FALSE(pool.AllocBulk(pkts, 11));
   EXPECT_EQ(pool.available(), 10u);
-  EXPECT_TRUE(pool.AllocBulk(pkts, 10, 99));
-  EXPECT_EQ(pkts[9]->total_len(), 99);
-  EXPECT_EQ(pkts[9]->head_len(), 99);
-  Packet::Free(pkts, 10);
+  for (const uint16_t len : {99, 0, 2048}) {
+    ASSERT_TRUE(pool.AllocBulk(pkts, 10, len));
+    for (Packet* pkt : std::span(pkts, 10)) {
+      EXPECT_EQ(pkt->total_len(), len);
+      EXPECT_EQ(pkt->head_len(), len);
+      EXPECT_EQ(pkt->headroom(), Packet::kHeadroom);
+      EXPECT_EQ(pkt->tag(), 0u) << "of the packet that was there before";
+      pkt->set_tag(5);
+    }
+    Packet::Free(pkts, 10);
+  }
 }
 
 TEST(PacketPoolTest, TinyPoolsGetACacheThatFits) {
@@ -50,6 +57,14 @@ TEST(PacketPoolTest, TinyPoolsGetACacheThatFits) {
   EXPECT_NE(pkt, nullptr);
   EXPECT_EQ(pool.Alloc(), nullptr);
   Packet::Free(pkt);
+}
+
+TEST(PacketPoolTest, CachesAreAsLargeAsAskedForAndAsFits) {
+  EXPECT_EQ(PacketPool(1000).mempool()->cache_size, 256u);
+  EXPECT_EQ(PacketPool(1000, 0).mempool()->cache_size, 0u);
+  EXPECT_EQ(PacketPool(1000, 300).mempool()->cache_size, 300u);
+  EXPECT_EQ(PacketPool(1000, 600).mempool()->cache_size, 512u);
+  EXPECT_EQ(PacketPool(300, 256).mempool()->cache_size, 200u);
 }
 
 // At the same place of each page, packets would share a few lines of the
@@ -121,6 +136,7 @@ TEST(PacketPoolTest, DefaultIsMadeOnce) {
   PacketPool* pool = PacketPool::Default();
   EXPECT_EQ(PacketPool::Default(), pool);
   EXPECT_FALSE(PacketPool::MakeDefault(1));
+  EXPECT_FALSE(PacketPool::MakeDefault(pool->capacity() + 1));
   EXPECT_EQ(PacketPool::Default(), pool);
 }
 

@@ -89,6 +89,8 @@ TEST_F(PacketTest, AppendToAChainGoesToItsEnd) {
 TEST_F(PacketTest, LengthsCanBeSet) {
   Packet* pkt = Make("abcdef");
   pkt->set_data_len(3);
+  EXPECT_EQ(pkt->head_len(), 3);
+  EXPECT_EQ(pkt->total_len(), 6) << "each by itself";
   pkt->set_total_len(3);
   EXPECT_EQ(pkt->head_len(), 3);
   EXPECT_EQ(pkt->total_len(), 3);
@@ -97,6 +99,10 @@ TEST_F(PacketTest, LengthsCanBeSet) {
 }
 
 TEST_F(PacketTest, KnowsItsSegments) {
+  Packet* two = MakeChain({"ab", "cd"});
+  EXPECT_EQ(two->nb_segs(), 2);
+  EXPECT_FALSE(two->is_linear());
+  Packet::Free(two);
   Packet* pkt = MakeChain({"ab", "cd", "ef"});
   EXPECT_EQ(pkt->nb_segs(), 3);
   EXPECT_FALSE(pkt->is_linear());
@@ -127,8 +133,6 @@ TEST_F(PacketTest, FreshPacketsHaveNoMetadataFlags) {
   }
 }
 
-// Whoever reads headers at fixed positions reads the same in the copy.
-
 TEST_F(PacketTest, FreeTakesWholeChainsAndBatches) {
   PacketBatch batch;
   batch.clear();
@@ -139,6 +143,7 @@ TEST_F(PacketTest, FreeTakesWholeChainsAndBatches) {
   EXPECT_EQ(pool_.available(), kPackets);
   Packet::Free(MakeChain({"a", "b"}));
   EXPECT_EQ(pool_.available(), kPackets);
+  Packet::Free(nullptr, 0);
 }
 
 }  // namespace

@@ -6,9 +6,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "probe.h"
 
@@ -97,6 +100,51 @@ TEST_F(PluginTest, ATakenClassNameIsRefusedAndItsOwnerUnharmed) {
   EXPECT_EQ(bess::LoadPlugin(TWIN_PLUGIN), "");
   EXPECT_EQ(Find("Good")->help_text(), "the other one");
   EXPECT_EQ(bess::UnloadPlugin(TWIN_PLUGIN), "");
+}
+
+bool Expect(bool condition, const char* what) {
+  if (!condition) {
+    fprintf(stderr, "not so: %s\n", what);
+  }
+  return condition;
+}
+
+// In a process of its own, which it never leaves.
+TEST_F(PluginTest, OneThatIsMarkedToStayIsRefusedAndGoesOn) {
+  const auto stays = [] {
+    const std::string staying = std::filesystem::canonical(STAYING_PLUGIN);
+    if (!Expect(bess::LoadPlugin(STAYING_PLUGIN) == "", "loads") ||
+        !Expect(bess::LoadPlugin(GOOD_PLUGIN) == "", "so does another")) {
+      return false;
+    }
+    const auto both = bess::ListPlugins();
+    if (!Expect(both.size() == 2 && both[0].path == staying &&
+                    both[0].classes == std::vector<std::string>{"Staying"} &&
+                    both[1].classes == std::vector<std::string>{"Good"},
+                "listed as they came, each with its own")) {
+      return false;
+    }
+    bess::CreateModule("Staying", "s");
+    bess::CreateModule("Good", "g");
+    const std::string in_use = bess::UnloadPlugin(STAYING_PLUGIN);
+    bess::DestroyModule("g");
+    const std::string other_in_use = bess::UnloadPlugin(GOOD_PLUGIN);
+    bess::DestroyModule("s");
+    const std::string refused = bess::UnloadPlugin(STAYING_PLUGIN);
+    const auto left = bess::ListPlugins();
+    return Expect(in_use == staying + ": is in use by module s",
+                  in_use.c_str()) &&
+           Expect(other_in_use == "", other_in_use.c_str()) &&
+           Expect(refused == staying +
+                                 ": cannot be unloaded: the library is "
+                                 "marked to stay",
+                  refused.c_str()) &&
+           Expect(left.size() == 1 && left[0].path == staying, "is listed") &&
+           Expect(bess::CreateModule("Staying", "s").module != nullptr,
+                  "works on") &&
+           Expect(bess::UnloadPlugin(STAYING_PLUGIN) == in_use, "as ever");
+  };
+  EXPECT_EXIT(exit(stays() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 // Where it is searched for is the loader's business, whatever there is in the

@@ -21,7 +21,9 @@
 #include <cstring>
 #include <fstream>
 #include <future>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "port_harness.h"
 #include "ports/internal/host_checks.h"
@@ -144,6 +146,21 @@ TEST_F(PortOpeningTest, RefusesNamesThatAreTakenOrMissing) {
             "port 'b', device 'net_null0,size=70': the device is open already");
   EXPECT_EQ(bess::ClosePort("b"), "there is no port 'b'");
   EXPECT_EQ(bess::ListPorts().size(), 1u);
+}
+
+TEST_F(PortOpeningTest, IsKeptInTheOrderOfOpening) {
+  const bess::Port* b = Open("b", {.device = "net_null0"});
+  const bess::Port* a = Open("a", {.device = "net_null1"});
+  const bess::Port* c = Open("c", {.device = "net_null2"});
+  EXPECT_EQ(bess::FindPort("a"), a);
+  EXPECT_EQ(bess::ListPorts(),
+            (std::vector<bess::Port*>{bess::FindPort("b"), bess::FindPort("a"),
+                                      bess::FindPort("c")}));
+  EXPECT_EQ(bess::ClosePort("a"), "");
+  EXPECT_EQ(bess::FindPort("a"), nullptr);
+  EXPECT_EQ(bess::FindPort("b"), b);
+  EXPECT_EQ(bess::FindPort("c"), c);
+  EXPECT_EQ(bess::ListPorts().size(), 2u);
 }
 
 TEST_F(PortOpeningTest, TakesTheSmallestMtu) {
@@ -367,8 +384,12 @@ TEST_F(PortModulesTest, HaveQueuesToThemselves) {
   EXPECT_EQ(Make("PortIn", In("p", 1)).code(), 0);
   EXPECT_EQ(Make("PortIn", In("p", 0)).code(), 0);
   EXPECT_EQ(Make("PortOut", Out("p")).code(), 0);
-  EXPECT_EQ(Make("PortIn", In("p", 1)).code(), EBUSY);
-  EXPECT_EQ(Make("PortOut", Out("p")).code(), EBUSY);
+  const bess::pb::Error in = Make("PortIn", In("p", 1));
+  EXPECT_EQ(in.code(), EBUSY);
+  EXPECT_EQ(in.errmsg(), "another module receives from queue 1 of port 'p'");
+  const bess::pb::Error out = Make("PortOut", Out("p"));
+  EXPECT_EQ(out.code(), EBUSY);
+  EXPECT_EQ(out.errmsg(), "another module sends from port 'p'");
   EXPECT_EQ(bess::ClosePort("p"), "port 'p' is in use by modules");
   bess::DestroyAllModules();
   EXPECT_EQ(Make("PortIn", In("p", 1)).code(), 0);

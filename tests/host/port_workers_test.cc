@@ -84,6 +84,30 @@ TEST_F(PortWorkersTest, OneThatComesUnknownTakesTheQueueOfItsIndex) {
   }
 }
 
+// Which nobody else writes.
+TEST_F(PortWorkersTest, CountInCountersOfTheirOwn) {
+  Port* port = Open("loop", {.device = "net_ring0"});
+  const Sender sender = Send(port);
+  const Receiver receiver = Receive(port);
+  for (const int wid : {3, 15}) {
+    bess::InlineWorker worker(wid);
+    for (int i = 0; i < wid; i++) {
+      ASSERT_TRUE(sender.source->Push(MakePacket(MakeFrame(60))));
+    }
+    worker.Run(sender.task());
+    worker.Run(receiver.task());
+    const bess::PortCounters* own = port->counters(wid);
+    const auto packets = static_cast<uint64_t>(wid);
+    EXPECT_EQ(own->tx_entered, packets);
+    EXPECT_EQ(own->tx_packets, packets);
+    EXPECT_EQ(own->tx_bytes, packets * 60);
+    EXPECT_EQ(own->rx_packets, packets);
+    EXPECT_EQ(own->rx_bytes, packets * 60);
+  }
+  EXPECT_EQ(port->counters(0)->tx_entered, 0u);
+  EXPECT_EQ(port->stats().rx_packets, 18u);
+}
+
 TEST_F(PortWorkersTest, TellWhatTheyServeAndHowManyMayRunThem) {
   Port* port = Open("loop", {.device = "net_ring0", .rx_queues = 2});
   const PortIn* in = Receive(port, 1).in;

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
 #include <set>
+#include <utility>
+#include <vector>
 
 #include "modules/port_metadata.h"
 #include "port_harness.h"
@@ -22,6 +25,36 @@ PortMetadata MetadataOf(const Sink::Captured& captured) {
   PortMetadata block;
   memcpy(&block, captured.metadata.data(), sizeof(block));
   return block;
+}
+
+// By which operators' alarms know them.
+TEST(DropCauses, KeepTheirNames) {
+  const std::pair<DropCause, const char*> names[] = {
+      {DropCause::kRxMissed, "rx_missed"},
+      {DropCause::kRxNoBuffer, "rx_no_buffer"},
+      {DropCause::kRxError, "rx_error"},
+      {DropCause::kRxTooLong, "rx_frame_too_long"},
+      {DropCause::kTxPortDown, "tx_port_down"},
+      {DropCause::kTxQueueFull, "tx_queue_full"},
+      {DropCause::kTxTooLong, "tx_frame_too_long"},
+      {DropCause::kTxTooShort, "tx_frame_too_short"},
+      {DropCause::kTxTooManySegments, "tx_too_many_segments"},
+      {DropCause::kTxError, "tx_error"}};
+  ASSERT_EQ(std::size(names), bess::kNumDropCauses);
+  for (const auto& [cause, name] : names) {
+    EXPECT_STREQ(Info(cause).name, name);
+  }
+  EXPECT_THAT(Info(DropCause::kRxMissed).sentence, HasSubstr("too slow"));
+  EXPECT_THAT(Info(DropCause::kRxNoBuffer).sentence, HasSubstr("pool"));
+  EXPECT_THAT(Info(DropCause::kRxError).sentence, HasSubstr("broken"));
+  EXPECT_THAT(Info(DropCause::kRxTooLong).sentence, HasSubstr("merged"));
+  EXPECT_THAT(Info(DropCause::kTxPortDown).sentence, HasSubstr("is down"));
+  EXPECT_THAT(Info(DropCause::kTxQueueFull).sentence, HasSubstr("full"));
+  EXPECT_THAT(Info(DropCause::kTxTooLong).sentence, HasSubstr("longer"));
+  EXPECT_THAT(Info(DropCause::kTxTooShort).sentence, HasSubstr("shorter"));
+  EXPECT_THAT(Info(DropCause::kTxTooManySegments).sentence,
+              HasSubstr("more pieces"));
+  EXPECT_THAT(Info(DropCause::kTxError).sentence, HasSubstr("failed to send"));
 }
 
 TEST(DropCauses, HaveNamesAndSentencesOfTheirOwn) {
@@ -82,6 +115,47 @@ TEST_F(RingPortTest, MarksPacketsWithThePortAndNothingElse) {
   EXPECT_EQ(block.in_port, 70000u);
   EXPECT_EQ(block.metadata, 70000u);
   EXPECT_EQ(captured[0].tag, 0u);
+}
+
+// Keeps the packets that it is given.
+class Keeper final : public Module {
+ public:
+  void ProcessBatch(Context*, bess::PacketBatch* batch) override {
+    kept.insert(kept.end(), batch->pkts(), batch->pkts() + batch->cnt());
+  }
+  std::vector<Packet*> kept;
+};
+
+// The list of a burst is that of the one before, as far as it is shorter.
+TEST_F(RingPortTest, LeavesPacketsOfEarlierBurstsAlone) {
+  ASSERT_TRUE(ModuleBuilder::RegisterModuleClass(
+      [] { return new Keeper; }, "Keeper", "keeper", "", 1, 0, {},
+      MODULE_INIT_FUNC(&Module::Init)));
+  Port* port = Open("loop", {.device = "net_ring0"});
+  const Sender sender = Send(port);
+  const Receiver receiver = Receive(port);
+  bess::DestroyModule(receiver.sink->name());
+  auto* keeper = static_cast<Keeper*>(bess::CreateModule("Keeper").module);
+  EXPECT_EQ(bess::ConnectModules(receiver.in->name(), 0, keeper->name(), 0)
+                .error()
+                .code(),
+            0);
+  Push(sender, MakeFrame(60), 3);
+  worker()->Run(receiver.task());
+  ASSERT_EQ(keeper->kept.size(), 3u);
+  for (Packet* pkt : keeper->kept) {
+    pkt->set_tag(77);
+  }
+  Push(sender, MakeFrame(60), 1);
+  worker()->Run(receiver.task());
+  ASSERT_EQ(keeper->kept.size(), 4u);
+  for (size_t i = 0; i < 3; i++) {
+    EXPECT_EQ(keeper->kept[i]->tag(), 77u) << i;
+  }
+  EXPECT_EQ(keeper->kept[3]->tag(), 0u);
+  Packet::Free(keeper->kept.data(), keeper->kept.size());
+  bess::DestroyAllModules();
+  EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Keeper"));
 }
 
 TEST_F(RingPortTest, CountsWhatAFullQueueDoesNotTake) {

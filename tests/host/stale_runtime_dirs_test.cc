@@ -11,11 +11,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tests/captures/capture_files.h"
 
@@ -123,6 +125,34 @@ TEST_F(StaleRuntimeDirsTest, AreLeftWhenSomebodyListens) {
   close(fd);
   Clean();
   EXPECT_THAT(Left(), IsEmpty());
+}
+
+// One that has more to do than it can take is alive.
+TEST_F(StaleRuntimeDirsTest, AreLeftWhenTheirOwnerIsBusy) {
+  const std::string name = std::string("switch") + kNobody;
+  const fs::path path = Directory(name) / "telemetry";
+  const int listener = Bind(path);
+  ASSERT_EQ(listen(listener, 0), 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path, path.c_str(), path.string().size());
+  std::vector<int> waiting;
+  int result = 0;
+  while (result == 0 && waiting.size() < 100) {
+    waiting.push_back(
+        socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    result = connect(waiting.back(), reinterpret_cast<sockaddr*>(&address),
+                     sizeof(address));
+  }
+  ASSERT_EQ(result, -1) << "there is room for everybody";
+  ASSERT_EQ(errno, EAGAIN);
+  Clean();
+  EXPECT_THAT(Left(), ElementsAre(name));
+  EXPECT_TRUE(fs::exists(path));
+  for (const int fd : waiting) {
+    close(fd);
+  }
+  close(listener);
 }
 
 TEST_F(StaleRuntimeDirsTest, AreLeftWithAnythingElseInThem) {

@@ -2,10 +2,37 @@
 //
 // The longest frames: what an interface has, what its ring holds and what a
 // port is asked for.
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <cstdarg>
 
 #include "veth_fixture.h"
+
+namespace {
+
+bool refuses_mtus = false;
+
+}  // namespace
+
+// In front of the system's, which lets root do as it likes.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+  static const auto real =
+      reinterpret_cast<decltype(&ioctl)>(dlsym(RTLD_NEXT, "ioctl"));
+  va_list args;
+  va_start(args, request);
+  void* const argument = va_arg(args, void*);
+  va_end(args);
+  if (refuses_mtus && request == SIOCSIFMTU) {
+    errno = EPERM;
+    return -1;
+  }
+  return real(fd, request, argument);
+}
 
 namespace {
 
@@ -93,6 +120,18 @@ TEST_F(VethTest, SetsTheMtuWhenAskedTo) {
   Ip("link set left mtu 1500");
   port->Refresh();
   EXPECT_EQ(port->mtu(), 1500);
+}
+
+TEST_F(VethTest, SaysWhyTheMtuCannotBeSet) {
+  bess::PortOptions options = {.device = "net_af_packet0,iface=left",
+                               .mtu = 1400};
+  refuses_mtus = true;
+  EXPECT_EQ(Failure(options),
+            "port 'p', device 'net_af_packet0,iface=left': the MTU of "
+            "interface left cannot be set to 1400: Operation not permitted");
+  options.mtu = 0;
+  EXPECT_EQ(Failure(options), "") << "the interface's own is as it is";
+  refuses_mtus = false;
 }
 
 }  // namespace

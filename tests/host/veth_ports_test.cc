@@ -12,6 +12,18 @@ using bess::DropCause;
 using bess::Port;
 using bess::PortStats;
 
+// Flows are dealt out to queues by their addresses and ports.
+std::string UdpFrame(uint8_t source_port) {
+  std::string frame = MakeFrame(60);
+  frame.replace(12, 2, "\x08\x00", 2);
+  frame.replace(14, 20,
+                std::string("\x45\0\0\x2e\0\0\0\0\x40\x11\0\0\x0a\0\0"
+                            "\x01\x0a\0\0\x02",
+                            20));
+  frame[35] = static_cast<char>(source_port);
+  return frame;
+}
+
 TEST_F(VethTest, ReceivesWhatComesOverTheCable) {
   Ip("link set left address 02:ab:cd:ef:00:01");
   Port* port = OpenLeft();
@@ -157,6 +169,23 @@ TEST_F(VethTest, DoesNotReceiveWhatTheKernelSends) {
   EXPECT_EQ(port->stats().rx_received, 0u);
 }
 
+TEST_F(VethTest, NoQueueReceivesWhatTheKernelSends) {
+  Port* port = OpenLeft(",qpairs=3");
+  ASSERT_NE(port, nullptr);
+  RawSocket kernel("left");
+  RawSocket right("right");
+  for (uint8_t flow = 0; flow < 64; flow++) {
+    ASSERT_TRUE(kernel.Send(UdpFrame(flow)));
+  }
+  ASSERT_TRUE(right.Send(MakeFrame(60, 1)));
+  size_t received = 0;
+  for (uint16_t queue = 0; queue < 3; queue++) {
+    received += Pull(Receive(port, queue)).size();
+  }
+  EXPECT_EQ(received, 1u);
+  EXPECT_EQ(port->stats().rx_received, 1u);
+}
+
 TEST_F(VethTest, DropsFramesThatTheInterfaceMerged) {
   Port* port = OpenLeft();
   const Receiver receiver = Receive(port);
@@ -245,12 +274,13 @@ INSTANTIATE_TEST_SUITE_P(Ends, VethLinkTest, testing::Values("left", "right"),
 TEST_F(VethTest, StaysWithItsInterfaceUnderAnotherName) {
   Port* port = OpenLeft();
   Ip("link set left down");
-  Ip("link set left name other");
-  Ip("link set other up");
+  // As long as a name can be.
+  Ip("link set left name fifteen-letters");
+  Ip("link set fifteen-letters up");
   ASSERT_TRUE(LinkGoes(port, true));
-  Ip("link set other down");
+  Ip("link set fifteen-letters down");
   ASSERT_TRUE(LinkGoes(port, false));
-  Ip("link set other name left");
+  Ip("link set fifteen-letters name left");
 }
 
 // The port asks ten times a second, for days.
@@ -298,16 +328,8 @@ TEST_F(VethTest, ReadsAllQueues) {
   EXPECT_EQ(port->rx_queues(), 3);
   EXPECT_EQ(port->tx_queues(), 3);
   RawSocket right("right");
-  // Flows are dealt out by their addresses and ports.
-  for (char flow = 0; flow < 64; flow++) {
-    std::string frame = MakeFrame(60);
-    frame.replace(12, 2, "\x08\x00", 2);
-    frame.replace(14, 20,
-                  std::string("\x45\0\0\x2e\0\0\0\0\x40\x11\0\0\x0a\0\0"
-                              "\x01\x0a\0\0\x02",
-                              20));
-    frame[35] = flow;  // source port
-    ASSERT_TRUE(right.Send(frame));
+  for (uint8_t flow = 0; flow < 64; flow++) {
+    ASSERT_TRUE(right.Send(UdpFrame(flow)));
   }
   size_t received = 0;
   int queues = 0;

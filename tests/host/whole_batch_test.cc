@@ -53,6 +53,20 @@ TEST_F(WholeBatchTest, WithoutALinkItIsDropped) {
   EXPECT_EQ(worker_.context()->silent_drops, 2u);
 }
 
+// The first number that no gate has.
+TEST_F(WholeBatchTest, BehindTheLastLinkItIsDropped) {
+  Sink* sink = MakeSink("sink");
+  Connect(probe_, 4, sink, 0);
+  probe_->on_run = [&](Context* ctx, PacketBatch* batch) {
+    batch->add(MakePacket("a"));
+    probe_->RunChooseModule(ctx, 5, batch);
+    probe_->EmitPacket(ctx, MakePacket("b"), 5);
+  };
+  Run();
+  EXPECT_EQ(probe_->deadends(0), 2u);
+  EXPECT_EQ(sink->count(), 0u);
+}
+
 TEST_F(WholeBatchTest, EmptyItWakesNobody) {
   Sink* sink = MakeSink("sink");
   Connect(probe_, 0, sink, 0);

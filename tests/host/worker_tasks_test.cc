@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "probe.h"
 #include "worker.h"
@@ -177,6 +178,33 @@ TEST_F(WorkerTasksTest, DestroyingFreesWhatTheTaskHasQueued) {
   ASSERT_EQ(bess::DestroyModule("probe").error().errmsg(), "");
   EXPECT_EQ(pool_->available(), before);
   EXPECT_EQ(sink->count(), 0u);
+}
+
+TEST_F(WorkerTasksTest, AllTasksOfAModuleGoTogether) {
+  for (int wid = 0; wid < 3; wid++) {
+    ASSERT_EQ(Worker::Add(wid), "");
+  }
+  Probe* probe = MakeProbe("probe");
+  ASSERT_EQ(probe->RegisterTask(nullptr), 1);
+  const auto wids = [&] {
+    return std::vector<int>{probe->tasks()[0]->wid(), probe->tasks()[1]->wid()};
+  };
+  EXPECT_EQ(wids(), (std::vector<int>{-1, -1}));
+  ASSERT_EQ(Worker::AttachTasks(probe, 1), "");
+  EXPECT_EQ(wids(), (std::vector<int>{1, 1}));
+  ASSERT_EQ(Worker::AttachTasks(probe, 2), "");
+  EXPECT_EQ(wids(), (std::vector<int>{2, 2}));
+  EXPECT_EQ(Worker::Stop(1), "");
+  EXPECT_EQ(wids(), (std::vector<int>{2, 2}));
+  EXPECT_EQ(Worker::Stop(2), "");
+  EXPECT_EQ(wids(), (std::vector<int>{-1, -1}));
+  ASSERT_EQ(Worker::Add(15), "");
+  ASSERT_EQ(Worker::AttachTasks(probe, 15), "");
+  EXPECT_EQ(wids(), (std::vector<int>{15, 15}));
+  EXPECT_TRUE(probe->is_active_worker(15));
+  Worker::DetachTasks(probe);
+  EXPECT_EQ(wids(), (std::vector<int>{-1, -1}));
+  EXPECT_EQ(probe->num_active_workers(), 0);
 }
 
 // The rest of a round may be idle: one busy task keeps its worker awake.

@@ -10,6 +10,9 @@
 #include <urcu-qsbr.h>
 
 #include <atomic>
+#include <cstring>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include "modules/source.h"
@@ -30,6 +33,18 @@ int AnyCore() {
     }
   }
   return -1;
+}
+
+// As the kernel writes it: 0-3,8.
+std::string AllowedCores() {
+  constexpr char kName[] = "Cpus_allowed_list:\t";
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(kName)) {
+      return line.substr(strlen(kName));
+    }
+  }
+  return "nothing";
 }
 
 class WorkerTest : public HostTest {};
@@ -58,10 +73,10 @@ TEST_F(WorkerTest, RefusesWhatCannotBe) {
   EXPECT_EQ(Worker::Add(-1), "worker -1: must be below 16");
   EXPECT_EQ(Worker::Add(0, 1000000), "worker 0: there is no core 1000000");
   EXPECT_EQ(Worker::Add(0, CPU_SETSIZE), "worker 0: there is no core 1024");
-  EXPECT_THAT(
-      Worker::Add(0, 1023),
-      testing::MatchesRegex("worker 0: cannot be pinned to core 1023: "
-                            "Invalid argument; it may run on [-,0-9]+"));
+  EXPECT_EQ(Worker::Add(0, 1023),
+            "worker 0: cannot be pinned to core 1023: Invalid argument; it may "
+            "run on " +
+                AllowedCores());
   EXPECT_FALSE(Worker::Exists(0));
   for (const int wid : {-1, 0, 15, 16}) {
     EXPECT_FALSE(Worker::Exists(wid));
