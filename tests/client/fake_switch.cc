@@ -47,7 +47,7 @@ grpc::Status FakeSwitch::ChangeFlows(
   }
   std::this_thread::sleep_for(changeTime);
   *event.mutable_reply() = changeReply;
-  if (status.ok()) writer->Write(event);
+  if (status.ok() && !hangsUp) writer->Write(event);
   return status;
 }
 

@@ -35,6 +35,7 @@ class FakeSwitch final : public pb::Switch::Service {
   std::vector<pb::FlowProgress> progress;
   pb::FlowChangeReply changeReply;
   std::chrono::milliseconds changeTime{0};  // between progress and reply
+  bool hangsUp = false;                     // without that reply
   pb::TablesReply tables;
   pb::PortsReply ports;
   std::vector<pb::StatsReply> stats;  // the last one stays

@@ -118,6 +118,14 @@ TEST_F(FlowsCommand, TellsOfBuildsThatFailedAndWereUndone) {
             "earlier one\n");
 }
 
+TEST_F(FlowsCommand, FailsWhenThereIsNoAnswer) {
+  fake_.hangsUp = true;
+  run("flows add actions=drop");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(out_, "");
+  EXPECT_EQ(err_, "ofswitch: the switch hung up without an answer\n");
+}
+
 TEST_F(FlowsCommand, FailsWhenTheSwitchDoes) {
   fake_.flows.resize(1);
   fake_.flows[0].set_text("a flow");

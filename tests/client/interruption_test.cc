@@ -71,6 +71,19 @@ TEST_F(InterruptionDeathTest, EndsTheProcessWhenThatDoesNotEndItself) {
   EXPECT_EXIT(run(), KilledBySignal(SIGINT), "");
 }
 
+// It was not there yet when the first second was over.
+TEST_F(InterruptionDeathTest, EndsTheProcessHoweverLateItComesAgain) {
+  const auto run = [] {
+    Interruption interruption;
+    interrupt(interruption);
+    std::this_thread::sleep_for(2s);
+    kill(getpid(), SIGTERM);
+    std::this_thread::sleep_for(openflow_test::timeLimit(5s));
+    _exit(1);
+  };
+  EXPECT_EXIT(run(), KilledBySignal(SIGTERM), "");
+}
+
 TEST_F(InterruptionDeathTest, HasItsUsualEffectAfterwards) {
   const auto run = [] {
     { const Interruption interruption; }

@@ -1,59 +1,12 @@
 // SPDX-License-Identifier: BSD-3-Clause
-#include <gmock/gmock.h>
+#include "tests/client/reports.h"
 
-#include "tests/client/client_command.h"
+#include <gmock/gmock.h>
 
 namespace ofswitch {
 namespace {
 
 using testing::HasSubstr;
-
-constexpr uint64_t kSecond = 1'000'000'000;
-
-class Reports : public ClientCommand {
- protected:
-  static pb::DropCause drop(const std::string& name, uint64_t packets,
-                            uint32_t table = 0, uint32_t port = 0) {
-    pb::DropCause cause;
-    cause.set_name(name);
-    cause.set_sentence("About " + name + ".");
-    cause.set_packets(packets);
-    cause.set_table(table);
-    cause.set_port(port);
-    return cause;
-  }
-
-  static pb::StatsReply stats(uint64_t seconds, uint64_t packets) {
-    pb::StatsReply reply;
-    reply.set_time_ns(1'000 * kSecond + seconds * kSecond);
-    reply.set_uptime_ns(seconds * kSecond);
-    reply.set_flows(1);
-    reply.set_flow_changes(2);
-    reply.set_expired_idle(1);
-    reply.set_expired_hard(7);
-    reply.set_packets_received(packets);
-    reply.set_bytes_received(100 * packets);
-    reply.set_packets_forwarded(packets / 2);
-    reply.set_copies_output(4 * packets);
-    reply.set_packets_sent(3 * packets);
-    reply.set_bytes_sent(300 * packets);
-    *reply.add_drops() = drop("table_miss", packets / 2, 0);
-    *reply.add_drops() = drop("no_such_port", 0);
-    *reply.add_drops() = drop("rx_missed", 3, 0, 2);
-    *reply.add_drops() = drop("rx_missed", 1'000'000 + packets / 10, 0, 3);
-    reply.set_closes(true);
-    reply.set_exact(true);
-    pb::WorkerStats* worker = reply.add_workers();
-    worker->set_core(-1);
-    worker->set_running(true);
-    worker->set_task_runs(17);
-    worker->add_tasks("port1 queue 0");
-    worker->add_tasks("port2 queue 0");
-    reply.set_buffers_total(100);
-    reply.set_buffers_free(90);
-    return reply;
-  }
-};
 
 TEST_F(Reports, Tables) {
   pb::Table* table = fake_.tables.add_tables();
@@ -68,7 +21,12 @@ TEST_F(Reports, Tables) {
   table->mutable_ipv6()->set_failed_builds(1);
   *table->add_drops() = drop("table_miss", 10, 3);
   *table->add_drops() = drop("no_output", 0, 3);
-  fake_.tables.add_tables()->set_table(7);
+  table = fake_.tables.add_tables();
+  table->set_table(7);
+  table->mutable_ipv4()->set_longest_build_ns(1'000'000);
+  table->mutable_ipv6()->set_flows(5);
+  table->mutable_ipv6()->set_longest_build_ns(2'500'000);
+  fake_.tables.add_tables()->set_table(8);
   run("tables --all");
   EXPECT_EQ(status_, 0) << err_;
   EXPECT_TRUE(fake_.tablesRequest.all());
@@ -77,7 +35,9 @@ TEST_F(Reports, Tables) {
             "builds failed longest build\n"
             "      3     2          4          0    1000     990      10      "
             "3      1       1.50 ms\n"
-            "      7     0          0          0       0       0       0      "
+            "      7     0          0          5       0       0       0      "
+            "0      0       2.50 ms\n"
+            "      8     0          0          0       0       0       0      "
             "0      0             -\n"
             "\n"
             "Dropped\n"
@@ -140,143 +100,6 @@ TEST_F(Reports, Ports) {
   EXPECT_EQ(json()[2]["linkUp"], false);
 }
 
-TEST_F(Reports, Stats) {
-  fake_.stats = {stats(3723, 10)};
-  run("stats --exact");
-  EXPECT_EQ(status_, 0) << err_;
-  EXPECT_TRUE(fake_.statsRequest.pause());
-  EXPECT_EQ(out_,
-            "up 1 h 2 min, 1 flow, 2 flow changes, 1 flow expired by idle "
-            "timeout, 7 by hard timeout\n"
-            "\n"
-            "Packets\n"
-            "  packets bytes\n"
-            "       10  1000  received\n"
-            "        5        forwarded\n"
-            "       40        copies for outputs\n"
-            "       30  3000  copies sent\n"
-            "\n"
-            "Dropped\n"
-            "  packets  where    cause\n"
-            "        5  table 0  table_miss  About table_miss.\n"
-            "        3  port 2   rx_missed   About rx_missed.\n"
-            "  1000001  port 3   rx_missed   About rx_missed.\n"
-            "\n"
-            "Workers\n"
-            "  worker core rounds  state    serves\n"
-            "       0  any     17  running  port1 queue 0, port2 queue 0\n"
-            "\n"
-            "Packet buffers: 90 of 100 free\n"
-            "Every packet is accounted for.\n");
-  run("stats --json");
-  EXPECT_FALSE(fake_.statsRequest.pause());
-  EXPECT_EQ(json()["packetsReceived"], 10);
-  EXPECT_EQ(json()["workers"][0]["core"], -1);
-  EXPECT_EQ(json()["closes"], true);
-}
-
-TEST_F(Reports, StatsThatDoNotClose) {
-  fake_.stats = {stats(3, 10)};
-  fake_.stats[0].set_exact(false);
-  fake_.stats[0].set_packets_in_flight(1);
-  run("stats");
-  EXPECT_EQ(status_, 0);
-  EXPECT_THAT(out_, HasSubstr("\n1 packet was under way while this was read; "
-                              "--exact rules that out.\n"));
-  fake_.stats[0].set_closes(false);
-  fake_.stats[0].add_discrepancies("table 3: 7 packets came, but 6 ended");
-  run("stats");
-  EXPECT_EQ(status_, 1);
-  EXPECT_THAT(
-      out_,
-      HasSubstr("\nDOES NOT ADD UP: table 3: 7 packets came, but 6 ended\n"));
-}
-
-TEST_F(Reports, WatchedStatsHaveRates) {
-  fake_.stats = {stats(10, 10), stats(12, 4'000'010)};
-  run("stats --watch 0.05 --count 2");
-  EXPECT_EQ(status_, 0) << err_;
-  EXPECT_THAT(out_,
-              HasSubstr("Every packet is accounted for.\n"
-                        "\n"
-                        "up 12 s, 1 flow, 2 flow changes, 1 flow expired by "
-                        "idle timeout, 7 by hard timeout\n"
-                        "\n"
-                        "Packets\n"
-                        "   packets      bytes packets/s  bit/s\n"
-                        "   4000010  400001000    2.00 M 1.60 G  received\n"
-                        "   2000005               1.00 M         forwarded\n"
-                        "  16000040               8.00 M         copies for "
-                        "outputs\n"
-                        "  12000030 1200003000    6.00 M 4.80 G  copies "
-                        "sent\n"
-                        "\n"
-                        "Dropped\n"
-                        "  packets per second  where    cause\n"
-                        "  2000005     1.00 M  table 0  table_miss  About "
-                        "table_miss.\n"
-                        "        3          0  port 2   rx_missed   About "
-                        "rx_missed.\n"
-                        "  1400001      200 k  port 3   rx_missed   About "
-                        "rx_missed.\n"));
-  EXPECT_THAT(out_, testing::StartsWith("up 10 s"));
-  EXPECT_EQ(out_.find('\033'), std::string::npos);
-}
-
-TEST_F(Reports, WatchedStatsAsJsonAreOneObjectALine) {
-  fake_.stats = {stats(10, 10), stats(12, 30)};
-  run("stats --watch 0.05 --count 2 --json");
-  EXPECT_FALSE(fake_.statsRequest.pause());
-  const size_t end = out_.find('\n');
-  const auto first = nlohmann::json::parse(out_.substr(0, end));
-  const auto second = nlohmann::json::parse(out_.substr(end + 1));
-  EXPECT_EQ(first["packetsReceived"], 10);
-  EXPECT_FALSE(first.contains("perSecond"));
-  EXPECT_EQ(second["packetsReceived"], 30);
-  EXPECT_EQ(second["perSecond"], nlohmann::json({{"packetsReceived", 10.0},
-                                                 {"bytesReceived", 1000.0},
-                                                 {"packetsForwarded", 5.0},
-                                                 {"copiesOutput", 40.0},
-                                                 {"packetsSent", 30.0},
-                                                 {"bytesSent", 3000.0}}));
-}
-
-TEST_F(Reports, WatchedStatsCanBeExact) {
-  fake_.stats = {stats(10, 10)};
-  run("stats --watch 0.05 --count 1 --exact");
-  EXPECT_EQ(status_, 0);
-  EXPECT_TRUE(fake_.statsRequest.pause());
-}
-
-// A device that finds out late that it has not sent a packet takes it back.
-TEST_F(Reports, ACounterThatGoesBackGainsNothing) {
-  fake_.stats = {stats(10, 10), stats(12, 30)};
-  fake_.stats[1].set_packets_sent(9);
-  fake_.stats[1].mutable_drops(2)->set_packets(2);
-  run("stats --watch 0.05 --count 2");
-  EXPECT_EQ(status_, 0) << err_;
-  EXPECT_THAT(out_,
-              HasSubstr("        9  9000         0 24000  copies sent\n"));
-  EXPECT_THAT(out_, HasSubstr("        2          0  port 2   rx_missed"));
-}
-
-TEST_F(Reports, ACounterThatGoesBackGainsNothingInJsonEither) {
-  fake_.stats = {stats(10, 10), stats(12, 30)};
-  fake_.stats[1].set_packets_sent(9);
-  run("stats --watch 0.05 --count 2 --json");
-  const auto second = nlohmann::json::parse(out_.substr(out_.find('\n') + 1));
-  EXPECT_EQ(second["perSecond"]["packetsSent"], 0.0);
-}
-
-// A switch that was started anew meanwhile has counted less.
-TEST_F(Reports, RatesOfASwitchThatWasStartedAnewBeginAnew) {
-  fake_.stats = {stats(10, 1000), stats(12, 1000)};
-  fake_.stats[1].set_uptime_ns(kSecond);
-  fake_.stats[1].set_packets_received(4);
-  run("stats --watch 0.05 --count 2 --json");
-  EXPECT_EQ(out_.find("perSecond"), std::string::npos) << out_;
-}
-
 TEST_F(Reports, Log) {
   pb::LogEntry entry;
   entry.set_position(7);
@@ -306,15 +129,6 @@ TEST_F(Reports, ALogWithoutTheFacilityThatIsAskedFor) {
   EXPECT_EQ(err_,
             "note: no entry of \"Nope\"; \"ofswitch log levels\" tells who "
             "logs\n");
-}
-
-TEST_F(Reports, WatchTakesACountFromOneUp) {
-  run("stats --watch 0.05 --count 0");
-  EXPECT_EQ(status_, 2);
-  EXPECT_EQ(err_, "ofswitch: --count: Value 0 not in range 1 to 1000000000\n");
-  // It was taken for the highest number there is.
-  run("stats --watch 0.05 --count -1");
-  EXPECT_EQ(status_, 2);
 }
 
 TEST_F(Reports, AnOutputThatNobodyTakesIsAFailure) {
@@ -376,16 +190,6 @@ TEST_F(Reports, EndOnCtrlC) {
   interrupt("stats --watch 3600", "accounted for", "TERM");
   interrupt("stats --watch 3600", "accounted for");
   EXPECT_THAT(out_, testing::EndsWith("Every packet is accounted for.\n"));
-}
-
-TEST_F(Reports, RedrawOnATerminal) {
-  fake_.stats = {stats(10, 10), stats(11, 20)};
-  // script(1) gives it a terminal.
-  run("", "script -qec '" OFSWITCH
-          " stats --watch 0.05 --count 2' /dev/null "
-          "< /dev/null; true");
-  EXPECT_THAT(out_, testing::StartsWith("\033[H\033[2Jup 10 s"));
-  EXPECT_THAT(out_, HasSubstr("\033[H\033[2Jup 11 s"));
 }
 
 TEST_F(Reports, WaitForATimeInBounds) {

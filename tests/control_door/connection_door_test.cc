@@ -2,6 +2,7 @@
 #include "switch/control/connection_door.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -17,9 +18,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <ctime>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -86,6 +90,12 @@ class Connections {
     return value;
   }
 
+  // The first one's number.
+  int first() {
+    const std::lock_guard lock(mutex_);
+    return fds_.front();
+  }
+
   void closeOne() {
     const std::lock_guard lock(mutex_);
     close(fds_.front());
@@ -119,6 +129,8 @@ class Client {
     char byte = 0;
     return poll(&polled, 1, milliseconds) == 1 && read(fd_, &byte, 1) == 0;
   }
+
+  bool canSend() const { return send(fd_, "x", 1, MSG_NOSIGNAL) == 1; }
 
  private:
   const int fd_;
@@ -160,6 +172,61 @@ TEST(ConnectionDoor, HoldsSoManyConnectionsAndNoMore) {
   EXPECT_TRUE(third.isClosed(10'000));
 }
 
+// How many descriptors of this process are what `fd` is.
+int numbersOf(int fd) {
+  const std::filesystem::path all = "/proc/self/fd";
+  const auto wanted = read_symlink(all / std::to_string(fd));
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(all)) {
+    std::error_code gone;
+    count += read_symlink(entry.path(), gone) == wanted;
+  }
+  return count;
+}
+
+// gRPC waits for none of them, and no child inherits one.
+TEST(ConnectionDoor, HandsOnWhatNeverBlocksAndIsNotInherited) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "door.sock";
+  const ListeningSocket socket = ListeningSocket::atPath(path);
+  Connections connections;
+  ConnectionDoor door(entranceTo(&connections, &socket), 2);
+  const Client client(path);
+  ASSERT_TRUE(connections.waitFor(1));
+  EXPECT_NE(fcntl(connections.first(), F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_NE(fcntl(connections.first(), F_GETFD) & FD_CLOEXEC, 0);
+  door.close();
+}
+
+// A connection that has ended, and whose number others have by now, is none of
+// its business.
+TEST(ConnectionDoor, DisconnectsNothingButItsConnections) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "door.sock";
+  const ListeningSocket socket = ListeningSocket::atPath(path);
+  Connections connections;
+  ConnectionDoor door(entranceTo(&connections, &socket), 2);
+  const Client gone(path);
+  ASSERT_TRUE(connections.waitFor(1));
+  const Client here(path);
+  ASSERT_TRUE(connections.waitFor(2));
+  door.close();
+
+  const int number = connections.first();
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+  connections.closeOne();
+  ASSERT_EQ(dup2(pair[0], number), number);
+  door.disconnect();
+  EXPECT_EQ(numbersOf(connections.first()), 1) << "none is left behind";
+  EXPECT_TRUE(here.isClosed(10'000));
+  EXPECT_FALSE(here.canSend());
+  EXPECT_EQ(send(pair[1], "x", 1, MSG_NOSIGNAL), 1);
+  char byte = 0;
+  EXPECT_EQ(recv(number, &byte, 1, MSG_DONTWAIT), 1);
+  for (const int fd : {pair[0], pair[1], number}) close(fd);
+}
+
 // Replies are short, and must not wait for what follows them.
 TEST(ConnectionDoor, SendsAtOnceOverTcp) {
   const std::string any = "127.0.0.1:0";
@@ -186,14 +253,37 @@ TEST(ConnectionDoor, WaitsForDescriptorsWithoutHaste) {
   const Client client(path);
   std::this_thread::sleep_for(std::chrono::milliseconds(350));
   isOutOfDescriptors = false;
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_GE(refusals, 1);
   EXPECT_LE(refusals, 4);
   EXPECT_TRUE(connections.waitFor(1));
+  EXPECT_LT(std::chrono::steady_clock::now() - start,
+            openflow_test::timeLimit(std::chrono::seconds(5)));
+  door.close();
+}
+
+// A thread that looks whether somebody comes would have nothing else to do.
+TEST(ConnectionDoor, RestsWhileNobodyComes) {
+  const openflow_test::ScratchDir dir;
+  const ListeningSocket socket = ListeningSocket::atPath(dir / "door.sock");
+  Connections connections;
+  ConnectionDoor door(entranceTo(&connections, &socket), 2);
+  const auto worked = [] {
+    timespec time{};
+    EXPECT_EQ(clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time), 0);
+    return std::chrono::seconds(time.tv_sec) +
+           std::chrono::nanoseconds(time.tv_nsec);
+  };
+  const auto before = worked();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_LT(worked() - before, std::chrono::milliseconds(30));
   door.close();
 }
 
 // The descriptors that so many connections take, as far as the system lets it.
 TEST(ConnectionDoor, OpensWithRoomForDescriptors) {
+  // DPDK takes all that it may when it starts, which is once a process.
+  { const LiveBench first({}); }
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
   const rlimit few = {std::min<rlim_t>(before.rlim_max, 1024), before.rlim_max};

@@ -10,6 +10,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "switch.grpc.pb.h"
@@ -189,13 +190,49 @@ TEST_F(FlowListingsTest, GoOnWithoutTicksWhenThereIsRoom) {
 }
 
 TEST_F(RestingListingsTest, EndWhileOthersWait) {
+  const auto start = std::chrono::steady_clock::now();
   const auto resting = list();
   ASSERT_TRUE(resting->readOne());
   const auto next = list("tcp,tp_dst=7");
   EXPECT_TRUE(comesWhileTicking(*next, 10s));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
   EXPECT_LT(resting->readAll(), kFlows - 1);
   EXPECT_EQ(resting->reader->Finish().error_code(),
             grpc::StatusCode::CANCELLED);
+}
+
+TEST_F(RestingListingsTest, RestAsLongAsNobodyWaits) {
+  const auto resting = list();
+  ASSERT_TRUE(resting->readOne());
+  for (int i = 0; i < 70; i++) {
+    listings_.tick();
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(resting->readAll(), kFlows - 1);
+  EXPECT_TRUE(resting->reader->Finish().ok());
+}
+
+// One that has not begun because the threads are at something else does not
+// rest.
+TEST_F(RestingListingsTest, DoNotEndBeforeTheyBegin) {
+  const auto slow = list();
+  ASSERT_TRUE(slow->readOne());
+  const auto waiting = list("tcp,tp_dst=7");
+  ASSERT_TRUE(service_.isAskedFor(2));
+  EXPECT_FALSE(comesWhileTicking(*waiting, 20ms));
+  std::promise<void> go;
+  ASSERT_TRUE(queue_.takePlace());
+  queue_.add([&] {
+    go.get_future().wait();
+    queue_.givePlaceBack();
+  });
+  const auto late = list("tcp,tp_dst=8");
+  ASSERT_TRUE(service_.isAskedFor(3));
+  listings_.tick();
+  go.set_value();
+  EXPECT_TRUE(comesWhileTicking(*waiting, 10s));
+  EXPECT_EQ(late->readAll(), 1);
+  EXPECT_TRUE(late->reader->Finish().ok());
 }
 
 TEST_F(FlowListingsTest, KeepNothingOnceTheyAreGivenUp) {

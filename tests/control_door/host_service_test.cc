@@ -275,6 +275,12 @@ TEST_F(HostServiceTest, RunsACommandThatOnlyReads) {
   EXPECT_EQ(stats.numflows(), 2);  // one of the operator's, one of the switch's
 }
 
+// They are taken as long as a change of flows.
+TEST_F(HostServiceTest, TakesLongCommands) {
+  const auto reply = command("openflow", std::string(100'000, 'x'), {});
+  EXPECT_NE(reply.error().code(), 0);
+}
+
 TEST_F(HostServiceTest, LeavesFlowsAndSlotsToTheSwitch) {
   quil::pb::OpenFlowUpdateFlowsArg update;
   update.add_adds()->set_flowid(1);

@@ -19,7 +19,10 @@
 #include "tests/control_door/raw_call.h"
 #include "tests/control_door/resident_bytes.h"
 #include "tests/control_door/traffic.h"
+#include "tests/support/kept_for_good.h"
 #include "tests/support/time_limit.h"
+#include "tests/switch/explosive_flows.h"
+#include "utils/acl_build_memory.h"
 
 namespace ofswitch {
 namespace {
@@ -80,7 +83,7 @@ class HostileTraffic : public testing::Test {
     }
   }
 
-  ControlBench control_;
+  ControlBench control_{{.counters = 16384}};
 };
 
 TEST_F(HostileTraffic, PassesWhileGarbageComes) {
@@ -135,6 +138,29 @@ TEST_F(HostileTraffic, PassesWhileMessagesOf100MBAreRefused) {
   EXPECT_LT(residentBytes(), before + 32 * kMiB);
   EXPECT_TRUE(isServed());
   expectNoneLost(traffic.end());
+}
+
+TEST_F(HostileTraffic, PassesWhileAClassifierWouldExplode) {
+  const size_t limit = Dpdk::aclBuildLimit();
+  Dpdk::setAclBuildLimit(64 * kMiB);
+  const openflow_test::KeptForGood records;
+  pb::FlowChange explosive;
+  explosive.set_operation(pb::FLOW_OPERATION_ADD);
+  explosive.set_text(openflow_test::explosiveFlows(1));
+  Traffic traffic(&control_.bench());
+  std::vector<pb::FlowChangeEvent> events;
+  std::thread client([&] { events = control_.change(explosive); });
+  EXPECT_TRUE(isServed());
+  client.join();
+  Dpdk::setAclBuildLimit(limit);
+  EXPECT_TRUE(isServed());
+  expectNoneLost(traffic.end());
+  ASSERT_FALSE(events.empty());
+  EXPECT_FALSE(events.back().reply().applied());
+  EXPECT_THAT(events.back().reply().failure(),
+              testing::StartsWith("table 1 IPv4: its classifier needs more "
+                                  "than 64 MB to build (memory.build_mb)"));
+  EXPECT_EQ(control_.dump().size(), 1);
 }
 
 TEST_F(HostileTraffic, PassesWhileAThousandClientsComeAtOnce) {

@@ -96,7 +96,14 @@ class Changer {
  public:
   explicit Changer(std::unique_ptr<pb::Switch::Stub> client)
       : client_(std::move(client)), thread_([this] { run(); }) {}
-  ~Changer() { thread_.join(); }
+  ~Changer() { end(); }
+
+  // Waits until the switch is gone. Answers how many of the classifiers of the
+  // last request, of which more were to come, had been built by then.
+  uint32_t end() {
+    if (thread_.joinable()) thread_.join();
+    return builtOfLast_;
+  }
 
   // Whether so many requests have been answered, after at most 60 s.
   bool waitForAnswers(int count) const {
@@ -114,6 +121,7 @@ class Changer {
       pb::FlowChange change;
       change.set_operation(round % 3 == 0 ? pb::FLOW_OPERATION_REPLACE
                                           : pb::FLOW_OPERATION_ADD);
+      change.set_progress(true);
       change.set_text(manyFlows(0, round * 7, 100) +
                       manyFlows(1, round * 11, 100) +
                       fmt::format("table=2,ipv6,ipv6_dst=2001:db8:{:x}::/48,"
@@ -123,7 +131,11 @@ class Changer {
       const auto reader = client_->ChangeFlows(&context, change);
       pb::FlowChangeEvent event;
       bool applied = false;
-      while (reader->Read(&event)) applied = event.reply().applied();
+      builtOfLast_ = 0;
+      while (reader->Read(&event)) {
+        applied = event.reply().applied();
+        builtOfLast_ = event.progress().done();
+      }
       if (!reader->Finish().ok()) return;
       if (applied) answered_++;
     }
@@ -131,6 +143,7 @@ class Changer {
 
   std::unique_ptr<pb::Switch::Stub> client_;
   std::atomic<int> answered_ = 0;
+  uint32_t builtOfLast_ = 0;  // the thread's
   std::thread thread_;
 };
 
@@ -140,7 +153,9 @@ TEST_F(KilledSwitch, HasTheFlowsOfItsConfigurationAgain) {
   ASSERT_TRUE(isRunning(*process)) << process->log();
   const std::multiset<std::string> first = flows();
   ASSERT_THAT(first, testing::SizeIs(kFlows));
-  for (int round = 0; round < 4; round++) {
+  int halfway = 0;
+  // Four at least, until one has come between the classifiers of one request.
+  for (int round = 0; round < 4 || (halfway == 0 && round < 40); round++) {
     const unsigned long stale = socketInode();
     {
       Changer changer(connect());
@@ -148,6 +163,7 @@ TEST_F(KilledSwitch, HasTheFlowsOfItsConfigurationAgain) {
       std::this_thread::sleep_for(
           std::chrono::microseconds(random() % 150'000));
       EXPECT_EQ(process->end(SIGKILL), -SIGKILL);
+      if (changer.end() > 0) halfway++;
     }
     EXPECT_EQ(socketInode(), stale) << "nobody has removed it";
     process = start();
@@ -155,6 +171,7 @@ TEST_F(KilledSwitch, HasTheFlowsOfItsConfigurationAgain) {
     EXPECT_NE(socketInode(), 0);
     EXPECT_EQ(flows(), first);
   }
+  EXPECT_GT(halfway, 0) << "none was killed in the middle of an update";
   EXPECT_EQ(process->end(SIGTERM), 0);
   EXPECT_FALSE(std::filesystem::exists(socket()));
 }

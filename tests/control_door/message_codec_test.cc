@@ -110,6 +110,16 @@ TEST(MessageCodec, RefusesBytesThatAreNoMessage) {
   }
   EXPECT_EQ(checked("\x12\x02\xc3\x28", kSmallMessage),
             (Outcome{"text is not in UTF-8", false}));
+  // Lengths that no message has.
+  for (const char* bytes :
+       {"\x22\xff\xff\xff\xff\x0f", "\x22\x80\x80\x80\x80\x08",
+        "\x12\xff\xff\xff\xff\x0f"}) {
+    EXPECT_EQ(checked(bytes, kSmallMessage), malformed);
+    EXPECT_EQ(decoded(bytes, kSmallMessage), malformed);
+  }
+  // Known fields of another kind are as good as unknown ones.
+  EXPECT_EQ(checked("\x20\x05\x10\x07", kSmallMessage), Outcome());
+  EXPECT_EQ(decoded("\x20\x05\x10\x07", kSmallMessage), Outcome());
   // What is not known is passed over, and what follows a message is read.
   EXPECT_EQ(
       checked(std::string("\xfa\x01\x02xx\x22\0\x12\x01x", 10), kSmallMessage),
@@ -121,6 +131,7 @@ TEST(CallStatus, IsOneLineThatAHeaderCanCarry) {
     return callStatus(grpc::StatusCode::INTERNAL, one).error_message();
   };
   EXPECT_EQ(text("two\nlines\tand\x1f\x01 more"), "two lines and   more");
+  EXPECT_EQ(text("\u00e4 is a letter~"), "\u00e4 is a letter~");
   EXPECT_EQ(text(std::string(1000, 'x')), std::string(1000, 'x'));
   EXPECT_EQ(text(std::string(1001, 'x')), std::string(1000, 'x') + "...");
 }

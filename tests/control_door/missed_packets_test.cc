@@ -14,6 +14,7 @@
 namespace {
 
 bool losesPackets = false;
+bool isUnplugged = false;
 
 }  // namespace
 
@@ -30,8 +31,27 @@ extern "C" int rte_eth_stats_get(uint16_t port, rte_eth_stats* stats) {
   return result;
 }
 
+// Likewise: its rings are always connected.
+extern "C" int rte_eth_link_get_nowait(uint16_t port, rte_eth_link* link) {
+  static const auto real = reinterpret_cast<decltype(&rte_eth_link_get_nowait)>(
+      dlsym(RTLD_NEXT, "rte_eth_link_get_nowait"));
+  const int result = real(port, link);
+  if (isUnplugged) link->link_status = RTE_ETH_LINK_DOWN;
+  return result;
+}
+
 namespace ofswitch {
 namespace {
+
+TEST(UnpluggedPorts, AreToldToBeDown) {
+  ControlBench control;
+  EXPECT_TRUE(control.bench()->ports().ports(1).link_up());
+  isUnplugged = true;
+  const pb::PortsReply ports = control.bench()->ports();
+  isUnplugged = false;
+  EXPECT_FALSE(ports.ports(1).link_up());
+  EXPECT_TRUE(ports.ports(0).link_up()) << "the controller has no cable";
+}
 
 TEST(MissedPackets, AreReceivedAndNotHandedOn) {
   ControlBench control({.flows = "actions=output:3\n"});

@@ -103,6 +103,16 @@ TEST_F(ModuleCommands, GoToModulesThatNoWorkerRuns) {
   EXPECT_EQ(Bell::rings, 1);
 }
 
+// As long as the right one, and in the right place.
+TEST_F(ModuleCommands, TakeTheirArgumentByItsWholeName) {
+  EXPECT_EQ(run("bell", "ring", "bess.pb.EmptyArg").code(), 0);
+  EXPECT_EQ(run("bell", "ring", "bess.pb.EmptyAr_").errmsg(),
+            "arg: is of type \"bess.pb.EmptyAr_\", must be \"EmptyArg\"");
+  EXPECT_EQ(run("bell", "ring", "bess.pb_EmptyArg").errmsg(),
+            "arg: is of type \"bess.pb_EmptyArg\", must be \"EmptyArg\"");
+  EXPECT_EQ(Bell::rings, 1);
+}
+
 TEST_F(ModuleCommands, TooLongIsNotWrong) {
   constexpr char kType[] = "quil.pb.OpenFlowGetStatsArg";
   std::string many;

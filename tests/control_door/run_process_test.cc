@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "switch.grpc.pb.h"
+#include "tests/control_door/certificates.h"
 #include "tests/control_door/raw_call.h"
 #include "tests/support/time_limit.h"
 #include "tests/switch/running_switch.h"
@@ -21,6 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 using openflow_test::ScratchDir;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using Clock = std::chrono::steady_clock;
 
 class ControlOfAProcess : public testing::Test {
@@ -74,6 +76,31 @@ TEST_F(ControlOfAProcess, OpensWithItAndClosesWithIt) {
   EXPECT_TRUE(isServed());
   EXPECT_EQ(process->end(SIGTERM), 0);
   EXPECT_FALSE(std::filesystem::exists(socket()));
+}
+
+// The port is one that the system has chosen.
+TEST_F(ControlOfAProcess, TellsItsAddress) {
+  const auto lineWith = [this](const std::string& door) {
+    openflow_test::writeFile(
+        dir_ / "switch.yaml",
+        "ports: [{number: 1, device: net_null0}]\nmemory: {mb: 256}\n"
+        "control: {socket: run/control.sock, address: \"127.0.0.1:0\"" +
+            door + "}\nmetrics: false\n");
+    const auto process = start();
+    EXPECT_TRUE(process->waitFor("running: ")) << process->log();
+    EXPECT_EQ(process->end(SIGTERM), 0);
+    const std::string log = process->log();
+    const size_t at = log.find("control: 127.0.0.1:");
+    return log.substr(at, log.find('\n', at) - at);
+  };
+  EXPECT_THAT(lineWith(""),
+              MatchesRegex("control: 127\\.0\\.0\\.1:[1-9][0-9]*"));
+  const std::string server = certificates().path("server");
+  EXPECT_THAT(
+      lineWith(fmt::format(", tls: {{certificate: {0}.pem, key: {0}.key, "
+                           "client_ca: {1}}}",
+                           server, certificates().path("ca.pem"))),
+      MatchesRegex("control: 127\\.0\\.0\\.1:[1-9][0-9]* with TLS"));
 }
 
 TEST_F(ControlOfAProcess, EndsInTimeWhoeverReadsOrDoesNot) {

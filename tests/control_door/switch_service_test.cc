@@ -6,11 +6,13 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <thread>
 
 #include "platform/twinlog/twinlog.h"
 #include "tests/control_door/control_bench.h"
 #include "tests/support/frame.h"
+#include "tests/support/time_limit.h"
 
 namespace ofswitch {
 namespace {
@@ -111,6 +113,29 @@ TEST(SwitchService, ListsMoreFlowsThanAreSentAtOnce) {
     ASSERT_EQ(entries[static_cast<size_t>(i)].match(),
               fmt::format("tcp,tp_dst={}", i + 1));
   }
+}
+
+// Whoever reads a few thousand flows at leisure keeps nobody from reading.
+TEST(SwitchService, ListsBesideAListingThatRests) {
+  ControlBench control({.counters = 1 << 15});
+  std::string text;
+  for (int i = 1; i <= 8000; i++) {
+    text += fmt::format("tcp,tp_dst={},actions=drop\n", i);
+  }
+  control.add(text);
+  grpc::ClientContext context;
+  const auto resting = control.client().DumpFlows(&context, {});
+  pb::FlowEntry entry;
+  ASSERT_TRUE(resting->Read(&entry));
+  const auto start = std::chrono::steady_clock::now();
+  pb::FlowFilter filter;
+  filter.set_text("tcp,tp_dst=7");
+  EXPECT_THAT(control.dump(filter), SizeIs(1));
+  EXPECT_LT(std::chrono::steady_clock::now() - start,
+            openflow_test::timeLimit(std::chrono::seconds(5)));
+  context.TryCancel();
+  while (resting->Read(&entry)) continue;
+  resting->Finish();
 }
 
 TEST(SwitchService, AnswersWhatTheSwitchAnswers) {

@@ -121,6 +121,11 @@ TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
             "control.tls.certificate: " + config.tlsCertificate.path +
                 ": is no certificate in PEM format");
   config = tlsConfig();
+  config.tlsKey = {certificates().path("server.csr"), "switch.yaml:7"};
+  EXPECT_EQ(startError(config),
+            "switch.yaml:7: control.tls.key: " + config.tlsKey.path +
+                ": is no private key in PEM format");
+  config = tlsConfig();
   config.tlsClientCa.path = certificates().path("server.key");
   EXPECT_EQ(startError(config),
             "control.tls.client_ca: " + config.tlsClientCa.path +
@@ -130,6 +135,21 @@ TEST(TlsFiles, AreLookedAtWhenTheSwitchStarts) {
   EXPECT_EQ(startError(config),
             "control.tls.client_ca: " + config.tlsClientCa.path +
                 ": cannot open: No such file or directory");
+}
+
+// Those of its authorities may follow a certificate, whole ones.
+TEST(TlsFiles, MayHoldSeveralCertificates) {
+  SwitchConfig config = tlsConfig();
+  config.tlsCertificate.path = certificates().path("chain.pem");
+  const std::string chain =
+      certificates().text("server.pem") + certificates().text("ca.pem");
+  openflow_test::writeFile(config.tlsCertificate.path, chain + "That is all.");
+  EXPECT_EQ(startError(config), "");
+  openflow_test::writeFile(config.tlsCertificate.path,
+                           chain.substr(0, chain.size() - 300));
+  EXPECT_EQ(startError(config),
+            "control.tls.certificate: " + config.tlsCertificate.path +
+                ": is no certificate in PEM format");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <string>
 
 namespace ofswitch {
 namespace {
@@ -43,6 +44,19 @@ TEST(WorkQueue, RunsAsMuchAtOnceAsItHasThreads) {
   queue.add([&] { second.set_value(); });
   EXPECT_EQ(second.get_future().wait_for(10s), std::future_status::ready);
   first.set_value();
+}
+
+TEST(WorkQueue, RunsFirstWhatCameFirst) {
+  std::string order;
+  std::promise<void> start;
+  {
+    WorkQueue queue(1, 8);
+    queue.add([&] { start.get_future().wait(); });
+    for (const char one : {'a', 'b', 'c'})
+      queue.add([&, one] { order += one; });
+    start.set_value();
+  }
+  EXPECT_EQ(order, "abc");
 }
 
 // What work holds may use the queue when it goes, and goes before there is

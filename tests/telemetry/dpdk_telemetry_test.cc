@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "platform/quil_modules/counter_db.h"
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
 #include "tests/telemetry/telemetry_client.h"
@@ -119,6 +120,12 @@ TEST(DpdkTelemetry, LongListsComeInParts) {
         1000 - i, i + 1);
   }
   LiveBench bench(withTelemetry(text));
+  // Numbers as long as they can be.
+  for (const pb::FlowEntry& entry : bench.entries()) {
+    for (const uint32_t id : {entry.packet_counter(), entry.byte_counter()}) {
+      QuilModules::bessCounterDb[0]->add(id, 10'000'000'000'000'000'000u);
+    }
+  }
   const DpdkTelemetry telemetry(bench.live());
   const TelemetryClient client;
   int seen = 0;
@@ -179,6 +186,10 @@ TEST(DpdkTelemetry, RefusesWrongParameters) {
   EXPECT_EQ(client.ask("/ofswitch/ports,x")["error"],
             "the parameter is the number of a port, or none");
   EXPECT_EQ(client.ask("/ofswitch/ports,99")["error"], "there is no port 99");
+  EXPECT_EQ(client.ask("/ofswitch/ports,65535")["error"],
+            "there is no port 65535");
+  EXPECT_EQ(client.ask("/ofswitch/ports,65536")["error"],
+            "the parameter is the number of a port, or none");
   EXPECT_EQ(client.ask("/ofswitch/none"), json());
 }
 

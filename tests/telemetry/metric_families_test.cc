@@ -76,6 +76,10 @@ TEST(MetricFamilies, OfTheSwitch) {
   worker->set_running(true);
   worker->set_task_runs(18);
 
+  EXPECT_THAT(
+      samples(reading, "build_info"),
+      ElementsAre(testing::MatchesRegex("build_info.version=\"[0-9][^\"]*\","
+                                        "dpdk=\"[0-9][^\"]*\". 1")));
   EXPECT_THAT(samples(reading, "uptime"), ElementsAre("uptime_seconds 1.5"));
   EXPECT_THAT(samples(reading, "packet_buffers"),
               ElementsAre("packet_buffers 2", "packet_buffers_free 3"));
@@ -143,6 +147,13 @@ TEST(MetricFamilies, OfPorts) {
           "port_transmit_bytes_total" + of + "9",
           "port_dropped_packets_total" + with + "cause=\"rx_missed\"} 10",
           "port_dropped_packets_total" + with + "cause=\"tx_error\"} 11"));
+}
+
+TEST(MetricFamilies, OfAPortThatIsDown) {
+  LiveSwitch::Reading reading;
+  reading.ports.add_ports()->set_port(7);
+  EXPECT_THAT(samples(reading, "port_up"),
+              ElementsAre("port_up{port=\"7\",name=\"\"} 0"));
 }
 
 TEST(MetricFamilies, OfTablesThatHaveBeenOfUse) {

@@ -4,10 +4,19 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <map>
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/frame.h"
 #include "tests/support/time_limit.h"
@@ -269,6 +278,60 @@ TEST(MetricsServer, ServesNothingElse) {
   sendAndReset(port, "GET /metr");
   sendAndReset(port, std::string(100'000, '\0'));
   EXPECT_EQ(scrape(server).value("ofswitch_build_info"), 1);
+}
+
+// A connection to a port of this machine.
+class Visitor {
+ public:
+  explicit Visitor(uint16_t port)
+      : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in where{};
+    where.sin_family = AF_INET;
+    where.sin_port = htons(port);
+    where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(
+        connect(fd_, reinterpret_cast<const sockaddr*>(&where), sizeof(where)),
+        0);
+  }
+  ~Visitor() { close(fd_); }
+  Visitor(const Visitor&) = delete;
+  Visitor& operator=(const Visitor&) = delete;
+
+ private:
+  const int fd_;
+};
+
+TEST(MetricsServer, AnswersWhileOthersSayNothing) {
+  LiveBench bench({});
+  const MetricsServer server(bench.live(), kAny, 100);
+  const Visitor first(portOfUrl(server.url()));
+  const Visitor second(portOfUrl(server.url()));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(scrape(server).value("ofswitch_build_info"), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - start,
+            openflow_test::timeLimit(std::chrono::seconds(4)))
+      << "for whom it waits five";
+}
+
+// Nor does looking whether there is an obstacle.
+TEST(MetricsServer, LeavesNoDescriptorBehind) {
+  LiveBench bench({});
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  constexpr int kRounds = 8;
+  const auto before = descriptors();
+  for (int i = 0; i < kRounds; i++) {
+    const MetricsServer server(bench.live(), kAny, 100);
+    EXPECT_EQ(metricsObstacle(server.url().substr(7, server.url().size() - 15)),
+              "Address already in use");
+  }
+  // The libraries may keep some for themselves.
+  EXPECT_LT(descriptors(), before + kRounds);
+  for (const char* free : {kAny, "", "nonsense", "localhost:0"}) {
+    EXPECT_EQ(metricsObstacle(free), "") << free;
+  }
 }
 
 TEST(MetricsServer, StopsAtOnceAndGivesThePortBack) {

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "packet_pool.h"
 #include "switch/telemetry/dpdk_telemetry.h"
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
@@ -60,7 +61,8 @@ class NumbersOfASwitch : public testing::Test {
   }
 
   LiveBench bench_{
-      {.flows = "table=0,priority=10,in_port=1,actions=goto_table:4\n"
+      {.workers = 2,
+       .flows = "table=0,priority=10,in_port=1,actions=goto_table:4\n"
                 "table=0,priority=10,in_port=2,actions=goto_table:6\n"
                 "table=4,priority=40,tcp,tp_dst=80,actions=output:3,output:9\n"
                 "table=4,priority=40,tcp,tp_dst=81,actions=controller\n"
@@ -86,8 +88,8 @@ TEST_F(NumbersOfASwitch, AreToldByTheirNames) {
   std::set<uint64_t> different;
   json expected = {{"packets_sent", 9},
                    {"packets_in_flight", 0},
-                   {"workers", 1},
-                   {"buffers_free", all_.buffers_free()}};
+                   {"workers", 2},
+                   {"buffers_free", all_.buffers_free() - 1}};
   for (const auto& [name, number] : numbers) {
     expected[name] = number;
     different.insert(number);
@@ -95,7 +97,9 @@ TEST_F(NumbersOfASwitch, AreToldByTheirNames) {
   EXPECT_EQ(different.size(), numbers.size());
   EXPECT_EQ(all_.expired_idle(), 1);
   EXPECT_EQ(all_.packets_received(), 19);
+  bess::Packet* const packet = bess::PacketPool::Default()->Alloc(60);
   json stats = client_.ask("/ofswitch/stats");
+  bess::Packet::Free(packet);
   EXPECT_LE(stats["uptime_seconds"], all_.uptime_ns() / 1'000'000'000 + 10);
   EXPECT_EQ(stats["drop_no_such_port"], 5);
   EXPECT_EQ(stats["drop_table_miss"], 3 + 7);  // of two tables
@@ -184,6 +188,33 @@ TEST_F(NumbersOfASwitch, OfFlowsAndTheirAge) {
   EXPECT_TRUE(flows.contains("1"));
   EXPECT_GE(flows["1"]["duration_seconds"], 30);
   EXPECT_LT(flows["1"]["duration_seconds"], 90);
+}
+
+// A table that waits for packets is in use.
+TEST_F(NumbersOfASwitch, OfATableThatNothingHasEntered) {
+  bench_.add("table=9,actions=drop");
+  EXPECT_EQ(
+      client_.ask("/ofswitch/tables")["9"],
+      json({{"flows", 1}, {"entered", 0}, {"matched", 0}, {"dropped", 0}}));
+}
+
+// More copies than the ring of port 2 holds.
+TEST(NumbersOfPorts, SayWhatDidNotLeave) {
+  std::string flow = "in_port=1,actions=output:2";
+  for (int i = 1; i < 64; i++) flow += ",output:2";
+  LiveBench bench({.flows = flow, .dpdkTelemetry = true});
+  const DpdkTelemetry telemetry(bench.live());
+  bench.receiveAtOnce(1, std::vector<openflow_test::Bytes>(32, tcpTo(80)));
+  bench.settled();
+  uint64_t dropped = 0;
+  const pb::PortsReply ports = bench->ports();
+  for (const pb::DropCause& drop : ports.ports(2).drops()) {
+    dropped += drop.packets();
+  }
+  EXPECT_GT(dropped, 1u);
+  const json told = TelemetryClient().ask("/ofswitch/ports")["2"];
+  EXPECT_EQ(told["dropped"], dropped);
+  EXPECT_EQ(told["tx_packets"], 64 * 32 - dropped);
 }
 
 // Names are as long as one likes; an answer is not.
