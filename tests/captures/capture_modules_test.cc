@@ -2,9 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "graph.h"
 #include "modules/capture_sink.h"
@@ -51,6 +54,7 @@ class CaptureModules : public testing::Test {
     any.PackFrom(arg);
     const bess::CreateResult result = bess::CreateModule(className, "", any);
     failure_ = result.response.error().errmsg();
+    code_ = result.response.error().code();
     return static_cast<M*>(result.module);
   }
 
@@ -96,6 +100,7 @@ class CaptureModules : public testing::Test {
 
   ScratchDir dir_;
   std::string failure_;
+  int code_ = 0;
 
  private:
   size_t freeBefore_;
@@ -156,6 +161,8 @@ TEST_F(CaptureModules, PacketsCarryTheirPort) {
     EXPECT_EQ(flags, 0x10001u);
     EXPECT_EQ(metadata, ports[i]);
     EXPECT_EQ(inPort, ports[i]);
+    EXPECT_EQ(from->counts()[i].port, ports[i]);
+    EXPECT_EQ(from->counts()[i].packets, 1u);
   }
 }
 
@@ -218,6 +225,20 @@ TEST_F(CaptureModules, WhatWasReadBeforeAnErrorIsNotLost) {
   EXPECT_THAT(readCapture(dir_ / "out"), SizeIs(1));
   ASSERT_THAT(from->errors(), SizeIs(1));
   EXPECT_THAT(from->errors()[0], HasSubstr("in: after packet 1: truncated"));
+}
+
+TEST_F(CaptureModules, TheErrorsOfAllInputsAreTold) {
+  const std::string whole =
+      captureBytes({{1, text(flow(1)), 0}, {2, text(flow(2)), 0}});
+  writeFile(dir_ / "a", whole.substr(0, whole.size() - 5));
+  writeFile(dir_ / "good", whole);
+  writeFile(dir_ / "b", whole.substr(0, 30));
+  CaptureSource* from =
+      source({{1, dir_ / "a"}, {2, dir_ / "good"}, {3, dir_ / "b"}});
+  play({from}, make<Sink>("Sink", bess::pb::EmptyArg()));
+  ASSERT_THAT(from->errors(), SizeIs(2));
+  EXPECT_THAT(from->errors()[0], HasSubstr("a: after packet 1: truncated"));
+  EXPECT_THAT(from->errors()[1], HasSubstr("b: after packet 0: truncated"));
 }
 
 TEST_F(CaptureModules, SharesOfManyWorkersMergeIntoOneFile) {
@@ -301,11 +322,17 @@ TEST_F(CaptureModules, SaysWhyItCannotWrite) {
 TEST_F(CaptureModules, RefusesArgumentsThatCannotWork) {
   EXPECT_EQ(source({}), nullptr);
   EXPECT_EQ(failure_, "no inputs");
+  EXPECT_EQ(code_, EINVAL);
   writeFile(dir_ / "in", captureBytes({}));
-  EXPECT_EQ(source({{1, dir_ / "in"}}, 2, 2), nullptr);
-  EXPECT_EQ(failure_, "share 2: must be below 2");
+  for (const auto& [share, shares] : {std::pair(2, 2), std::pair(5, 2)}) {
+    EXPECT_EQ(source({{1, dir_ / "in"}}, share, shares), nullptr);
+    EXPECT_EQ(failure_, "share " + std::to_string(share) + ": must be below " +
+                            std::to_string(shares));
+    EXPECT_EQ(code_, EINVAL);
+  }
   EXPECT_EQ(source({{1, dir_ / "none"}}), nullptr);
   EXPECT_THAT(failure_, HasSubstr("none: No such file"));
+  EXPECT_EQ(code_, EINVAL);
 }
 
 // Parsers read headers at fixed places: behind a short frame there must be

@@ -153,20 +153,23 @@ TEST_F(CaptureSinkTest, CountsTheBytesOfAllSegments) {
 }
 
 TEST_F(CaptureSinkTest, StampsWhatComesFromElsewhereWithItsArrival) {
-  auto* from = makeModule<Source>("Source", bess::pb::EmptyArg());
-  CaptureSink* to = sink(false);
-  connect(from, 0, to);
-  std::vector<CaptureRow> rows;
-  for (int i = 0; i < 3; i++) {
-    bess::Packet* pkt = bess::PacketPool::Default()->Alloc(1);
-    pkt->head_data<char*>()[0] = static_cast<char>(i);
-    ASSERT_TRUE(from->Push(pkt));
-    worker_.Run(from->tasks().front().get());
-    rows.push_back({worker_.context()->current_ns,
-                    std::string(1, static_cast<char>(i)), 0});
+  for (const bool manyWorkers : {false, true}) {
+    auto* from = makeModule<Source>("Source", bess::pb::EmptyArg());
+    CaptureSink* to = sink(manyWorkers);
+    connect(from, 0, to);
+    std::vector<CaptureRow> rows;
+    for (int i = 0; i < 3; i++) {
+      bess::Packet* pkt = bess::PacketPool::Default()->Alloc(1);
+      pkt->head_data<char*>()[0] = static_cast<char>(i);
+      ASSERT_TRUE(from->Push(pkt));
+      worker_.Run(from->tasks().front().get());
+      rows.push_back({worker_.context()->current_ns,
+                      std::string(1, static_cast<char>(i)), 0});
+    }
+    EXPECT_EQ(to->Finish(), "");
+    EXPECT_EQ(readCapture(dir_ / "out"), rows) << manyWorkers;
+    EXPECT_EQ(bess::DestroyAllModules().error().code(), 0);
   }
-  EXPECT_EQ(to->Finish(), "");
-  EXPECT_EQ(readCapture(dir_ / "out"), rows);
 }
 
 TEST_F(CaptureSinkTest, OnlyCountsWithoutAFile) {
@@ -243,6 +246,16 @@ int FindSpool(const std::filesystem::path& dir) {
   return -1;
 }
 
+TEST_F(CaptureSinkTest, GivesTheRoomOfWorkersPartsBackWithTheFile) {
+  CaptureSource* from = source();
+  CaptureSink* to = sink(true);
+  connect(from, 0, to);
+  while (!from->done()) worker_.Run(from->tasks().front().get());
+  EXPECT_GE(FindSpool(dir_.path()), 0);
+  EXPECT_EQ(to->Finish(), "");
+  EXPECT_EQ(FindSpool(dir_.path()), -1);
+}
+
 // From here on it takes everything, and nothing can be read from it.
 void LoseSpool(int spool) {
   const int write_only = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -258,6 +271,7 @@ TEST_F(CaptureSinkTest, TellsWhenAWorkersPartCannotBeReadBack) {
   while (!from->done()) worker_.Run(from->tasks().front().get());
   const int spool = FindSpool(dir_.path());
   ASSERT_GE(spool, 0);
+  EXPECT_EQ(fcntl(spool, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   LoseSpool(spool);
   EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": Bad file descriptor");
   EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
@@ -280,6 +294,20 @@ class LittleDisk {
   sighandler_t handler_;
   rlimit before_ = {};
 };
+
+TEST_F(CaptureSinkTest, TellsWhenTheFileCannotBeWritten) {
+  CaptureSource* from = source();
+  CaptureSink* to = sink(false);
+  connect(from, 0, to);
+  {
+    const LittleDisk disk;
+    while (!from->done()) worker_.Run(from->tasks().front().get());
+    EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": File too large");
+  }
+  EXPECT_EQ(to->Finish(), (dir_ / "out").string() + ": File too large");
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "out"));
+  EXPECT_FALSE(std::filesystem::exists(CaptureSink::PartOf(dir_ / "out")));
+}
 
 TEST_F(CaptureSinkTest, TellsTheFirstOfSeveralFailures) {
   CaptureSource* from = source();

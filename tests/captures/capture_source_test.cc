@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "packet_pool.h"
 #include "tests/captures/capture_files.h"
 #include "tests/captures/make_module.h"
+#include "tests/support/frame.h"
 
 namespace openflow_test {
 namespace {
@@ -99,6 +102,26 @@ TEST_F(CaptureSourceTest, TellsWhatEachRunHasDone) {
   EXPECT_EQ(from->counts()[0].cut, 40u);
 }
 
+// Those of the run before are somebody else's by then, or gone.
+TEST_F(CaptureSourceTest, KnowsTheOriginsOfThePresentRunOnly) {
+  writeFile(dir_ / "in",
+            captureBytes(std::vector<CaptureRow>(40, {1, "frame", 0})));
+  CaptureSource* from = source({"in"});
+  connect(from, makeModule<Sink>("Sink", bess::pb::EmptyArg()));
+  bess::Packet* pkt = pool_->Alloc();
+  for (const uint32_t packets : {32, 8}) {
+    EXPECT_EQ(run(from).packets, packets);
+    for (const uint32_t tag : {0u, packets + 1, 33u}) {
+      pkt->set_tag(tag);
+      EXPECT_EQ(from->FindOrigin(pkt), nullptr) << tag;
+    }
+    pkt->set_tag(packets);
+    ASSERT_NE(from->FindOrigin(pkt), nullptr);
+    EXPECT_EQ(from->FindOrigin(pkt)->order, packets == 32 ? 31u : 39u);
+  }
+  bess::Packet::Free(pkt);
+}
+
 TEST_F(CaptureSourceTest, TellsHowManyItPlays) {
   writeFile(dir_ / "a", captureBytes({}));
   EXPECT_EQ(source({"a", "a"})->GetDesc(), "2 captures");
@@ -139,6 +162,31 @@ TEST_F(CaptureSourceTest, NumbersTheFramesOfAllInputsWhosesoeverTheyAre) {
   }
   EXPECT_EQ(seen, std::vector<int>(100, 1));
   EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Origins"));
+}
+
+// Whatever the reader's memory holds behind their last byte.
+TEST_F(CaptureSourceTest, CutFramesOfAFlowStayTogether) {
+  constexpr size_t kCut = 34;  // behind the IPv4 header
+  const Bytes whole =
+      Frame::eth().ipv4(ip4("10.0.0.1"), ip4("10.0.0.2")).udp(1, 53).bytes();
+  std::vector<CaptureRow> rows;
+  for (uint64_t i = 0; i < 32; i++) {
+    rows.push_back({i, std::string(60, static_cast<char>(i * 7)), 0});
+    rows.push_back({i, std::string(whole.begin(), whole.begin() + kCut), 60});
+  }
+  writeFile(dir_ / "in", captureBytes(rows));
+  std::vector<size_t> cut;
+  for (const uint32_t share : {0, 1}) {
+    CaptureSource* from = source({"in"}, share, 2);
+    auto* to = makeModule<Sink>("Sink", bess::pb::EmptyArg());
+    connect(from, to);
+    while (!from->done()) run(from);
+    const auto captured = to->Take();
+    cut.push_back(std::ranges::count_if(
+        captured, [&](const auto& one) { return one.bytes.size() == kCut; }));
+    EXPECT_EQ(bess::DestroyAllModules().error().code(), 0);
+  }
+  EXPECT_THAT(cut, testing::UnorderedElementsAre(0u, 32u));
 }
 
 TEST_F(CaptureSourceTest, WaitsForPacketsAndHoldsNoneMeanwhile) {

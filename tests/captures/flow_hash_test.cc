@@ -121,6 +121,24 @@ TEST(FlowHash, DiffersBetweenFramesTooShortForAFlow) {
   }
 }
 
+TEST(FlowHash, ReadsEveryByteOfWhatIsTooShortForAFlow) {
+  for (size_t len = 1; len <= 13; len++) {
+    Bytes other(len, 0);
+    other.back() = 1;
+    EXPECT_NE(hashOf(Bytes(len, 0)), hashOf(other)) << len;
+  }
+}
+
+TEST(FlowHash, ReadsEveryByteOfTheMacsWhereThereIsNoFlow) {
+  const Bytes frame = Frame::eth().arp(kA, kB).bytes();
+  for (size_t i = 0; i < frame.size(); i++) {
+    if (i == 12 || i == 13) continue;  // the type
+    Bytes other = frame;
+    other[i] ^= 1;
+    EXPECT_EQ(hashOf(other) != hashOf(frame), i < 12) << i;
+  }
+}
+
 TEST(FlowHash, FragmentsStayTogether) {
   EXPECT_EQ(hashOf(Frame::eth().ipv4(kA, kB).fragment(0, true).udp(7, 80)),
             hashOf(Frame::eth().ipv4(kA, kB).fragment(64, false).udp(1, 2)));

@@ -140,13 +140,16 @@ TEST_F(EdgeFrames, ControllerGetsFramesOfEveryLength) {
 
 // The header repeats twelve bytes that the frame does not have: its length and
 // what it does have are certain.
-TEST_F(EdgeFrames, ControllerGetsAFrameOfOneByte) {
+TEST_F(EdgeFrames, ControllerGetsFramesWithoutBothAddresses) {
   harness().addFlows(0, {Flow(1, 10).trap(9)});
-  for (const Bytes& frame : {Bytes{}, Bytes{0x42}}) {
+  for (size_t length = 0; length < 12; length++) {
+    Bytes frame;
+    while (frame.size() < length) frame.push_back(0x41 + frame.size());
     const RunResult result = harness().run({frame});
     ASSERT_EQ(result.gate(0).size(), 1u);
     const Bytes& out = result.gate(0)[0].bytes;
     ASSERT_EQ(out.size(), 22 + frame.size() + 4);
+    EXPECT_TRUE(std::equal(frame.begin(), frame.end(), out.begin()));
     EXPECT_EQ(hex({out.begin() + 12, out.begin() + 22}),
               "81310000000900000000");
     EXPECT_EQ(hex({out.begin() + 22, out.end()}), hex(frame) + "00000000");

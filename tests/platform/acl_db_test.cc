@@ -216,6 +216,29 @@ TEST_F(AclDbTest, SeveralLeftoversNeedOneGracePeriod) {
   EXPECT_EQ(classifiers, 3);
 }
 
+// What hangs on the records of other targets is not the database's to free.
+TEST_F(AclDbTest, ANewDatabaseCleansUpByTheRulesOfEachTarget) {
+  Mio::Ptr<AclDb> db = getOrMake();
+  AclCtxData* other = makeRecord("other", 2);
+  AclCtxData* five = makeRecord("five", 3);
+  const std::vector<void*> kept = blocksOf(*other);
+  const std::vector<void*> freed = blocksOf(*five);
+  const rte_acl_ctx* contexts[] = {other->ctx, five->ctx};
+  db->getAclCtxTableByTarget(3)->slots[1].data = other;
+  db->getAclCtxTableByTarget(5)->slots[1].data = five;
+  db.reset();
+  RteCalls::log().clear();
+  getOrMake();
+  EXPECT_THAT(RteCalls::log(), ElementsAre(Call{Kind::kGracePeriod, nullptr},
+                                           Call{Kind::kAclFree, contexts[0]},
+                                           Call{Kind::kAclFree, contexts[1]},
+                                           Call{Kind::kFree, freed[1]},
+                                           Call{Kind::kFree, freed[2]}));
+  for (void* block : {kept[1], kept[2], freed[3]}) {
+    rte_free(block);
+  }
+}
+
 TEST_F(AclDbTest, NothingLeftNeedsNoGracePeriod) {
   Mio::Ptr<AclDb> db = getOrMake();
   db->getAclCtxTableByTarget(6)->slots[0].generation = 4;
@@ -267,6 +290,14 @@ TEST(ReleaseUserdata, OtherTargetsOwnNoBlocks) {
     rte_acl_free(record->ctx);
     delete record;
   }
+}
+
+TEST(ReleaseUserdata, FreesTheArrayOfNoRules) {
+  AclCtxData record{nullptr, new KoAclUserdata_[1]{}, 0};
+  const Watched array(record.userdata);
+  QuilModules::releaseUserdata(&record, 6);
+  EXPECT_TRUE(array.deleted());
+  EXPECT_EQ(record.userdata, nullptr);
 }
 
 TEST(ReleaseUserdata, TakesARecordWithoutUserdata) {

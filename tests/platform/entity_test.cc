@@ -209,4 +209,11 @@ TEST_F(EntityTest, ANameBelongsToOneType) {
                "singleton \"one\" is of another type");
 }
 
+TEST_F(EntityTest, ATypeMakesEntities) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const Entity::Type none = {"None", [] { return Ptr<Entity>(); }};
+  EXPECT_DEATH(Entity::singletonIs(none, "one"),
+               "type \"None\" made no entity");
+}
+
 }  // namespace

@@ -14,34 +14,18 @@
 #include <vector>
 
 #include "tests/platform/allocation_counter.h"
+#include "tests/platform/ring_statements.h"
 
 namespace {
 
+using openflow_test::numberSite;
+using openflow_test::texts;
+using openflow_test::write;
 using Ringlog::Argument;
 using Ringlog::Entry;
 using Ringlog::Reading;
 using Ringlog::Ring;
 using Ringlog::Site;
-
-template <class... Args>
-void write(Ring& ring, const Site& site, const Args&... args) {
-  const std::array<Argument, sizeof...(Args)> arguments{Argument::of(args)...};
-  ring.write(site, arguments);
-}
-
-const Site& numberSite() {
-  static const Site& site =
-      Ringlog::internSite("Test", 2, "numberSite", "number %s");
-  return site;
-}
-
-std::vector<std::string> texts(const std::vector<Entry>& entries) {
-  std::vector<std::string> texts;
-  for (const Entry& entry : entries) {
-    texts.push_back(entry.text);
-  }
-  return texts;
-}
 
 // Text of a length and content that follow from a number.
 std::string pattern(unsigned number) {
@@ -215,58 +199,6 @@ TEST(Ring, HoldsSixteenArguments) {
   EXPECT_EQ(ring.read()[1].text, "0123456789101112131415");
   write(ring, site, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, "x");
   EXPECT_EQ(ring.read()[2].text, "0123456789101112131415");
-}
-
-TEST(Ring, IsFollowedFromWhereTheLastReadingEnded) {
-  Ring ring(64);
-  write(ring, numberSite(), 1);
-  write(ring, numberSite(), 2);
-  Reading reading = ring.readSince(0);
-  EXPECT_EQ(texts(reading.entries),
-            std::vector<std::string>({"number 1", "number 2"}));
-  EXPECT_EQ(reading.next, 2u);
-  reading = ring.readSince(reading.next);
-  EXPECT_TRUE(reading.entries.empty());
-  write(ring, numberSite(), 3);
-  reading = ring.readSince(reading.next);
-  EXPECT_EQ(texts(reading.entries), std::vector<std::string>({"number 3"}));
-  // A reader that fell behind goes on with the oldest.
-  for (int i = 0; i < 100; i++) {
-    write(ring, numberSite(), i);
-  }
-  reading = ring.readSince(reading.next);
-  EXPECT_EQ(reading.entries.size(), 64u);
-  EXPECT_EQ(reading.entries.front().position, 39u);
-  EXPECT_EQ(reading.next, 103u);
-}
-
-TEST(Ring, AnswersWhatAQueryWants) {
-  Ring ring(64);
-  const Site& other = Ringlog::internSite("Test", 4, "f", "other %s");
-  for (int i = 0; i < 5; i++) {
-    write(ring, numberSite(), i);
-    write(ring, other, i);
-  }
-  using Texts = std::vector<std::string>;
-  const auto isNumber = [](const Site& site) { return site.level < 3; };
-  Reading reading = ring.read({.wanted = isNumber});
-  EXPECT_EQ(texts(reading.entries), Texts({"number 0", "number 1", "number 2",
-                                           "number 3", "number 4"}));
-  EXPECT_EQ(reading.entries[1].position, 2u);
-  EXPECT_EQ(reading.next, 10u);
-  // Two are enough, so it goes on behind the second.
-  reading = ring.read({.since = 1, .most = 2, .wanted = isNumber});
-  EXPECT_EQ(texts(reading.entries), Texts({"number 1", "number 2"}));
-  EXPECT_EQ(reading.next, 5u);
-  reading = ring.read({.last = 2, .wanted = isNumber});
-  EXPECT_EQ(texts(reading.entries), Texts({"number 3", "number 4"}));
-  EXPECT_EQ(reading.next, 10u);
-  reading = ring.read({.most = 4, .last = 1});
-  EXPECT_EQ(texts(reading.entries), Texts({"other 1"}));
-  EXPECT_EQ(reading.next, 4u);
-  reading = ring.read({.most = 0});
-  EXPECT_TRUE(reading.entries.empty());
-  EXPECT_EQ(reading.next, 0u);
 }
 
 TEST(Ring, WritingDoesNotAllocate) {

@@ -27,6 +27,7 @@ TEST(TraceHandle, FollowsTheFacility) {
   setTraceLevels("Follow", 1u << 31);
   EXPECT_FALSE(handle.enabled(2));
   EXPECT_TRUE(handle.enabled(31));
+  EXPECT_EQ(traceLevels("Follow"), 1u << 31);
   setTraceLevels("Follow", 0);
   EXPECT_FALSE(handle.enabled(31));
 }

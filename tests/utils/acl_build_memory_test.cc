@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -201,6 +202,7 @@ TEST_F(AclBuildMemoryTest, RefusesTheVeryFirstBlock) {
   const AclBuildScope scope;
   EXPECT_EQ(classifier.build(), -ENOMEM);
   EXPECT_EQ(scope.memory().peak, 0u);
+  EXPECT_TRUE(scope.memory().refused);
 }
 
 void* refuseMmap(void*, size_t, int, int, int, off_t) {
@@ -220,6 +222,54 @@ TEST_F(AclBuildMemoryTest, FailsWhereTheSystemHasNoMore) {
   ASSERT_TRUE(
       internal::redirectImport(kOurs, "mmap", reinterpret_cast<void*>(&mmap)));
   EXPECT_EQ(classifier.build(), 0) << "nothing is left of the attempt";
+}
+
+struct Range {
+  uintptr_t start;
+  size_t bytes;
+};
+std::vector<Range> mapped;
+std::vector<Range> advised;  // to be in huge pages
+
+void* noteMmap(void* start, size_t bytes, int protection, int flags, int fd,
+               off_t offset) {
+  void* made = mmap(start, bytes, protection, flags, fd, offset);
+  mapped.push_back({reinterpret_cast<uintptr_t>(made), bytes});
+  return made;
+}
+
+int noteMadvise(void* start, size_t bytes, int advice) {
+  EXPECT_EQ(advice, MADV_HUGEPAGE);
+  advised.push_back({reinterpret_cast<uintptr_t>(start), bytes});
+  return madvise(start, bytes, advice);
+}
+
+// All but the first 2 MiB, of which a small build has enough.
+TEST_F(AclBuildMemoryTest, AsksForHugePagesForWhatGreatBuildsTake) {
+  constexpr char kOurs[] = "libacl_build_memory.so";
+  constexpr size_t kHuge = 2 * kMb;
+  const auto redirect = [&](const char* function, auto* to) {
+    return internal::redirectImport(kOurs, function,
+                                    reinterpret_cast<void*>(to));
+  };
+  ASSERT_TRUE(redirect("mmap", &noteMmap));
+  ASSERT_TRUE(redirect("madvise", &noteMadvise));
+  Classifier classifier(20000);
+  {
+    const AclBuildScope scope;
+    EXPECT_EQ(classifier.build(), 0);
+  }
+  ASSERT_TRUE(redirect("mmap", &mmap));
+  ASSERT_TRUE(redirect("madvise", &madvise));
+  ASSERT_GE(mapped.size(), 2u);
+  ASSERT_EQ(advised.size(), mapped.size());
+  for (size_t i = 0; i < 2; i++) {
+    const size_t spared = i == 0 ? kHuge : 0;
+    const uintptr_t start = (mapped[i].start + kHuge - 1) / kHuge * kHuge;
+    const size_t wanted = mapped[i].bytes - kHuge;  // to begin where one does
+    EXPECT_EQ(advised[i].start, start + spared) << i;
+    EXPECT_EQ(advised[i].bytes, wanted / kHuge * kHuge - spared) << i;
+  }
 }
 
 TEST_F(AclBuildMemoryTest, AnOpenScopeKeepsItsLimit) {

@@ -75,6 +75,8 @@ TEST_F(AvailableMemory, IsWhatTheControlGroupHasLeft) {
   EXPECT_EQ(available(), 700000u) << "files read make room";
   write("sys/fs/cgroup/a/b/memory.max", "1000\n");
   EXPECT_EQ(available(), 0u);
+  write("sys/fs/cgroup/a/b/memory.stat", "inactive_file 6000000\n");
+  EXPECT_EQ(available(), 1000u) << "as if it were all files";
 }
 
 TEST_F(AvailableMemory, KnowsControlGroupsOfTheFirstVersion) {
