@@ -224,6 +224,18 @@ const RefusalCase kCases[] = {
     {"actions=strip_vlan,dec_ttl,1",
      "dec_ttl: strip_vlan may uncover an IP header that was behind two tags; "
      "match ip or ipv6"},
+    {"actions=strip_vlan,mod_nw_src:1.2.3.4,1",
+     "mod_nw_src:1.2.3.4: strip_vlan may uncover an IP header that was behind "
+     "two tags; match ip or ipv6"},
+    {"actions=strip_vlan,mod_nw_dst:1.2.3.4,1",
+     "mod_nw_dst:1.2.3.4: strip_vlan may uncover an IP header that was behind "
+     "two tags; match ip or ipv6"},
+    {"actions=dec_ttl,strip_vlan,1",
+     "strip_vlan: strip_vlan may uncover an IP header that was behind two "
+     "tags; match ip or ipv6"},
+    {"actions=mod_nw_dst:1.2.3.4,strip_vlan,1",
+     "strip_vlan: strip_vlan may uncover an IP header that was behind two "
+     "tags; match ip or ipv6"},
     {"actions=mod_nw_src:1.2.3.4,strip_vlan,1",
      "strip_vlan: strip_vlan may uncover an IP header that was behind two "
      "tags; match ip or ipv6"},

@@ -79,6 +79,9 @@ const ActionCase kCases[] = {
      "fields{setOutputAll:true} values{ogate:[1,2]}"},
     {"", "apply_actions(output:1,output:2),goto_table:2",
      "fields{setOutputAll:true gotoTbl:true} values{ogate:[1,2] nextTbl:2}"},
+    {"in_port=1", "apply_actions(controller(reason=no_match),in_port),2",
+     "fields{setOutputController:true setOutputInPort:true setOutputAll:true} "
+     "values{outputControllerTrap:true ogate:2}"},
     {"", "clear_actions,output:1", "fields{setOutputAll:true} values{ogate:1}"},
     // Ethernet rewrites.
     {"", "mod_dl_src:02:00:00:00:00:01,mod_dl_dst:2:0:0:0:0:2,output:1",
@@ -133,6 +136,9 @@ const ActionCase kCases[] = {
     {"ip", "pop_vlan,mod_vlan_pcp:5,output:1",
      "fields{popVlan:true setVlanVid:true setVlanPcp:true setOutputAll:true} "
      "values{vlanVid:0 vlanPcp:5 ogate:1}"},
+    {"ip", "pop_vlan,mod_vlan_pcp:5,set_field:4103->vlan_vid,output:1",
+     "fields{popVlan:true setVlanVid:true setVlanPcp:true setOutputAll:true} "
+     "values{vlanVid:7 vlanPcp:5 ogate:1}"},
     // IP rewrites.
     {"ip", "mod_nw_src:10.0.0.1,mod_nw_dst:10.0.0.2,output:1",
      "fields{setIpv4Src:true setIpv4Dst:true setOutputAll:true} "
@@ -149,6 +155,10 @@ const ActionCase kCases[] = {
      "fields{setIpTos:true setOutputAll:true} values{ipTos:32 ogate:1}"},
     {"ip,nw_tos=32", "mod_nw_ecn:3,output:1",
      "fields{setIpTos:true setOutputAll:true} values{ipTos:35 ogate:1}"},
+    {"ip,nw_tos=32,nw_ecn=1", "mod_nw_ecn:2,output:1",
+     "fields{setIpTos:true setOutputAll:true} values{ipTos:34 ogate:1}"},
+    {"ip,nw_tos=32,nw_ecn=1", "mod_nw_tos:8,output:1",
+     "fields{setIpTos:true setOutputAll:true} values{ipTos:9 ogate:1}"},
     {"ip", "mod_nw_tos:32,mod_nw_ecn:1,output:1",
      "fields{setIpTos:true setOutputAll:true} values{ipTos:33 ogate:1}"},
     {"ip", "set_field:4->nw_tos,set_field:1->nw_ecn,output:1",

@@ -73,6 +73,8 @@ TEST_F(CheckCommand, AddsNothingToCommandLists) {
   check("-v list.json");
   EXPECT_EQ(status_, 0);
   EXPECT_EQ(out_, "0 flows and 1 command accepted, 0 refused\n");
+  check("-v --json list.json");
+  EXPECT_EQ(nlohmann::json::parse(out_)["installed"], nlohmann::json::array());
 }
 
 TEST_F(CheckCommand, AddsNoTableToCommandListsForATextWithoutFlows) {
@@ -302,6 +304,10 @@ TEST_F(CheckCommand, TellsOfBuildsInJson) {
   EXPECT_EQ(tables[1]["table"], 4);
   EXPECT_EQ(tables[1]["flows"], 0);
   EXPECT_EQ(tables[1]["cyclesPerPacket"], 0);
+  check("--build flows.json");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_TRUE(out_.ends_with(" cycles a packet\ntable 4 IPv4: 0 flows\n"))
+      << out_;
 }
 
 TEST_F(CheckCommand, NamesTheTableThatDoesNotBuild) {

@@ -39,6 +39,8 @@ const Row kTaken[] = {
     {"\"flowType\": 1", "flowType:OPENFLOW_TYPE_IPV6"},
     {"\"flowType\": \"OPENFLOW_TYPE_IPV6\"", "flowType:OPENFLOW_TYPE_IPV6"},
     {"\"deletes\": [{\"flowId\": 4294967295}]", "deletes{flowId:4294967295}"},
+    {"\"deletes\": [{\"flowId\": 4294967295.0}]", "deletes{flowId:4294967295}"},
+    {"\"deletes\": [{\"flowId\": 0.0}]", "deletes{}"},
     {"\"deletes\": [{\"flowId\": \"4294967295\"}]",
      "deletes{flowId:4294967295}"},
     {"\"adds\": [{\"match\": {\"fields\": {\"metadata\": false, \"ethSrc\": "
@@ -70,6 +72,8 @@ const Row kRefused[] = {
      "tableId: -1.5 must be a number from 0 to 4294967295"},
     {"\"tableId\": 1e30",
      "tableId: 1e30 must be a number from 0 to 4294967295"},
+    {"\"tableId\": 4294967296.0",
+     "tableId: 4294967296.0 must be a number from 0 to 4294967295"},
     {"\"tableId\": 0.5", "tableId: 0.5 must be a number from 0 to 4294967295"},
     {"\"tableId\": true",
      "tableId: true must be a number from 0 to 4294967295"},
@@ -106,6 +110,48 @@ TEST_P(RefusedJson, SaysWhatWouldBeRight) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, RefusedJson, testing::ValuesIn(kRefused));
+
+// Lengths of what a match and an action compare and write.
+TEST(CommandJson, SaysHowManyBytesThereMustBe) {
+  struct Bytes {
+    const char* part;
+    const char* flag;
+    const char* field;
+    const char* fields;  // those that are right, with an opening brace
+    const char* length;
+  };
+  const char* const kMac = "AgAAAAAB";
+  const char* const kIpv6 = "AAAAAAAAAAAAAAAAAAAAAA==";
+  const Bytes kBytes[] = {
+      {"match", "ethSrc", "ethSrc", "", "6"},
+      {"match", "ethSrc", "ethSrcMask", "\"ethSrc\": \"MAC\", ", "6"},
+      {"match", "ethDst", "ethDst", "", "6"},
+      {"match", "ethDst", "ethDstMask", "\"ethDst\": \"MAC\", ", "6"},
+      {"match", "ipv6Src", "ipv6Src", "", "16"},
+      {"match", "ipv6Src", "ipv6SrcMask", "\"ipv6Src\": \"IP\", ", "16"},
+      {"match", "ipv6Dst", "ipv6Dst", "", "16"},
+      {"match", "ipv6Dst", "ipv6DstMask", "\"ipv6Dst\": \"IP\", ", "16"},
+      {"action", "setEthSrc", "ethSrc", "", "6"},
+      {"action", "setEthDst", "ethDst", "", "6"},
+  };
+  for (const Bytes& row : kBytes) {
+    std::string text = std::string("\"adds\": [{\"") + row.part +
+                       "\": {\"fields\": {\"" + row.flag +
+                       "\": true}, \"values\": {" + row.fields + "\"" +
+                       row.field + "\": \"AAAA\"}}}]";
+    for (const auto& [word, bytes] :
+         {std::pair("\"MAC\"", kMac), std::pair("\"IP\"", kIpv6)}) {
+      if (const size_t at = text.find(word); at != std::string::npos) {
+        text.replace(at + 1, std::string(word).size() - 2, bytes);
+      }
+    }
+    const CommandList list = readUpdate(text);
+    ASSERT_THAT(list.refusals, testing::SizeIs(1)) << text;
+    EXPECT_EQ(list.refusals[0].reason,
+              std::string("command 0: updateFlows: adds[0].") + row.part +
+                  ".values." + row.field + ": 3 bytes, must be " + row.length);
+  }
+}
 
 // How many letters stand for bytes is protobuf's to judge.
 TEST(CommandJson, LeavesTheLengthOfBytesToProtobuf) {

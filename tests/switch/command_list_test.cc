@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "switch/flow/json_places.h"
+#include "tests/captures/capture_files.h"
 #include "tests/switch/flow_texts.h"
 
 namespace ofswitch {
@@ -74,6 +75,17 @@ TEST(CommandList, NamesAFolderThatItCannotRead) {
   EXPECT_EQ(list.refusals[0].text(), "/tmp: cannot be read: Is a directory");
 }
 
+// Programs write all of it in one line.
+TEST(CommandList, MayBeALongLine) {
+  const openflow_test::ScratchDir dir;
+  std::string text = "[{\"getStats\": {}}";
+  while (text.size() < (size_t{3} << 20)) text += ", {\"getStats\": {}}";
+  openflow_test::writeFile(dir / "c.json", text + "]");
+  const CommandList list = CommandListReader().read(dir / "c.json");
+  EXPECT_TRUE(list.ok()) << list.refusals[0].text();
+  EXPECT_GT(list.commands.size(), 100'000u);
+}
+
 TEST(CommandList, ReservesItsNumbers) {
   const CommandList list = CommandListReader().read(
       R"([{"updateFlows": {"adds": [
@@ -111,6 +123,9 @@ const RefusalCase kCases[] = {
      "2:1: command 1: unknown command \"getStat\", did you mean \"getStats\"?"},
     {"[{\"updateFlows\": {\"table\": 3}}]",
      "1:20: command 0: updateFlows: unknown field \"table\", did you mean "
+     "\"tableId\"?"},
+    {"[{\"getStats\": {\"tabelId\": 3}}]",
+     "1:17: command 0: getStats: unknown field \"tabelId\", did you mean "
      "\"tableId\"?"},
     {"[{\"updateFlows\": 3}]",
      "1:18: command 0: updateFlows: 3 must be an object"},
@@ -260,6 +275,35 @@ TEST(CommandList, ShowsEveryRefusal) {
   }
   EXPECT_EQ(lines, (std::vector<int>{2, 4, 5}));
   EXPECT_TRUE(list.commands.empty());
+}
+
+TEST(CommandList, TakesTheLastTableAndSlot) {
+  const auto refusal = [](const std::string& command) {
+    const CommandList list =
+        CommandListReader().read("[" + command + "]", "c.json");
+    return list.ok() ? "" : list.refusals[0].reason;
+  };
+  const auto gotoTable = [&](const char* table, const char* next) {
+    return refusal(
+        std::string("{\"updateFlows\": {\"tableId\": ") + table +
+        ", \"adds\": [{\"action\": {\"fields\": {\"gotoTbl\": true}, "
+        "\"values\": {\"nextTbl\": " +
+        next + "}}}]}}");
+  };
+  EXPECT_EQ(gotoTable("30", "31"), "");
+  EXPECT_EQ(gotoTable("31", "32"),
+            "command 0: updateFlows: adds[0].action.values.nextTbl: 32 must be "
+            "above tableId 31 and below 32");
+  EXPECT_EQ(refusal("{\"setAclIds\": {\"tableId\": 31, \"aclId\": 65534, "
+                    "\"ipv6AclId\": 65535}}"),
+            "");
+  // Also those that it has already, the other way round.
+  EXPECT_EQ(refusal("{\"setAclIds\": {\"tableId\": 31, \"aclId\": 63, "
+                    "\"ipv6AclId\": 62}}"),
+            "");
+  EXPECT_EQ(refusal("{\"setAclIds\": {\"tableId\": 31, \"aclId\": 0, "
+                    "\"ipv6AclId\": 62}}"),
+            "command 0: setAclIds: aclId: slot 0 belongs to table 0");
 }
 
 TEST(CommandList, RefusesTooManyGates) {

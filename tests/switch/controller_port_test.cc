@@ -9,7 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <stop_token>
 #include <string>
 #include <thread>
@@ -17,6 +19,7 @@
 #include "packet_pool.h"
 #include "platform/ringlog/ringlog.h"
 #include "tests/captures/capture_files.h"
+#include "tests/support/time_limit.h"
 #include "tests/switch/live_bench.h"
 
 namespace ofswitch {
@@ -156,9 +159,12 @@ TEST(ControllerPort, CountsAndTellsWhatItsFileDoesNotTake) {
     EXPECT_EQ(port.counts().notWritten, 0);
   }
   const uint64_t since = Ringlog::Ring::instance().readSince(0).next;
+  testing::internal::CaptureStderr();
   give(&port, 1, 2);
   give(&port, 2, 3);
   EXPECT_EQ(port.stopCapture(), path + ": Broken pipe");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ofswitch: controller.capture: " + path + ": Broken pipe\n");
   EXPECT_EQ(port.counts().packets, 6 * 32);
   EXPECT_EQ(port.counts().notCaptured, 0);
   EXPECT_EQ(port.counts().notWritten, 5 * 32);
@@ -168,6 +174,42 @@ TEST(ControllerPort, CountsAndTellsWhatItsFileDoesNotTake) {
     if (entry.text == "capture: " + path + ": Broken pipe") told++;
   }
   EXPECT_EQ(told, 1);
+  signal(SIGPIPE, before);
+}
+
+// Nobody reads what the capture writes.
+TEST(ControllerPort, IsReportedWithWhatItsCaptureMissed) {
+  const auto before = signal(SIGPIPE, SIG_IGN);
+  auto capture = std::make_unique<StuckCapture>();
+  const std::string path = capture->path();
+  LiveBench bench(
+      {.flows = "in_port=1,actions=controller\n", .controllerCapture = path});
+  capture.reset();
+  testing::internal::CaptureStderr();
+  bench.receive(1, LiveBench::Bytes(60), 3);
+  const auto end = std::chrono::steady_clock::now() +
+                   openflow_test::timeLimit(std::chrono::seconds(10));
+  while (bench->ports().ports(0).drops(1).packets() < 3 &&
+         std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+  const pb::Port controller = bench->ports().ports(0);
+  EXPECT_EQ(controller.port(), 0u);
+  EXPECT_EQ(controller.name(), "controller");
+  EXPECT_TRUE(controller.link_up());
+  EXPECT_EQ(controller.tx_packets(), 3u);
+  ASSERT_EQ(controller.drops_size(), 2);
+  EXPECT_EQ(controller.drops(0).name(), "controller_capture_full");
+  EXPECT_EQ(controller.drops(0).packets(), 0u);
+  EXPECT_EQ(controller.drops(1).name(), "controller_capture_failed");
+  EXPECT_EQ(controller.drops(1).packets(), 3u);
+  const pb::StatsReply stats = bench.settled();
+  EXPECT_EQ(LiveBench::drops(stats, "controller_capture_full"), 0u);
+  EXPECT_EQ(LiveBench::drops(stats, "controller_capture_failed"), 3u);
+  bench.stop();
+  EXPECT_EQ(bench->captureError(), path + ": Broken pipe");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ofswitch: controller.capture: " + path + ": Broken pipe\n");
   signal(SIGPIPE, before);
 }
 

@@ -98,6 +98,7 @@ TEST(FlowFilter, LooksAtWhatIsNotMatch) {
   EXPECT_FALSE(selects("cookie=5/-1", "cookie=0x105,actions=drop"));
   EXPECT_TRUE(selects("priority=5", "priority=5,actions=drop", true));
   EXPECT_FALSE(selects("priority=5", "priority=6,actions=drop", true));
+  EXPECT_TRUE(selects("priority=65535", "priority=65535,actions=drop", true));
   EXPECT_TRUE(selects("", "actions=drop", true));
   EXPECT_FALSE(selects("", "priority=6,actions=drop", true));
 }
@@ -236,6 +237,19 @@ TEST(FlowRequest, WordsOfAMessageAreOneWordEach) {
   EXPECT_THAT(refusalOfField("ip,tcp", ""),
               ElementsAre("request:1: field \"ip,tcp\" is not one word of "
                           "flow text"));
+  for (const char* name : {"dl=type", "dl:type", "dl(type", "dl)type"}) {
+    EXPECT_THAT(refusalOfField(name, "1"),
+                ElementsAre("request:1: field \"" + std::string(name) +
+                            "\" is not one word of flow text"));
+  }
+  for (const char* value : {"1(", "1)"}) {
+    EXPECT_THAT(refusalOfField("in_port", value),
+                ElementsAre("request:1: value \"" + std::string(value) +
+                            "\" is not one word of flow text"));
+  }
+  EXPECT_THAT(refusalOfField("in_port", std::string(200, '1') + ","),
+              ElementsAre("request:1: value \"" + std::string(80, '1') +
+                          "...\" is not one word of flow text"));
   EXPECT_THAT(refusalOfField("in_port", "1,tcp"),
               ElementsAre("request:1: value \"1,tcp\" is not one word of flow "
                           "text"));
@@ -271,6 +285,54 @@ TEST(FlowRequest, MessagesHaveALengthToo) {
   EXPECT_THAT(refusals(change),
               testing::ElementsAre("request:1: the line has 300038 characters, "
                                    "at most 262144 are taken"));
+}
+
+// Who sends a line of that length is told what else is wrong with it.
+TEST(FlowRequest, TakesALineOfJustItsLength) {
+  constexpr size_t kLongest = 262144;
+  for (const pb::FlowOperation operation : {kAdd, kDelete}) {
+    const bool isFilter = operation == kDelete;
+    pb::FlowChange change;
+    change.set_operation(operation);
+    const auto refusalAt = [&](size_t length) {
+      change.clear_flows();
+      pb::FlowMessage* message = change.add_flows();
+      pb::FlowMessage::Field* field = message->add_match();
+      if (!isFilter) message->add_actions("drop");
+      field->set_name(std::string(
+          length - (isFilter ? 0
+                             : std::string(",idle_timeout=0,hard_timeout=0,"
+                                           "actions=drop")
+                                   .size()),
+          'x'));
+      return refusals(change).at(0);
+    };
+    EXPECT_THAT(refusalAt(kLongest), testing::Not(testing::HasSubstr("most")));
+    EXPECT_EQ(refusalAt(kLongest + 1),
+              "request:1: the line has 262145 characters, at most 262144 are "
+              "taken");
+    change.clear_flows();
+    change.set_text(std::string(kLongest, 'x'));
+    EXPECT_THAT(refusals(change).at(0),
+                testing::Not(testing::HasSubstr("most")));
+    change.set_text(std::string(kLongest + 1, 'x'));
+    EXPECT_EQ(refusals(change).at(0),
+              "request:1: the line has 262145 characters, at most 262144 are "
+              "taken");
+  }
+}
+
+TEST(FlowRequest, FiltersMayHaveComments) {
+  pb::FlowChange change;
+  change.set_operation(kDelete);
+  change.set_text("table=3 # three\n\n  # none\n\ttable=4\t\ntabel=5\n");
+  EXPECT_THAT(refusals(change),
+              testing::ElementsAre(testing::StartsWith("request:5: ")));
+  change.set_text("table=3 # three\n\n  # none\n\ttable=4\t\n");
+  const FlowRequest request = readFlowRequest(change);
+  ASSERT_THAT(request.filters, testing::SizeIs(2));
+  EXPECT_EQ(request.filters[0].table, 3);
+  EXPECT_EQ(request.filters[1].table, 4);
 }
 
 TEST(FlowRequest, KeepsTheEndOfALongName) {

@@ -146,6 +146,8 @@ TEST(FlowReader, ShowsNoControlCharacters) {
   EXPECT_EQ(
       texts(readText("\x1b[2J=1,actions=drop\n").refusals),
       (std::vector<std::string>{"flows.txt:1: unknown field \"\\x1b[2J\""}));
+  EXPECT_EQ(printable("\x01\x1f ~\x7f\u00e4\n"),
+            "\\x01\\x1f ~\\x7f\u00e4\\x0a");
 }
 
 // The reason quoted the word, which ended at the zero byte: at times before its

@@ -54,6 +54,7 @@ uint64_t drop(const SwitchAccount& account, SwitchDrop cause) {
 TEST(Accounting, Closes) {
   const SwitchAccount account = accountOf(healthy());
   EXPECT_THAT(account.discrepancies, IsEmpty());
+  EXPECT_TRUE(account.exact);
   EXPECT_EQ(account.received, 100);
   EXPECT_EQ(account.forwarded, 45);
   EXPECT_EQ(account.sent, 38);
@@ -141,8 +142,10 @@ TEST(Accounting, UnderTrafficTellsWhatIsCertain) {
   counts.deadEnds -= 3;
   counts.matchedLater[{0, {Kind::kSent}}] += 2;
   counts.matchedLater[{5, {Kind::kSent}}] += 1;
+  counts.tables[0].set_batchdrops(1);
   MissingPackets missing;
   SwitchAccount account = makeSwitchAccount(counts, &missing);
+  EXPECT_FALSE(account.exact);
   EXPECT_THAT(account.discrepancies, IsEmpty());
   EXPECT_EQ(account.tables[5].drop(SwitchDrop::kNoBufferForTable), 2);
   EXPECT_EQ(drop(account, SwitchDrop::kNoSuchPort), 2);
@@ -152,6 +155,7 @@ TEST(Accounting, UnderTrafficTellsWhatIsCertain) {
   account = makeSwitchAccount(counts, &missing);
   EXPECT_EQ(account.tables[5].drop(SwitchDrop::kNoBufferForTable), 2);
   EXPECT_EQ(drop(account, SwitchDrop::kNoSuchPort), 2);
+  EXPECT_EQ(drop(account, SwitchDrop::kLookupFailed), 0) << "none in table 0";
 
   counts.matchedLater = counts.matched;
   counts.exact = true;
@@ -186,15 +190,38 @@ const Discrepancy kDiscrepancies[] = {
     {"GateAndPortDisagree",
      [](SwitchCounts* counts) { counts->ports[0].gatePackets = 39; },
      "port 1: 39 packets left for it, but 38 arrived"},
+    {"MoreArrivedThanLeft",
+     [](SwitchCounts* counts) { counts->ports[0].gatePackets = 37; },
+     "port 1: 37 packets left for it, but 38 arrived"},
     {"ReceivedNotHandedOn",
      [](SwitchCounts* counts) { counts->ports[0].stats.rx_received = 104; },
      "port 1: 104 packets received, but 103 accounted for"},
+    {"HandedOnNotReceived",
+     [](SwitchCounts* counts) { counts->ports[0].stats.rx_received = 102; },
+     "port 1: 102 packets received, but 103 accounted for"},
     {"NeitherSentNorDropped",
      [](SwitchCounts* counts) { counts->ports[0].stats.tx_packets = 35; },
      "port 1: 38 packets to send, but 37 accounted for"},
+    {"SentTwice",
+     [](SwitchCounts* counts) { counts->ports[0].stats.tx_packets = 37; },
+     "port 1: 38 packets to send, but 39 accounted for"},
     {"ControllerLost",
      [](SwitchCounts* counts) { counts->controller.packets = 1; },
      "controller: 2 packets left for it, but 1 arrived"},
+    {"ControllerGotMore",
+     [](SwitchCounts* counts) { counts->controller.packets = 3; },
+     "controller: 2 packets left for it, but 3 arrived"},
+    {"EndedNowhere",
+     [](SwitchCounts* counts) {
+       counts->matched[{5, {Kind::kSent}}] = 16;
+       counts->matched[{0, {Kind::kSent}}] = 28;
+     },
+     "100 packets received, but 99 accounted for"},
+    {"EndedTwice",
+     [](SwitchCounts* counts) {
+       counts->matched[{5, {Kind::kSent}}] = 16;
+     },
+     "100 packets received, but 101 accounted for"},
     {"NotDroppedAfterwards",
      [](SwitchCounts* counts) { counts->deadEnds = 129; },
      "130 packets handled, but only 129 ended"},
@@ -214,6 +241,21 @@ TEST_P(Discrepancies, AreToldInASentence) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, Discrepancies, testing::ValuesIn(kDiscrepancies),
                          [](const auto& row) { return row.param.name; });
+
+TEST(Accounting, CausesAreToldWithTheirNameAndSentence) {
+  const pb::DropCause miss = dropCause(SwitchDrop::kTableMiss, 7);
+  EXPECT_EQ(miss.name(), "table_miss");
+  EXPECT_EQ(miss.sentence(), "No flow of the table matched the packet.");
+  EXPECT_EQ(miss.packets(), 7u);
+  EXPECT_EQ(miss.port(), 0u);
+  for (const bess::DropCauseInfo& cause : bess::kDropCauses) {
+    const pb::DropCause told = dropCause(cause, 8, 3);
+    EXPECT_EQ(told.name(), cause.name);
+    EXPECT_EQ(told.sentence(), cause.sentence);
+    EXPECT_EQ(told.packets(), 8u);
+    EXPECT_EQ(told.port(), 3u);
+  }
+}
 
 TEST(Accounting, CausesHaveNamesOfTheirOwnAndSentences) {
   std::set<std::string> names;

@@ -26,11 +26,12 @@ class FakeModule {
   using Tables = std::map<std::pair<uint32_t, int>, Rules>;
 
   ModuleDoor door() {
-    return {[this](const TableUpdate& update) { return take(update); },
+    return {[this](const TableUpdate& update, Sender) { return take(update); },
             [this] { gracePeriods++; }};
   }
 
-  std::string take(const TableUpdate& update) {
+  UpdateAnswer take(const TableUpdate& update) {
+    if (fullAfter >= 0 && builds >= fullAfter) return {"no room", false};
     updates.push_back(update);
     const std::pair place(update.tableid(),
                           static_cast<int>(update.flowtype()));
@@ -39,20 +40,21 @@ class FakeModule {
       rules[add.flowid()] = add.SerializeAsString();
     }
     for (const auto& flow : update.deletes()) rules.erase(flow.flowid());
-    if (failures.contains(builds++)) return "no memory";
+    if (failures.contains(builds++)) return {"no memory"};
     if (rules.empty()) {
       published.erase(place);
       store.erase(place);
     } else {
       published[place] = rules;
     }
-    return "";
+    return {};
   }
 
   Tables store;
   Tables published;
   std::vector<TableUpdate> updates;
   std::set<int> failures;  // by number of the build
+  int fullAfter = -1;      // after so many builds it takes no update any more
   int builds = 0;
   int gracePeriods = 0;
 };

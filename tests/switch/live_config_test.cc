@@ -88,6 +88,34 @@ counters: 4096
   EXPECT_EQ(config.counters, 4096);
 }
 
+// So that whoever finds out later that it does not hold can name the line.
+TEST(Config, RemembersWhereThingsStand) {
+  const SwitchConfig config = parseConfig(R"(ports:
+  - number: 1
+    device: d
+workers: 2
+module: m.so
+controller:
+  capture: c.pcap
+control:
+  tls:
+    certificate: c.pem
+    key: k.pem
+    client_ca: a.pem
+)",
+                                          "dir/s.yaml");
+  EXPECT_EQ(config.file, "dir/s.yaml");
+  EXPECT_EQ(config.ports.at(0).place, "dir/s.yaml:3");
+  EXPECT_EQ(config.workersPlace, "dir/s.yaml:4");
+  EXPECT_EQ(config.module.place, "dir/s.yaml:5");
+  EXPECT_EQ(config.controllerCapture.place, "dir/s.yaml:7");
+  EXPECT_EQ(config.tlsCertificate.place, "dir/s.yaml:10");
+  EXPECT_EQ(config.tlsKey.place, "dir/s.yaml:11");
+  EXPECT_EQ(config.tlsClientCa.place, "dir/s.yaml:12");
+  EXPECT_EQ(config.module.placed("broken"), "dir/s.yaml:5: broken");
+  EXPECT_EQ(ConfiguredFile().placed("broken"), "broken");
+}
+
 TEST(Config, WorkersByNumber) {
   EXPECT_THAT(parseConfig("workers: 3", "s.yaml").workers,
               ElementsAre(-1, -1, -1));
@@ -126,6 +154,8 @@ const ErrorCase kErrorCases[] = {
     {"NoDevice", "ports:\n  - number: 1\n",
      "s.yaml:2: a port needs a device, such as 0000:03:00.0 or "
      "net_af_packet0,iface=eth1"},
+    {"NoPort", "ports:\n  - {number: 1, device: d}\n  - ~\n",
+     "s.yaml:3: a port needs a number"},
     {"EmptyDevice", "ports:\n  - {number: 1, device: \"\"}\n",
      "s.yaml:2: a port needs a device, such as 0000:03:00.0 or "
      "net_af_packet0,iface=eth1"},
@@ -164,6 +194,7 @@ const ErrorCase kErrorCases[] = {
      "s.yaml:1: log.OpenFlow: \"32\" is not a number from 0 to 31"},
     {"Tab", "memory:\n\tmb: 512\n",
      "s.yaml:2: a tab in front of the line; YAML indents by blanks"},
+    {"TabBehindAWord", "memory: mb:\t512\n", "s.yaml:1: illegal map value"},
     {"BrokenYaml", "ports: [\n", "s.yaml:2: end of sequence flow not found"},
 };
 

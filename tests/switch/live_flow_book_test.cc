@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <map>
+
 #include "switch/live/flow_book.h"
 #include "tests/switch/live_book.h"
 
@@ -233,9 +236,14 @@ TEST(FlowBook, GuardsFollowTheirFlow) {
   bench.hit(view.installed->guards[0]);
   EXPECT_EQ(bench.only("ip").counts.packets, 2);
   EXPECT_EQ(bench.only("ip").counts.ttlExpired, 1);
-  EXPECT_EQ(bench.book.findByFlowId(view.installed->guards[0].flowId)
+  const InstalledRule guard = view.installed->guards[0];
+  EXPECT_EQ(bench.book.findByFlowId(guard.flowId)->installed->rule.flowId,
+            view.installed->rule.flowId);
+  EXPECT_EQ(bench.book.findByPacketCounter(guard.packetCounterId)
                 ->installed->rule.flowId,
             view.installed->rule.flowId);
+  EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kTtlExpired}}]), 1);
+  EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kSent}}]), 1);
 
   // Under its identifier, as its flow.
   const pb::FlowChangeReply changed = bench.add("ip,actions=dec_ttl,output:3");
@@ -252,7 +260,30 @@ TEST(FlowBook, GuardsFollowTheirFlow) {
   EXPECT_EQ(bench.only("ip").counts.ttlExpired, 1);
   EXPECT_EQ((bench.book.matched()[{0, {RuleEnd::Kind::kTtlExpired}}]), 1);
 
-  EXPECT_EQ(bench.remove("").builds(0).deletes(), 1);
+  // Its identifier is free for others.
+  bench.add("arp,actions=drop");
+  EXPECT_EQ(bench.only("arp").installed->rule.flowId, guard.flowId);
+
+  EXPECT_EQ(bench.remove("").builds(0).deletes(), 2);
+}
+
+// A guard goes before its flow, and everything before the miss flow.
+TEST(FlowBook, RulesHaveThePrioritiesOfTheirKind) {
+  BookBench bench;
+  bench.add("priority=0,ip,actions=dec_ttl,output:2");
+  const InstalledFlow flow = *bench.only("ip").installed;
+  EXPECT_EQ(flow.rule.priority, flowPriority(flow.flow));
+  EXPECT_EQ(flow.guards.at(0).priority, guardPriority(flow.flow));
+  EXPECT_GT(guardPriority(flow.flow), flowPriority(flow.flow));
+  EXPECT_GT(flow.rule.priority, kMissPriority);
+  EXPECT_EQ(bench.book.select({}, true).back().installed->rule.priority,
+            kMissPriority);
+  std::map<uint32_t, uint32_t> sent;
+  for (const auto& add : bench.module.updates.at(0).adds()) {
+    sent[add.flowid()] = add.priority();
+  }
+  EXPECT_EQ(sent.at(flow.rule.flowId), flow.rule.priority);
+  EXPECT_EQ(sent.at(flow.guards[0].flowId), flow.guards[0].priority);
 }
 
 TEST(FlowBook, NumbersRestUntilAGracePeriodHasPassed) {

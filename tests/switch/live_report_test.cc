@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -49,6 +51,42 @@ TEST(TablesReply, HasTheModulesCountersUnderTheirNames) {
                   Pair("noClassifier", 7), Pair("batchDrops", 8),
                   Pair("tableMisses", 9), Pair("spareCounter", 10),
                   Pair("dropActions", 11), Pair("noOutputDrops", 12)));
+}
+
+TEST(TablesReply, HasTheHistoryOfBuilds) {
+  BookBench bench;
+  bool isSlow = true;
+  FlowProgrammer programmer(
+      &bench.book,
+      {[&](const TableUpdate& update, Sender) {
+         std::this_thread::sleep_for(std::chrono::milliseconds(isSlow ? 5 : 1));
+         isSlow = false;
+         return bench.module.take(update);
+       },
+       [] {}});
+  bench.module.failures = {2};
+  for (const char* flow : {"in_port=1", "in_port=2", "in_port=3"}) {
+    pb::FlowChangeReply reply;
+    programmer.make(
+        bench.book.planAdd(
+            BookBench::flows(std::string(flow) + ",actions=drop"), false),
+        bench.now, {}, &reply);
+  }
+  const pb::TablesReply reply = tablesReply(SwitchCounts(), SwitchAccount(),
+                                            bench.book, programmer, false);
+  ASSERT_EQ(reply.tables_size(), 1);
+  const auto& told = reply.tables(0).ipv4();
+  EXPECT_EQ(told.flows(), 3u) << "two and the miss flow";
+  EXPECT_EQ(reply.tables(0).flows(), 2u);
+  EXPECT_EQ(told.builds(), 4u) << "the inverse of the third is one, too";
+  EXPECT_EQ(told.failed_builds(), 1u);
+  const BuildHistory& history = programmer.history(0, false);
+  EXPECT_EQ(told.last_build_ns(), static_cast<uint64_t>(history.last.count()));
+  EXPECT_EQ(told.longest_build_ns(),
+            static_cast<uint64_t>(history.longest.count()));
+  EXPECT_EQ(told.total_build_ns(),
+            static_cast<uint64_t>(history.total.count()));
+  EXPECT_EQ(reply.tables(0).ipv6().builds(), 0u);
 }
 
 TEST(TablesReply, HasTheTablesThatAreUsed) {

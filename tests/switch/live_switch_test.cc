@@ -7,10 +7,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
+#include <string>
 #include <vector>
 
 #include "packet_pool.h"
 #include "platform/quil_modules/counter_db.h"
+#include "ports/drop_cause.h"
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/live_policy.h"
@@ -75,10 +78,34 @@ TEST(LiveSwitch, PacketsFollowTheFlowsAndTheAccountCloses) {
   EXPECT_EQ(LiveBench::drops(stats, "no_such_port"), 4);
   EXPECT_EQ(LiveBench::drops(stats, "no_buffer_for_output"), 0);
   EXPECT_EQ(stats.flows(), 6);
+  std::vector<std::string> where;
+  for (const pb::DropCause& drop : stats.drops()) {
+    if (drop.packets() == 0) continue;
+    where.push_back(fmt::format("{} {}", drop.name(), drop.table()));
+  }
+  EXPECT_THAT(where,
+              ElementsAre("table_miss 0", "table_miss 4", "drop_action 4",
+                          "ttl_expired 4", "no_such_port 0"));
+  const size_t kinds = std::size(bess::kDropCauses);
+  ASSERT_EQ(stats.drops_size(), 4 + 4 + 3 * kinds) << "zeros of ports alone";
+  for (size_t i = 0; i < 3 * kinds; i++) {
+    const auto& drop = stats.drops(static_cast<int>(8 + i));
+    EXPECT_EQ(drop.port(), 1 + i / kinds);
+    EXPECT_EQ(drop.name(), bess::kDropCauses[i % kinds].name);
+  }
 
   const size_t length = tcpTo(80).bytes().size();
   const pb::PortsReply ports = bench->ports();
   ASSERT_EQ(ports.ports_size(), 4);
+  EXPECT_EQ(ports.ports(3).port(), 3u);
+  EXPECT_EQ(ports.ports(3).name(), "port3");
+  EXPECT_THAT(ports.ports(3).mac(), SizeIs(17));
+  EXPECT_EQ(ports.ports(1).rx_packets(), 22);
+  EXPECT_EQ(ports.ports(1).tx_packets(), 0);
+  EXPECT_EQ(ports.ports(3).rx_packets(), 0);
+  EXPECT_EQ(ports.ports(3).tx_packets(), 10);
+  EXPECT_EQ(ports.ports(3).drops_size(), static_cast<int>(kinds));
+  EXPECT_EQ(ports.ports(3).drops(0).port(), 3u);
   EXPECT_EQ(ports.ports(1).rx_bytes(),
             21 * length + Frame(v6).udp(7, 8).bytes().size());
   EXPECT_EQ(ports.ports(2).rx_bytes(), 7 * length);
@@ -95,6 +122,9 @@ TEST(LiveSwitch, PacketsFollowTheFlowsAndTheAccountCloses) {
   EXPECT_EQ(tables.tables(0).entered(), 29);
   EXPECT_EQ(tables.tables(0).matched(), 22);
   EXPECT_EQ(tables.tables(1).table(), 4);
+  for (const pb::DropCause& drop : tables.tables(1).drops()) {
+    EXPECT_EQ(drop.table(), 4u) << drop.name();
+  }
   EXPECT_EQ(tables.tables(1).flows(), 5);
   EXPECT_EQ(tables.tables(1).entered(), 22);
   EXPECT_EQ(tables.tables(1).matched(), 16);
@@ -148,6 +178,9 @@ TEST(LiveSwitch, DealsQueuesOutToWorkersInTurn) {
   live.start();
   const pb::StatsReply stats = live.stats();
   ASSERT_EQ(stats.workers_size(), 2);
+  EXPECT_EQ(stats.workers(0).worker(), 0u);
+  EXPECT_EQ(stats.workers(1).worker(), 1u);
+  EXPECT_TRUE(stats.workers(1).running());
   EXPECT_THAT(stats.workers(0).tasks(), ElementsAre("one queue 0"));
   EXPECT_THAT(stats.workers(1).tasks(), ElementsAre("two queue 0"));
   EXPECT_EQ(live.ports().ports(1).tx_queues(), 2) << "one a worker";

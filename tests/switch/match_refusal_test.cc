@@ -38,6 +38,8 @@ const RefusalCase kCases[] = {
     {"tcp,nw_proto=17", "nw_proto=17: contradicts an earlier word of the flow"},
     {"learn(table=1", "learn(table=1: \"(\" without \")\""},
     {"ip)", "ip): \")\" without \"(\""},
+    {"tcp,ip),in_port=1", "ip): \")\" without \"(\""},
+    {"tcp, a(1,in_port=1", "a(1,in_port=1: \"(\" without \")\""},
     {"a(1)b", "a(1)b: nothing may follow \")\""},
     // Numbers and addresses.
     {"tcp,tp_dst=65536", "tp_dst=65536: 65536 is above 65535"},
@@ -201,6 +203,16 @@ const RefusalCase kCases[] = {
     {"tcp,tcp_flags=-ns",
      "tcp_flags=-ns: the module reads the flags fin to cwr, not the four "
      "above them; leave them out"},
+    {"tcp,tcp_flags=0x1000", "tcp_flags=0x1000: 0x1000 is above 4095"},
+    {"tcp,tcp_flags=2/0x1000", "tcp_flags=2/0x1000: 0x1000 is above 4095"},
+    {"tcp,tcp_flags=0xfff/0xfff",
+     "tcp_flags=0xfff/0xfff: the module reads the flags fin to cwr, not the "
+     "four above them; write tcp_flags=0xff/0xff"},
+    {"tcp,tcp_flags=0x100/0x100",
+     "tcp_flags=0x100/0x100: the module reads the flags fin to cwr, not the "
+     "four above them; leave them out"},
+    {"tcp,tcp_flags=+", "tcp_flags=+: unknown TCP flag \"\""},
+    {"tcp,tcp_flags=syn|", "tcp_flags=syn|: unknown TCP flag \"\""},
     {"tcp,tcp_flags=+sin",
      "tcp_flags=+sin: unknown TCP flag \"sin\", did you mean \"fin\"?"},
     {"tcp,tcp_flags=+syn-syn",

@@ -39,6 +39,8 @@ TEST(NormalForm, OfEachMatch) {
            "ip,nw_tos=184,nw_ecn=2,nw_ttl=64",
            "ip,nw_ttl=0/0xfe",
            "ipv6,ipv6_src=2001:db8::/32,ipv6_dst=2001:db8::1",
+           "ipv6,ipv6_src=2001:db8::/80,ipv6_dst=2001:db8::/64",
+           "ipv6,ipv6_src=2001:db8::/127,ipv6_dst=2000::/3",
            "ipv6,ipv6_dst=::1/ffff::ffff",
            "icmp,icmp_type=8,icmp_code=0",
            "icmp6,icmp_type=135,icmp_code=1",

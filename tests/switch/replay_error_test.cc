@@ -81,7 +81,10 @@ INSTANTIATE_TEST_SUITE_P(
                   "none.so: No such file or directory"},
         ErrorCase{"StatsOverInput",
                   "--flows good.txt --in 1=in.pcap --stats in.pcap",
-                  "in.pcap: is read, and would be overwritten"}),
+                  "in.pcap: is read, and would be overwritten"},
+        ErrorCase{"StatsOverFlows",
+                  "--flows good.txt --in 1=in.pcap --stats good.txt",
+                  "good.txt: is read, and would be overwritten"}),
     [](const auto& one) { return one.param.name; });
 
 TEST_F(ReplayErrors, OutputsThatCannotBeWrittenAreFoundBeforeTheWork) {
@@ -238,6 +241,14 @@ TEST_F(ReplayErrors, CutFramesAreReplayedAndMentioned) {
       stderr_,
       "snap.pcap: 1 packet was captured without its end, and replayed so\n");
   EXPECT_EQ(written("out/port-2.pcap")[0].bytes.size(), 40u);
+  capture("snap.pcap", {{1, text(udp(1).bytes()).substr(0, 40), 1000},
+                        {2, text(udp(2).bytes()).substr(0, 40), 1000}});
+  replay("--flows good.txt --in 1=snap.pcap 3=in.pcap");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(
+      stderr_,
+      "snap.pcap: 2 packets were captured without their ends, and replayed "
+      "so\n");
 }
 
 TEST_F(ReplayErrors, AStatsFileThatCannotBeWrittenIsAnError) {

@@ -232,6 +232,13 @@ TEST_F(RunCommand, ChecksAllFilesAndTheControlAddress) {
             ":3: no actions; write actions=drop for a flow that drops\n" +
             config + ": 2 ports, 1 worker on core 0, 3 flows, 2 refused\n");
   }
+  text.replace(text.find("workers: [0]"), 12, "workers: [0, 1]");
+  write("switch.yaml", text);
+  {
+    RunningSwitch process(config, dir_ / "log", "--check");
+    EXPECT_EQ(process.end(0), 1);
+    EXPECT_THAT(process.log(), HasSubstr("2 workers on core 0, 1, 3 flows"));
+  }
   text.replace(text.find("socket: control.sock"), 20, "address: 0.0.0.0:9470");
   write("switch.yaml", text);
   RunningSwitch process(config, dir_ / "log", "--check");

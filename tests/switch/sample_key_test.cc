@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ostream>
 #include <set>
 
 #include "tests/support/flow.h"
@@ -73,6 +75,119 @@ TEST(SampleKey, HasIpv6Addresses) {
   EXPECT_EQ(part(key, 37, 16), Key(destination.begin(), destination.end()));
   EXPECT_EQ(part(key, 55, 2), (Key{0x12, 0x34}));
 }
+
+// The bits that all keys of a flow have in common.
+struct Common {
+  Key value;
+  Key mask;
+};
+
+Common commonOf(const Flow& flow, bool ipv6) {
+  std::mt19937 random(5);
+  Common common;
+  common.value = sampleKey(flow.message(), ipv6, &random);
+  common.mask = Key(common.value.size(), 0xff);
+  for (int i = 0; i < 200; i++) {
+    const Key key = sampleKey(flow.message(), ipv6, &random);
+    for (size_t at = 0; at < key.size(); at++) {
+      common.mask[at] &= static_cast<uint8_t>(~(key[at] ^ common.value[at]));
+    }
+  }
+  for (size_t at = 0; at < common.mask.size(); at++) {
+    common.value[at] &= common.mask[at];
+  }
+  return common;
+}
+
+struct MaskedRow {
+  const char* name;
+  Flow flow;
+  bool ipv6;
+  size_t offset;
+  Key value;
+  Key mask;
+};
+
+void PrintTo(const MaskedRow& row, std::ostream* out) { *out << row.name; }
+
+const Ip6 kIp6 = ip6("2001:db8::81");
+const Ip6 kIp6Mask = ip6("fff0::ff");
+
+const MaskedRow kMasked[] = {
+    {"ethSrc",
+     Flow(1, 1).ethSrc({2, 0, 0, 0, 0, 1}, {0xfe, 0, 0, 0, 0, 0x0f}),
+     false,
+     1,
+     {2, 0, 0, 0, 0, 1},
+     {0xfe, 0, 0, 0, 0, 0x0f}},
+    {"ethDst",
+     Flow(1, 1).ethDst({4, 0, 0, 0, 0, 3}, {0xfc, 0, 0, 0, 0, 0x3f}),
+     true,
+     9,
+     {4, 0, 0, 0, 0, 3},
+     {0xfc, 0, 0, 0, 0, 0x3f}},
+    {"vlanVid",
+     Flow(1, 1).vlanVid(0x123, 0xf23),
+     false,
+     17,
+     {1, 0x23},
+     {0x0f, 0x23}},
+    {"vlanPcp", Flow(1, 1).vlanPcp(5), true, 17, {0xa0}, {0xe0}},
+    {"arpTpa",
+     Flow(1, 1).arpTpa(ip4("9.0.0.1"), ip4("255.0.0.1")),
+     false,
+     21,
+     {9, 0, 0, 1},
+     {0xff, 0, 0, 1}},
+    {"ipv4Src",
+     Flow(1, 1).ipv4Src(ip4("9.0.0.1"), ip4("255.0.0.1")),
+     false,
+     25,
+     {9, 0, 0, 1},
+     {0xff, 0, 0, 1}},
+    {"ipv4Dst",
+     Flow(1, 1).ipv4Dst(ip4("9.0.0.1"), ip4("255.0.0.1")),
+     false,
+     29,
+     {9, 0, 0, 1},
+     {0xff, 0, 0, 1}},
+    {"ipv6Src",
+     Flow(1, 1).ipv6Src(kIp6, kIp6Mask),
+     true,
+     21,
+     {0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x81},
+     {0xff, 0xf0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff}},
+    {"ipv6Dst",
+     Flow(1, 1).ipv6Dst(kIp6, kIp6Mask),
+     true,
+     37,
+     {0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x81},
+     {0xff, 0xf0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff}},
+    {"ipTos", Flow(1, 1).ipTos(0x24, 0xfc), false, 37, {0x24}, {0xfc}},
+    {"ipTos6", Flow(1, 1).ipTos(0x24, 0xfc), true, 57, {0x24}, {0xfc}},
+    {"ipTtl", Flow(1, 1).ipTtl(0x40, 0xc1), false, 38, {0x40}, {0xc1}},
+    {"ipTtl6", Flow(1, 1).ipTtl(0x40, 0xc1), true, 58, {0x40}, {0xc1}},
+    {"tcpFlags", Flow(1, 1).tcpFlags(0x02, 0x12), false, 41, {2}, {0x12}},
+    {"tcpFlags6", Flow(1, 1).tcpFlags(0x02, 0x12), true, 61, {2}, {0x12}},
+    {"nothing", Flow(1, 1), false, 0, {}, {}},
+};
+
+class MaskedSampleKey : public testing::TestWithParam<MaskedRow> {};
+
+TEST_P(MaskedSampleKey, HasTheBitsOfTheMaskAndNoOthers) {
+  const MaskedRow& row = GetParam();
+  const Common common = commonOf(row.flow, row.ipv6);
+  Key value(row.ipv6 ? 73 : 53);
+  Key mask(value.size());
+  const auto at = static_cast<ptrdiff_t>(row.offset);
+  std::ranges::copy(row.value, value.begin() + at);
+  std::ranges::copy(row.mask, mask.begin() + at);
+  EXPECT_EQ(common.mask, mask);
+  EXPECT_EQ(common.value, value);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fields, MaskedSampleKey, testing::ValuesIn(kMasked),
+                         [](const auto& one) { return one.param.name; });
 
 TEST(SampleKey, LeavesOpenWhatTheFlowDoes) {
   std::mt19937 random(1);

@@ -209,6 +209,17 @@ TEST(FlowReader, StopsWhenEnoughIsWrong) {
             "f:3: too many lines are refused; the rest is not read");
 }
 
+TEST(FlowReader, HasRoomForWhatPeopleWrite) {
+  EXPECT_EQ(FlowReaderOptions().mostFlows, 4'000'000u);
+  std::string text;
+  for (int i = 0; i < 100'001; i++) text += "x\n";
+  std::istringstream in(text);
+  const FlowFile file = FlowReader().read(in, "f");
+  ASSERT_THAT(file.refusals, testing::SizeIs(100'001));
+  EXPECT_EQ(file.refusals.back().text(),
+            "f:100000: too many lines are refused; the rest is not read");
+}
+
 TEST(CutText, CutsBetweenCharacters) {
   EXPECT_EQ(cutText("abc", 3), "abc");
   EXPECT_EQ(cutText("abcd", 3), "abc...");

@@ -77,12 +77,17 @@ TEST(PacketBuilder, FramesOfEachProtocol) {
   EXPECT_EQ(tcp.substr(104), std::string(16, '0'));
   EXPECT_EQ(hex(built("dl_type=0x88cc")).substr(24, 8), "88cc0000");
   EXPECT_EQ(hex(built("in_port=1")).substr(24, 8), "88b50000");
+  // Protocols that nothing follows: one for experiments, and no next header.
+  EXPECT_EQ(built("ip")[14 + 9], 253);
+  EXPECT_EQ(built("ipv6")[14 + 6], 59);
 }
 
 // CRC32C of a COOKIE ACK from port 49152 to 49153, worked out bit by bit.
 TEST(PacketBuilder, SctpChecksum) {
   const Bytes frame = built("sctp");
   Bytes packet(frame.begin() + 34, frame.begin() + 34 + 16);
+  EXPECT_EQ(hex(packet).substr(0, 16), "c000c00100000000") << "the ports";
+  EXPECT_EQ(hex(packet).substr(24), "0b000004") << "the chunk";
   const uint32_t sent = packet[8] | packet[9] << 8 | packet[10] << 16 |
                         static_cast<uint32_t>(packet[11]) << 24;
   std::fill_n(packet.begin() + 8, 4, 0);

@@ -181,6 +181,20 @@ TEST(KeyFields, CompareTags) {
   EXPECT_EQ(rewritten(Frame::eth().qinq(5).ipv4(1, 2), Frame::eth().ipv4(1, 2)),
             (Differences{{"dl_type", "0x0800", "0x88a8"}}));
   EXPECT_EQ(rewritten(plain, plain), Differences{});
+  const Bytes eligible = Frame::eth().tag(0x8100, 0x1005).ipv4(1, 2).udp(3, 4);
+  EXPECT_EQ(rewritten(eligible,
+                      Frame::eth().tag(0x8100, 0x2007).ipv4(1, 2).udp(3, 4)),
+            (Differences{{"dl_vlan", "7", "5"},
+                         {"dl_vlan_pcp", "1", "0"},
+                         {"vlan_dei", "0", "1"}}));
+  EXPECT_EQ(rewritten(eligible, plain),
+            (Differences{{"dl_vlan", "none", "5"},
+                         {"dl_vlan_pcp", "none", "0"},
+                         {"vlan_dei", "none", "1"}}));
+  EXPECT_EQ(rewritten(plain, eligible),
+            (Differences{{"dl_vlan", "5", "none"},
+                         {"dl_vlan_pcp", "0", "none"},
+                         {"vlan_dei", "1", "none"}}));
 }
 
 }  // namespace

@@ -103,6 +103,19 @@ TEST_F(TraceCommand, TextBytesAndCapturesSayTheSame) {
                                   "  output  port 2\n"));
 }
 
+TEST_F(TraceCommand, NotesThatACaptureHasOnlyTheBeginning) {
+  const Bytes frame = kFrame.bytes();
+  const std::string file = dir_ / "cut.pcap";
+  writeFile(file, openflow_test::captureBytes(
+                      {{1, std::string(frame.begin(), frame.end()), 1500}}));
+  const Result result = trace("--in-port 1 --json " + file + "#1");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "note: " + file +
+                            ": frame 1 was captured in part, 54 of 1500 "
+                            "bytes\n");
+  EXPECT_EQ(nlohmann::json::parse(result.out)["frame"], hex(frame));
+}
+
 // The reason is that of the moment, and not what other calls leave behind.
 TEST_F(TraceCommand, AnOutputThatNobodyTakesIsAFailure) {
   const std::string frame = hex(Frame(kFrame).payload(size_t{9000}).bytes());

@@ -75,6 +75,15 @@ TEST(TraceRequest, TextHasALength) {
             "the packet's text has 4097 bytes; 4096 are enough for any packet");
 }
 
+// Words of a flow line that no packet has.
+TEST(TraceRequest, TextIsAboutAPacket) {
+  for (const std::string word : {"priority", "cookie", "idle_timeout",
+                                 "hard_timeout", "actions", "out_port"}) {
+    EXPECT_EQ(refusalOf(textRequest("in_port=1,tcp," + word + "=1")),
+              word + "=1: a packet has no " + word);
+  }
+}
+
 TEST(TraceRequest, SaysWhichPortsThereAre) {
   const auto listed = [](const Ports& ports) {
     const std::string start =
