@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "modules/openflow/tables/update_memory.h"
+#include "tests/switch/full_heap.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/live_policy.h"
 #include "tests/switch/refuse_build.h"
@@ -29,31 +30,6 @@ size_t allocated() {
   rte_malloc_get_socket_stats(0, &stats);
   return stats.heap_allocsz_bytes;
 }
-
-// Takes all of the heap but one block of `left` bytes.
-class FullHeap {
- public:
-  explicit FullHeap(size_t left) {
-    rcu_barrier();
-    void* hole = left == 0 ? nullptr : rte_malloc("hole", left, 64);
-    for (size_t size = size_t{64} << 20; size >= 64;) {
-      if (void* block = rte_malloc("full", size, 64); block != nullptr) {
-        blocks_.push_back(block);
-      } else {
-        size /= 2;
-      }
-    }
-    rte_free(hole);
-  }
-  ~FullHeap() {
-    for (void* block : blocks_) rte_free(block);
-  }
-  FullHeap(const FullHeap&) = delete;
-  FullHeap& operator=(const FullHeap&) = delete;
-
- private:
-  std::vector<void*> blocks_;
-};
 
 std::string hosts(int count) {
   std::string text;
