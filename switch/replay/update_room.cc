@@ -44,12 +44,11 @@ bool fits(const UpdateMemory& memory, size_t reserve) {
   return tryBlock(memory.all() + reserve) != nullptr;
 }
 
+// Of a build that does not fit in one piece, and therefore has several.
 bool mayFit(const UpdateMemory& memory) {
   const Trial rules = tryBlock(memory.rules);
-  const Trial classifier =
-      memory.classifier == 0 ? nullptr : tryBlock(memory.classifier);
-  return rules != nullptr &&
-         (memory.classifier == 0 || classifier != nullptr) &&
+  const Trial classifier = tryBlock(memory.classifier);
+  return rules != nullptr && classifier != nullptr &&
          heap().heap_freesz_bytes >= memory.actions;
 }
 
