@@ -17,12 +17,10 @@ namespace {
 
 constexpr char kNoName[] = "request";
 
-// Far beyond what people write, and little enough that a request that is as
-// long as can be is refused at once and with little memory.
+// As far beyond what people write as kMostFlows.
 constexpr size_t kLongestName = 255;  // kept with each flow
 constexpr size_t kLongestLine = size_t{256} << 10;
 constexpr size_t kLongestReason = 500;
-constexpr size_t kMostFlows = 1'000'000;
 constexpr size_t kMostRefusals = 1000;
 // Strict ones are looked up, others compared with every flow.
 constexpr size_t kMostStrictFilters = 100'000;
@@ -128,10 +126,10 @@ class MessageText {
 };
 
 void readFlows(const pb::FlowChange& change, const std::string& name,
-               FlowRequest* request) {
+               size_t mostFlows, FlowRequest* request) {
   const FlowReader reader({.allowTimeouts = true,
                            .longestLine = kLongestLine,
-                           .mostFlows = kMostFlows,
+                           .mostFlows = mostFlows,
                            .mostRefusals = kMostRefusals});
   std::istringstream text(change.text());
   FlowFile file = reader.read(text, name);
@@ -141,10 +139,10 @@ void readFlows(const pb::FlowChange& change, const std::string& name,
   for (const pb::FlowMessage& message : change.flows()) {
     number++;
     if (request->refusals.size() >= kMostRefusals) return;
-    if (request->flows.size() >= kMostFlows) {
+    if (request->flows.size() >= mostFlows) {
       request->refusals.push_back(
           {name, number,
-           fmt::format("at most {} flows are taken at once", kMostFlows)});
+           fmt::format("at most {} flows are taken at once", mostFlows)});
       return;
     }
     try {
@@ -205,7 +203,7 @@ void readFilters(const pb::FlowChange& change, const std::string& name,
 
 }  // namespace
 
-FlowRequest readFlowRequest(const pb::FlowChange& change) {
+FlowRequest readFlowRequest(const pb::FlowChange& change, size_t mostFlows) {
   const std::string name = requestName(change.text_name());
   FlowRequest request;
   switch (change.operation()) {
@@ -215,7 +213,7 @@ FlowRequest readFlowRequest(const pb::FlowChange& change) {
         request.refusals.push_back(
             {name, 0, "only a deletion can be strict or loose"});
       } else {
-        readFlows(change, name, &request);
+        readFlows(change, name, mostFlows, &request);
       }
       break;
     case pb::FLOW_OPERATION_DELETE:

@@ -4,6 +4,7 @@
 // from the control door.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,12 @@ struct FlowRequest {
   bool ok() const { return refusals.empty(); }
 };
 
-FlowRequest readFlowRequest(const pb::FlowChange& change);
+// Far beyond what people write, and little enough that a request that is as
+// long as can be is refused at once and with little memory.
+inline constexpr size_t kMostFlows = 1'000'000;
+
+FlowRequest readFlowRequest(const pb::FlowChange& change,
+                            size_t mostFlows = kMostFlows);
 
 // The filter of a listing. Throws Refused.
 FlowFilter readFlowFilter(const pb::FlowFilter& filter);

@@ -134,6 +134,30 @@ TEST(FlowRequests, AreRefusedInAFewWords) {
   EXPECT_THAT(request.refusals[0].reason, testing::EndsWith("000..."));
 }
 
+// Lines and messages count alike.
+TEST(FlowRequests, HaveSoManyFlowsAtMost) {
+  pb::FlowChange change;
+  change.set_operation(kAdd);
+  change.set_text("in_port=1,actions=drop\n");
+  flow(&change, kAdd)->add_actions("drop");
+  EXPECT_TRUE(readFlowRequest(change, 2).ok());
+  flow(&change, kAdd)->add_actions("drop");
+  flow(&change, kAdd)->add_actions("drop");
+  const FlowRequest messages = readFlowRequest(change, 2);
+  ASSERT_THAT(messages.refusals, testing::SizeIs(1));
+  EXPECT_EQ(messages.refusals[0].text(),
+            "request:2: at most 2 flows are taken at once");
+
+  change.clear_flows();
+  change.set_text(
+      "in_port=1,actions=drop\nin_port=2,actions=drop\n"
+      "in_port=3,actions=drop\nin_port=4,actions=drop\n");
+  const FlowRequest lines = readFlowRequest(change, 2);
+  ASSERT_THAT(lines.refusals, testing::SizeIs(1));
+  EXPECT_EQ(lines.refusals[0].line, 3);
+  EXPECT_EQ(kMostFlows, 1'000'000u);
+}
+
 TEST_P(Requests, AreRefusedWithTheirPlaceAndReason) {
   pb::FlowChange change;
   GetParam().fill(&change);
