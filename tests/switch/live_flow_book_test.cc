@@ -70,6 +70,24 @@ TEST(FlowBook, RefusesMoreFlowsThanCountersWithoutTakingAny) {
   EXPECT_EQ(bench.counters.available(), available);
 }
 
+// The flows that it would have taken the place of stay.
+TEST(FlowBook, RefusesAReplacementByMoreFlowsThanCounters) {
+  BookBench bench;
+  bench.add("arp,actions=drop");
+  std::string text;
+  for (int i = 0; i < 500; i++) {
+    text += fmt::format("tcp,tp_dst={},actions=output:1\n", i);
+  }
+  const uint32_t available = bench.counters.available();
+  const FlowBook::Plan plan =
+      bench.book.planReplace(BookBench::flows(text), false);
+  ASSERT_THAT(plan.refusals, SizeIs(1));
+  EXPECT_THAT(plan.refusals[0].reason,
+              testing::StartsWith("no counters are left for this flow"));
+  EXPECT_THAT(plan.updates, IsEmpty());
+  EXPECT_EQ(bench.counters.available(), available);
+}
+
 // Room for the miss flows of all tables, 64 counters, is kept free.
 TEST(FlowBook, TheLastFlowThatFitsIsTaken) {
   BookBench bench;
