@@ -3,6 +3,7 @@
 // A process without librte_acl, where builds cannot be limited; and what the
 // limit is made from.
 #include <gtest/gtest.h>
+#include <sys/sysinfo.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -53,6 +54,12 @@ class AvailableMemory : public testing::Test {
 
   fs::path root_;
 };
+
+TEST(AvailableMemoryHere, IsNoMoreThanTheMachineHas) {
+  struct sysinfo machine {};
+  ASSERT_EQ(sysinfo(&machine), 0);
+  EXPECT_LE(availableMemory(), size_t{machine.totalram} * machine.mem_unit);
+}
 
 TEST_F(AvailableMemory, IsTheMachines) { EXPECT_EQ(available(), 8000u * 1024); }
 
