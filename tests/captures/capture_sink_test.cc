@@ -134,6 +134,10 @@ TEST_F(CaptureSinkTest, KeepsCopiesOfAPacketInTheOrderOfTheirMaking) {
   EXPECT_TRUE(ModuleBuilder::DeregisterModuleClass("Copier"));
 }
 
+TEST_F(CaptureSinkTest, IsDescribedByItsFile) {
+  EXPECT_EQ(sink(false)->GetDesc(), (dir_ / "out").string());
+}
+
 // Those of several would tear the file apart.
 TEST_F(CaptureSinkTest, AllowsManyWorkersOnlyWhenToldSo) {
   EXPECT_EQ(sink(false)->max_allowed_workers(), 1);
