@@ -294,6 +294,23 @@ TEST(LiveTrace, LongFramesAndLongChains) {
   EXPECT_EQ(bytesOf(last.outputs(1).frame()), frame);
 }
 
+TEST(LiveTrace, TellsOfAMebibyteOfCopies) {
+  std::string flows;
+  for (int table = 0; table < 17; table++) {
+    flows += fmt::format("table={},actions=", table);
+    for (int port = 10; port < 73; port++)
+      flows += fmt::format("output:{},", port);
+    flows += fmt::format("goto_table:{}\n", table + 1);
+  }
+  LiveBench bench({.flows = flows});
+  const Bytes frame =
+      Frame::eth().ipv4(1, 2).udp(1, 2).payload(size_t{982}).bytes();
+  ASSERT_EQ(frame.size(), 1024u);
+  const pb::TraceReply reply = traceFrame(&bench, frame);
+  EXPECT_EQ(reply.outputs_size(), 1024);
+  EXPECT_EQ(reply.outputs_left_out(), 17u * 63 - 1024);
+}
+
 // A flow for packets of both families has a guard in each classifier.
 TEST(LiveTrace, TellsWhichClassifierFoundWhatExpired) {
   LiveBench bench({.flows = "in_port=1,actions=dec_ttl,output:3\n"});
