@@ -10,6 +10,7 @@
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  FLAGS_logtostderr = true;  // leaves no files behind
   google::InitGoogleLogging(argv[0]);
   // Threads run from here on: a plain fork would leave them behind.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
