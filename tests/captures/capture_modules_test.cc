@@ -106,6 +106,14 @@ class CaptureModules : public testing::Test {
   size_t freeBefore_;
 };
 
+TEST_F(CaptureModules, HaveGatesOnOneSide) {
+  const auto& builders = ModuleBuilder::all_module_builders();
+  EXPECT_EQ(builders.at("CaptureSource").NumIGates(), 0);
+  EXPECT_EQ(builders.at("CaptureSource").NumOGates(), 1);
+  EXPECT_EQ(builders.at("CaptureSink").NumIGates(), 1);
+  EXPECT_EQ(builders.at("CaptureSink").NumOGates(), 0);
+}
+
 // As when who plays it fails in the midst.
 TEST_F(CaptureModules, AFileThatNobodyFinishedKeepsItsOtherName) {
   std::vector<CaptureRow> rows;

@@ -59,6 +59,22 @@ TEST(ModuleBuilderTest, KnowsWhatWasRegistered) {
   EXPECT_EQ(Find("Own"), nullptr);
 }
 
+TEST(ModuleBuilderTest, EndsOfTheGraphHaveGatesOnOneSide) {
+  struct Gates {
+    const char* name;
+    gate_idx_t in;
+    gate_idx_t out;
+  };
+  for (const auto& [name, in, out] :
+       {Gates{"PortIn", 0, 1}, Gates{"PortOut", 1, 0}, Gates{"Source", 0, 1},
+        Gates{"Sink", MAX_GATES, 0}}) {
+    SCOPED_TRACE(name);
+    ASSERT_NE(Find(name), nullptr);
+    EXPECT_EQ(Find(name)->NumIGates(), in);
+    EXPECT_EQ(Find(name)->NumOGates(), out);
+  }
+}
+
 TEST(ModuleBuilderTest, KeepsCommandsInOrder) {
   const Commands& cmds = Find("Probe")->cmds();
   ASSERT_EQ(cmds.size(), 4u);

@@ -32,6 +32,19 @@ TEST_F(WaitingPacketsTest, GoWithTheNextRun) {
   EXPECT_EQ(Texts(sink->Take()), Numbers(0, 41));
 }
 
+// Whole batches, too, which wait in no gate.
+TEST_F(WaitingPacketsTest, BatchesGoBeforeWhatTheNextRunSends) {
+  Sink* sink = MakeSink("sink");
+  Connect(probe_, 0, sink, 0);
+  PacketBatch* batch = probe_->task()->AllocPacketBatch();
+  batch->add(MakePacket("a"));
+  batch->add(MakePacket("b"));
+  probe_->task()->AddToRun(sink->igates()[0], batch);
+  probe_->on_run = [&](Context* ctx, PacketBatch*) { Emit(ctx, "c", {0}); };
+  Run();
+  EXPECT_THAT(Texts(sink->Take()), ElementsAre("a", "b", "c"));
+}
+
 // Of the gates that wait, whichever it is in their row.
 TEST_F(WaitingPacketsTest, AreFreedWithTheLink) {
   Sink* sink = MakeSink("sink");
