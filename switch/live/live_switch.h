@@ -36,9 +36,7 @@ struct StartError : std::runtime_error {
 };
 
 // Whoever started it wanted it no more.
-struct StartCancelled : std::exception {
-  const char* what() const noexcept override { return "cancelled"; }
-};
+struct StartCancelled : std::exception {};
 
 // A request of an operator that is wrong: one line for a person. Nothing has
 // changed.

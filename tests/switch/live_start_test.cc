@@ -12,6 +12,7 @@
 #include <string>
 
 #include "platform/mio/mio.h"
+#include "plugin.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/refuse_build.h"
 
@@ -53,6 +54,19 @@ TEST_F(LiveStart, SetsLogLevels) {
   live.start();
   EXPECT_EQ(Mio::traceLevels("ControlDoor"), 11u);
   Mio::setTraceLevels("ControlDoor", before);
+}
+
+TEST_F(LiveStart, LeavesNoPluginThatIsNotTheModule) {
+  const ConfiguredFile module = config_.module;
+  config_.module = {NO_MODULE, "switch.yaml:3"};
+  for (int i = 0; i < 2; i++) {
+    EXPECT_THAT(startError(),
+                testing::StartsWith("switch.yaml:3: " NO_MODULE ": "))
+        << i;
+    EXPECT_THAT(bess::ListPlugins(), testing::IsEmpty());
+  }
+  config_.module = module;
+  EXPECT_EQ(startError(), "");
 }
 
 TEST_F(LiveStart, TellsAllThatIsWrongWithItsFlowFiles) {
