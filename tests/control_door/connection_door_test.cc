@@ -6,10 +6,8 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +15,6 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -31,6 +28,7 @@
 #include "tests/captures/capture_files.h"
 #include "tests/control_door/control_bench.h"
 #include "tests/support/time_limit.h"
+#include "tests/support/unix_client.h"
 
 namespace {
 
@@ -53,6 +51,8 @@ extern "C" int accept4(int fd, sockaddr* address, socklen_t* length,
 
 namespace ofswitch {
 namespace {
+
+using openflow_test::UnixClient;
 
 // In place of a server: keeps connections until it is told to close one.
 class Connections {
@@ -108,34 +108,6 @@ class Connections {
   std::vector<int> fds_;
 };
 
-class Client {
- public:
-  explicit Client(const std::string& path)
-      : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
-    EXPECT_EQ(
-        connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
-        0);
-  }
-  ~Client() { close(fd_); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  // Whether the other side hangs up within the time.
-  bool isClosed(int milliseconds) const {
-    pollfd polled = {fd_, POLLIN, 0};
-    char byte = 0;
-    return poll(&polled, 1, milliseconds) == 1 && read(fd_, &byte, 1) == 0;
-  }
-
-  bool canSend() const { return send(fd_, "x", 1, MSG_NOSIGNAL) == 1; }
-
- private:
-  const int fd_;
-};
-
 std::vector<ConnectionDoor::Entrance> entranceTo(
     Connections* connections, const ListeningSocket* socket) {
   std::vector<ConnectionDoor::Entrance> entrances;
@@ -155,17 +127,17 @@ class ConnectionDoorAtPath : public testing::Test {
 };
 
 TEST_F(ConnectionDoorAtPath, HoldsSoManyConnectionsAndNoMore) {
-  const Client first(path_);
+  const UnixClient first(path_);
   ASSERT_TRUE(connections_.waitFor(1));
-  const Client second(path_);
+  const UnixClient second(path_);
   ASSERT_TRUE(connections_.waitFor(2));
-  EXPECT_TRUE(Client(path_).isClosed(10'000));
+  EXPECT_TRUE(UnixClient(path_).isClosed(10'000));
   EXPECT_FALSE(first.isClosed(50));
 
   // One that has ended makes room.
   connections_.closeOne();
   EXPECT_TRUE(first.isClosed(10'000));
-  const Client third(path_);
+  const UnixClient third(path_);
   ASSERT_TRUE(connections_.waitFor(2));
   EXPECT_FALSE(third.isClosed(50));
 
@@ -190,7 +162,7 @@ int numbersOf(int fd) {
 
 // gRPC waits for none of them, and no child inherits one.
 TEST_F(ConnectionDoorAtPath, HandsOnWhatNeverBlocksAndIsNotInherited) {
-  const Client client(path_);
+  const UnixClient client(path_);
   ASSERT_TRUE(connections_.waitFor(1));
   EXPECT_NE(fcntl(connections_.first(), F_GETFL) & O_NONBLOCK, 0);
   EXPECT_NE(fcntl(connections_.first(), F_GETFD) & FD_CLOEXEC, 0);
@@ -200,9 +172,9 @@ TEST_F(ConnectionDoorAtPath, HandsOnWhatNeverBlocksAndIsNotInherited) {
 // A connection that has ended, and whose number others have by now, is none of
 // its business.
 TEST_F(ConnectionDoorAtPath, DisconnectsNothingButItsConnections) {
-  const Client gone(path_);
+  const UnixClient gone(path_);
   ASSERT_TRUE(connections_.waitFor(1));
-  const Client here(path_);
+  const UnixClient here(path_);
   ASSERT_TRUE(connections_.waitFor(2));
   door_.close();
 
@@ -214,7 +186,7 @@ TEST_F(ConnectionDoorAtPath, DisconnectsNothingButItsConnections) {
   door_.disconnect();
   EXPECT_EQ(numbersOf(connections_.first()), 1) << "none is left behind";
   EXPECT_TRUE(here.isClosed(10'000));
-  EXPECT_FALSE(here.canSend());
+  EXPECT_FALSE(here.say("x"));
   EXPECT_EQ(send(pair[1], "x", 1, MSG_NOSIGNAL), 1);
   char byte = 0;
   EXPECT_EQ(recv(number, &byte, 1, MSG_DONTWAIT), 1);
@@ -242,7 +214,7 @@ TEST_F(ConnectionDoorAtPath, WaitsForDescriptorsWithoutHaste) {
   using std::chrono::milliseconds;
   const Clock::time_point asked = Clock::now();
   isOutOfDescriptors = true;
-  const Client client(path_);
+  const UnixClient client(path_);
   while (refusals < 3) std::this_thread::sleep_for(milliseconds(1));
   isOutOfDescriptors = false;
   const Clock::time_point start = Clock::now();

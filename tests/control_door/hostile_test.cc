@@ -5,11 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 #include "switch/live/flow_request.h"
@@ -18,6 +16,7 @@
 #include "tests/control_door/resident_bytes.h"
 #include "tests/support/frame.h"
 #include "tests/support/time_limit.h"
+#include "tests/support/unix_client.h"
 
 namespace ofswitch {
 namespace {
@@ -159,16 +158,6 @@ TEST(HostileClients, ThereAreLimitsToOneRequest) {
   EXPECT_THAT(named.refusals[0].file, HasSubstr("nn\u00e4.txt"));
 }
 
-int connectTo(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
-            0);
-  return fd;
-}
-
 TEST(HostileClients, GarbageEndsTheConnectionAlone) {
   ControlBench control;
   for (const std::string& bytes :
@@ -176,14 +165,12 @@ TEST(HostileClients, GarbageEndsTheConnectionAlone) {
         std::string("PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n") +
             std::string(5000, '\0'),
         std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11)}) {
-    const int fd = connectTo(control.socket());
-    // A part of it may meet a closed connection.
-    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    shutdown(fd, SHUT_WR);
+    const openflow_test::UnixClient client(control.socket());
+    client.say(bytes);
+    shutdown(client.fd(), SHUT_WR);
     char buffer[4096];
-    while (read(fd, buffer, sizeof(buffer)) > 0) {
+    while (read(client.fd(), buffer, sizeof(buffer)) > 0) {
     }
-    close(fd);
   }
   EXPECT_TRUE(isServed(&control));
 }

@@ -9,11 +9,13 @@
 #include <chrono>
 #include <filesystem>
 #include <thread>
+#include <vector>
 
 #include "switch.grpc.pb.h"
 #include "tests/control_door/certificates.h"
 #include "tests/control_door/raw_call.h"
 #include "tests/support/time_limit.h"
+#include "tests/support/unix_client.h"
 #include "tests/switch/running_switch.h"
 
 namespace ofswitch {
@@ -144,6 +146,22 @@ TEST_F(ControlOfAProcess, EndsInTimeWhoeverReadsOrDoesNot) {
   while (log->Read(&entry)) {
   }
   EXPECT_FALSE(log->Finish().ok());
+}
+
+// Ports, files and flows need descriptors, too.
+TEST_F(ControlOfAProcess, LetsConnectionsTakeHalfOfFewDescriptors) {
+  constexpr size_t kFiles = 300;
+  RunningSwitch process(dir_ / "switch.yaml", dir_ / "log", nullptr, kFiles);
+  ASSERT_TRUE(process.waitFor(kRunning)) << process.log();
+  std::vector<openflow_test::UnixClient> clients;
+  while (clients.size() < kFiles / 2) {
+    clients.emplace_back(socket());
+    ASSERT_TRUE(clients.back().hears(20'000)) << clients.size();
+    ASSERT_FALSE(clients.back().isClosed(0)) << clients.size();
+  }
+  const openflow_test::UnixClient refused(socket());
+  EXPECT_TRUE(refused.isClosed(20'000));
+  EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
 // Many builds, so that one is under way until the time of a stop is over.

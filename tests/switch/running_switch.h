@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,17 +16,21 @@
 
 namespace ofswitch {
 
-// `ofswitch run` as a process of its own.
+// `ofswitch run` as a process of its own, which may have that many files open.
 class RunningSwitch {
  public:
   RunningSwitch(const std::string& config, const std::string& log,
-                const char* option = nullptr)
+                const char* option = nullptr, rlim_t files = RLIM_INFINITY)
       : log_(log) {
     const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_ = fork();
     if (pid_ == 0) {
       dup2(fd, STDOUT_FILENO);
       dup2(fd, STDERR_FILENO);
+      const rlimit few = {files, files};
+      if (files != RLIM_INFINITY && setrlimit(RLIMIT_NOFILE, &few) != 0) {
+        _exit(127);
+      }
       execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), option, nullptr);
       _exit(127);
     }
