@@ -86,6 +86,12 @@ const Row kRefused[] = {
     {"\"tableId\": \"18446744073709551616\"",
      "tableId: \"18446744073709551616\" must be a number from 0 to "
      "4294967295"},
+    {"\"tableId\": \"40 characters with quotes at both ends\"",
+     "tableId: \"40 characters with quotes at both ends\" must be a number "
+     "from 0 to 4294967295"},
+    {"\"tableId\": \"41 characters, with quotes at both ends\"",
+     "tableId: \"41 characters, with quotes at both ends... must be a number "
+     "from 0 to 4294967295"},
     {"\"flowType\": 1.5",
      "flowType: 1.5 must be one of OPENFLOW_TYPE_IPV4, OPENFLOW_TYPE_IPV6"},
     {"\"flowType\": true",

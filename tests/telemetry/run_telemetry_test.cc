@@ -114,6 +114,18 @@ TEST_F(RunTelemetry, ClearsAwayWhatTheKilledHaveLeft) {
   EXPECT_EQ(living.end(SIGTERM), 0);
 }
 
+TEST_F(RunTelemetry, ServesAsManyFlowsAsTheConfigurationSays) {
+  const std::string path = config("{address: \"127.0.0.1:0\", flows: 1}");
+  openflow_test::writeFile(dir_ / "flows.txt",
+                           "table=1,actions=drop\ntable=2,actions=drop\n");
+  RunningSwitch process(path, dir_ / "log");
+  ASSERT_TRUE(process.waitFor("running: ")) << process.log();
+  const std::string url = lineOf(process.log(), "metrics: ");
+  const MetricsText text(httpRequest(portOfUrl(url), "GET", "/metrics").body);
+  EXPECT_EQ(text.value("ofswitch_flows_without_series"), 1);
+  EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
 TEST_F(RunTelemetry, RefusesAPortThatIsTaken) {
   const auto other = openflow_test::Listener::onLoopback();
   const std::string taken = other.address();
