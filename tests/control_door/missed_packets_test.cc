@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <rte_ethdev.h>
 
+#include <atomic>
 #include <map>
 
 #include "service.grpc.pb.h"
@@ -13,8 +14,8 @@
 
 namespace {
 
-bool losesPackets = false;
-bool isUnplugged = false;
+std::atomic<bool> losesPackets = false;
+std::atomic<bool> isUnplugged = false;  // the link is watched by a thread
 
 }  // namespace
 

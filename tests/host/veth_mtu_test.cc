@@ -8,6 +8,7 @@
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 
@@ -15,7 +16,8 @@
 
 namespace {
 
-bool refuses_mtus = false;
+// The link is watched by a thread of its own.
+std::atomic<bool> refuses_mtus = false;
 
 }  // namespace
 

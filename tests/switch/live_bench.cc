@@ -49,7 +49,7 @@ class Patience {
 }  // namespace
 
 LiveBench::LiveBench(const Options& options)
-    : offset_(std::make_shared<std::chrono::milliseconds>(0)) {
+    : offset_(std::make_shared<Offset>(0)) {
   openflow_test::writeFile(dir_ / "flows.txt", options.flows);
   SwitchConfig config;
   config.ports = {
@@ -69,7 +69,7 @@ LiveBench::LiveBench(const Options& options)
     config.controllerCapture.path = dir_ / options.controllerCapture;
   }
   switch_ = std::make_unique<LiveSwitch>(config, [offset = offset_] {
-    return LiveSwitch::Clock::now() + *offset;
+    return LiveSwitch::Clock::now() + std::chrono::milliseconds(*offset);
   });
   switch_->start();
   // The rings' devices hold none.

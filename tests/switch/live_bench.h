@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -69,14 +70,16 @@ class LiveBench {
   }
 
   // Moves the clock of timeouts and ages.
-  void pass(std::chrono::milliseconds time) { *offset_ += time; }
+  void pass(std::chrono::milliseconds time) { *offset_ += time.count(); }
 
  private:
+  using Offset = std::atomic<std::chrono::milliseconds::rep>;
+
   static void enqueue(uint16_t port, const std::vector<Bytes>& frames);
   static void waitUntilTaken(uint16_t port);
 
   openflow_test::ScratchDir dir_;
-  std::shared_ptr<std::chrono::milliseconds> offset_;
+  std::shared_ptr<Offset> offset_;
   std::unique_ptr<LiveSwitch> switch_;
   size_t buffers_ = 0;
 };
