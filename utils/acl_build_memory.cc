@@ -33,12 +33,15 @@ thread_local AclBuildScope* openScope = nullptr;
 size_t aclBuildLimit() {
   size_t bytes = limit.load(std::memory_order_relaxed);
   if (bytes == 0) {
-    const size_t fitting =
-        std::clamp(availableMemory() / 4, kLeastDefault, kMostDefault);
+    const size_t fitting = aclBuildLimitFor(availableMemory());
     // Whoever sets one meanwhile is right.
     if (limit.compare_exchange_strong(bytes, fitting)) bytes = fitting;
   }
   return bytes;
+}
+
+size_t aclBuildLimitFor(size_t available) {
+  return std::clamp(available / 4, kLeastDefault, kMostDefault);
 }
 
 void setAclBuildLimit(size_t bytes) { limit = std::max<size_t>(bytes, 1); }

@@ -36,11 +36,13 @@ namespace Dpdk {
 
 // What builds may take at their peak. The limit is one for the process; it
 // holds for builds that begin later. Until one is set it is what fits the
-// machine at the first look: a quarter of the memory that is available (of the
-// machine's, or of the control group's if that has less), 64 MiB at least and
-// 4 GiB at most. Any thread.
+// memory that is available (of the machine's, or of the control group's if that
+// has less) at the first look. Any thread.
 size_t aclBuildLimit();
 void setAclBuildLimit(size_t bytes);
+
+// What fits `available` bytes: a quarter, 64 MiB at least and 4 GiB at most.
+size_t aclBuildLimitFor(size_t available);
 
 // Whether the limit has an effect in this process.
 bool aclBuildsAreLimited();

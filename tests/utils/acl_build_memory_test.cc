@@ -84,6 +84,10 @@ TEST_F(AclBuildMemoryTest, KeepsTheLimitOfTheFirstLook) {
 }
 
 TEST_F(AclBuildMemoryTest, HasALimitThatFitsTheMachine) {
+  EXPECT_EQ(aclBuildLimitFor(0), 64 * kMb);
+  EXPECT_EQ(aclBuildLimitFor(260 * kMb), 65 * kMb);
+  EXPECT_EQ(aclBuildLimitFor(16380 * kMb), 4095 * kMb);
+  EXPECT_EQ(aclBuildLimitFor(SIZE_MAX), 4096 * kMb);
   EXPECT_GE(aclBuildLimit(), 64 * kMb);
   EXPECT_LE(aclBuildLimit(), 4096 * kMb);
   EXPECT_TRUE(aclBuildsAreLimited());
