@@ -8,7 +8,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "switch/live/flow_request.h"
 #include "tests/control_door/control_bench.h"

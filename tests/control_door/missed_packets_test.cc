@@ -14,8 +14,9 @@
 
 namespace {
 
+// Read by the threads that ask.
 std::atomic<bool> losesPackets = false;
-std::atomic<bool> isUnplugged = false;  // the link is watched by a thread
+std::atomic<bool> isUnplugged = false;
 
 }  // namespace
 

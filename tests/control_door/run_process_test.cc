@@ -8,6 +8,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -22,6 +24,7 @@ namespace ofswitch {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using openflow_test::ScratchDir;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -148,14 +151,18 @@ TEST_F(ControlOfAProcess, EndsInTimeWhoeverReadsOrDoesNot) {
   EXPECT_FALSE(log->Finish().ok());
 }
 
-// Ports, files and flows need descriptors, too.
+// The other half is left for ports and files.
 TEST_F(ControlOfAProcess, LetsConnectionsTakeHalfOfFewDescriptors) {
   constexpr size_t kFiles = 300;
   RunningSwitch process(dir_ / "switch.yaml", dir_ / "log", nullptr, kFiles);
   ASSERT_TRUE(process.waitFor(kRunning)) << process.log();
+  // Who says nothing is not kept for long.
+  const auto greeting = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"s +
+                        std::string("\0\0\0\4\0\0\0\0\0", 9);
   std::vector<openflow_test::UnixClient> clients;
   while (clients.size() < kFiles / 2) {
     clients.emplace_back(socket());
+    ASSERT_TRUE(clients.back().say(greeting));
     ASSERT_TRUE(clients.back().hears(20'000)) << clients.size();
     ASSERT_FALSE(clients.back().isClosed(0)) << clients.size();
   }

@@ -7,6 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -21,8 +23,8 @@ class UnixClient {
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     EXPECT_EQ(
-        connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)),
-        0);
+        connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0)
+        << path << ": " << strerror(errno);
   }
   ~UnixClient() {
     if (fd_ >= 0) close(fd_);
@@ -38,13 +40,14 @@ class UnixClient {
     return poll(&polled, 1, milliseconds) == 1;
   }
 
-  // Whether the other side hangs up within the time. Reads a byte.
+  // Whether the other side hangs up within the time, having read all that it
+  // was told. Reads a byte.
   bool isClosed(int milliseconds) const {
     char byte = 0;
     return hears(milliseconds) && read(fd_, &byte, 1) == 0;
   }
 
-  // A part of it may meet a closed connection.
+  // Whether all of it was taken: a part may meet a closed connection.
   bool say(const std::string& bytes) const {
     return send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(bytes.size());

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -16,20 +18,24 @@
 
 namespace ofswitch {
 
-// `ofswitch run` as a process of its own, which may have that many files open.
+// `ofswitch run` as a process of its own. `files` is how many it may have open;
+// as many as this process if it is not given.
 class RunningSwitch {
  public:
   RunningSwitch(const std::string& config, const std::string& log,
-                const char* option = nullptr, rlim_t files = RLIM_INFINITY)
+                const char* option = nullptr, std::optional<rlim_t> files = {})
       : log_(log) {
     const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_ = fork();
     if (pid_ == 0) {
       dup2(fd, STDOUT_FILENO);
       dup2(fd, STDERR_FILENO);
-      const rlimit few = {files, files};
-      if (files != RLIM_INFINITY && setrlimit(RLIMIT_NOFILE, &few) != 0) {
-        _exit(127);
+      if (files.has_value()) {
+        const rlimit limit = {*files, *files};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+          perror("setrlimit");
+          _exit(127);
+        }
       }
       execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), option, nullptr);
       _exit(127);
@@ -55,7 +61,9 @@ class RunningSwitch {
     return false;
   }
 
-  void send(int signal) const { kill(pid_, signal); }
+  void send(int signal) const {
+    if (pid_ > 0) kill(pid_, signal);
+  }
 
   // Sends the signal, if any, and answers the exit status.
   int end(int signal) {

@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
+#include <string>
 
 #include "tests/support/listener.h"
 #include "tests/support/time_limit.h"
