@@ -266,51 +266,6 @@ TEST(LiveTrace, FloodLeavesTheInPortOut) {
               HasSubstr("leaves by port 1, port 3: 60 bytes\n"));
 }
 
-TEST(LiveTrace, LongFramesAndLongChains) {
-  std::string flows;
-  for (int table = 0; table < 31; table++) {
-    flows += fmt::format("table={},actions=", table);
-    for (int port = 10; port < 73; port++)
-      flows += fmt::format("output:{},", port);
-    flows += fmt::format("goto_table:{}\n", table + 1);
-  }
-  flows += "table=31,actions=output:8191,output:3\n";
-  LiveBench bench({.flows = flows});
-  const Bytes frame =
-      Frame::eth().ipv4(1, 2).udp(1, 2).payload(size_t{9000}).bytes();
-  const pb::TraceReply reply = traceFrame(&bench, frame);
-  ASSERT_EQ(reply.steps_size(), 32);
-  EXPECT_EQ(reply.steps(30).outputs_size(), 63);
-  EXPECT_EQ(reply.steps(31).outputs_size(), 2);
-  EXPECT_EQ(reply.outputs_size() + reply.outputs_left_out(), 31 * 63 + 2);
-  EXPECT_GT(reply.outputs_left_out(), 0);
-  EXPECT_LE(reply.ByteSizeLong(), 2u << 20);
-  EXPECT_EQ(bytesOf(reply.outputs(0).frame()), frame);
-
-  const pb::TraceReply last = traceFrame(&bench, frame, 1, 31);
-  ASSERT_EQ(last.outputs_size(), 2);
-  EXPECT_EQ(last.outputs(0).port(), 8191);
-  EXPECT_EQ(bytesOf(last.outputs(0).frame()), frame);
-  EXPECT_EQ(bytesOf(last.outputs(1).frame()), frame);
-}
-
-TEST(LiveTrace, TellsOfAMebibyteOfCopies) {
-  std::string flows;
-  for (int table = 0; table < 17; table++) {
-    flows += fmt::format("table={},actions=", table);
-    for (int port = 10; port < 73; port++)
-      flows += fmt::format("output:{},", port);
-    flows += fmt::format("goto_table:{}\n", table + 1);
-  }
-  LiveBench bench({.flows = flows});
-  const Bytes frame =
-      Frame::eth().ipv4(1, 2).udp(1, 2).payload(size_t{982}).bytes();
-  ASSERT_EQ(frame.size(), 1024u);
-  const pb::TraceReply reply = traceFrame(&bench, frame);
-  EXPECT_EQ(reply.outputs_size(), 1024);
-  EXPECT_EQ(reply.outputs_left_out(), 17u * 63 - 1024);
-}
-
 // A flow for packets of both families has a guard in each classifier.
 TEST(LiveTrace, TellsWhichClassifierFoundWhatExpired) {
   LiveBench bench({.flows = "in_port=1,actions=dec_ttl,output:3\n"});

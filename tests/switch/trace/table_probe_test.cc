@@ -4,6 +4,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
 #include "tests/switch/trace/trace_bench.h"
@@ -21,11 +27,11 @@ TableProbe::Session::Pass pass(TableProbe* probe, const Bytes& frame) {
 }
 
 // The first flow of a switch counts its packets with counter 1 and its bytes
-// with counter 2: copies for a later table are counted by the next one.
+// with counter 2: copies for a later table are counted behind these.
 TEST(TableProbe, CountsWhatIsHandedOnBehindTheCountersOfFlows) {
   LiveBench bench({.flows = "tcp,actions=output:3,goto_table:1\n"});
   const Bytes frame = tcpTo(80).bytes();
-  for (const uint32_t counters : {2u, 3u}) {
+  for (const uint32_t counters : {3u, 64u}) {
     SCOPED_TRACE(counters);
     TableProbe probe(kGates, counters);
     const auto one = pass(&probe, frame);
@@ -36,6 +42,15 @@ TEST(TableProbe, CountsWhatIsHandedOnBehindTheCountersOfFlows) {
     ASSERT_TRUE(one.handedOn.has_value());
     EXPECT_EQ(bytesOf(one.handedOn->bytes), frame);
   }
+}
+
+TEST(TableProbe, TellsThatNothingIsHandedOn) {
+  LiveBench bench({.flows = "tcp,actions=output:3\n"});
+  TableProbe probe(kGates, 3);
+  const auto one = pass(&probe, tcpTo(80).bytes());
+  EXPECT_EQ(one.packetCounter, 1);
+  EXPECT_EQ(one.copies.size(), 1u);
+  EXPECT_FALSE(one.handedOn.has_value());
 }
 
 // To the end of the last line of 64 bytes, as far as copies take it along.
