@@ -149,19 +149,19 @@ TEST_F(LiveStart, CanBeCalledOff) {
   }
 }
 
-// It does not wait for its clock to tick.
+// It does not wait for its clock to tick: that would take most of a second.
 TEST_F(LiveStart, EndsAtOnce) {
   std::chrono::steady_clock::duration best = std::chrono::hours(1);
-  for (int i = 0; i < 3; i++) {
+  for (int i = 0; i < 10 && best > std::chrono::milliseconds(700); i++) {
     LiveSwitch live(config_);
     live.start();
-    // The clock has begun to wait for its tick.
+    // So that the clock's thread has begun to wait.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const auto start = std::chrono::steady_clock::now();
     live.stop();
     best = std::min(best, std::chrono::steady_clock::now() - start);
   }
-  EXPECT_LT(best, std::chrono::milliseconds(700));
+  EXPECT_LE(best, std::chrono::milliseconds(700));
 }
 
 }  // namespace
