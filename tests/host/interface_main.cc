@@ -12,6 +12,7 @@ std::string no_namespace;
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  FLAGS_logtostderr = true;  // leaves no files behind
   google::InitGoogleLogging(argv[0]);
   no_namespace = EnterNetworkNamespace();
   if (const std::string error = bess::InitEal({.memory_mb = 256});
