@@ -84,6 +84,27 @@ TEST_F(InterruptionDeathTest, EndsTheProcessHoweverLateItComesAgain) {
   EXPECT_EXIT(run(), KilledBySignal(SIGTERM), "");
 }
 
+volatile sig_atomic_t handled = 0;
+
+// A process may have an answer of its own to a signal that comes again.
+TEST(Interruption, LeavesWhatComesAgainToTheProcess) {
+  const auto before = signal(SIGINT, [](int) { handled = 1; });
+  {
+    Interruption interruption;
+    kill(getpid(), SIGINT);
+    while (!interruption.happened()) std::this_thread::sleep_for(1ms);
+    const auto end =
+        std::chrono::steady_clock::now() + openflow_test::timeLimit(5s);
+    while (handled == 0 && std::chrono::steady_clock::now() < end) {
+      kill(getpid(), SIGINT);
+      std::this_thread::sleep_for(20ms);
+    }
+    EXPECT_EQ(handled, 1);
+    EXPECT_TRUE(interruption.happened());
+  }
+  signal(SIGINT, before);
+}
+
 TEST_F(InterruptionDeathTest, HasItsUsualEffectAfterwards) {
   const auto run = [] {
     { const Interruption interruption; }

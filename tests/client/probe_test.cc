@@ -1,14 +1,68 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/client/probe.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 #include "tests/captures/capture_files.h"
 #include "tests/support/listener.h"
+
+namespace {
+
+// On the thread that asks for it.
+thread_local bool refuseSockets = false;
+thread_local bool refuseOptions = false;
+thread_local int askedPatience = -1;  // of poll(), in milliseconds
+thread_local bool answerNothing = false;
+thread_local bool beginConnections = false;
+
+template <class F>
+F* next(const char* name) {
+  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// The program's own versions of the system's functions.
+extern "C" {
+
+int socket(int family, int type, int protocol) noexcept {
+  static auto* const real = next<decltype(socket)>("socket");
+  if (!refuseSockets) return real(family, type, protocol);
+  errno = EMFILE;
+  return -1;
+}
+
+// As over a network: the connection is not there at once.
+int connect(int fd, const sockaddr* address, socklen_t size) {
+  static auto* const real = next<decltype(connect)>("connect");
+  const int result = real(fd, address, size);
+  if (!beginConnections) return result;
+  errno = EINPROGRESS;
+  return -1;
+}
+
+int poll(pollfd* fds, nfds_t count, int patience) {
+  static auto* const real = next<decltype(poll)>("poll");
+  askedPatience = patience;
+  return answerNothing ? 0 : real(fds, count, patience);
+}
+
+int getsockopt(int fd, int level, int name, void* value,
+               socklen_t* size) noexcept {
+  static auto* const real = next<decltype(getsockopt)>("getsockopt");
+  if (!refuseOptions) return real(fd, level, name, value, size);
+  errno = ENOBUFS;
+  return -1;
+}
+}
 
 namespace ofswitch {
 namespace {
@@ -68,6 +122,28 @@ TEST(Probe, TellsWhatTheSystemSays) {
             "run -c switch.yaml\", or say --socket PATH");
   EXPECT_EQ(probeUnixSocket(std::string(108, 'x')),
             "the path has 108 characters, at most 107 are possible");
+}
+
+TEST(Probe, TellsThatThereAreNoMoreDescriptors) {
+  const Listener listener = Listener::onLoopback();
+  refuseSockets = true;
+  const std::string reason = probeAddress(listener.address());
+  refuseSockets = false;
+  EXPECT_EQ(reason, "Too many open files");
+}
+
+TEST(Probe, WaitsForAConnectionAndNotForGood) {
+  const Listener listener = Listener::onLoopback();
+  beginConnections = true;
+  EXPECT_EQ(probeAddress(listener.address()), "");
+  EXPECT_EQ(askedPatience, 5000);
+  answerNothing = true;
+  EXPECT_EQ(probeAddress(listener.address()), "Connection timed out");
+  answerNothing = false;
+  refuseOptions = true;
+  EXPECT_EQ(probeAddress(listener.address()), "No buffer space available");
+  refuseOptions = false;
+  beginConnections = false;
 }
 
 // Of a socket that another user has made.

@@ -32,17 +32,73 @@
 
 namespace {
 
-bool refuseLocks = false;
+// What the system refuses, and why.
+struct Refused {
+  int flock = 0;
+  int bind = 0;
+  int listen = 0;
+  int fchmod = 0;
+  int unlink = 0;
+  int fstat = 0;
+  int lstat = 0;
+};
+Refused refused;
+bool showsOtherNumbers = false;  // of an open file
+
+// Answers in place of a function that is refused.
+bool isRefused(int error) {
+  if (error == 0) return false;
+  errno = error;
+  return true;
+}
+
+template <class F>
+F* next(const char* name) {
+  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
+}
 
 }  // namespace
 
-// The program's own version of the system's function.
-extern "C" int flock(int fd, int operation) noexcept {
-  using Flock = decltype(&flock);
-  static const auto real = reinterpret_cast<Flock>(dlsym(RTLD_NEXT, "flock"));
-  if (!refuseLocks) return real(fd, operation);
-  errno = ENOLCK;
-  return -1;
+// The program's own versions of the system's functions.
+extern "C" {
+
+int flock(int fd, int operation) noexcept {
+  static auto* const real = next<decltype(flock)>("flock");
+  return isRefused(refused.flock) ? -1 : real(fd, operation);
+}
+
+int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
+  static auto* const real = next<decltype(bind)>("bind");
+  return isRefused(refused.bind) ? -1 : real(fd, address, size);
+}
+
+int listen(int fd, int backlog) noexcept {
+  static auto* const real = next<decltype(listen)>("listen");
+  return isRefused(refused.listen) ? -1 : real(fd, backlog);
+}
+
+int fchmod(int fd, mode_t mode) noexcept {
+  static auto* const real = next<decltype(fchmod)>("fchmod");
+  return isRefused(refused.fchmod) ? -1 : real(fd, mode);
+}
+
+int unlink(const char* path) noexcept {
+  static auto* const real = next<decltype(unlink)>("unlink");
+  return isRefused(refused.unlink) ? -1 : real(path);
+}
+
+int fstat(int fd, struct stat* found) noexcept {
+  static auto* const real = next<int(int, struct stat*)>("fstat");
+  if (isRefused(refused.fstat)) return -1;
+  const int result = real(fd, found);
+  if (showsOtherNumbers) found->st_ino++;
+  return result;
+}
+
+int lstat(const char* path, struct stat* found) noexcept {
+  static auto* const real = next<int(const char*, struct stat*)>("lstat");
+  return isRefused(refused.lstat) ? -1 : real(path, found);
+}
 }
 
 namespace ofswitch {
@@ -315,14 +371,66 @@ TEST(ControlSocket, TellsWhoKeepsTheFolderLocked) {
 TEST(ControlSocket, TellsWhyAFolderCannotBeLocked) {
   ScratchDir dir;
   const std::string path = dir / "control.sock";
-  refuseLocks = true;
+  refused.flock = ENOLCK;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }),
             "control socket " + path +
                 ": the folder cannot be used: No locks available");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2))
       << "it would not help to wait";
-  refuseLocks = false;
+  refused = {};
+}
+
+TEST(ControlSocket, TellsWhyItCannotBeMade) {
+  ScratchDir dir;
+  const std::string path = dir / "control.sock";
+  for (int Refused::*call : {&Refused::fchmod, &Refused::bind}) {
+    refused.*call = EPERM;
+    EXPECT_EQ(
+        errorOf([&] { ListeningSocket::atPath(path); }),
+        "control socket " + path + ": cannot be made: Operation not permitted");
+    refused = {};
+    EXPECT_FALSE(std::filesystem::exists(path));
+  }
+  for (int Refused::*call : {&Refused::lstat, &Refused::listen}) {
+    refused.*call = EIO;
+    EXPECT_EQ(
+        errorOf([&] { ListeningSocket::atPath(path); }),
+        "control socket " + path + ": cannot be made: Input/output error");
+    refused = {};
+    unlink(path.c_str());
+  }
+  EXPECT_GE(ListeningSocket::atPath(path).fd(), 0) << "nothing is in the way";
+}
+
+TEST(ControlSocket, TellsWhyOneThatIsGoneCannotBeReplaced) {
+  ScratchDir dir;
+  const std::string path = dir / "control.sock";
+  leaveSocket(path);
+  refused.unlink = EACCES;
+  EXPECT_EQ(
+      errorOf([&] { ListeningSocket::atPath(path); }),
+      "control socket " + path + ": cannot be replaced: Permission denied");
+  refused = {};
+  EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+// Without the numbers by which the kernel lists locks, or with other ones.
+TEST(ControlSocket, TellsThatSomebodyKeepsTheFolderLocked) {
+  ScratchDir dir;
+  const int lock = lockedFolder(dir);
+  const std::string path = dir / "control.sock";
+  const std::string folder = std::filesystem::path(path).parent_path();
+  const std::string expected =
+      "control socket " + path + ": another process keeps " + folder +
+      " locked; end it or choose a path in another folder";
+  refused.fstat = EIO;
+  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }), expected);
+  refused = {};
+  showsOtherNumbers = true;
+  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }), expected);
+  showsOtherNumbers = false;
+  close(lock);
 }
 
 TEST(ControlSocket, LeavesTheSocketOfASuccessor) {

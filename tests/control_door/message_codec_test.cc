@@ -4,6 +4,9 @@
 #include <google/protobuf/descriptor.pb.h>
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <string>
+
 #include "switch.pb.h"
 #include "switch/control/call_status.h"
 #include "switch/flow/refused.h"
@@ -149,6 +152,26 @@ TEST(CallStatus, TellsWhoseFaultItIs) {
             "8 there is not enough memory for this request");
   EXPECT_EQ(status(std::runtime_error("d")), "13 d");
   EXPECT_EQ(status(7), "13 something unknown failed");
+}
+
+// One text many times over, so that it takes no memory.
+TEST(MessageCodec, RefusesAReplyThatIsLongerThanAMessageCanBe) {
+  std::string text(size_t{1} << 20, 'x');
+  pb::FlowEntry flow;
+  constexpr int kMost = 2047;  // and less than 1 MiB beside them
+  for (int i = 0; i < kMost; i++) {
+    flow.mutable_actions()->UnsafeArenaAddAllocated(&text);
+  }
+  EXPECT_LE(flow.ByteSizeLong(), size_t{INT_MAX});
+  flow.mutable_actions()->UnsafeArenaAddAllocated(&text);
+  try {
+    encode(flow);
+    ADD_FAILURE() << "it has " << flow.ByteSizeLong() << " bytes";
+  } catch (const BadMessage& bad) {
+    EXPECT_STREQ(bad.what(), "the reply is longer than a message can be");
+    EXPECT_TRUE(bad.isTooLong);
+  }
+  flow.mutable_actions()->UnsafeArenaExtractSubrange(0, kMost + 1, nullptr);
 }
 
 }  // namespace

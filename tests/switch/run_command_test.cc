@@ -303,6 +303,40 @@ TEST_F(RunCommand, StopsSoonWhileItLoadsItsFlows) {
   EXPECT_FALSE(std::filesystem::exists(door));
 }
 
+// The signal is there before the process is: it waits until it is asked for.
+TEST_F(RunCommand, EndsByItselfWhenItIsStoppedWhileItLoads) {
+  constexpr int kFlows = 20'000;
+  std::string flows;
+  for (int i = 1; i <= kFlows; i++) {
+    flows += "tcp,tp_dst=" + std::to_string(i) + ",actions=output:2\n";
+  }
+  write("flows.txt", flows);
+  const std::string config = write("switch.yaml", kConfig);
+  sigset_t blocked;
+  sigset_t before;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGTERM);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &before), 0);
+  RunningSwitch process(config, dir_ / "log");
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(process.end(SIGTERM), 0);
+  EXPECT_EQ(process.log(), "stopped while flows were being loaded\n");
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "control.sock"));
+}
+
+TEST_F(RunCommand, TellsWhatMayBeWrongWithItsFlows) {
+  const std::string flows = write("flows.txt", "in_port=1,actions=output:9\n");
+  const std::string config = write("switch.yaml", kConfig);
+  RunningSwitch process(config, dir_ / "log");
+  ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 1 flow\n"))
+      << process.log();
+  EXPECT_THAT(process.log(),
+              HasSubstr("note: " + flows +
+                        ":1: output:9: port 9 is not connected, what is sent "
+                        "there goes nowhere\n"));
+  EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
 // A controller capture into a pipe that nobody empties keeps the switch from
 // being taken apart.
 TEST_F(RunCommand, EndsInTimeThoughItsPortsDoNotClose) {

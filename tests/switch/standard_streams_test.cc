@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "switch/terminal/standard_error.h"
 #include "tests/captures/capture_files.h"
 #include "tests/support/time_limit.h"
 
@@ -69,6 +71,32 @@ TEST_F(StandardStreams, AnOutputThatNobodyTakesIsAFailure) {
   EXPECT_EQ(statusOf("check good.txt >&- 2> err"), 1);
   EXPECT_EQ(openflow_test::readFile(dir_ / "err"),
             "ofswitch: standard output: Bad file descriptor\n");
+}
+
+// What is missing stays so: it must not get another number than its own.
+TEST(FillStandardStreams, EndsWithTheFirstThatCannotBeFilled) {
+  const pid_t child = fork();
+  if (child == 0) {
+    rlimit files;
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none = {0, files.rlim_max};
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    setrlimit(RLIMIT_NOFILE, &none);
+    ofswitch::fillStandardStreams();
+    setrlimit(RLIMIT_NOFILE, &files);
+    const bool areMissing =
+        fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(STDOUT_FILENO, F_GETFD) < 0;
+    ofswitch::fillStandardStreams();
+    const bool areFilled =
+        (fcntl(STDIN_FILENO, F_GETFL) & O_ACCMODE) == O_WRONLY &&
+        (fcntl(STDOUT_FILENO, F_GETFL) & O_ACCMODE) == O_RDONLY;
+    _exit(areMissing && areFilled ? 7 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 7);
 }
 
 // The first file that is opened would get the number of the closed one.

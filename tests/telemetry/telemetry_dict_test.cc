@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/telemetry/telemetry_dict.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -10,6 +11,21 @@
 
 #include "tests/switch/live_bench.h"
 #include "tests/telemetry/telemetry_client.h"
+
+namespace {
+
+// On the thread that answers.
+thread_local bool hasMemory = true;
+
+}  // namespace
+
+// The program's own version of DPDK's function.
+extern "C" rte_tel_data* rte_tel_data_alloc() {
+  using Alloc = decltype(&rte_tel_data_alloc);
+  static const auto real =
+      reinterpret_cast<Alloc>(dlsym(RTLD_NEXT, "rte_tel_data_alloc"));
+  return hasMemory ? real() : nullptr;
+}
 
 namespace ofswitch {
 namespace {
@@ -60,6 +76,28 @@ TEST(TelemetryDict, CountsTheCharactersOfItsAnswer) {
   const size_t inner = list + 5 + 6 + (1 + 6 + 20) + (1 + 6 + 2);
   const std::lock_guard lock(mutex);
   EXPECT_EQ(sizes, (std::vector<size_t>{0, number, text, list, inner}));
+}
+
+int answerWithoutMemory(const char*, const char*, rte_tel_data* data) {
+  const std::lock_guard lock(mutex);
+  TelemetryDict dict(data);
+  hasMemory = false;
+  dict.texts("list", std::vector<std::string>{"one"});
+  dict.dict("inner", [](TelemetryDict*) { ADD_FAILURE() << "there is none"; });
+  hasMemory = true;
+  sizes = {size(dict)};
+  dict.number("ab", 7);
+  return 0;
+}
+
+TEST(TelemetryDict, LeavesOutWhatThereIsNoMemoryFor) {
+  const LiveBench bench({.dpdkTelemetry = true});
+  ASSERT_EQ(
+      rte_telemetry_register_cmd("/test/none", answerWithoutMemory, "A test"),
+      0);
+  EXPECT_EQ(TelemetryClient().ask("/test/none"), json({{"ab", 7}}));
+  const std::lock_guard lock(mutex);
+  EXPECT_EQ(sizes, std::vector<size_t>{0});
 }
 
 }  // namespace
