@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -102,6 +103,17 @@ int exitStatus(const CLI::App& app, const CLI::ParseError& error) {
   return app.exit(error) == 0 ? finishOutput(0) : kWrongUse;
 }
 
+std::string textOf(const std::system_error& error) {
+  if (error.code() != std::errc::resource_unavailable_try_again) {
+    return error.what();
+  }
+  // It is how std::thread fails, and nothing else that is used here.
+  return fmt::format(
+      "cannot start a thread: {}; ulimit -a shows how many there may be, and "
+      "what stack each one gets",
+      error.what());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -132,7 +144,10 @@ int main(int argc, char** argv) {
     return exitStatus(app, error);
   } catch (const std::system_error& error) {
     if (std::ferror(stdout) != 0) return failedOutput(error.code().value());
-    ofswitch::printError("ofswitch: {}\n", error.what());
+    ofswitch::printError("ofswitch: {}\n", textOf(error));
+    return kFailed;
+  } catch (const std::bad_alloc&) {
+    ofswitch::printError("ofswitch: out of memory\n");
     return kFailed;
   } catch (const std::exception& error) {
     ofswitch::printError("ofswitch: {}\n", error.what());
