@@ -20,6 +20,11 @@ function(of_target name)
     $<$<BOOL:${OPENFLOW_WERROR}>:-Werror> ${OF_NO_BUILD_PATHS})
   target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
   of_sanitize(${name})
+  get_target_property(type ${name} TYPE)
+  if(CMAKE_CXX_FLAGS MATCHES coverage AND type STREQUAL EXECUTABLE)
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/kept_counts.cc)
+    target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
+  endif()
 endfunction()
 
 # of_fast_tls(NAME): thread-local variables, such as DPDK's lcore identity, which every packet buffer asks for, are read
