@@ -47,12 +47,13 @@ size_t aclBuildLimitFor(size_t available) {
 void setAclBuildLimit(size_t bytes) { limit = std::max<size_t>(bytes, 1); }
 
 bool AclBuildScope::redirectCalls() {
-  constexpr char kLibrary[] = "librte_acl.so";
-  static const bool redirected =
-      internal::redirectImport(kLibrary, "free",
-                               reinterpret_cast<void*>(&countedFree)) &&
-      internal::redirectImport(kLibrary, "calloc",
-                               reinterpret_cast<void*>(&countedCalloc));
+  static const bool redirected = [] {
+    const auto redirect = [](const char* function, auto* to) {
+      return internal::redirectImport("librte_acl.so", function,
+                                      reinterpret_cast<void*>(to));
+    };
+    return redirect("free", &countedFree) && redirect("calloc", &countedCalloc);
+  }();
   return redirected;
 }
 

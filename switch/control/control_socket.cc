@@ -85,7 +85,7 @@ void makeRoom(const std::string& path, const sockaddr_un& address) {
       connect(probe.get(), reinterpret_cast<const sockaddr*>(&address),
               sizeof(address));
   // EAGAIN: its queue of connections is full.
-  if (result == 0 || errno == EAGAIN || errno == EINPROGRESS) {
+  if (result == 0 || errno == EAGAIN) {
     fail(path, "a switch is running there; stop it or choose another path");
   }
   if (errno != ECONNREFUSED) failErrno(path, "cannot be replaced");

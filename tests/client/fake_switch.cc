@@ -79,11 +79,14 @@ grpc::Status FakeSwitch::GetPorts(grpc::ServerContext* /*context*/,
   return status;
 }
 
-grpc::Status FakeSwitch::GetStats(grpc::ServerContext* /*context*/,
+grpc::Status FakeSwitch::GetStats(grpc::ServerContext* context,
                                   const pb::StatsRequest* request,
                                   pb::StatsReply* reply) {
   const Turn turn(this);
   statsRequest = *request;
+  while (statsRead_ == statsGiven && !context->IsCancelled()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   *reply = stats[std::min(statsRead_, stats.size() - 1)];
   statsRead_++;
   return status;
@@ -96,7 +99,7 @@ grpc::Status FakeSwitch::ReadLog(grpc::ServerContext* context,
   logRequest = *request;
   handOver();  // a test does not wait for the end
   for (const pb::LogEntry& entry : log) writer->Write(entry);
-  while (request->follow() && !context->IsCancelled()) {
+  while (request->follow() && !endsLogs && !context->IsCancelled()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return status;

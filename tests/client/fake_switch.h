@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -39,7 +40,9 @@ class FakeSwitch final : public pb::Switch::Service {
   pb::TablesReply tables;
   pb::PortsReply ports;
   std::vector<pb::StatsReply> stats;  // the last one stays
+  size_t statsGiven = SIZE_MAX;       // behind these, calls are left waiting
   std::vector<pb::LogEntry> log;
+  bool endsLogs = false;  // though somebody follows them
   pb::LogLevels levels;
   grpc::Status status;  // how every call ends
 

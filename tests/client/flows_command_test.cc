@@ -151,8 +151,9 @@ TEST_F(FlowsCommand, DeletesEverythingOnlyWhenTold) {
             "ofswitch: flows del: say which: FILTER, --file FILE, or --all "
             "for every flow\n");
   write("empty.txt", "# nothing\n\n");
-  for (const char* nothing : {"''", "' '", ",", "tcp ,", "'# all'",
-                              "--file empty.txt", "--file /dev/null"}) {
+  for (const char* nothing :
+       {"''", "' '", ",", "tcp ,", "'# all'", "$(printf '\\n,')",
+        "--file empty.txt", "--file /dev/null"}) {
     run(std::string("flows del ") + nothing);
     EXPECT_EQ(status_, 1) << nothing;
     EXPECT_EQ(err_,

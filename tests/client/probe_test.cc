@@ -111,6 +111,11 @@ TEST(Probe, TellsWhatIsNoAddress) {
               "must be HOST:PORT, e.g. 127.0.0.1:9470 or [::1]:9470")
         << address;
   }
+  // A name that no name server has: it is too long for one.
+  EXPECT_EQ(probeAddress(std::string(300, 'x') + ":80"),
+            "Name or service not known");
+  EXPECT_EQ(probeAddress("[" + std::string(300, 'x') + ":80"),
+            "Name or service not known");
   // A broadcast address, which no stream can go to.
   EXPECT_EQ(probeAddress("255.255.255.255:80"), "Network is unreachable");
 }

@@ -159,15 +159,19 @@ TEST_F(Reports, LogLevels) {
   EXPECT_EQ(fake_.levelsRequest.levels_size(), 0);
   EXPECT_EQ(json()["OpenFlow"], 7);
 
-  for (const char* wrong : {"OpenFlow=32", "OpenFlow=-1", "OpenFlow=x"}) {
+  for (const char* wrong :
+       {"OpenFlow=32", "OpenFlow=-1", "OpenFlow=x", "OpenFlow=3x"}) {
     run(std::string("log levels ") + wrong);
     EXPECT_EQ(status_, 2);
     EXPECT_EQ(err_, std::string("ofswitch: log levels: ") + wrong +
                         ": a level is a number from 0 to 31, or none\n");
   }
-  run("log levels OpenFlow");
-  EXPECT_EQ(status_, 2);
-  EXPECT_EQ(err_, "ofswitch: log levels: OpenFlow: must be FACILITY=LEVEL\n");
+  for (const char* wrong : {"OpenFlow", "=3"}) {
+    run(std::string("log levels ") + wrong);
+    EXPECT_EQ(status_, 2);
+    EXPECT_EQ(err_, std::string("ofswitch: log levels: ") + wrong +
+                        ": must be FACILITY=LEVEL\n");
+  }
 }
 
 // Ctrl-C is how these end, so that it is no failure.
@@ -190,6 +194,24 @@ TEST_F(Reports, EndOnCtrlC) {
   interrupt("stats --watch 3600", "accounted for", "TERM");
   interrupt("stats --watch 3600", "accounted for");
   EXPECT_THAT(out_, testing::EndsWith("Every packet is accounted for.\n"));
+}
+
+TEST_F(Reports, EndOnCtrlCWithoutAnAnswer) {
+  fake_.stats = {stats(10, 10)};
+  fake_.statsGiven = 1;
+  run("stats --watch 0.05 & p=$!; until grep -q 'accounted for' stdout; do "
+      "sleep 0.02; done; sleep 1; kill -INT $p; wait $p");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(err_, "");
+  EXPECT_THAT(out_, testing::EndsWith("Every packet is accounted for.\n"));
+}
+
+TEST_F(Reports, ALogOfAFacilityThatIsFollowedMayBeginEmpty) {
+  fake_.log = {};
+  fake_.endsLogs = true;
+  run("log --facility Nope --follow");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(err_, "");
 }
 
 TEST_F(Reports, WaitForATimeInBounds) {

@@ -191,6 +191,41 @@ TEST_F(Reports, RatesOfASwitchThatWasStartedAnewBeginAnew) {
   EXPECT_EQ(out_.find("perSecond"), std::string::npos) << out_;
 }
 
+// Nor has one whose clock was put back any rates that make sense.
+TEST_F(Reports, RatesOfASwitchWhoseClockWasPutBackBeginAnew) {
+  fake_.stats = {stats(10, 1000), stats(12, 2000)};
+  fake_.stats[1].set_time_ns(fake_.stats[0].time_ns());
+  run("stats --watch 0.05 --count 2 --json");
+  EXPECT_EQ(out_.find("perSecond"), std::string::npos) << out_;
+}
+
+// Causes are known by name, table and port; what was not there has begun at 0.
+// A cause that this program does not know is one of the whole switch.
+TEST_F(Reports, RatesOfDropsAreThoseOfTheSameCause) {
+  pb::StatsReply reply = stats(10, 0);
+  reply.clear_drops();
+  reply.clear_workers();
+  fake_.stats = {reply, reply};
+  *fake_.stats[0].add_drops() = drop("table_miss", 100, 1);
+  *fake_.stats[1].add_drops() = drop("table_miss", 40, 2);
+  *fake_.stats[1].add_drops() = drop("solar_wind", 20, 2);
+  *fake_.stats[1].add_drops() = drop("table_miss", 160, 1);
+  fake_.stats[1].set_time_ns(reply.time_ns() + 2 * kSecond);
+  fake_.stats[1].set_uptime_ns(reply.uptime_ns() + 2 * kSecond);
+  run("stats --watch 0.05 --count 2");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_THAT(out_, HasSubstr("Dropped\n"
+                              "  packets per second  where    cause\n"
+                              "       40       20.0  table 2  table_miss  "
+                              "About table_miss.\n"
+                              "       20       10.0  switch   solar_wind  "
+                              "About solar_wind.\n"
+                              "      160       30.0  table 1  table_miss  "
+                              "About table_miss.\n"
+                              "\n"
+                              "Packet buffers: 90 of 100 free\n"));
+}
+
 TEST_F(Reports, WatchReadsEverySecondUnlessItIsTold) {
   fake_.stats = {stats(10, 10), stats(11, 20)};
   const auto start = std::chrono::steady_clock::now();

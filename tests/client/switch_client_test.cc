@@ -146,7 +146,7 @@ TEST(SwitchClient, TellsOfAPeerThatIsNoSwitch) {
   std::thread peer([fd = listener.fd()] {
     for (int i = 0; i < 2; i++) {
       const int one = accept(fd, nullptr, nullptr);
-      (void)!write(one, "220 mail\r\n", 10);
+      send(one, "220 mail\r\n", 10, MSG_NOSIGNAL);
       close(one);
     }
   });
@@ -155,6 +155,24 @@ TEST(SwitchClient, TellsOfAPeerThatIsNoSwitch) {
             "control address " + where +
                 ": something listens there, but it does not answer as a "
                 "switch does; it may want --tls-ca, --tls-cert and --tls-key");
+  peer.join();
+}
+
+// There is no more to try at a socket, which has no TLS.
+TEST(SwitchClient, TellsOfASocketThatIsNoSwitchs) {
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "mail.sock";
+  const auto listener = Listener::onPath(path);
+  std::thread peer([fd = listener.fd()] {
+    for (int one; (one = accept(fd, nullptr, nullptr)) >= 0; close(one)) {
+      send(one, "220 mail\r\n", 10, MSG_NOSIGNAL);
+    }
+  });
+  EXPECT_EQ(whyNot({.socket = path}),
+            "control socket " + path +
+                ": something listens there, but it does not answer as a "
+                "switch does");
+  shutdown(listener.fd(), SHUT_RDWR);
   peer.join();
 }
 

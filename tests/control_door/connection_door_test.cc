@@ -32,7 +32,7 @@
 
 namespace {
 
-std::atomic<bool> isOutOfDescriptors = false;
+std::atomic<int> refusal = 0;  // an error number; 0: none
 std::atomic<int> refusals = 0;
 
 }  // namespace
@@ -43,9 +43,10 @@ extern "C" int accept4(int fd, sockaddr* address, socklen_t* length,
   using Accept = decltype(&accept4);
   static const auto real =
       reinterpret_cast<Accept>(dlsym(RTLD_NEXT, "accept4"));
-  if (!isOutOfDescriptors) return real(fd, address, length, flags);
+  const int error = refusal;
+  if (error == 0) return real(fd, address, length, flags);
   refusals++;
-  errno = EMFILE;
+  errno = error;
   return -1;
 }
 
@@ -209,25 +210,48 @@ TEST(ConnectionDoor, SendsAtOnceOverTcp) {
   door.close();
 }
 
-TEST_F(ConnectionDoorAtPath, WaitsForDescriptorsWithoutHaste) {
+TEST_F(ConnectionDoorAtPath, WaitsForDescriptorsAndMemoryWithoutHaste) {
   using Clock = std::chrono::steady_clock;
   using std::chrono::milliseconds;
-  const Clock::time_point asked = Clock::now();
-  const Clock::time_point deadline =
-      asked + openflow_test::timeLimit(std::chrono::seconds(10));
-  refusals = 0;
-  isOutOfDescriptors = true;
-  const UnixClient client(path_);
-  while (refusals < 3 && Clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(1));
+  for (const int error : {EMFILE, ENFILE, ENOMEM, ENOBUFS}) {
+    const Clock::time_point asked = Clock::now();
+    const Clock::time_point deadline =
+        asked + openflow_test::timeLimit(std::chrono::seconds(10));
+    refusals = 0;
+    refusal = error;
+    const UnixClient client(path_);
+    while (refusals < 3 && Clock::now() < deadline) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    refusal = 0;
+    const Clock::time_point start = Clock::now();
+    EXPECT_GE(refusals, 3);
+    EXPECT_LE(refusals, (start - asked) / milliseconds(100) + 1) << error;
+    EXPECT_TRUE(connections_.waitFor(1));
+    EXPECT_LT(Clock::now() - start,
+              openflow_test::timeLimit(std::chrono::seconds(5)));
+    connections_.closeOne();
   }
-  isOutOfDescriptors = false;
-  const Clock::time_point start = Clock::now();
-  EXPECT_GE(refusals, 3);
-  EXPECT_LE(refusals, (start - asked) / milliseconds(100) + 1);
+  door_.close();
+}
+
+// Such as a client that has gone again: the next one does not wait for it.
+TEST_F(ConnectionDoorAtPath, DoesNotWaitAfterAnyOtherFailure) {
+  refusals = 0;
+  refusal = ECONNABORTED;
+  const UnixClient client(path_);
+  // More often than once every 100 ms, in as many tries as it takes.
+  bool wasSoon = false;
+  for (int round = 0; round < 50 && !wasSoon; round++) {
+    const auto start = std::chrono::steady_clock::now();
+    const int before = refusals;
+    while (refusals < before + 3) std::this_thread::yield();
+    wasSoon = std::chrono::steady_clock::now() - start <
+              std::chrono::milliseconds(100);
+  }
+  refusal = 0;
+  EXPECT_TRUE(wasSoon);
   EXPECT_TRUE(connections_.waitFor(1));
-  EXPECT_LT(Clock::now() - start,
-            openflow_test::timeLimit(std::chrono::seconds(5)));
   door_.close();
 }
 

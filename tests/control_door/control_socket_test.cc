@@ -37,6 +37,7 @@ struct Refused {
   int flock = 0;
   int bind = 0;
   int listen = 0;
+  int setsockopt = 0;
   int fchmod = 0;
   int unlink = 0;
   int fstat = 0;
@@ -75,6 +76,13 @@ int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
 int listen(int fd, int backlog) noexcept {
   static auto* const real = next<decltype(listen)>("listen");
   return isRefused(refused.listen) ? -1 : real(fd, backlog);
+}
+
+int setsockopt(int fd, int level, int name, const void* value,
+               socklen_t size) noexcept {
+  static auto* const real = next<decltype(setsockopt)>("setsockopt");
+  return isRefused(refused.setsockopt) ? -1
+                                       : real(fd, level, name, value, size);
 }
 
 int fchmod(int fd, mode_t mode) noexcept {
@@ -328,7 +336,11 @@ class Bystander {
     if (child_ == 0) {
       sched_setaffinity(0, sizeof(first), &first);
       const int fd = open(file.c_str(), O_RDWR | O_CREAT, 0600);
-      if (flock(fd, LOCK_EX) == 0 && write(ready[1], "", 1) == 1) pause();
+      // One of each kind.
+      if (lockf(fd, F_LOCK, 0) == 0 && flock(fd, LOCK_EX) == 0 &&
+          write(ready[1], "", 1) == 1) {
+        pause();
+      }
       _exit(1);
     }
     close(ready[1]);
@@ -459,7 +471,9 @@ TEST(ControlAddress, IsOfThisMachineWithoutTls) {
   }
   for (const char* address :
        {"0.0.0.0:9470", "10.0.0.1:9470", "[::]:9470", "[::ffff:10.0.0.1]:9470",
-        "[fe80::1]:9470", "[2001:db8::7f00:1]:9470"}) {
+        "[fe80::1]:9470", "[2001:db8::7f00:1]:9470", "[::2]:9470",
+        "[0:1::1]:9470", "[0:0:1::1]:9470", "[0:0:0:0:0:1:0:1]:9470",
+        "[1::ffff:7f00:1]:9470", "[0:0:1::ffff:7f00:1]:9470"}) {
     EXPECT_EQ(errorOf([&] { checkControlAddress(configWith(address)); }),
               "control.address: " + std::string(address) +
                   " can be reached from elsewhere and needs control.tls: "
@@ -471,12 +485,32 @@ TEST(ControlAddress, IsAnAddressAndAPort) {
   for (const char* address :
        {"9470", ":9470", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536",
         "127.0.0.1:-1", "127.0.0.1:94x", "[::1x:9470", "x::1]:9470", "::1:9470",
-        "[::1]", "[]:9470", "example.org:9470"}) {
+        "[::1]", "[]:9470", "[::g]:9470", "example.org:9470"}) {
     EXPECT_EQ(errorOf([&] { checkControlAddress(configWith(address)); }),
               "control.address: \"" + std::string(address) +
                   "\" is no address and port, such as 127.0.0.1:9470 or "
                   "[::1]:9470");
   }
+}
+
+TEST(ControlAddress, IsRefusedWhenTheSystemRefusesIt) {
+  const std::string any = "127.0.0.1:0";
+  const TcpAddress address(any, "key");
+  const auto error = [&] {
+    return errorOf([&] { ListeningSocket::atAddress(any, address, "key"); });
+  };
+  const std::string start = "key: 127.0.0.1:0: cannot listen there: ";
+  {
+    const FewDescriptors none(0);
+    EXPECT_EQ(error(), start + "Too many open files");
+  }
+  for (int Refused::*call :
+       {&Refused::setsockopt, &Refused::bind, &Refused::listen}) {
+    refused.*call = EACCES;
+    EXPECT_EQ(error(), start + "Permission denied");
+    refused = {};
+  }
+  EXPECT_EQ(error(), "");
 }
 
 TEST(ControlAddress, IsRefusedWhenItIsTaken) {

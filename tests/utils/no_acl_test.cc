@@ -63,6 +63,13 @@ TEST(AvailableMemoryHere, IsNoMoreThanTheMachineHas) {
 
 TEST_F(AvailableMemory, IsTheMachines) { EXPECT_EQ(available(), 8000u * 1024); }
 
+TEST_F(AvailableMemory, IsInALineBetweenOthersOfAnyKind) {
+  write("proc/meminfo", "\nMemTotal\nMemFree: none\nMemAvailable: 9 kB\nx\n");
+  EXPECT_EQ(available(), 9u * 1024);
+  write("proc/meminfo", "MemTotal: 7 kB\nMemAvailable: much\n");
+  EXPECT_EQ(available(), SIZE_MAX);
+}
+
 TEST_F(AvailableMemory, IsUnlimitedWhereNobodyTells) {
   fs::remove_all(root_ / "proc");
   EXPECT_EQ(available(), SIZE_MAX);
