@@ -80,6 +80,12 @@ TEST_F(TlsDoor, TakesClientsWithACertificate) {
   EXPECT_EQ(ports, 4);
 }
 
+TEST_F(TlsDoor, HasAPortWhileItIsOpen) {
+  EXPECT_GT(door_->tcpPort(), 0);
+  door_->stop();
+  EXPECT_EQ(door_->tcpPort(), 0);
+}
+
 TEST_F(TlsDoor, RefusesOthers) {
   int ports = 0;
   EXPECT_EQ(ask(tls(""), &ports).error_code(), grpc::StatusCode::UNAVAILABLE);

@@ -142,6 +142,18 @@ TEST_F(RunCommand, TellsTheServiceManagerHowFarItIs) {
   }
 }
 
+// As no socket can have it.
+TEST_F(RunCommand, RunsWithoutAServiceManagerWhosePathIsTooLong) {
+  write("flows.txt", "");
+  const std::string config = write("switch.yaml", kConfig);
+  setenv("NOTIFY_SOCKET", ("/" + std::string(200, 'x')).c_str(), 1);
+  RunningSwitch process(config, dir_ / "log");
+  unsetenv("NOTIFY_SOCKET");
+  ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 0 flows\n"))
+      << process.log();
+  EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
 struct Refusal {
   const char* name;
   const char* old;    // of kConfig
@@ -322,6 +334,24 @@ TEST_F(RunCommand, EndsByItselfWhenItIsStoppedWhileItLoads) {
   EXPECT_EQ(process.end(SIGTERM), 0);
   EXPECT_EQ(process.log(), "stopped while flows were being loaded\n");
   EXPECT_FALSE(std::filesystem::exists(dir_ / "control.sock"));
+}
+
+// Nobody is at the other end.
+TEST_F(RunCommand, TellsThatALinkIsDown) {
+  write("flows.txt", "");
+  const std::string device =
+      "net_memif0,role=server,socket-abstract=no,socket=" +
+      (dir_ / "memif.sock").string();
+  const std::string config =
+      write("switch.yaml",
+            configWith("device: net_null1", "device: \"" + device + '"'));
+  RunningSwitch process(config, dir_ / "log");
+  ASSERT_TRUE(process.waitFor("running: 2 ports, 2 workers, 0 flows\n"))
+      << process.log();
+  EXPECT_THAT(process.log(),
+              ContainsRegex("port 1 [^\n]* link up\nport 2 port2: " + device +
+                            " \\(net_memif\\), [^\n]* link down\n"));
+  EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
 TEST_F(RunCommand, TellsWhatMayBeWrongWithItsFlows) {

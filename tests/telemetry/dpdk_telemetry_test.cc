@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rte_ethdev.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -37,6 +38,21 @@ constexpr char kPolicy[] =
 
 LiveBench::Options withTelemetry(const std::string& flows = kPolicy) {
   return {.flows = flows, .dpdkTelemetry = true};
+}
+
+TEST(DpdkTelemetry, TellsWhichLinksAreUp) {
+  LiveBench bench(withTelemetry());
+  const DpdkTelemetry telemetry(bench.live());
+  uint16_t device = 0;
+  ASSERT_EQ(rte_eth_dev_get_port_by_name("net_ring2", &device), 0);
+  ASSERT_EQ(rte_eth_dev_set_link_down(device), 0);
+  const TelemetryClient client;
+  const json ports = client.ask("/ofswitch/ports");
+  EXPECT_EQ(ports["1"]["link_up"], 1);
+  EXPECT_EQ(ports["2"]["link_up"], 0);
+  EXPECT_EQ(client.ask("/ofswitch/ports,1")["link_up"], 1);
+  EXPECT_EQ(client.ask("/ofswitch/ports,2")["link_up"], 0);
+  ASSERT_EQ(rte_eth_dev_set_link_up(device), 0);
 }
 
 TEST(DpdkTelemetry, TellsExactlyWhatHappened) {
