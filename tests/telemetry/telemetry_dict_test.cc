@@ -16,10 +16,19 @@ namespace {
 
 // On the thread that answers.
 thread_local bool hasMemory = true;
+thread_local int givenBack = 0;
 
 }  // namespace
 
-// The program's own version of DPDK's function.
+// The program's own versions of DPDK's functions.
+extern "C" void rte_tel_data_free(rte_tel_data* data) {
+  using Free = decltype(&rte_tel_data_free);
+  static const auto real =
+      reinterpret_cast<Free>(dlsym(RTLD_NEXT, "rte_tel_data_free"));
+  givenBack++;
+  real(data);
+}
+
 extern "C" rte_tel_data* rte_tel_data_alloc() {
   using Alloc = decltype(&rte_tel_data_alloc);
   static const auto real =
@@ -98,6 +107,29 @@ TEST(TelemetryDict, LeavesOutWhatThereIsNoMemoryFor) {
   EXPECT_EQ(TelemetryClient().ask("/test/none"), json({{"ab", 7}}));
   const std::lock_guard lock(mutex);
   EXPECT_EQ(sizes, std::vector<size_t>{0});
+}
+
+int answerTooMuch(const char*, const char*, rte_tel_data* data) {
+  const std::lock_guard lock(mutex);
+  TelemetryDict dict(data);
+  givenBack = 0;
+  for (int i = 0; i < 300; i++) {
+    dict.dict("d" + std::to_string(i), [](TelemetryDict*) {});
+  }
+  sizes = {static_cast<size_t>(givenBack)};
+  return 0;
+}
+
+// DPDK takes 256 of anything.
+TEST(TelemetryDict, LeavesOutWhatIsTooMuchAndKeepsNothingOfIt) {
+  const LiveBench bench({.dpdkTelemetry = true});
+  ASSERT_EQ(rte_telemetry_register_cmd("/test/many", answerTooMuch, "A test"),
+            0);
+  const json answer = TelemetryClient().ask("/test/many");
+  EXPECT_EQ(answer.size(), 256u);
+  EXPECT_TRUE(answer.contains("d255"));
+  const std::lock_guard lock(mutex);
+  EXPECT_EQ(sizes, std::vector<size_t>{300 - 256});
 }
 
 }  // namespace
