@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/control_socket.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -19,128 +17,19 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "switch/control/control_server.h"
 #include "tests/captures/capture_files.h"
-
-namespace {
-
-// What the system refuses, and why.
-struct Refused {
-  int flock = 0;
-  int bind = 0;
-  int listen = 0;
-  int setsockopt = 0;
-  int fchmod = 0;
-  int unlink = 0;
-  int fstat = 0;
-  int lstat = 0;
-};
-Refused refused;
-bool showsOtherNumbers = false;  // of an open file
-
-// Answers in place of a function that is refused.
-bool isRefused(int error) {
-  if (error == 0) return false;
-  errno = error;
-  return true;
-}
-
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-// The program's own versions of the system's functions.
-extern "C" {
-
-int flock(int fd, int operation) noexcept {
-  static auto* const real = next<decltype(flock)>("flock");
-  return isRefused(refused.flock) ? -1 : real(fd, operation);
-}
-
-int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
-  static auto* const real = next<decltype(bind)>("bind");
-  return isRefused(refused.bind) ? -1 : real(fd, address, size);
-}
-
-int listen(int fd, int backlog) noexcept {
-  static auto* const real = next<decltype(listen)>("listen");
-  return isRefused(refused.listen) ? -1 : real(fd, backlog);
-}
-
-int setsockopt(int fd, int level, int name, const void* value,
-               socklen_t size) noexcept {
-  static auto* const real = next<decltype(setsockopt)>("setsockopt");
-  return isRefused(refused.setsockopt) ? -1
-                                       : real(fd, level, name, value, size);
-}
-
-int fchmod(int fd, mode_t mode) noexcept {
-  static auto* const real = next<decltype(fchmod)>("fchmod");
-  return isRefused(refused.fchmod) ? -1 : real(fd, mode);
-}
-
-int unlink(const char* path) noexcept {
-  static auto* const real = next<decltype(unlink)>("unlink");
-  return isRefused(refused.unlink) ? -1 : real(path);
-}
-
-int fstat(int fd, struct stat* found) noexcept {
-  static auto* const real = next<int(int, struct stat*)>("fstat");
-  if (isRefused(refused.fstat)) return -1;
-  const int result = real(fd, found);
-  if (showsOtherNumbers) found->st_ino++;
-  return result;
-}
-
-int lstat(const char* path, struct stat* found) noexcept {
-  static auto* const real = next<int(const char*, struct stat*)>("lstat");
-  return isRefused(refused.lstat) ? -1 : real(path, found);
-}
-}
+#include "tests/control_door/sockets.h"
 
 namespace ofswitch {
 namespace {
 
 using openflow_test::ScratchDir;
-
-std::string errorOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const StartError& error) {
-    return error.what();
-  }
-  return "";
-}
-
-sockaddr_un addressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  return address;
-}
-
-int bindSocket(const std::string& path, int type = SOCK_STREAM) {
-  const int fd = socket(AF_UNIX, type, 0);
-  const sockaddr_un address = addressOf(path);
-  EXPECT_EQ(
-      bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
-      0);
-  return fd;
-}
-
-// What a killed process leaves behind.
-void leaveSocket(const std::string& path) { close(bindSocket(path)); }
 
 TEST(ControlSocket, IsItsOwnersWhateverTheUmask) {
   ScratchDir dir;
@@ -208,67 +97,6 @@ TEST(ControlSocket, RefusesASocketOfAnotherKind) {
   close(fd);
 }
 
-// While it lives, only `count` more descriptors can be had.
-class FewDescriptors {
- public:
-  explicit FewDescriptors(rlim_t count) {
-    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
-    rlimit few = before_;
-    few.rlim_cur = static_cast<rlim_t>(nextFree()) + count;
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-  }
-  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-  FewDescriptors(const FewDescriptors&) = delete;
-  FewDescriptors& operator=(const FewDescriptors&) = delete;
-
- private:
-  // Fills the gaps below, so that there is no other.
-  int nextFree() {
-    int highest = 0;
-    for (const auto& entry :
-         std::filesystem::directory_iterator("/proc/self/fd")) {
-      highest = std::max(highest, std::stoi(entry.path().filename()));
-    }
-    int fd = open("/dev/null", O_RDONLY);
-    while (fd >= 0 && fd <= highest) {
-      fillers_.emplace_back(fd);
-      fd = open("/dev/null", O_RDONLY);
-    }
-    close(fd);
-    return fd;
-  }
-
-  struct Filler {
-    explicit Filler(int number) : fd(number) {}
-    Filler(Filler&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    ~Filler() {
-      if (fd >= 0) close(fd);
-    }
-    int fd;
-  };
-
-  rlimit before_{};
-  std::vector<Filler> fillers_;
-};
-
-// One for the folder, one to look for another switch, one to listen.
-TEST(ControlSocket, TellsWhatItLacksDescriptorsFor) {
-  ScratchDir dir;
-  const std::string path = dir / "control.sock";
-  const auto errorWith = [&](rlim_t count) {
-    const FewDescriptors few(count);
-    return errorOf([&] { ListeningSocket::atPath(path); });
-  };
-  const std::string start = "control socket " + path + ": ";
-  EXPECT_EQ(errorWith(0),
-            start + "the folder cannot be used: Too many open files");
-  EXPECT_EQ(errorWith(1), start + "cannot be made: Too many open files");
-  leaveSocket(path);
-  EXPECT_EQ(errorWith(1), start + "cannot be made: Too many open files");
-  EXPECT_TRUE(std::filesystem::exists(path)) << "nothing was done";
-  EXPECT_EQ(errorWith(2), "");
-}
-
 TEST(ControlSocket, RefusesAFileThatIsNoSocket) {
   ScratchDir dir;
   const std::string path = dir / "control.sock";
@@ -292,13 +120,6 @@ TEST(ControlSocket, RefusesPathsThatCannotBe) {
   EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(below); }),
             "control socket " + below +
                 ": the folder cannot be made: Not a directory");
-}
-
-// Closing it unlocks.
-int lockedFolder(const ScratchDir& dir) {
-  const int fd = open((dir / "").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  EXPECT_EQ(flock(fd, LOCK_EX), 0);
-  return fd;
 }
 
 TEST(ControlSocket, WaitsForASwitchThatStartsAtTheSameTime) {
@@ -380,71 +201,6 @@ TEST(ControlSocket, TellsWhoKeepsTheFolderLocked) {
   close(lock);
 }
 
-TEST(ControlSocket, TellsWhyAFolderCannotBeLocked) {
-  ScratchDir dir;
-  const std::string path = dir / "control.sock";
-  refused.flock = ENOLCK;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }),
-            "control socket " + path +
-                ": the folder cannot be used: No locks available");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2))
-      << "it would not help to wait";
-  refused = {};
-}
-
-TEST(ControlSocket, TellsWhyItCannotBeMade) {
-  ScratchDir dir;
-  const std::string path = dir / "control.sock";
-  for (int Refused::*call : {&Refused::fchmod, &Refused::bind}) {
-    refused.*call = EPERM;
-    EXPECT_EQ(
-        errorOf([&] { ListeningSocket::atPath(path); }),
-        "control socket " + path + ": cannot be made: Operation not permitted");
-    refused = {};
-    EXPECT_FALSE(std::filesystem::exists(path));
-  }
-  for (int Refused::*call : {&Refused::lstat, &Refused::listen}) {
-    refused.*call = EIO;
-    EXPECT_EQ(
-        errorOf([&] { ListeningSocket::atPath(path); }),
-        "control socket " + path + ": cannot be made: Input/output error");
-    refused = {};
-    unlink(path.c_str());
-  }
-  EXPECT_GE(ListeningSocket::atPath(path).fd(), 0) << "nothing is in the way";
-}
-
-TEST(ControlSocket, TellsWhyOneThatIsGoneCannotBeReplaced) {
-  ScratchDir dir;
-  const std::string path = dir / "control.sock";
-  leaveSocket(path);
-  refused.unlink = EACCES;
-  EXPECT_EQ(
-      errorOf([&] { ListeningSocket::atPath(path); }),
-      "control socket " + path + ": cannot be replaced: Permission denied");
-  refused = {};
-  EXPECT_TRUE(std::filesystem::exists(path));
-}
-
-// Without the numbers by which the kernel lists locks, or with other ones.
-TEST(ControlSocket, TellsThatSomebodyKeepsTheFolderLocked) {
-  ScratchDir dir;
-  const int lock = lockedFolder(dir);
-  const std::string path = dir / "control.sock";
-  const std::string folder = std::filesystem::path(path).parent_path();
-  const std::string expected =
-      "control socket " + path + ": another process keeps " + folder +
-      " locked; end it or choose a path in another folder";
-  refused.fstat = EIO;
-  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }), expected);
-  refused = {};
-  showsOtherNumbers = true;
-  EXPECT_EQ(errorOf([&] { ListeningSocket::atPath(path); }), expected);
-  showsOtherNumbers = false;
-  close(lock);
-}
-
 TEST(ControlSocket, LeavesTheSocketOfASuccessor) {
   ScratchDir dir;
   const std::string path = dir / "control.sock";
@@ -491,26 +247,6 @@ TEST(ControlAddress, IsAnAddressAndAPort) {
                   "\" is no address and port, such as 127.0.0.1:9470 or "
                   "[::1]:9470");
   }
-}
-
-TEST(ControlAddress, IsRefusedWhenTheSystemRefusesIt) {
-  const std::string any = "127.0.0.1:0";
-  const TcpAddress address(any, "key");
-  const auto error = [&] {
-    return errorOf([&] { ListeningSocket::atAddress(any, address, "key"); });
-  };
-  const std::string start = "key: 127.0.0.1:0: cannot listen there: ";
-  {
-    const FewDescriptors none(0);
-    EXPECT_EQ(error(), start + "Too many open files");
-  }
-  for (int Refused::*call :
-       {&Refused::setsockopt, &Refused::bind, &Refused::listen}) {
-    refused.*call = EACCES;
-    EXPECT_EQ(error(), start + "Permission denied");
-    refused = {};
-  }
-  EXPECT_EQ(error(), "");
 }
 
 TEST(ControlAddress, IsRefusedWhenItIsTaken) {
