@@ -137,6 +137,10 @@ TEST_F(FlowsCommand, DeletesWhatFiltersSelect) {
   EXPECT_EQ(fake_.change.operation(), pb::FLOW_OPERATION_DELETE);
   EXPECT_TRUE(fake_.change.strict());
   EXPECT_EQ(fake_.change.text(), "table=3,priority=7,tcp\nin_port=1\n");
+  write("filters.txt", "# two of them\ntcp\n \nudp\n");
+  run("flows del --file filters.txt");
+  EXPECT_EQ(status_, 0) << err_;
+  EXPECT_EQ(fake_.change.text(), "\ntcp\n \nudp\n");
   refuse(2, "no such field");
   run("flows del tcp foo=1");
   EXPECT_EQ(err_,

@@ -129,6 +129,8 @@ TEST_F(Reports, ALogWithoutTheFacilityThatIsAskedFor) {
   EXPECT_EQ(err_,
             "note: no entry of \"Nope\"; \"ofswitch log levels\" tells who "
             "logs\n");
+  run("log");
+  EXPECT_EQ(out_ + err_, "") << "a log may be empty";
 }
 
 TEST_F(Reports, AnOutputThatNobodyTakesIsAFailure) {
