@@ -12,6 +12,7 @@ TEST(Machine, UnderstandsListsOfProcessors) {
   EXPECT_EQ(parseCpuList("0-3,6,8-9"), (std::set<int>{0, 1, 2, 3, 6, 8, 9}));
   EXPECT_EQ(parseCpuList("5"), (std::set<int>{5}));
   EXPECT_EQ(parseCpuList(""), (std::set<int>{}));
+  EXPECT_EQ(parseCpuList("none,3,,5-6"), (std::set<int>{3, 5, 6}));
   EXPECT_EQ(cpuList({0, 1, 2, 3, 6, 8, 9}), "0-3,6,8-9");
   EXPECT_EQ(cpuList({5}), "5");
   EXPECT_EQ(cpuList({}), "");
@@ -36,6 +37,7 @@ TEST(Machine, KnowsThisOne) {
   EXPECT_GE(machine.allowedCpus().size(), 1);
   EXPECT_TRUE(machine.exists("/proc/self/exe"));
   EXPECT_EQ(machine.link("/proc/self/exe").filename(), "doctor_test");
+  EXPECT_EQ(machine.offloads("no-such-card"), std::vector<std::string>());
 }
 
 }  // namespace

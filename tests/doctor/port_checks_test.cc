@@ -168,6 +168,14 @@ TEST_F(PortChecks, InterfaceIsDown) {
                           "ip link set veth2 up"));
 }
 
+// Neither end says whose it is: they are no cable.
+TEST_F(PortChecks, InterfacesWithoutNumbers) {
+  fake_.remove("/sys/class/net/veth1/iflink");
+  fake_.remove("/sys/class/net/veth2/ifindex");
+  fake_.write("/sys/class/net/veth2/flags", "0x1002\n");
+  EXPECT_THAT(port(kVeth), ElementsAre(std::string("ok: ") + kVeth));
+}
+
 TEST_F(PortChecks, NothingIsAtTheOtherEnd) {
   fake_.write("/sys/class/net/eth0/carrier", "1\n");
   EXPECT_THAT(port("net_af_packet0,iface=eth0"),
@@ -246,6 +254,11 @@ TEST_F(PortChecks, CardHeldByTheKernel) {
               ElementsAre("problem: the kernel's driver i40e holds "
                           "0000:04:00.0 as ens4 -> ip link set ens4 down && "
                           "dpdk-devbind.py --bind=vfio-pci 0000:04:00.0"));
+  fake_.addCard("0000:07:00.0", "i40e");
+  EXPECT_THAT(port("07:00.0"),
+              ElementsAre("problem: the kernel's driver i40e holds "
+                          "0000:07:00.0 -> dpdk-devbind.py --bind=vfio-pci "
+                          "0000:07:00.0"));
   fake_.remove("/sys/module/vfio_pci");
   fake_.addCard("0000:05:00.0", "");
   EXPECT_THAT(port("05:00.0"),
@@ -305,6 +318,9 @@ TEST_F(PortChecks, LockedMemory) {
               "Max locked memory         unlimited            unlimited        "
               "    bytes\n");
   EXPECT_THAT(port("03:00.0"), ElementsAre("ok: 03:00.0"));
+  // Nothing says that there is a limit.
+  fake_.remove("/proc/self/limits");
+  EXPECT_THAT(port("03:00.0"), ElementsAre("ok: 03:00.0"));
 }
 
 TEST_F(PortChecks, CardsThatAreNoPorts) {
@@ -336,6 +352,9 @@ TEST_F(PortChecks, CardsThatAreNoPorts) {
                           "no port; to make it one: dpdk-devbind.py "
                           "--bind=vfio-pci 0000:07:00.0; then in switch.yaml: "
                           "device: \"0000:07:00.0\""));
+  // What is pulled out while one looks has no files any more.
+  fake_.remove("/sys/bus/pci/devices/0000:07:00.0/class");
+  EXPECT_THAT(otherCards("net_null0"), IsEmpty());
 }
 
 }  // namespace

@@ -122,6 +122,13 @@ TEST_F(ProcessorChecks, SharedCores) {
           "packets wait for them -> sed -i 's/^GRUB_CMDLINE_LINUX=\"/&"
           "isolcpus=0-1 nohz_full=0-1 rcu_nocbs=0-1 /' /etc/default/grub && "
           "update-grub && reboot"));
+  EXPECT_THAT(
+      cores({1}),
+      ElementsAre(
+          "gain: core 1: the system runs other programs there, too, and "
+          "packets wait for them -> sed -i 's/^GRUB_CMDLINE_LINUX=\"/&"
+          "isolcpus=1 nohz_full=1 rcu_nocbs=1 /' /etc/default/grub && "
+          "update-grub && reboot"));
   EXPECT_THAT(cores({-1}),
               ElementsAre("gain: 1 worker without a core of its own: the "
                           "system moves it about -> in s.yaml: workers: [3]"));
@@ -136,6 +143,10 @@ TEST_F(ProcessorChecks, SharedCores) {
   EXPECT_THAT(cores({-1, -1, -1, -1, -1}),
               ElementsAre("gain: 5 workers take turns on 4 cores -> in s.yaml: "
                           "workers: [0, 1, 2, 3]"));
+  fake_.write("/proc/self/status", "Cpus_allowed_list:\t3\n");
+  EXPECT_THAT(cores({-1, -1}),
+              ElementsAre("gain: 2 workers take turns on 1 core -> in s.yaml: "
+                          "workers: [3]"));
 }
 
 }  // namespace
