@@ -83,5 +83,23 @@ TEST(LiveTraceDrops, SaysThatAFlowSendsNowhere) {
   EXPECT_EQ(expired.steps(0).flow().match(), "tcp,nw_ttl=1");
 }
 
+// The switch adds a flow for misses only to tables that flows lead to; this one
+// has no more than the operator's.
+TEST(LiveTraceDrops, MissesInATableWithoutAFlowForThem) {
+  LiveBench bench({.flows = "table=9,tcp,tp_dst=81,actions=output:3\n"});
+  const pb::TraceReply reply = traceFrame(&bench, tcpTo(80).bytes(), 1, 9);
+  ASSERT_EQ(reply.steps_size(), 1);
+  EXPECT_EQ(reply.steps(0).drop().name(), "table_miss");
+  EXPECT_EQ(reply.steps(0).notes_size(), 0);
+  EXPECT_THAT(traceText(reply),
+              HasSubstr("  match   none\n"
+                        "  near    table=9,priority=32768,tcp,tp_dst=81,"
+                        "actions=output:3\n"
+                        "          tp_dst is 80, not 81\n"
+                        "  drop    table_miss: No flow of the table matched "
+                        "the packet.\n"
+                        "nothing leaves the switch\n"));
+}
+
 }  // namespace
 }  // namespace ofswitch

@@ -3,15 +3,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rte_mempool.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tests/support/frame.h"
 #include "tests/switch/live_bench.h"
+#include "tests/switch/refuse_build.h"
 #include "tests/switch/trace/trace_bench.h"
 
 namespace ofswitch {
@@ -24,6 +28,25 @@ const std::vector<uint16_t> kGates = {1, 2, 3};
 TableProbe::Session::Pass pass(TableProbe* probe, const Bytes& frame) {
   TableProbe::Session session(probe);
   return session.run(0, {std::string(frame.begin(), frame.end())}, 1);
+}
+
+std::string errorOf(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const ProbeError& error) {
+    return error.what();
+  }
+  return "";
+}
+
+std::set<rte_mempool*> allPools() {
+  std::set<rte_mempool*> pools;
+  rte_mempool_walk(
+      [](rte_mempool* pool, void* set) {
+        static_cast<std::set<rte_mempool*>*>(set)->insert(pool);
+      },
+      &pools);
+  return pools;
 }
 
 // The first flow of a switch counts its packets with counter 1 and its bytes
@@ -91,6 +114,57 @@ TEST(TableProbe, TellsOfATableThatHasNoClassifier) {
   EXPECT_FALSE(one.lookedUp);
   EXPECT_THAT(one.copies, testing::IsEmpty());
   EXPECT_EQ(one.packetCounter, std::nullopt);
+}
+
+// A frame of two buffers gives the first one back when there is no second.
+TEST(TableProbe, SaysThatNoBufferIsFree) {
+  LiveBench bench({.flows = "actions=output:3\n"});
+  const std::set<rte_mempool*> others = allPools();
+  TableProbe probe(kGates, 64);
+  std::set<rte_mempool*> own = allPools();
+  for (rte_mempool* pool : others) own.erase(pool);
+  ASSERT_EQ(own.size(), 1u);
+  rte_mempool* pool = *own.begin();
+  const Bytes frame(bess::Packet::kDataRoom + 1, 0xee);
+  const auto error = [&] { return errorOf([&] { pass(&probe, frame); }); };
+  std::vector<void*> taken;
+  for (void* buffer; rte_mempool_get(pool, &buffer) == 0;) {
+    taken.push_back(buffer);
+  }
+  EXPECT_EQ(error(), "no packet buffer is free for the trace");
+  EXPECT_EQ(rte_mempool_avail_count(pool), 0u);
+  rte_mempool_put(pool, taken.back());
+  EXPECT_EQ(error(), "no packet buffer is free for the trace");
+  EXPECT_EQ(rte_mempool_avail_count(pool), 1u);
+  taken.pop_back();
+  for (void* buffer : taken) rte_mempool_put(pool, buffer);
+  EXPECT_EQ(error(), "");
+  EXPECT_EQ(rte_mempool_avail_count(pool), taken.size() + 1);
+}
+
+// Nothing is kept of the one that could not be made.
+TEST(TableProbe, IsMadeAnewWhenItsTablesCouldNotBe) {
+  LiveBench bench({.flows = "actions=output:3\n"});
+  const std::set<rte_mempool*> pools = allPools();
+  const Bytes frame = tcpTo(80).bytes();
+  {
+    const RefuseBuild refuse(0);
+    EXPECT_EQ(traceFrame(&bench, frame).refusal(),
+              "the packet cannot be traced: Failed to update flows");
+  }
+  EXPECT_EQ(allPools(), pools);
+  const pb::TraceReply reply = traceFrame(&bench, frame);
+  EXPECT_EQ(reply.refusal(), "");
+  EXPECT_EQ(reply.outputs_size(), 1);
+}
+
+// A switch that has stopped has unloaded it.
+TEST(TableProbe, NeedsTheModule) {
+  LiveBench({}).stop();
+  const std::set<rte_mempool*> pools = allPools();
+  EXPECT_EQ(errorOf([] { TableProbe(kGates, 64); }),
+            "there is no module class OpenFlow");
+  EXPECT_EQ(allPools(), pools);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/trace/trace_input.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/captures/capture_files.h"
@@ -69,6 +70,17 @@ TEST(TraceInput, FramesOfCaptures) {
             "x.pcap: say which frame of the file, x.pcap#1 for the first");
   EXPECT_EQ(errorOf("x.pcapng"),
             "x.pcapng: say which frame of the file, x.pcapng#1 for the first");
+}
+
+// The frames in front of the damage can be traced.
+TEST(TraceInput, DamagedCaptures) {
+  const openflow_test::ScratchDir dir;
+  const std::string file = dir / "cut.pcap";
+  const std::string whole = captureBytes({{1, "first"}, {2, "second"}});
+  writeFile(file, whole.substr(0, whole.size() - 1));
+  EXPECT_EQ(readPacketArgument(file + "#1").request.frame(), "first");
+  EXPECT_THAT(errorOf(file + "#2"),
+              testing::StartsWith(file + ": after packet 1: truncated"));
 }
 
 }  // namespace
