@@ -91,7 +91,7 @@ class ListReader {
           keep(std::move(argument), element);
           break;
         }
-        case 2: {
+        default: {  // getStats
           auto argument = parseMessage<quil::pb::OpenFlowGetStatsArg>(value);
           checkGetStats(argument);
           keep(std::move(argument), element);

@@ -36,6 +36,7 @@ const EndRow kEnds[] = {
     {"actions=goto_table:7", {Kind::kGoto, 7}},
     {"actions=output:2,goto_table:31", {Kind::kGoto, 31}},
     {"actions=mod_dl_dst:02:00:00:00:00:01", {Kind::kNoOutput}},
+    {"actions=clear_actions", {Kind::kNoOutput}},
     {"ip,actions=dec_ttl", {Kind::kNoOutput}},
     {"ip,actions=dec_ttl,output:2", {Kind::kSent}},
     {"ip,nw_ttl=1,actions=dec_ttl,output:2", {Kind::kTtlExpired}},
