@@ -2,12 +2,14 @@
 //
 // Numbers, names and bytes in JSON, as protobuf takes them.
 #include <gmock/gmock.h>
+#include <google/protobuf/any.pb.h>
 #include <gtest/gtest.h>
 
 #include <ostream>
 #include <string>
 
 #include "switch/flow/command_list.h"
+#include "switch/flow/json_message_check.h"
 #include "switch/flow/json_places.h"
 #include "tests/switch/flow_texts.h"
 
@@ -168,6 +170,16 @@ TEST(CommandJson, LeavesTheLengthOfBytesToProtobuf) {
               testing::AllOf(
                   testing::StartsWith("c.json:1:2: command 0: updateFlows: "),
                   testing::HasSubstr("ethDst"), testing::HasSubstr("\"A\"")));
+}
+
+// Commands have none of these.
+TEST(CommandJson, LeavesOtherKindsOfFieldsToProtobuf) {
+  EXPECT_FALSE(
+      findMistake("{\"typeUrl\": 7}", *google::protobuf::Any::descriptor()));
+  const auto mistake =
+      findMistake("{\"value\": 7}", *google::protobuf::Any::descriptor());
+  ASSERT_TRUE(mistake);
+  EXPECT_EQ(mistake->reason, "value: 7 must be bytes in base64");
 }
 
 TEST(CommandJson, KnowsPlacesBehindRefusedFlows) {
