@@ -127,6 +127,48 @@ TEST(FlowProgrammer, MendsWhatCouldNotBeUndone) {
   EXPECT_EQ(bench.module.published, before);
 }
 
+TEST(FlowProgrammer, MendsTablesOfEitherFamily) {
+  BookBench bench;
+  bench.add("ipv6,actions=output:2");
+  const FakeModule::Tables before = bench.module.published;
+  const uint64_t builds = bench.programmer.history(0, false).builds;
+  const int next = bench.module.builds;
+  bench.module.failures = {next, next + 1};
+  EXPECT_EQ(bench.add("ipv6,actions=output:3").failure(),
+            "table 0 IPv6: no memory; undoing it failed in table 0 IPv6, which "
+            "is tried again within a minute");
+  bench.module.published.erase({0, quil::pb::OPENFLOW_TYPE_IPV6});
+  EXPECT_TRUE(bench.programmer.mend(bench.now));
+  EXPECT_EQ(bench.module.published, before);
+  EXPECT_EQ(bench.programmer.history(0, true).builds, 4);
+  EXPECT_EQ(bench.programmer.history(0, false).builds, builds);
+}
+
+// What is too large for one update comes in several of the same table, and its
+// inverse undoes them all.
+TEST(FlowProgrammer, UndoesATableOfSeveralUpdatesOnce) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  const FakeModule::Tables before = bench.module.published;
+  FlowBook::Plan plan = bench.book.planAdd(
+      BookBench::flows("in_port=1,actions=drop\nin_port=2,actions=drop"),
+      false);
+  ASSERT_THAT(plan.updates, SizeIs(1));
+  ASSERT_EQ(plan.updates[0].adds_size(), 2);
+  plan.updates.push_back(plan.updates[0]);
+  plan.updates[0].mutable_adds()->RemoveLast();
+  plan.updates[1].mutable_adds()->DeleteSubrange(0, 1);
+  bench.module.failures = {bench.module.builds + 1};
+  const pb::FlowChangeReply reply = bench.make(std::move(plan));
+  EXPECT_EQ(reply.failure(),
+            "table 0 IPv4: no memory; all flows are as they were");
+  ASSERT_EQ(reply.builds_size(), 3);
+  EXPECT_FALSE(reply.builds(1).is_inverse());
+  EXPECT_TRUE(reply.builds(2).is_inverse());
+  EXPECT_EQ(bench.module.published, before);
+  EXPECT_EQ(bench.module.store, before);
+}
+
 // Each build that fails may keep memory for good.
 TEST(FlowProgrammer, WaitsLongerAfterEachBuildThatFails) {
   using std::chrono::seconds;
@@ -223,6 +265,22 @@ TEST(FlowProgrammer, MakesInversesUpThatHadNoRoom) {
       EXPECT_EQ(bench.module.published[place].size(), rules.size());
     }
   }
+}
+
+TEST(FlowProgrammer, MakesUpInversesThatOnlyRemove) {
+  BookBench bench;
+  bench.add("in_port=1,actions=output:2");
+  const FakeModule::Tables before = bench.module.published;
+  bench.module.failures = {bench.module.builds};
+  bench.module.fullAfter = bench.module.builds + 1;
+  EXPECT_EQ(bench.add("in_port=2,actions=output:2").failure(),
+            "table 0 IPv4: no memory; undoing it failed in table 0 IPv4, which "
+            "is tried again within a minute");
+  EXPECT_NE(bench.module.store, before);
+  bench.module.fullAfter = -1;
+  EXPECT_TRUE(bench.programmer.mend(bench.now));
+  EXPECT_EQ(bench.module.store, before);
+  EXPECT_EQ(bench.module.published, before);
 }
 
 TEST(FlowProgrammer, TellsItsProgressAndRemembersItsBuilds) {
