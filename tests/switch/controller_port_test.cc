@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <rte_mbuf.h>
+#include <rte_ring.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include <string>
 #include <thread>
 
+#include "dpdk_log.h"
 #include "packet_pool.h"
 #include "platform/ringlog/ringlog.h"
 #include "tests/captures/capture_files.h"
@@ -175,6 +177,28 @@ TEST(ControllerPort, CountsAndTellsWhatItsFileDoesNotTake) {
   }
   EXPECT_EQ(told, 1);
   signal(SIGPIPE, before);
+}
+
+TEST(ControllerPort, TellsThatItHasNoQueue) {
+  LiveBench bench({});  // DPDK and a packet pool
+  const openflow_test::ScratchDir dir;
+  const std::string path = dir / "controller.pcap";
+  ControllerPort port;
+  rte_ring* other =
+      rte_ring_create(("capture-" + port.name()).c_str(), 64, SOCKET_ID_ANY, 0);
+  ASSERT_NE(other, nullptr);
+  {
+    const bess::DpdkLogCapture quiet;
+    EXPECT_EQ(port.startCapture(path),
+              path + ": no memory for a queue of packets: File exists");
+  }
+  give(&port, 1, 1);
+  EXPECT_EQ(port.counts().packets, 32);
+  EXPECT_EQ(port.counts().notCaptured, 0);
+  EXPECT_EQ(port.stopCapture(), "");
+  rte_ring_free(other);
+  EXPECT_EQ(port.startCapture(path), "");
+  EXPECT_EQ(port.stopCapture(), "");
 }
 
 // Nobody reads what the capture writes.

@@ -205,6 +205,16 @@ TEST(LiveOptions, FlowsExpireOnce) {
   EXPECT_EQ(bench->stats().expired_hard(), 1u);
 }
 
+TEST(LiveOptions, NoFlowExpiresOnceTheSwitchHasStopped) {
+  LiveBench bench({.flows = "hard_timeout=60,in_port=1,actions=output:3\n"});
+  bench.stop();
+  bench.pass(61s);
+  bench->expireFlows();
+  const pb::StatsReply stats = bench->stop();
+  EXPECT_EQ(stats.flows(), 1);
+  EXPECT_EQ(stats.expired_hard(), 0);
+}
+
 TEST(LiveOptions, ReadingsHoldAllOfIt) {
   LiveBench bench({.flows = kPolicy});
   bench.receive(1, tcpTo(81), 2);

@@ -128,6 +128,18 @@ TEST_F(LiveStart, TellsThatItsFlowsCannotBeBuilt) {
   EXPECT_EQ(startError(), "");
 }
 
+// No configuration that was read asks for it.
+TEST_F(LiveStart, TellsWhatTheHostRefuses) {
+  config_.ports.push_back({1, "two", "net_null2", 1, 0});
+  EXPECT_EQ(startError(),
+            "two_out: output gate 1 of module 'openflow' is linked");
+  config_.ports.pop_back();
+  config_.workers = {1023};
+  EXPECT_THAT(startError(), testing::StartsWith("worker 0: "));
+  config_.workers = {-1};
+  EXPECT_EQ(startError(), "");
+}
+
 TEST_F(LiveStart, CanBeCalledOff) {
   EXPECT_THROW(LiveSwitch(config_).start([] { return true; }), StartCancelled);
   // Before the second build.

@@ -166,6 +166,9 @@ const Refusal kRefusals[] = {
      "DIR/switch.yaml:1: unknown key \"prots\", did you mean \"ports\"?\n"},
     {"NoSuchCore", "workers: 2", "workers: [0, 1023]",
      "DIR/switch.yaml:4: workers: worker 1: "},
+    {"MoreMemoryThanThereIs", "mb: 256", "mb: 1048576",
+     "1048576 MB of memory for packets, flows and classifiers: the machine "
+     "has "},
     {"NoSuchDriver", "net_null1", "net_nul1",
      "DIR/switch.yaml:3: port 'port2', device 'net_nul1': no driver of that "
      "name: "},
