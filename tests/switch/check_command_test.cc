@@ -286,6 +286,7 @@ TEST_F(CheckCommand, TellsOfBuildsInJson) {
       {"flowId": 2, "priority": 5}]}},
     {"updateFlows": {"tableId": 3, "flowType": "OPENFLOW_TYPE_IPV6",
       "deletes": [{"flowId": 1}]}},
+    {"getStats": {"tableId": 5}},
     {"updateFlows": {"tableId": 4, "adds": [{"flowId": 9, "priority": 1}]}},
     {"updateFlows": {"tableId": 4, "deletes": [{"flowId": 9}]}}])");
   check("--build --json flows.json");

@@ -293,6 +293,21 @@ TEST_F(ReplayErrors, TheLastPacketsOfAnOutputCannotBeWritten) {
   EXPECT_FALSE(exists("out/port-2.pcap.part"));
 }
 
+TEST_F(ReplayErrors, AnOutputThatCannotHaveItsNameIsAnError) {
+  write("packets",
+        "cat in.pcap\n"
+        "until [ -e out/port-2.pcap.part ]; do\n"
+        "  tail -c +25 in.pcap || exit\n"
+        "done\n"
+        "mkdir out/port-2.pcap\n");
+  replay("--flows good.txt --in 1=/dev/stdin --out-dir out", "sh packets |");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(stderr_, "out/port-2.pcap: Is a directory\n");
+  EXPECT_TRUE(account("nothingLost"));
+  EXPECT_THAT(written("out/port-2.pcap.part"),
+              SizeIs(port(2)["packetsOut"].get<size_t>()));
+}
+
 TEST_F(ReplayErrors, OptionsOutOfRangeAreRefused) {
   replay("--flows good.txt --in 1=in.pcap --workers 17");
   EXPECT_NE(status_, 0);
@@ -326,6 +341,17 @@ TEST_F(ReplayErrors, ABuildBeyondItsMemoryIsRefused) {
       "ofswitch: flows.txt: table 0 IPv4: its classifier needs more than "
       "16 MB to build (--build-memory): fields that some flows leave open "
       "and others fix multiply, see docs/flow-sets.md\n");
+}
+
+TEST_F(ReplayErrors, TheTableThatDoesNotBuildMayBeOfIpv6) {
+  const ProgramsMayLeak records;
+  write("flows.txt", explosiveIpv6Flows() + "actions=drop\n");
+  replay("--flows flows.txt --in 1=in.pcap --build-memory 16");
+  EXPECT_EQ(status_, 1);
+  EXPECT_THAT(
+      stderr_,
+      StartsWith("ofswitch: flows.txt: table 0 IPv6: its classifier needs more "
+                 "than 16 MB to build (--build-memory): "));
 }
 
 }  // namespace
