@@ -40,7 +40,8 @@ inline RuleEnd endOf(const Flow& flow, const PreparedFlow& prepared) {
   if (!fields.setoutputdrop()) return {Kind::kNoOutput};
   // A flow that decrements the TTL of nothing but expired packets is a drop in
   // the module, too.
-  const bool saysDrop = flow.actions.front().kind == ActionKind::kDrop;
+  const bool saysDrop =
+      flow.actions.empty() || flow.actions.front().kind == ActionKind::kDrop;
   return {saysDrop ? Kind::kDropped : Kind::kTtlExpired};
 }
 

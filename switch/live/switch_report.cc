@@ -18,9 +18,10 @@ uint64_t receivedPackets(const SwitchGraph& graph) {
   return sum;
 }
 
-// Those of the ports and of the controller have been linked since the start.
 uint64_t gatePackets(const SwitchGraph& graph, uint16_t gate) {
-  return graph.module().ogates()[gate]->packets();
+  const auto& gates = graph.module().ogates();
+  return gate < gates.size() && gates[gate] != nullptr ? gates[gate]->packets()
+                                                       : 0;
 }
 
 void fillClassifier(const BuildHistory& history, size_t rules,

@@ -25,9 +25,8 @@ class KeyWriter {
   void exact(size_t offset, size_t size, uint64_t value) {
     number(offset, size, value, ~uint64_t{0});
   }
-  // As long as each other, as command lists are checked for.
   void bytes(size_t offset, const std::string& value, const std::string& mask) {
-    for (size_t i = 0; i < value.size(); i++) {
+    for (size_t i = 0; i < value.size() && i < mask.size(); i++) {
       put(offset + i, static_cast<uint8_t>(value[i]),
           static_cast<uint8_t>(mask[i]));
     }
