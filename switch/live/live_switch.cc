@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/live/live_switch.h"
 
+#include <new>
 #include <utility>
 
 #include "switch/flow/refused.h"
@@ -98,6 +99,8 @@ pb::TraceReply LiveSwitch::trace(const pb::TraceRequest& request) {
   try {
     const TracedPacket packet = readTraceRequest(request, impl_->portNumbers());
     reply = Impl::onControl([&] { return impl_->trace(packet); });
+  } catch (const std::bad_alloc&) {
+    reply.set_refusal("there is not enough memory to trace a packet");
   } catch (const std::exception& error) {
     reply.set_refusal(error.what());
   }

@@ -8,6 +8,7 @@
 #include <urcu-qsbr.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ namespace {
 
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::UnorderedElementsAre;
 
 constexpr size_t kKb = 1024;
 
@@ -65,6 +67,29 @@ TEST(HeapBytes, AreWhatTheHeapGivesUpForABlock) {
     EXPECT_EQ(allocated() - before, heapBytes(size)) << size;
     rte_free(block);
   }
+}
+
+// Tracing has buffers, a module and tables of its own, which it keeps from its
+// first success on: each of them comes to lack memory on the way there.
+TEST_F(LiveFullHeap, PacketsAreTracedOrRefused) {
+  pb::TraceRequest request;
+  request.set_text("in_port=1,tcp,nw_dst=10.0.0.2,tp_dst=80");
+  std::set<std::string> refusals;
+  bool isTraced = false;
+  for (size_t kb = 1300; kb < 1400 && !isTraced; kb++) {
+    const FullHeap full(kb * kKb);
+    const std::string refusal = bench_->trace(request).refusal();
+    isTraced = refusal.empty();
+    if (!isTraced) refusals.insert(refusal);
+  }
+  EXPECT_TRUE(isTraced);
+  EXPECT_THAT(refusals,
+              UnorderedElementsAre(
+                  HasSubstr("cannot make a pool of 511 packets"),
+                  "there is not enough memory to trace a packet",
+                  "the packet cannot be traced: Failed to update flows"));
+  EXPECT_EQ(bench_->trace(request).refusal(), "");
+  expectItForwards();
 }
 
 TEST_F(LiveFullHeap, FlowsAreAddedOrRefused) {
