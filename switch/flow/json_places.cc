@@ -29,7 +29,7 @@ struct ErrorFinder : nlohmann::json_sax<nlohmann::json> {
   bool parse_error(size_t position, const std::string&,
                    const nlohmann::json::exception&) override {
     // The position counts the characters read, the wrong one included.
-    error = {position == 0 ? 0 : position - 1, ""};
+    error = {position - 1, ""};
     return false;
   }
 };
@@ -46,9 +46,10 @@ size_t stringEnd(std::string_view text, size_t at) {
   return at + 1;
 }
 
+// The end of the value that begins at `at`, inside of an array or an object.
 size_t valueEnd(std::string_view text, size_t at) {
   int depth = 0;
-  while (at < text.size()) {
+  for (;;) {
     const char c = text[at];
     if (c == '"') {
       at = stringEnd(text, at);
@@ -63,7 +64,6 @@ size_t valueEnd(std::string_view text, size_t at) {
     if (c == '[' || c == '{') depth++;
     if ((c == ']' || c == '}') && --depth == 0) return at;
   }
-  return at;
 }
 
 }  // namespace
