@@ -33,8 +33,12 @@ int failedOutput(int error) {
 // What is printed may still wait in the buffer, and a full disk be found out
 // only here.
 int finishOutput(int status) {
-  const bool isOut = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-  return isOut ? status : failedOutput(errno);
+  if (std::fflush(stdout) != 0) return failedOutput(errno);
+  if (std::ferror(stdout) == 0) return status;
+  // The C library drops what it could not write, and remembers no more.
+  ofswitch::printError(
+      "ofswitch: standard output: some of it could not be written\n");
+  return kFailed;
 }
 
 // A command as it was typed, "ofswitch flows add", and what it has no use for.
@@ -109,8 +113,8 @@ std::string textOf(const std::system_error& error) {
   }
   // It is how std::thread fails, and nothing else that is used here.
   return fmt::format(
-      "cannot start a thread: {}; ulimit -a shows how many there may be, and "
-      "what stack each one gets",
+      "cannot start a thread: {}; there may be too many of them (ulimit -u, "
+      "TasksMax of a service), or their stacks be too large (ulimit -s)",
       error.what());
 }
 
@@ -147,7 +151,10 @@ int main(int argc, char** argv) {
     ofswitch::printError("ofswitch: {}\n", textOf(error));
     return kFailed;
   } catch (const std::bad_alloc&) {
-    ofswitch::printError("ofswitch: out of memory\n");
+    std::fputs(
+        "ofswitch: out of memory: this takes more than the machine has left, "
+        "or than ulimit -v allows\n",
+        stderr);
     return kFailed;
   } catch (const std::exception& error) {
     ofswitch::printError("ofswitch: {}\n", error.what());

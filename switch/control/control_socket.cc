@@ -153,9 +153,14 @@ ListeningSocket::~ListeningSocket() {
 
 ListeningSocket ListeningSocket::atPath(const std::string& path) {
   const sockaddr_un address = addressOf(path);
-  const std::string folder =
-      std::filesystem::absolute(path).parent_path().string();
   std::error_code error;
+  const std::string folder =
+      std::filesystem::absolute(path, error).parent_path().string();
+  if (error) {
+    fail(path,
+         "the current folder is gone; start in another one, or give an "
+         "absolute path");
+  }
   std::filesystem::create_directories(folder, error);
   if (error) {
     fail(path, fmt::format("the folder cannot be made: {}", error.message()));

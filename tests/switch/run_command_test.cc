@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,6 +18,7 @@
 #include "tests/support/huge_pages.h"
 #include "tests/support/listener.h"
 #include "tests/support/time_limit.h"
+#include "tests/switch/notify_socket.h"
 #include "tests/switch/running_switch.h"
 
 namespace {
@@ -108,37 +107,20 @@ TEST_F(RunCommand, OutlivesItsTerminalIfItIsToldTo) {
   EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
-// A name that begins with "@" is not in the file system.
 TEST_F(RunCommand, TellsTheServiceManagerHowFarItIs) {
   write("flows.txt", "in_port=1,actions=output:2\n");
   const std::string config = write("switch.yaml", kConfig);
   for (const std::string& path :
        {(dir_ / "notify").string(), "@" + (dir_ / "notify").string()}) {
-    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-    ASSERT_LT(path.size(), sizeof(address.sun_path));
-    path.copy(address.sun_path, path.size());
-    if (path[0] == '@') address.sun_path[0] = '\0';
-    const auto length =
-        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-    ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), length), 0);
-    const timeval patience = {.tv_sec = 20, .tv_usec = 0};
-    setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    const auto told = [manager] {
-      char text[64];
-      const ssize_t length = recv(manager, text, sizeof(text), 0);
-      return std::string(text, length < 0 ? 0 : static_cast<size_t>(length));
-    };
-
+    const ofswitch::NotifySocket manager(path);
     setenv("NOTIFY_SOCKET", path.c_str(), 1);
     RunningSwitch process(config, dir_ / "log");
     unsetenv("NOTIFY_SOCKET");
-    EXPECT_EQ(told(), "READY=1");
+    EXPECT_EQ(manager.told(), "READY=1");
     EXPECT_THAT(process.log(),
                 HasSubstr("running: 2 ports, 2 workers, 1 flow"));
     EXPECT_EQ(process.end(SIGTERM), 0);
-    EXPECT_EQ(told(), "STOPPING=1");
-    close(manager);
+    EXPECT_EQ(manager.told(), "STOPPING=1");
   }
 }
 

@@ -18,6 +18,7 @@
 #include "switch/terminal/standard_error.h"
 #include "tests/captures/capture_files.h"
 #include "tests/support/time_limit.h"
+#include "tests/switch/notify_socket.h"
 
 namespace {
 
@@ -181,6 +182,39 @@ TEST_F(StandardStreams, ASwitchStartsThoughNobodyReadsWhatItTells) {
   }
   EXPECT_EQ(statusOf("stats --socket control.sock > /dev/null"), 0);
   expectToRunOnAndFailAtItsEnd(child);
+}
+
+// A pipe that is full when lines are to be written, and read only afterwards.
+TEST_F(StandardStreams, ASwitchTellsAtItsEndThatLinesWereLost) {
+  const std::string config = dir_ / "switch.yaml";
+  openflow_test::writeFile(config,
+                           "ports: [{number: 1, device: net_null0}]\n"
+                           "memory: {mb: 128, buffers: 4095}\n"
+                           "control: {socket: control.sock}\n"
+                           "metrics: false\n");
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+  const std::string page(4096, '.');
+  while (write(ends[1], page.data(), page.size()) > 0) {
+  }
+  const std::string path = dir_ / "notify";
+  const ofswitch::NotifySocket manager(path);
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(open((dir_ / "err").c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    execl(OFSWITCH, OFSWITCH, "run", "-c", config.c_str(), nullptr);
+    _exit(127);
+  }
+  close(ends[1]);
+  EXPECT_EQ(manager.told(), "READY=1");  // all that it says first was lost
+  std::string all(1 << 20, '\0');
+  EXPECT_GT(read(ends[0], all.data(), all.size()), 0);
+  expectToRunOnAndFailAtItsEnd(child);
+  EXPECT_EQ(openflow_test::readFile(dir_ / "err"),
+            "ofswitch: standard output: some of it could not be written\n");
+  close(ends[0]);
 }
 
 }  // namespace

@@ -40,8 +40,8 @@ class StarvedProcess : public testing::Test {
 
 TEST_F(StarvedProcess, TellsThatItsFolderIsGone) {
   EXPECT_EQ(errorOf("rmdir ../cwd", "run -c ../switch.yaml"),
-            "ofswitch: filesystem error: cannot make absolute path: No such "
-            "file or directory [../control.sock]\n");
+            "ofswitch: control socket ../control.sock: the current folder is "
+            "gone; start in another one, or give an absolute path\n");
 }
 
 // ThreadSanitizer needs the places in memory that a large stack moves.
@@ -51,8 +51,8 @@ TEST_F(StarvedProcess, TellsThatItsFolderIsGone) {
 TEST_F(StarvedProcess, TellsThatItCannotStartAThread) {
   EXPECT_EQ(errorOf("ulimit -s 136365211648", "run -c ../switch.yaml"),
             "ofswitch: cannot start a thread: Resource temporarily "
-            "unavailable; ulimit -a shows how many there may be, and what "
-            "stack each one gets\n");
+            "unavailable; there may be too many of them (ulimit -u, TasksMax "
+            "of a service), or their stacks be too large (ulimit -s)\n");
 }
 
 // Sanitizers take more than that before the program begins.
@@ -66,8 +66,9 @@ TEST_F(StarvedProcess, TellsThatItsMemoryIsUsedUp) {
              ",tcp,tp_dst=" + std::to_string(i % 65536) + ",actions=drop\n";
   }
   openflow_test::writeFile(dir_ / "flows.txt", flows);
-  EXPECT_EQ(errorOf("ulimit -v 200000", "check ../flows.txt"),
-            "ofswitch: out of memory\n");
+  EXPECT_EQ(errorOf("ulimit -v 300000", "check ../flows.txt"),
+            "ofswitch: out of memory: this takes more than the machine has "
+            "left, or than ulimit -v allows\n");
 }
 
 #endif
