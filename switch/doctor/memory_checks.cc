@@ -131,8 +131,15 @@ void checkControl(const Machine& machine, const SwitchConfig& config,
                  otherPath);
     return;
   }
+  std::error_code error;
   const std::filesystem::path folder =
-      std::filesystem::absolute(path).parent_path();
+      std::filesystem::absolute(path, error).parent_path();
+  if (error) {
+    out->problem(
+        fmt::format("{} begins at the current folder, which is gone", path),
+        "cd to another one, or " + otherPath);
+    return;
+  }
   // The switch makes what is missing of the path.
   std::filesystem::path there = folder;
   while (!machine.exists(there) && there != there.parent_path()) {

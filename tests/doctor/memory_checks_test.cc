@@ -145,6 +145,28 @@ TEST_F(MemoryChecks, JustEnoughHugepages) {
                                  "s.yaml: memory: {hugepages: true}");
 }
 
+// Not even the topmost folder.
+TEST_F(MemoryChecks, ControlSocketWithoutAnyFolder) {
+  fake_.remove("/");
+  EXPECT_THAT(control("/run/x.sock"),
+              ElementsAre("problem: this user cannot make files in / -> sudo "
+                          "install -d -o $(id -un) /run"));
+}
+
+TEST_F(MemoryChecks, ControlSocketInAFolderThatIsGone) {
+  namespace fs = std::filesystem;
+  const fs::path before = fs::current_path();
+  const fs::path gone = fs::path(testing::TempDir()) / "gone";
+  fs::create_directory(gone);
+  fs::current_path(gone);
+  fs::remove(gone);
+  EXPECT_THAT(control("x.sock"),
+              ElementsAre("problem: x.sock begins at the current folder, which "
+                          "is gone -> cd to another one, or in s.yaml: "
+                          "control: {socket: /tmp/ofswitch.sock}"));
+  fs::current_path(before);
+}
+
 TEST_F(MemoryChecks, ControlSocket) {
   EXPECT_THAT(control("/run/ofswitch/control.sock"),
               ElementsAre("ok: /run/ofswitch/control.sock"));

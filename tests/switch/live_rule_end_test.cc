@@ -53,6 +53,13 @@ TEST_P(Ends, FollowFromTheActions) {
   EXPECT_EQ(endOf(flow, prepareFlow(flow, {1, 2, 3})), GetParam().end);
 }
 
+// As flows have it that were not read from text.
+TEST(RuleEnds, WithoutAnyActionIsADrop) {
+  const Flow drop = FlowReader().readLine("actions=drop");
+  EXPECT_EQ(endOf(Flow(), prepareFlow(drop, {1, 2, 3})),
+            (RuleEnd{Kind::kDropped}));
+}
+
 INSTANTIATE_TEST_SUITE_P(Rows, Ends, testing::ValuesIn(kEnds));
 
 TEST(Accounting, HasACauseForEachEnd) {

@@ -34,6 +34,18 @@ Key part(const Key& key, size_t offset, size_t size) {
 const Mac kMac = {2, 3, 4, 5, 6, 7};
 const Mac kOtherMac = {0x12, 0x13, 0x14, 0x15, 0x16, 0x17};
 
+// Beyond its end a mask takes nothing: what stands there stays as it is.
+TEST(SampleKey, TakesNoMoreOfAMacThanItsMaskHas) {
+  Flow cut(1, 1);
+  cut.ethSrc(kMac);
+  cut.message().mutable_match()->mutable_values()->mutable_ethsrcmask()->resize(
+      5);
+  const Key key = keyOf(cut);
+  EXPECT_EQ(part(key, 1, 5), Key(kMac.begin(), kMac.end() - 1));
+  EXPECT_EQ(key[6], keyOf(Flow(1, 1))[6]);
+  EXPECT_NE(key[6], kMac[5]);
+}
+
 TEST(SampleKey, HasTheExactFields) {
   const Key key = keyOf(Flow(1, 1)
                             .ipProto(6)
