@@ -108,6 +108,11 @@ int exitStatus(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 std::string textOf(const std::system_error& error) {
+  if (error.code() == std::errc::too_many_files_open) {
+    return fmt::format(
+        "{}; allow more of them (ulimit -n, LimitNOFILE of a service)",
+        error.what());
+  }
   if (error.code() != std::errc::resource_unavailable_try_again) {
     return error.what();
   }

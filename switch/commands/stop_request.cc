@@ -10,11 +10,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <mutex>
+#include <system_error>
 
 #include "switch/terminal/standard_error.h"
 
@@ -40,6 +42,25 @@ sigset_t blockedSignals() {
   return signals;
 }
 
+// Open, or there is no way to stop the switch, which must not start then.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {
+    if (fd < 0) {
+      throw std::system_error(errno, std::system_category(),
+                              "cannot wait for signals");
+    }
+  }
+  ~Descriptor() { close(fd_); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const { return fd_; }
+
+ private:
+  const int fd_;
+};
+
 }  // namespace
 
 // Outlives who made it once the signal has come: the thread keeps the time
@@ -55,17 +76,12 @@ struct StopRequest::State {
   }
 
   const sigset_t signals = blockedSignals();
-  const int signal = signalfd(-1, &signals, SFD_CLOEXEC);
-  const int given_up = eventfd(0, EFD_CLOEXEC);
+  const Descriptor signal{signalfd(-1, &signals, SFD_CLOEXEC)};
+  const Descriptor given_up{eventfd(0, EFD_CLOEXEC)};
   std::atomic<Phase> phase = Phase::kWaiting;
   std::atomic<const char*> work = "";
   std::mutex mutex;
   std::string file;
-
-  ~State() {
-    close(signal);
-    close(given_up);
-  }
 };
 
 StopRequest::StopRequest()
@@ -78,7 +94,7 @@ StopRequest::~StopRequest() {
     return;
   }
   const uint64_t one = 1;
-  if (write(state_->given_up, &one, sizeof(one)) < 0) std::terminate();
+  if (write(state_->given_up.get(), &one, sizeof(one)) < 0) std::terminate();
   thread_.join();
 }
 
@@ -96,7 +112,8 @@ void StopRequest::setFile(const std::string& path) {
 }
 
 void StopRequest::serve(State* state) {
-  pollfd polled[] = {{state->signal, POLLIN, 0}, {state->given_up, POLLIN, 0}};
+  pollfd polled[] = {{state->signal.get(), POLLIN, 0},
+                     {state->given_up.get(), POLLIN, 0}};
   while (poll(polled, 2, -1) <= 0) {
   }
   if (!state->become(State::Phase::kMade)) return;

@@ -15,7 +15,7 @@ namespace ofswitch {
 // limited time; then it ends, saying what it did not wait for.
 class StopRequest {
  public:
-  StopRequest();
+  StopRequest();  // throws std::system_error
   ~StopRequest();
   StopRequest(const StopRequest&) = delete;
   StopRequest& operator=(const StopRequest&) = delete;

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 namespace ofswitch {
@@ -26,13 +27,20 @@ unsigned long socketInode(int fd) {
   return isSocket ? found.st_ino : 0;
 }
 
+int makeEvent() {
+  const int fd = eventfd(0, EFD_CLOEXEC);
+  if (fd >= 0) return fd;
+  throw std::system_error(errno, std::system_category(),
+                          "the control door cannot open");
+}
+
 }  // namespace
 
 ConnectionDoor::ConnectionDoor(std::vector<Entrance> entrances,
                                size_t mostConnections)
     : entrances_(std::move(entrances)),
       mostConnections_(mostConnections),
-      stop_(eventfd(0, EFD_CLOEXEC)),
+      stop_(makeEvent()),
       thread_([this] { serve(); }) {}
 
 void ConnectionDoor::close() {

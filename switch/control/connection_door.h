@@ -24,7 +24,8 @@ class ConnectionDoor {
     std::unique_ptr<Acceptor> acceptor;
   };
 
-  // The sockets must outlive it; the server must run.
+  // The sockets must outlive it; the server must run. Throws
+  // std::system_error.
   ConnectionDoor(std::vector<Entrance> entrances, size_t mostConnections);
   ~ConnectionDoor() { close(); }
   ConnectionDoor(const ConnectionDoor&) = delete;

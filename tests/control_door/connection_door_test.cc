@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,20 +35,34 @@ namespace {
 
 std::atomic<int> refusal = 0;  // an error number; 0: none
 std::atomic<int> refusals = 0;
+thread_local bool refusesEvents = false;
+
+template <class F>
+F* next(const char* name) {
+  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
+}
 
 }  // namespace
 
-// The program's own version of the system's function.
-extern "C" int accept4(int fd, sockaddr* address, socklen_t* length,
-                       int flags) {
-  using Accept = decltype(&accept4);
-  static const auto real =
-      reinterpret_cast<Accept>(dlsym(RTLD_NEXT, "accept4"));
+// The program's own versions of the system's functions.
+extern "C" {
+
+int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+  static auto* const real = next<decltype(accept4)>("accept4");
   const int error = refusal;
   if (error == 0) return real(fd, address, length, flags);
   refusals++;
   errno = error;
   return -1;
+}
+
+// Refuses those on which somebody waits; gRPC's never block.
+int eventfd(unsigned int count, int flags) noexcept {
+  static auto* const real = next<decltype(eventfd)>("eventfd");
+  if (!refusesEvents || flags != EFD_CLOEXEC) return real(count, flags);
+  errno = EMFILE;
+  return -1;
+}
 }
 
 namespace ofswitch {
@@ -147,6 +162,36 @@ TEST_F(ConnectionDoorAtPath, HoldsSoManyConnectionsAndNoMore) {
   door_.disconnect();
   EXPECT_TRUE(second.isClosed(10'000));
   EXPECT_TRUE(third.isClosed(10'000));
+}
+
+// While it lives, a door cannot have what it would be closed by.
+class NoEvents {
+ public:
+  NoEvents() { refusesEvents = true; }
+  ~NoEvents() { refusesEvents = false; }
+  NoEvents(const NoEvents&) = delete;
+  NoEvents& operator=(const NoEvents&) = delete;
+};
+
+// A server that is there already goes again.
+TEST(ConnectionDoor, TellsWhatItLacksDescriptorsFor) {
+  LiveBench bench({});
+  const openflow_test::ScratchDir dir;
+  SwitchConfig config = bench.live().config();
+  config.controlSocket = dir / "control.sock";
+  {
+    const NoEvents none;
+    try {
+      const ControlServer server(ControlSockets(config), &bench.live());
+      ADD_FAILURE() << "it is open";
+    } catch (const std::system_error& error) {
+      EXPECT_STREQ(error.what(),
+                   "the control door cannot open: Too many open files");
+    }
+  }
+  EXPECT_FALSE(std::filesystem::exists(config.controlSocket));
+  ControlServer server(ControlSockets(config), &bench.live());
+  EXPECT_FALSE(UnixClient(config.controlSocket).isClosed(50));
 }
 
 // How many descriptors of this process are what `fd` is.

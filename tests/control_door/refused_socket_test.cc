@@ -2,26 +2,22 @@
 //
 // Control sockets that the system refuses, call by call.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "switch/control/control_socket.h"
 #include "switch/control/tcp_address.h"
 #include "tests/captures/capture_files.h"
 #include "tests/control_door/sockets.h"
+#include "tests/support/few_descriptors.h"
 
 namespace {
 
@@ -101,53 +97,12 @@ int lstat(const char* path, struct stat* found) noexcept {
   return isRefused(refused.lstat) ? -1 : real(path, found);
 }
 }
+
 namespace ofswitch {
 namespace {
 
+using openflow_test::FewDescriptors;
 using openflow_test::ScratchDir;
-
-// While it lives, only `count` more descriptors can be had.
-class FewDescriptors {
- public:
-  explicit FewDescriptors(rlim_t count) {
-    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
-    rlimit few = before_;
-    few.rlim_cur = static_cast<rlim_t>(nextFree()) + count;
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-  }
-  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-  FewDescriptors(const FewDescriptors&) = delete;
-  FewDescriptors& operator=(const FewDescriptors&) = delete;
-
- private:
-  // Fills the gaps below, so that there is no other.
-  int nextFree() {
-    int highest = 0;
-    for (const auto& entry :
-         std::filesystem::directory_iterator("/proc/self/fd")) {
-      highest = std::max(highest, std::stoi(entry.path().filename()));
-    }
-    int fd = open("/dev/null", O_RDONLY);
-    while (fd >= 0 && fd <= highest) {
-      fillers_.emplace_back(fd);
-      fd = open("/dev/null", O_RDONLY);
-    }
-    close(fd);
-    return fd;
-  }
-
-  struct Filler {
-    explicit Filler(int number) : fd(number) {}
-    Filler(Filler&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    ~Filler() {
-      if (fd >= 0) close(fd);
-    }
-    int fd;
-  };
-
-  rlimit before_{};
-  std::vector<Filler> fillers_;
-};
 
 // One for the folder, one to look for another switch, one to listen.
 TEST(ControlSocket, TellsWhatItLacksDescriptorsFor) {

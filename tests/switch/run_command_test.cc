@@ -107,6 +107,18 @@ TEST_F(RunCommand, OutlivesItsTerminalIfItIsToldTo) {
   EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
+// What it would need to be stopped: a switch that has started keeps running.
+TEST_F(RunCommand, DoesNotStartWithoutDescriptorsForItsEnd) {
+  write("flows.txt", "");
+  const std::string config = write("switch.yaml", kConfig);
+  constexpr rlim_t kFiles = 4;  // enough to read the configuration
+  RunningSwitch process(config, dir_ / "log", nullptr, kFiles);
+  EXPECT_EQ(process.end(0), 1);
+  EXPECT_EQ(process.log(),
+            "ofswitch: cannot wait for signals: Too many open files; allow "
+            "more of them (ulimit -n, LimitNOFILE of a service)\n");
+}
+
 TEST_F(RunCommand, TellsTheServiceManagerHowFarItIs) {
   write("flows.txt", "in_port=1,actions=output:2\n");
   const std::string config = write("switch.yaml", kConfig);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -18,8 +19,9 @@
 
 namespace ofswitch {
 
-// `ofswitch run` as a process of its own. `files` is how many it may have open;
-// as many as this process if it is not given.
+// `ofswitch run` as a process of its own. `files` is how many it may have open,
+// of which none but the standard ones is when it starts; if it is not given, as
+// many as this process.
 class RunningSwitch {
  public:
   RunningSwitch(const std::string& config, const std::string& log,
@@ -31,6 +33,7 @@ class RunningSwitch {
       dup2(fd, STDOUT_FILENO);
       dup2(fd, STDERR_FILENO);
       if (files.has_value()) {
+        close_range(STDERR_FILENO + 1, UINT_MAX, 0);
         const rlimit limit = {*files, *files};
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
           perror("setrlimit");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/commands/stop_request.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -9,9 +10,11 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "tests/captures/capture_files.h"
+#include "tests/support/few_descriptors.h"
 #include "tests/support/time_limit.h"
 
 namespace ofswitch {
@@ -61,6 +64,38 @@ TEST(StopRequest, RemovesTheFileOfAProcessThatDoesNotEndItself) {
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+// Signals as they were, whatever a StopRequest has blocked.
+class SignalMask {
+ public:
+  SignalMask() { pthread_sigmask(SIG_SETMASK, nullptr, &before_); }
+  ~SignalMask() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalMask(const SignalMask&) = delete;
+  SignalMask& operator=(const SignalMask&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+// One for signals, one for its own end.
+TEST(StopRequest, TellsWhatItLacksDescriptorsFor) {
+  const SignalMask mask;
+  for (const rlim_t count : {0, 1}) {
+    const openflow_test::FewDescriptors few(count);
+    try {
+      const StopRequest stop;
+      ADD_FAILURE() << "with " << count;
+    } catch (const std::system_error& error) {
+      EXPECT_STREQ(error.what(),
+                   "cannot wait for signals: Too many open files");
+    }
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(fd >= 0, count == 1) << "it keeps none";
+    if (fd >= 0) close(fd);
+  }
+  const openflow_test::FewDescriptors enough(2);
+  EXPECT_NO_THROW(StopRequest());
 }
 
 }  // namespace
