@@ -18,6 +18,7 @@
 #include <condition_variable>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -35,6 +36,8 @@ namespace {
 
 std::atomic<int> refusal = 0;  // an error number; 0: none
 std::atomic<int> refusals = 0;
+std::atomic<int> pauses = 0;  // of threads that were refused
+thread_local bool wasRefused = false;
 thread_local bool refusesEvents = false;
 
 template <class F>
@@ -51,9 +54,24 @@ int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
   static auto* const real = next<decltype(accept4)>("accept4");
   const int error = refusal;
   if (error == 0) return real(fd, address, length, flags);
+  wasRefused = true;
   refusals++;
   errno = error;
   return -1;
+}
+
+// How std::this_thread sleeps, one or the other.
+int nanosleep(const timespec* time, timespec* left) {
+  static auto* const real = next<decltype(nanosleep)>("nanosleep");
+  if (wasRefused) pauses++;
+  return real(time, left);
+}
+
+int clock_nanosleep(clockid_t clock, int flags, const timespec* time,
+                    timespec* left) {
+  static auto* const real = next<decltype(clock_nanosleep)>("clock_nanosleep");
+  if (wasRefused) pauses++;
+  return real(clock, flags, time, left);
 }
 
 // Refuses those on which somebody waits; gRPC's never block.
@@ -124,6 +142,15 @@ class Connections {
   std::vector<int> fds_;
 };
 
+bool isSoon(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() +
+                        openflow_test::timeLimit(std::chrono::seconds(20));
+  while (!condition() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return condition();
+}
+
 std::vector<ConnectionDoor::Entrance> entranceTo(
     Connections* connections, const ListeningSocket* socket) {
   std::vector<ConnectionDoor::Entrance> entrances;
@@ -162,6 +189,47 @@ TEST_F(ConnectionDoorAtPath, HoldsSoManyConnectionsAndNoMore) {
   door_.disconnect();
   EXPECT_TRUE(second.isClosed(10'000));
   EXPECT_TRUE(third.isClosed(10'000));
+}
+
+// None of their numbers is open when it looks for room, or another one's.
+TEST_F(ConnectionDoorAtPath, ForgetsAllThatHaveEnded) {
+  {
+    const UnixClient first(path_);
+    ASSERT_TRUE(connections_.waitFor(1));
+    const UnixClient second(path_);
+    ASSERT_TRUE(connections_.waitFor(2));
+    connections_.closeOne();
+    connections_.closeOne();
+  }
+  const UnixClient third(path_);
+  ASSERT_TRUE(connections_.waitFor(1));
+  const UnixClient fourth(path_);
+  ASSERT_TRUE(connections_.waitFor(2));
+  EXPECT_TRUE(UnixClient(path_).isClosed(10'000));
+  EXPECT_FALSE(third.isClosed(50));
+  EXPECT_FALSE(fourth.isClosed(50));
+  door_.close();
+}
+
+TEST_F(ConnectionDoorAtPath, HasRoomForOneWhoseNumberIsAFilesByNow) {
+  const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(file, 0);
+  const UnixClient first(path_);
+  ASSERT_TRUE(connections_.waitFor(1));
+  const UnixClient second(path_);
+  ASSERT_TRUE(connections_.waitFor(2));
+  const int number = connections_.first();
+  connections_.closeOne();
+  ASSERT_EQ(dup2(file, number), number);
+  const UnixClient third(path_);
+  ASSERT_TRUE(connections_.waitFor(2));
+  EXPECT_FALSE(third.isClosed(50));
+  EXPECT_FALSE(second.isClosed(50));
+  door_.close();
+  door_.disconnect();
+  EXPECT_TRUE(second.isClosed(10'000));
+  EXPECT_EQ(close(number), 0) << "it is none of the door's";
+  close(file);
 }
 
 // While it lives, a door cannot have what it would be closed by.
@@ -283,20 +351,22 @@ TEST_F(ConnectionDoorAtPath, WaitsForDescriptorsAndMemoryWithoutHaste) {
 // Such as a client that has gone again: the next one does not wait for it.
 TEST_F(ConnectionDoorAtPath, DoesNotWaitAfterAnyOtherFailure) {
   refusals = 0;
+  pauses = 0;
   refusal = ECONNABORTED;
   const UnixClient client(path_);
-  // More often than once every 100 ms, in as many tries as it takes.
-  bool wasSoon = false;
-  for (int round = 0; round < 50 && !wasSoon; round++) {
-    const auto start = std::chrono::steady_clock::now();
-    const int before = refusals;
-    while (refusals < before + 3) std::this_thread::yield();
-    wasSoon = std::chrono::steady_clock::now() - start <
-              std::chrono::milliseconds(100);
-  }
+  const bool wasRefusedOften = isSoon([] { return refusals >= 10; });
   refusal = 0;
-  EXPECT_TRUE(wasSoon);
+  EXPECT_TRUE(wasRefusedOften);
   EXPECT_TRUE(connections_.waitFor(1));
+  EXPECT_EQ(pauses, 0);
+
+  // As it would be if it waited.
+  refusal = EMFILE;
+  const UnixClient other(path_);
+  const bool hasPaused = isSoon([] { return pauses > 0; });
+  refusal = 0;
+  EXPECT_TRUE(hasPaused);
+  EXPECT_TRUE(connections_.waitFor(2));
   door_.close();
 }
 
