@@ -84,6 +84,7 @@ grpc::Status FakeSwitch::GetStats(grpc::ServerContext* context,
                                   pb::StatsReply* reply) {
   const Turn turn(this);
   statsRequest = *request;
+  if (statsRead_ == statsGiven) openflow_test::writeFile(waiting(), "");
   while (statsRead_ == statsGiven && !context->IsCancelled()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,6 +31,8 @@ class FakeSwitch final : public pb::Switch::Service {
 
   std::string socket() const { return dir_ / "control.sock"; }
   int port() const { return port_; }
+  // A file that is there once a call is left waiting.
+  std::filesystem::path waiting() const { return dir_ / "waiting"; }
 
   // Answers.
   std::vector<pb::FlowEntry> flows;

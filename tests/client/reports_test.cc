@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
+#include <string>
+
 namespace ofswitch {
 namespace {
 
@@ -176,14 +179,20 @@ TEST_F(Reports, LogLevels) {
   }
 }
 
+// The shell's words for waiting until a command succeeds, half a minute long.
+std::string until(const std::string& command) {
+  return "i=0; until " + command +
+         " || [ $i = 1500 ]; do i=$((i + 1)); sleep 0.02; done";
+}
+
 // Ctrl-C is how these end, so that it is no failure.
 TEST_F(Reports, EndOnCtrlC) {
   // Sends the signal when `text` was printed.
   const auto interrupt = [this](const std::string& arguments,
                                 const std::string& text,
                                 const std::string& signal = "INT") {
-    run(arguments + " & p=$!; until grep -q '" + text +
-        "' stdout; do sleep 0.02; done; kill -" + signal + " $p; wait $p");
+    run(arguments + " & p=$!; " + until("grep -q '" + text + "' stdout") +
+        "; kill -" + signal + " $p; wait $p");
     EXPECT_EQ(status_, 0) << arguments;
     EXPECT_EQ(err_, "");
   };
@@ -201,8 +210,9 @@ TEST_F(Reports, EndOnCtrlC) {
 TEST_F(Reports, EndOnCtrlCWithoutAnAnswer) {
   fake_.stats = {stats(10, 10)};
   fake_.statsGiven = 1;
-  run("stats --watch 0.05 & p=$!; until grep -q 'accounted for' stdout; do "
-      "sleep 0.02; done; sleep 1; kill -INT $p; wait $p");
+  run("stats --watch 0.05 & p=$!; " +
+      until("test -e " + fake_.waiting().string()) + "; kill -INT $p; wait $p");
+  EXPECT_TRUE(std::filesystem::exists(fake_.waiting()));
   EXPECT_EQ(status_, 0);
   EXPECT_EQ(err_, "");
   EXPECT_THAT(out_, testing::EndsWith("Every packet is accounted for.\n"));
