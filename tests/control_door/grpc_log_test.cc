@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,9 +19,35 @@ namespace {
 using testing::EndsWith;
 using testing::StartsWith;
 
+// Without GRPC_VERBOSITY. Leaves gRPC's messages to whom the environment leaves
+// them.
+class GrpcLog : public testing::Test {
+ protected:
+  GrpcLog() {
+    gpr_log_verbosity_init();  // if nobody has: the verbosity is known then
+    while (!gpr_should_log(least_) && least_ != GPR_LOG_SEVERITY_ERROR) {
+      least_ = static_cast<gpr_log_severity>(least_ + 1);
+    }
+    gpr_set_log_verbosity(GPR_LOG_SEVERITY_ERROR);
+    if (const char* value = std::getenv(kVariable)) before_ = value;
+    unsetenv(kVariable);
+  }
+  ~GrpcLog() override {
+    if (before_.has_value()) setenv(kVariable, before_->c_str(), 1);
+    gpr_set_log_verbosity(least_);
+    gpr_set_log_function(nullptr);
+    keepGrpcMessages();
+  }
+
+  static constexpr char kVariable[] = "GRPC_VERBOSITY";
+
+ private:
+  std::optional<std::string> before_;
+  gpr_log_severity least_ = GPR_LOG_SEVERITY_DEBUG;  // that is told
+};
+
 // What gRPC's saying so leaves on standard error.
 std::string told(const std::string& message) {
-  gpr_set_log_verbosity(GPR_LOG_SEVERITY_ERROR);  // as gRPC begins
   testing::internal::CaptureStderr();
   gpr_log_message("file.cc", 7, GPR_LOG_SEVERITY_ERROR, message.c_str());
   return testing::internal::GetCapturedStderr();
@@ -38,7 +65,7 @@ std::vector<std::string> logged(uint64_t* since) {
 }
 
 // With its last words: nobody can ask for the log afterwards.
-TEST(GrpcLog, TellsWhyTheProcessEnds) {
+TEST_F(GrpcLog, TellsWhyTheProcessEnds) {
   keepGrpcMessages();
   uint64_t since = 0;
   logged(&since);
@@ -50,12 +77,12 @@ TEST(GrpcLog, TellsWhyTheProcessEnds) {
                                    StartsWith("gRPC: an assertion failed")));
 }
 
-TEST(GrpcLog, IsLeftToWhoAsksGrpcForIt) {
+TEST_F(GrpcLog, IsLeftToWhoAsksGrpcForIt) {
   gpr_set_log_function(nullptr);
-  setenv("GRPC_VERBOSITY", "ERROR", 1);
+  setenv(kVariable, "ERROR", 1);
   keepGrpcMessages();
   EXPECT_THAT(told("one"), EndsWith(" one\n"));
-  unsetenv("GRPC_VERBOSITY");
+  unsetenv(kVariable);
   keepGrpcMessages();
   EXPECT_EQ(told("two"), "");
 }

@@ -40,19 +40,31 @@ LiveBench::Options withTelemetry(const std::string& flows = kPolicy) {
   return {.flows = flows, .dpdkTelemetry = true};
 }
 
+// A device's link is down while it lives.
+class LinkDown {
+ public:
+  explicit LinkDown(const char* name) {
+    EXPECT_EQ(rte_eth_dev_get_port_by_name(name, &device_), 0);
+    EXPECT_EQ(rte_eth_dev_set_link_down(device_), 0);
+  }
+  ~LinkDown() { EXPECT_EQ(rte_eth_dev_set_link_up(device_), 0); }
+  LinkDown(const LinkDown&) = delete;
+  LinkDown& operator=(const LinkDown&) = delete;
+
+ private:
+  uint16_t device_ = RTE_MAX_ETHPORTS;
+};
+
 TEST(DpdkTelemetry, TellsWhichLinksAreUp) {
   LiveBench bench(withTelemetry());
   const DpdkTelemetry telemetry(bench.live());
-  uint16_t device = 0;
-  ASSERT_EQ(rte_eth_dev_get_port_by_name("net_ring2", &device), 0);
-  ASSERT_EQ(rte_eth_dev_set_link_down(device), 0);
+  const LinkDown down("net_ring2");
   const TelemetryClient client;
   const json ports = client.ask("/ofswitch/ports");
   EXPECT_EQ(ports["1"]["link_up"], 1);
   EXPECT_EQ(ports["2"]["link_up"], 0);
   EXPECT_EQ(client.ask("/ofswitch/ports,1")["link_up"], 1);
   EXPECT_EQ(client.ask("/ofswitch/ports,2")["link_up"], 0);
-  ASSERT_EQ(rte_eth_dev_set_link_up(device), 0);
 }
 
 TEST(DpdkTelemetry, TellsExactlyWhatHappened) {

@@ -87,13 +87,24 @@ TEST(TelemetryDict, CountsTheCharactersOfItsAnswer) {
   EXPECT_EQ(sizes, (std::vector<size_t>{0, number, text, list, inner}));
 }
 
+// While it lives, this thread gets no memory from DPDK.
+class NoMemory {
+ public:
+  NoMemory() { hasMemory = false; }
+  ~NoMemory() { hasMemory = true; }
+  NoMemory(const NoMemory&) = delete;
+  NoMemory& operator=(const NoMemory&) = delete;
+};
+
 int answerWithoutMemory(const char*, const char*, rte_tel_data* data) {
   const std::lock_guard lock(mutex);
   TelemetryDict dict(data);
-  hasMemory = false;
-  dict.texts("list", std::vector<std::string>{"one"});
-  dict.dict("inner", [](TelemetryDict*) { ADD_FAILURE() << "there is none"; });
-  hasMemory = true;
+  {
+    const NoMemory none;
+    dict.texts("list", std::vector<std::string>{"one"});
+    dict.dict("inner",
+              [](TelemetryDict*) { ADD_FAILURE() << "there is none"; });
+  }
   sizes = {size(dict)};
   dict.number("ab", 7);
   return 0;
