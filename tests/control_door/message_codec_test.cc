@@ -120,6 +120,12 @@ TEST(MessageCodec, RefusesBytesThatAreNoMessage) {
     EXPECT_EQ(checked(bytes, kSmallMessage), malformed);
     EXPECT_EQ(decoded(bytes, kSmallMessage), malformed);
   }
+  // A length in more bytes than it needs, which only the parser minds.
+  for (const std::string field : {"\x0a", "\x12", "\x22"}) {
+    const std::string bytes = field + std::string("\x80\x80\x80\x80\x80\0", 6);
+    EXPECT_EQ(checked(bytes, kSmallMessage), Outcome());
+    EXPECT_EQ(decoded(bytes, kSmallMessage), malformed);
+  }
   // Known fields of another kind are as good as unknown ones.
   EXPECT_EQ(checked("\x20\x05\x10\x07", kSmallMessage), Outcome());
   EXPECT_EQ(decoded("\x20\x05\x10\x07", kSmallMessage), Outcome());
@@ -127,6 +133,17 @@ TEST(MessageCodec, RefusesBytesThatAreNoMessage) {
   EXPECT_EQ(
       checked(std::string("\xfa\x01\x02xx\x22\0\x12\x01x", 10), kSmallMessage),
       Outcome());
+}
+
+TEST(MessageCodec, RefusesABufferThatHoldsNothing) {
+  pb::FlowChange change;
+  try {
+    decode(grpc::ByteBuffer(), kSmallMessage, &change);
+    ADD_FAILURE() << "it was taken";
+  } catch (const BadMessage& bad) {
+    EXPECT_STREQ(bad.what(), "the bytes of the request are no FlowChange");
+    EXPECT_FALSE(bad.isTooLong);
+  }
 }
 
 TEST(CallStatus, IsOneLineThatAHeaderCanCarry) {
