@@ -57,6 +57,11 @@ void checkArgument(const Any& arg, const std::string& wanted) {
   if (prototype == nullptr) {
     refuse("arg: there is no type \"{}\"", name.substr(0, 80));
   }
+  // Nothing else can be unpacked.
+  if (arg.type_url().find('/') == std::string::npos) {
+    refuse("arg: is of type \"{0}\", must be \"type.googleapis.com/{0}\"",
+           name);
+  }
   checkFields(arg.value(), kLargeMessage, *type);
   const std::unique_ptr<google::protobuf::Message> message(prototype->New());
   if (!message->ParseFromString(arg.value())) {

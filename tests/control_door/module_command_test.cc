@@ -3,8 +3,10 @@
 // Arguments of module commands, by the word of their type and of their size.
 #include "switch/control/module_command.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <string>
 
@@ -17,6 +19,8 @@
 
 namespace ofswitch {
 namespace {
+
+using namespace std::string_literals;
 
 // A module of somebody else's, with commands that need nothing.
 class Bell final : public Module {
@@ -34,7 +38,8 @@ class Bell final : public Module {
     [] { return new Bell; }, "Bell", "bell", "rings", 0, 0,
     {{"ring", "EmptyArg", MODULE_CMD_FUNC(&Bell::ring), Command::THREAD_SAFE},
      {"setAclIds", "EmptyArg", MODULE_CMD_FUNC(&Bell::ring),
-      Command::THREAD_SAFE}},
+      Command::THREAD_SAFE},
+     {"toll", "", MODULE_CMD_FUNC(&Bell::ring), Command::THREAD_SAFE}},
     MODULE_INIT_FUNC(&Bell::Init));
 
 class ModuleCommands : public testing::Test {
@@ -55,12 +60,18 @@ class ModuleCommands : public testing::Test {
                              const std::string& command,
                              const std::string& type,
                              const std::string& bytes = "") {
+    return runWithUrl(module, command,
+                      type.empty() ? "" : "type.googleapis.com/" + type, bytes);
+  }
+
+  static bess::pb::Error runWithUrl(const std::string& module,
+                                    const std::string& command,
+                                    const std::string& url,
+                                    const std::string& bytes = "") {
     bess::pb::ModuleCommandRequest request;
     request.set_module(module);
     request.set_command(command);
-    if (!type.empty()) {
-      request.mutable_arg()->set_type_url("type.googleapis.com/" + type);
-    }
+    request.mutable_arg()->set_type_url(url);
     request.mutable_arg()->set_value(bytes);
     return runModuleCommand(request).error();
   }
@@ -113,6 +124,29 @@ TEST_F(ModuleCommands, TakeTheirArgumentByItsWholeName) {
   EXPECT_EQ(Bell::rings, 1);
 }
 
+TEST_F(ModuleCommands, NeedNoTypeForNothing) {
+  EXPECT_EQ(run("bell", "toll", "").errmsg(), "");
+  EXPECT_EQ(Bell::rings, 1);
+  EXPECT_EQ(run("bell", "toll", "bess.pb.EmptyArg").errmsg(),
+            "arg: is of type \"bess.pb.EmptyArg\", must be \"\"");
+  EXPECT_EQ(Bell::rings, 1);
+}
+
+// Without one, what they were sent would be taken for an empty argument.
+TEST_F(ModuleCommands, TakeTheNameOfTheTypeBehindASlash) {
+  for (const auto& [module, command, type] :
+       {std::array{"bell", "ring", "bess.pb.EmptyArg"},
+        std::array{"openflow", "getStats", "quil.pb.OpenFlowGetStatsArg"}}) {
+    const bess::pb::Error error = runWithUrl(module, command, type);
+    EXPECT_EQ(error.code(), EINVAL);
+    EXPECT_EQ(error.errmsg(), fmt::format("arg: is of type \"{0}\", must be "
+                                          "\"type.googleapis.com/{0}\"",
+                                          type));
+    EXPECT_EQ(runWithUrl(module, command, "/"s + type).errmsg(), "");
+  }
+  EXPECT_EQ(Bell::rings, 1);
+}
+
 TEST_F(ModuleCommands, TooLongIsNotWrong) {
   constexpr char kType[] = "quil.pb.OpenFlowGetStatsArg";
   std::string many;
@@ -123,6 +157,19 @@ TEST_F(ModuleCommands, TooLongIsNotWrong) {
   many.resize(many.size() - 3);
   EXPECT_EQ(run("openflow", "getStats", kType, many).errmsg(), "");
   EXPECT_EQ(run("openflow", "getStats", kType, "\x08").code(), EINVAL);
+}
+
+// A length in more bytes than it needs, which only the parser minds.
+TEST_F(ModuleCommands, RefuseBytesThatOnlyTheParserMinds) {
+  const std::string bytes("\x0a\x80\x80\x80\x80\x80\0", 7);
+  bess::pb::Error error =
+      run("openflow", "getStats", "quil.pb.OpenFlowGetStatsArg", bytes);
+  EXPECT_EQ(error.code(), EINVAL);
+  EXPECT_EQ(error.errmsg(),
+            "arg: its bytes are no quil.pb.OpenFlowGetStatsArg");
+  error = run("bell", "ring", "bess.pb.EmptyArg", bytes);
+  EXPECT_EQ(error.errmsg(), "arg: its bytes are no bess.pb.EmptyArg");
+  EXPECT_EQ(Bell::rings, 0);
 }
 
 }  // namespace
