@@ -55,6 +55,25 @@ TEST_F(FlowsCommand, KeepsTheNameOfWhatIsOnNoLine) {
   EXPECT_EQ(json()["notes"][0]["line"], 1);
 }
 
+// Which only a broken switch would tell of.
+TEST_F(FlowsCommand, KeepsTheNumberOfALineThatItDidNotSend) {
+  write("a.txt", "x\ny\n");
+  pb::Diagnostic* refusal = fake_.changeReply.add_refusals();
+  refusal->set_name("command line");
+  refusal->set_line(99);
+  refusal->set_reason("wrong");
+  fake_.changeReply.set_applied(false);
+  run("flows add q --file a.txt");
+  EXPECT_EQ(status_, 1);
+  EXPECT_EQ(err_,
+            "command line:99: wrong\n"
+            "ofswitch: nothing was changed: 1 line refused\n");
+  run("flows add q --file a.txt --json");
+  EXPECT_EQ(json()["refusals"][0]["name"], "command line");
+  EXPECT_EQ(json()["refusals"][0]["line"], 99);
+  EXPECT_EQ(json()["refusals"][0]["reason"], "wrong");
+}
+
 TEST_F(FlowsCommand, PrintsTheFirstOfManyRefusals) {
   for (uint32_t line = 1; line <= 50; line++) refuse(line, "wrong");
   run("flows add -", "seq 50 |");
