@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "graph.h"
 #include "module_builder.h"
@@ -15,6 +17,8 @@
 
 namespace ofswitch {
 namespace {
+
+using namespace std::string_literals;
 
 class Crossing final : public Module {
  public:
@@ -62,6 +66,27 @@ TEST(HostGates, AreToldByTheirNumbers) {
   EXPECT_EQ(one.output_gates(0).gate(), 0u);
   EXPECT_EQ(one.output_gates(0).input_gate(), 1u);
   for (const char* name : {"one", "two"}) bess::DestroyModule(name);
+}
+
+// A port's gate has its number, and there may be none in between.
+TEST(HostGates, AreToldWithGapsBetweenThem) {
+  SwitchConfig config = LiveBench({})->config();
+  config.ports = {{1, "one", "net_null1", 1, 0},
+                  {3, "three", "net_null3", 1, 0}};
+  config.flowFiles.clear();
+  LiveSwitch live(config);
+  live.start();
+  bess::pb::GetModuleRequest request;
+  request.set_name("openflow");
+  const bess::pb::GetModuleResponse reply = getModule(request);
+  ASSERT_EQ(reply.output_gates_size(), 3);
+  const auto lead = [&](int i) {
+    return std::pair(reply.output_gates(i).gate(),
+                     reply.output_gates(i).to_module());
+  };
+  EXPECT_EQ(lead(0), std::pair(0u, "controller"s));
+  EXPECT_EQ(lead(1), std::pair(1u, "one_out"s));
+  EXPECT_EQ(lead(2), std::pair(3u, "three_out"s));
 }
 
 }  // namespace
