@@ -191,16 +191,18 @@ TEST_F(ConnectionDoorAtPath, HoldsSoManyConnectionsAndNoMore) {
   EXPECT_TRUE(third.isClosed(10'000));
 }
 
-// None of their numbers is open when it looks for room, or another one's.
+// Their numbers are free when it looks for room: the next one takes others,
+// which were free before.
 TEST_F(ConnectionDoorAtPath, ForgetsAllThatHaveEnded) {
-  {
-    const UnixClient first(path_);
-    ASSERT_TRUE(connections_.waitFor(1));
-    const UnixClient second(path_);
-    ASSERT_TRUE(connections_.waitFor(2));
-    connections_.closeOne();
-    connections_.closeOne();
-  }
+  const int lower[] = {open("/dev/null", O_RDONLY | O_CLOEXEC),
+                       open("/dev/null", O_RDONLY | O_CLOEXEC)};
+  const UnixClient first(path_);
+  ASSERT_TRUE(connections_.waitFor(1));
+  const UnixClient second(path_);
+  ASSERT_TRUE(connections_.waitFor(2));
+  for (const int fd : lower) close(fd);
+  connections_.closeOne();
+  connections_.closeOne();
   const UnixClient third(path_);
   ASSERT_TRUE(connections_.waitFor(1));
   const UnixClient fourth(path_);
