@@ -108,6 +108,10 @@ TEST_F(RunCommand, OutlivesItsTerminalIfItIsToldTo) {
   EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
+// UndefinedBehaviorSanitizer, which comes with it, looks at pointers through
+// descriptors of its own.
+#ifndef __SANITIZE_ADDRESS__
+
 // What it would need to be stopped: a switch that has started keeps running.
 TEST_F(RunCommand, DoesNotStartWithoutDescriptorsForItsEnd) {
   write("flows.txt", "");
@@ -119,6 +123,8 @@ TEST_F(RunCommand, DoesNotStartWithoutDescriptorsForItsEnd) {
             "ofswitch: cannot wait for signals: Too many open files; allow "
             "more of them (ulimit -n, LimitNOFILE of a service)\n");
 }
+
+#endif
 
 TEST_F(RunCommand, TellsTheServiceManagerHowFarItIs) {
   write("flows.txt", "in_port=1,actions=output:2\n");
