@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/client/probe.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <poll.h>
@@ -15,6 +14,7 @@
 
 #include "tests/captures/capture_files.h"
 #include "tests/support/listener.h"
+#include "tests/support/next_definition.h"
 
 namespace {
 
@@ -27,10 +27,7 @@ thread_local bool beginConnections = false;
 thread_local bool knowNoNames = false;
 thread_local std::string askedName;  // of getaddrinfo(), and the port
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 }  // namespace
 

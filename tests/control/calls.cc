@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tests/control/calls.h"
 
-#include <dlfcn.h>
 #include <rte_malloc.h>
 #include <urcu-qsbr.h>
 
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "modules/openflow/openflow.h"
+#include "tests/support/next_definition.h"
 
 namespace Calls {
 
@@ -29,10 +29,7 @@ std::vector<std::pair<void*, size_t>>& arrays() {
   return *arrays;
 }
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 bool fails(Fault& fault, const char* type) {
   return type != nullptr && state().failType == type && fault.strikes();

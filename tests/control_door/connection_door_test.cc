@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/control/connection_door.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -29,6 +28,7 @@
 
 #include "tests/captures/capture_files.h"
 #include "tests/control_door/control_bench.h"
+#include "tests/support/next_definition.h"
 #include "tests/support/time_limit.h"
 #include "tests/support/unix_client.h"
 
@@ -40,10 +40,7 @@ std::atomic<int> pauses = 0;  // of threads that were refused
 thread_local bool wasRefused = false;
 thread_local bool refusesEvents = false;
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 }  // namespace
 

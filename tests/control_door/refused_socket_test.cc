@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 //
 // Control sockets that the system refuses, call by call.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include "tests/captures/capture_files.h"
 #include "tests/control_door/sockets.h"
 #include "tests/support/few_descriptors.h"
+#include "tests/support/next_definition.h"
 
 namespace {
 
@@ -42,10 +42,7 @@ bool isRefused(int error) {
   return true;
 }
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 }  // namespace
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tests/faults/ledger.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <rte_malloc.h>
 #include <sys/mman.h>
@@ -12,6 +11,8 @@
 #include <mutex>
 #include <new>
 #include <utility>
+
+#include "tests/support/next_definition.h"
 
 namespace Ledger {
 namespace {
@@ -78,10 +79,7 @@ void leave(void* block) {
   books().live.erase(block);
 }
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 // `take` on behalf of the watch, or without it.
 template <class Take>

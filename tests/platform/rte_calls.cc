@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tests/platform/rte_calls.h"
 
-#include <dlfcn.h>
 #include <rte_acl.h>
 #include <rte_malloc.h>
 #include <urcu-qsbr.h>
+
+#include "tests/support/next_definition.h"
 
 namespace RteCalls {
 
@@ -17,10 +18,7 @@ namespace {
 
 bool inAclFree;  // what rte_acl_free frees is its own affair
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 }  // namespace
 }  // namespace RteCalls

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "switch/commands/stop_request.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -18,6 +17,7 @@
 #include <thread>
 
 #include "tests/captures/capture_files.h"
+#include "tests/support/next_definition.h"
 #include "tests/support/time_limit.h"
 
 namespace {
@@ -27,10 +27,7 @@ namespace {
 bool refuseSignals = false;
 bool refuseEvents = false;
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 }  // namespace
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tests/utils/interpose.h"
 
-#include <dlfcn.h>
 #include <rte_malloc.h>
 #include <urcu-qsbr.h>
 #include <urcu/rculfhash.h>
@@ -10,6 +9,8 @@
 #include <cerrno>
 #include <ctime>
 #include <mutex>
+
+#include "tests/support/next_definition.h"
 
 namespace Interposed {
 
@@ -20,10 +21,7 @@ std::mutex mutex;
 // liburcu's own threads wait for grace periods, too.
 thread_local bool countSyncs = false;
 
-template <class F>
-F* next(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+using openflow_test::next;
 
 }  // namespace
 
