@@ -14,10 +14,10 @@ namespace {
 template <bool kIpv4, bool kIpv6>
 void buildBatch(const bess::PacketBatch& batch, OfIpv4Key* ipv4,
                 OfIpv6Key* ipv6) {
+  uint8_t room[kFrameWindow];
   for (int i = 0; i < bench::kBurst; i++) {
     const bess::Packet& packet = *batch.pkts()[i];
-    const FrameWindow frame(packet);
-    buildKeys<kIpv4, kIpv6>(frame.bytes(),
+    buildKeys<kIpv4, kIpv6>(frameWindow(packet, room),
                             flowMetadata(*packetMetadata(&packet)), &ipv4[i],
                             &ipv6[i]);
   }

@@ -46,9 +46,10 @@ BareParts::BareParts(int families, uint32_t table)
 }
 
 void BareParts::prepare(const bess::PacketBatch& batch) {
+  uint8_t room[kFrameWindow];
   for (int i = 0; i < batch.cnt(); i++) {
-    const FrameWindow frame(*batch.pkts()[i]);
-    buildKeys<true, true>(frame.bytes(), 0, &keys4_[i], &keys6_[i]);
+    buildKeys<true, true>(frameWindow(*batch.pkts()[i], room), 0, &keys4_[i],
+                          &keys6_[i]);
   }
 }
 

@@ -27,17 +27,37 @@ class Keys : public DataPath, public ::testing::WithParamInterface<KeyCase> {
   }
 };
 
-TEST_P(Keys, Bytes) {
-  const InputPacket& packet = GetParam().packet;
+// Both keys of a packet, in buffers that held something else.
+struct BuiltKeys {
+  Bytes ipv4 = Bytes(sizeof(OfIpv4Key), 0x5a);
+  Bytes ipv6 = Bytes(sizeof(OfIpv6Key), 0x5a);
+};
+
+template <bool kIpv4, bool kIpv6>
+BuiltKeys build(const InputPacket& packet) {
   Bytes frame = packet.bytes;
   frame.resize(std::max(frame.size(), kFrameWindow), packet.fill);
   const bool valid = packet.meta.flags & MetadataBlock::kMetadataValid;
-  Bytes ipv4(sizeof(OfIpv4Key), 0x5a), ipv6(sizeof(OfIpv6Key), 0x5a);
-  buildKeys<true, true>(frame.data(), valid ? packet.meta.metadata : 0,
-                        reinterpret_cast<OfIpv4Key*>(ipv4.data()),
-                        reinterpret_cast<OfIpv6Key*>(ipv6.data()));
-  EXPECT_EQ(hexDump(ipv4), hexDump(ipv4KeyBytes(GetParam().key)));
-  EXPECT_EQ(hexDump(ipv6), hexDump(ipv6KeyBytes(GetParam().key)));
+  BuiltKeys keys;
+  buildKeys<kIpv4, kIpv6>(frame.data(), valid ? packet.meta.metadata : 0,
+                          reinterpret_cast<OfIpv4Key*>(keys.ipv4.data()),
+                          reinterpret_cast<OfIpv6Key*>(keys.ipv6.data()));
+  return keys;
+}
+
+TEST_P(Keys, Bytes) {
+  const BuiltKeys keys = build<true, true>(GetParam().packet);
+  EXPECT_EQ(hexDump(keys.ipv4), hexDump(ipv4KeyBytes(GetParam().key)));
+  EXPECT_EQ(hexDump(keys.ipv6), hexDump(ipv6KeyBytes(GetParam().key)));
+}
+
+TEST_P(Keys, BytesOfOneFamily) {
+  const BuiltKeys ipv4 = build<true, false>(GetParam().packet);
+  EXPECT_EQ(hexDump(ipv4.ipv4), hexDump(ipv4KeyBytes(GetParam().key)));
+  EXPECT_EQ(hexDump(ipv4.ipv6), hexDump(BuiltKeys().ipv6));
+  const BuiltKeys ipv6 = build<false, true>(GetParam().packet);
+  EXPECT_EQ(hexDump(ipv6.ipv6), hexDump(ipv6KeyBytes(GetParam().key)));
+  EXPECT_EQ(hexDump(ipv6.ipv4), hexDump(BuiltKeys().ipv4));
 }
 
 TEST_P(Keys, BytesOfTheTwin) {

@@ -41,9 +41,9 @@ void buildBatchKeys(const bess::PacketBatch& batch, Lookup<OfIpv4Key>* ipv4,
                     Lookup<OfIpv6Key>* ipv6) {
   const int cnt = batch.cnt();
   bess::Packet* const* packets = batch.pkts();
+  uint8_t room[kFrameWindow];
   for (int i = 0; i < cnt; i++) {
-    const FrameWindow frame(*packets[i]);
-    buildKeys<kIpv4, kIpv6>(frame.bytes(),
+    buildKeys<kIpv4, kIpv6>(frameWindow(*packets[i], room),
                             flowMetadata(*packetMetadata(packets[i])),
                             &ipv4->keys[i].key, &ipv6->keys[i].key);
     if constexpr (kIpv4) {

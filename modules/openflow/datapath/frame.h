@@ -27,6 +27,7 @@ inline constexpr uint8_t kProtoIcmpv6 = 58;
 inline constexpr size_t kEthTypeOffset = 12;
 inline constexpr size_t kEthHeaderSize = 14;
 inline constexpr size_t kVlanTagSize = 4;
+inline constexpr size_t kIpv4HeaderSize = 20;  // without options
 inline constexpr size_t kIpv6HeaderSize = 40;
 
 // Words as they lie in memory, at any address.
@@ -62,25 +63,20 @@ inline size_t bufferBytes(const bess::Packet& packet) {
 }
 
 // A window of kFrameWindow readable bytes on a packet's frame: the frame
-// itself, or a copy filled up with zeros when it starts too near its buffer's
-// end.
-class FrameWindow {
- public:
-  explicit FrameWindow(const bess::Packet& packet)
-      : bytes_(packet.head_data<const uint8_t*>()) {
-    const size_t available = bufferBytes(packet);
-    if (available < kFrameWindow) [[unlikely]] {
-      std::memcpy(copy_, bytes_, available);
-      std::memset(copy_ + available, 0, kFrameWindow - available);
-      bytes_ = copy_;
-    }
+// itself, or, when it starts too near its buffer's end, a copy in `room`,
+// filled up with zeros.
+inline const uint8_t* frameWindow(const bess::Packet& packet,
+                                  uint8_t (&room)[kFrameWindow]) {
+  const auto* frame = packet.head_data<const uint8_t*>();
+  // What is free behind the packet is nearly always enough by itself.
+  if (packet.tailroom() >= kFrameWindow) [[likely]] {
+    return frame;
   }
-  FrameWindow(const FrameWindow&) = delete;
-  FrameWindow& operator=(const FrameWindow&) = delete;
-
-  const uint8_t* bytes() const { return bytes_; }
-
- private:
-  const uint8_t* bytes_;
-  uint8_t copy_[kFrameWindow];
-};
+  const size_t available = bufferBytes(packet);
+  if (available >= kFrameWindow) {
+    return frame;
+  }
+  std::memcpy(room, frame, available);
+  std::memset(room + available, 0, kFrameWindow - available);
+  return room;
+}

@@ -25,7 +25,6 @@ constexpr size_t kTaggedL2Size = kMacsSize + kVlanTagSize;
 constexpr size_t kTcpChecksumOffset = 16;
 constexpr size_t kUdpChecksumOffset = 6;
 constexpr size_t kIcmpChecksumOffset = 2;
-constexpr size_t kIpv4HeaderSize = 20;  // without options
 
 // A one's-complement sum of less than 2^16 words, each of up to 32 bits, in 16
 // bits; 0 only of nothing but zeros.
