@@ -152,6 +152,10 @@ class OpenFlow : public Module {
                     bess::PacketBatch** tableBatches);
   inline void outputPorts(Context* ctx, const bess::Packet* packet,
                           const OfActionValues& values, uint32_t skippedGate);
+  [[gnu::noinline]] void outputPortList(Context* ctx,
+                                        const bess::Packet* packet,
+                                        const OfActionValues& values,
+                                        uint32_t skippedGate);
   inline void emitCopy(Context* ctx, const bess::Packet* packet, uint16_t gate);
   void outputController(Context* ctx, bess::Packet* packet,
                         const OfFlowAction& action, uint16_t inPortGate);

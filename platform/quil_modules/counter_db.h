@@ -18,13 +18,16 @@ class alignas(64) WorkerCounters {
       : size_(size), counters_(Allocate(size)) {}
 
   // A counter that does not exist counts nothing.
-  void add(uint32_t id, uint64_t n) {
-    if (id < size_) {
-      // Not fetch_add: with one writer a plain addition is enough.
-      std::atomic<uint64_t>& counter = counters_[id];
-      counter.store(counter.load(std::memory_order_relaxed) + n,
-                    std::memory_order_relaxed);
-    }
+  void add(uint32_t id, uint64_t n) { AddTo(counters_.get(), size_, id, n); }
+
+  // Adds to two counters, as one for packets and one for their bytes.
+  void add(uint32_t id1, uint64_t n1, uint32_t id2, uint64_t n2) {
+    // Read once: what an addition stores might be these, for all the compiler
+    // knows.
+    const uint32_t size = size_;
+    std::atomic<uint64_t>* counters = counters_.get();
+    AddTo(counters, size, id1, n1);
+    AddTo(counters, size, id2, n2);
   }
 
   // Starts the load of a counter that is to be added to soon. Additions wait in
@@ -46,6 +49,16 @@ class alignas(64) WorkerCounters {
 
  private:
   static constexpr std::align_val_t kLine{64};
+
+  static void AddTo(std::atomic<uint64_t>* counters, uint32_t size, uint32_t id,
+                    uint64_t n) {
+    if (id < size) [[likely]] {
+      // Not fetch_add: with one writer a plain addition is enough.
+      std::atomic<uint64_t>& counter = counters[id];
+      counter.store(counter.load(std::memory_order_relaxed) + n,
+                    std::memory_order_relaxed);
+    }
+  }
 
   struct Delete {
     void operator()(std::atomic<uint64_t>* counters) const {

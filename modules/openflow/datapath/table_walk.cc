@@ -18,6 +18,18 @@ namespace {
 
 constexpr uint32_t kNoGate = 0x10000;
 
+// Tables that the sweep passes over at once when none of them has packets.
+constexpr uint32_t kStride = 8;
+static_assert(kNumTables % kStride == 0);
+
+bool anyBatch(bess::PacketBatch* const* tableBatches) {
+  uintptr_t any = 0;
+  for (uint32_t i = 0; i < kStride; i++) {
+    any |= reinterpret_cast<uintptr_t>(tableBatches[i]);
+  }
+  return any != 0;
+}
+
 uint16_t inPortGate(const bess::Packet* packet) {
   return static_cast<uint16_t>(inPort(*packetMetadata(packet)));
 }
@@ -37,6 +49,16 @@ inline void OpenFlow::emitCopy(Context* ctx, const bess::Packet* packet,
 inline void OpenFlow::outputPorts(Context* ctx, const bess::Packet* packet,
                                   const OfActionValues& values,
                                   uint32_t skippedGate) {
+  if (values.numOutputGates != 1) [[unlikely]] {
+    outputPortList(ctx, packet, values, skippedGate);
+  } else if (values.ogate[0] != skippedGate) {
+    emitCopy(ctx, packet, values.ogate[0]);
+  }
+}
+
+void OpenFlow::outputPortList(Context* ctx, const bess::Packet* packet,
+                              const OfActionValues& values,
+                              uint32_t skippedGate) {
   for (int j = 0; j < values.numOutputGates; j++) {
     if (values.ogate[j] != skippedGate) {
       emitCopy(ctx, packet, values.ogate[j]);
@@ -115,11 +137,13 @@ void OpenFlow::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
   bess::PacketBatch* tableBatches[kNumTables] = {};
   const int cnt = batch->cnt();
   bess::Packet** packets = batch->pkts();
+#pragma GCC unroll 4
   for (int i = 0; i < cnt; i++) {
     rte_prefetch0(packetMetadata(packets[i]));
     rte_prefetch0(packets[i]->head_data<const uint8_t*>());
   }
   uint64_t flags = 0;  // of any packet
+#pragma GCC unroll 4
   for (int i = 0; i < cnt; i++) {
     flags |= packetMetadata(packets[i])->flags;
   }
@@ -131,9 +155,14 @@ void OpenFlow::ProcessBatch(Context* ctx, bess::PacketBatch* batch) {
     sortByStartTable(ctx, *batch, tableBatches);
   }
 
-  for (uint32_t t = 0; t < kNumTables; t++) {
-    if (tableBatches[t] != nullptr) {
-      processTableBatch(ctx, static_cast<uint8_t>(t), tableBatches);
+  for (uint32_t first = 0; first < kNumTables; first += kStride) {
+    if (!anyBatch(tableBatches + first)) {
+      continue;
+    }
+    for (uint32_t t = first; t < first + kStride; t++) {
+      if (tableBatches[t] != nullptr) {
+        processTableBatch(ctx, static_cast<uint8_t>(t), tableBatches);
+      }
     }
   }
 }
@@ -158,26 +187,26 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
   for (int i = 0; i < cnt; i++) {
     bess::Packet* packet = batch->pkts()[i];
     const OfFlowAction* action = actions[i];
-    if (action->priority == 0) {
+    if (action->priority == 0) [[unlikely]] {
       countEvent(table.counters[kTableMisses]);
       DropPacket(ctx, packet);
       continue;
     }
-    if (flowCounters != nullptr) {
-      flowCounters->add(action->packetCounterId, 1);
-      flowCounters->add(action->byteCounterId, packet->total_len());
+    if (flowCounters != nullptr) [[likely]] {
+      flowCounters->add(action->packetCounterId, 1, action->byteCounterId,
+                        packet->total_len());
     }
     const uint32_t bits = actionBits(*action);
-    if (bits & kRewriteBits) {
+    if (bits & kRewriteBits) [[unlikely]] {
       rewritePacket(packet, *action);
     }
     // Most flows send to a list of gates, or on to a later table, and do
     // nothing else.
     const uint32_t outputs = bits & kOutputBits;
-    if (outputs == kOutputAllBit || outputs == kOutputFloodBit) {
-      outputPorts(ctx, packet, action->values, inPortGate(packet));
-    } else if (outputs == kOutputPortBit) {
+    if (outputs == kOutputPortBit) [[likely]] {
       outputPorts(ctx, packet, action->values, kNoGate);
+    } else if (outputs == kOutputAllBit || outputs == kOutputFloodBit) {
+      outputPorts(ctx, packet, action->values, inPortGate(packet));
     } else if (outputs == kGotoBit) {
       gotoTable(ctx, tableId, packet, action->values.nextTbl, tableBatches);
     } else {
