@@ -175,7 +175,7 @@ inline void Module::DropPacket(Context* ctx, bess::Packet* pkt) {
                  std::memory_order_relaxed);
   bess::PacketBatch* dead = ctx->task->dead_batch();
   dead->add(pkt);
-  if (dead->full()) {
+  if (dead->full()) [[unlikely]] {
     ctx->silent_drops += dead->cnt();
     bess::Packet::Free(dead);
     dead->clear();
@@ -192,7 +192,7 @@ inline void Module::EmitPacket(Context* ctx, bess::Packet* pkt,
   CHECK(wid < MAX_WORKERS && wid >= 0);
   bess::OGate::Pending* slot = ogates_[ogate]->pending(wid);
   bess::PacketBatch* batch = slot->batch;
-  if (batch == nullptr || batch->full()) {
+  if (batch == nullptr || batch->full()) [[unlikely]] {
     batch = ctx->task->StartGateBatch(slot);
     if (batch == nullptr) [[unlikely]] {
       DropOverflow(ctx, pkt);

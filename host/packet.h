@@ -224,17 +224,23 @@ class alignas(64) Packet {
   // whether it has.
   static bool FreePlain(Packet* const* pkts, size_t cnt) {
     rte_mempool* pool = pkts[0]->mbuf_.pool;
-    uint64_t other = 0;  // what is not as it has to be, of all of them
+    // What is not as it has to be, of all of them.
+    uint64_t shape = 0;
+    uint64_t flags = 0;
+    uintptr_t pools = 0;
+#pragma GCC unroll 4
     for (size_t i = 0; i < cnt; i++) {
       const rte_mbuf& mbuf = pkts[i]->mbuf_;
       uint64_t word;
       memcpy(&word, &mbuf.rearm_data, sizeof(word));
-      other |= (word ^ kWhole) & kWholeMask;
-      other |= mbuf.ol_flags & (RTE_MBUF_F_INDIRECT | RTE_MBUF_F_EXTERNAL);
-      other |= reinterpret_cast<uintptr_t>(mbuf.pool) ^
+      shape |= word ^ kWhole;
+      flags |= mbuf.ol_flags;
+      pools |= reinterpret_cast<uintptr_t>(mbuf.pool) ^
                reinterpret_cast<uintptr_t>(pool);
     }
-    if (other != 0) [[unlikely]] {
+    if ((shape & kWholeMask) != 0 || pools != 0 ||
+        (flags & (RTE_MBUF_F_INDIRECT | RTE_MBUF_F_EXTERNAL)) != 0)
+        [[unlikely]] {
       return false;
     }
     rte_mempool_put_bulk(pool, reinterpret_cast<void* const*>(pkts),

@@ -52,6 +52,7 @@ task_result PortIn::RunTask(Context* ctx, PacketBatch* batch, void*) {
   if (count == 0) {
     return {.block = true, .packets = 0, .bits = 0};
   }
+#pragma GCC unroll 4
   for (uint16_t i = 0; i < count; i++) {
     rte_prefetch0(pkts[i]->metadata<void*>());
   }
@@ -61,6 +62,7 @@ task_result PortIn::RunTask(Context* ctx, PacketBatch* batch, void*) {
   batch->set_cnt(count);
   bool fit = true;  // all of them, as nearly always
   uint64_t bytes = 0;
+#pragma GCC unroll 4
   for (uint16_t i = 0; i < count; i++) {
     const auto len = static_cast<uint32_t>(pkts[i]->total_len());
     fit &= len <= longest;

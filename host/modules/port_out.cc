@@ -157,14 +157,16 @@ void PortOut::ProcessBatch(Context* ctx, PacketBatch* batch) {
   PortCounters::Add(counters->tx_entered, static_cast<uint64_t>(cnt));
 
   const bool up = port_->link_up();
-  const uint32_t max_frame = port_->max_frame();
+  const uint32_t longest_payload = port_->mtu();
   const int max_segments = port_->max_segments();
   bool plain = up;  // all of them, as nearly always
   uint64_t bytes = 0;
+#pragma GCC unroll 4
   for (int i = 0; i < cnt; i++) {
     const auto len = static_cast<uint32_t>(pkts[i]->total_len());
-    plain &= len >= Port::kHeaderLen && len <= max_frame &&
-             pkts[i]->nb_segs() <= max_segments;
+    // Shorter ones wrap around. Nothing is skipped: a jump would cost more.
+    plain &= len - Port::kHeaderLen <= longest_payload;
+    plain &= pkts[i]->nb_segs() <= max_segments;
     bytes += len;
   }
   if (!plain) [[unlikely]] {
