@@ -236,28 +236,45 @@ void setVlanVid(bess::Packet* packet, uint16_t vid) {
   storeWord(tagged + kEthHeaderSize, vid);
 }
 
-}  // namespace
-
-void rewritePacket(bess::Packet* packet, const OfFlowAction& action) {
-  const uint32_t bits = actionBits(action);
-  if (bits & kRewriteTagBits) {
-    if (action.fields.popVlan) {
-      popVlan(packet);
-    }
-    if (action.fields.setVlanVid) {
-      setVlanVid(packet, action.values.vlanVid);
-    }
+// Tags are pushed and popped before anything else.
+[[gnu::noinline]] void rewriteTag(bess::Packet* packet,
+                                  const OfFlowAction& action) {
+  if (action.fields.popVlan) {
+    popVlan(packet);
   }
+  if (action.fields.setVlanVid) {
+    setVlanVid(packet, action.values.vlanVid);
+  }
+}
+
+// For packets with little behind them. A frame that starts too near its
+// buffer's end is rewritten in a copy, of which is taken over what fits.
+[[gnu::noinline]] void rewriteNearEnd(bess::Packet* packet,
+                                      const OfFlowAction& action,
+                                      uint32_t bits) {
   auto* frame = packet->head_data<uint8_t*>();
   const size_t available = bufferBytes(*packet);
-  if (available >= kFrameWindow) [[likely]] {
+  if (available >= kFrameWindow) {
     rewriteHeaders(frame, action, bits);
     return;
   }
-  // The frame starts too near its buffer's end: rewrite a copy, and take over
-  // what fits.
   uint8_t window[kFrameWindow] = {};
   std::memcpy(window, frame, available);
   rewriteHeaders(window, action, bits);
   std::memcpy(frame, window, available);
+}
+
+}  // namespace
+
+// Nothing but the usual case is in here: it needs no stack.
+void rewritePacket(bess::Packet* packet, const OfFlowAction& action) {
+  const uint32_t bits = actionBits(action);
+  if (bits & kRewriteTagBits) [[unlikely]] {
+    rewriteTag(packet, action);
+  }
+  if (packet->tailroom() >= kFrameWindow) [[likely]] {
+    rewriteHeaders(packet->head_data<uint8_t*>(), action, bits);
+  } else {
+    rewriteNearEnd(packet, action, bits);
+  }
 }
