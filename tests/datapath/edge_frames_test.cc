@@ -204,6 +204,24 @@ TEST_F(EdgeFrames, CutAtEveryByteAtTheBuffersEnd) {
   }
 }
 
+// Around the place where a frame begins to be too near its buffer's end to be
+// read and rewritten there, with free bytes behind it and without.
+TEST_F(EdgeFrames, AroundTheLastPlaceForAFrame) {
+  add(0, {rewriteIp().popVlan().setVlanVid(100).setVlanPcp(5).output({2})});
+  for (const Frame& whole : kWholeFrames) {
+    std::vector<InputPacket> packets;
+    for (const size_t length : {size_t{40}, Bytes(whole).size()}) {
+      for (size_t room = 120; room <= 136; room++) {
+        packets.emplace_back(Frame(whole).keep(length));
+        packets.back().headroom = kBufferSize - room;  // in all
+        packets.push_back(packets.back());
+        packets.back().headroom = kBufferSize - length - room;  // behind it
+      }
+    }
+    runAll(packets, 2);
+  }
+}
+
 TEST_F(EdgeFrames, ShortestFrameThatCanBeTagged) {
   add(0, {Flow(1, 10).setVlanVid(100).output({2})});
   const Frame frame = Frame::eth().ethType(0x88b5);

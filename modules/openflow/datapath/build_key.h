@@ -85,11 +85,13 @@ inline void buildL2Key(const uint8_t* frame, const FrameL3& found,
       _mm_setr_epi8(6, 7, 8, 9, 10, 11, -1, -1, 0, 1, 2, 3, 4, 5, -1, -1);
   const __m128i macs = _mm_loadu_si128(reinterpret_cast<const __m128i*>(frame));
   key->ipProto = proto;
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(key->ethSrc),
-                   _mm_shuffle_epi8(macs, order));
+  auto* bytes = reinterpret_cast<uint8_t*>(key);
+  _mm_storeu_si128(
+      reinterpret_cast<__m128i*>(bytes + offsetof(OfL2Key, ethSrc)),
+      _mm_shuffle_epi8(macs, order));
   static_assert(offsetof(OfL2Key, ethType) == offsetof(OfL2Key, vlanTci) + 2);
   storeWord<uint32_t>(
-      reinterpret_cast<uint8_t*>(key) + offsetof(OfL2Key, vlanTci),
+      bytes + offsetof(OfL2Key, vlanTci),
       found.vlanTci | uint32_t{__builtin_bswap16(found.ethType)} << 16);
 }
 
@@ -169,8 +171,8 @@ inline void buildKeys(const uint8_t* frame, uint64_t metadata, OfIpv4Key* ipv4,
       buildIpv6Key(frame, found, metadata, ipv6);
     }
   };
-  // Nearly all packets are one of these two: all places are known beforehand,
-  // and the keys take half as long.
+  // Untagged packets without IP options have everything at places that are
+  // known beforehand, which saves a quarter of the work.
   if (isPlainIpv4(frame)) [[likely]] {
     build({frame + kEthHeaderSize, kEthTypeIpv4, 0}, kIpv4HeaderSize);
   } else if (load16(frame + kEthTypeOffset) == kEthTypeIpv6) {

@@ -62,20 +62,23 @@ inline size_t bufferBytes(const bess::Packet& packet) {
   return static_cast<size_t>(packet.head_len()) + packet.tailroom();
 }
 
+// Whether kFrameWindow bytes from the frame's start on lie in its buffer. What
+// is free behind the packet is nearly always enough by itself.
+inline bool hasWindow(const bess::Packet& packet) {
+  return static_cast<size_t>(packet.tailroom()) >= kFrameWindow ||
+         bufferBytes(packet) >= kFrameWindow;
+}
+
 // A window of kFrameWindow readable bytes on a packet's frame: the frame
 // itself, or, when it starts too near its buffer's end, a copy in `room`,
-// filled up with zeros.
+// filled up with zeros, which lasts until `room` is used again.
 inline const uint8_t* frameWindow(const bess::Packet& packet,
                                   uint8_t (&room)[kFrameWindow]) {
   const auto* frame = packet.head_data<const uint8_t*>();
-  // What is free behind the packet is nearly always enough by itself.
-  if (packet.tailroom() >= kFrameWindow) [[likely]] {
+  if (hasWindow(packet)) [[likely]] {
     return frame;
   }
   const size_t available = bufferBytes(packet);
-  if (available >= kFrameWindow) {
-    return frame;
-  }
   std::memcpy(room, frame, available);
   std::memset(room + available, 0, kFrameWindow - available);
   return room;

@@ -236,45 +236,49 @@ void setVlanVid(bess::Packet* packet, uint16_t vid) {
   storeWord(tagged + kEthHeaderSize, vid);
 }
 
-// Tags are pushed and popped before anything else.
-[[gnu::noinline]] void rewriteTag(bess::Packet* packet,
-                                  const OfFlowAction& action) {
-  if (action.fields.popVlan) {
-    popVlan(packet);
-  }
-  if (action.fields.setVlanVid) {
-    setVlanVid(packet, action.values.vlanVid);
-  }
-}
-
-// For packets with little behind them. A frame that starts too near its
-// buffer's end is rewritten in a copy, of which is taken over what fits.
+// Of a frame that starts too near its buffer's end a copy is rewritten, and
+// what fits is taken over.
 [[gnu::noinline]] void rewriteNearEnd(bess::Packet* packet,
                                       const OfFlowAction& action,
                                       uint32_t bits) {
   auto* frame = packet->head_data<uint8_t*>();
   const size_t available = bufferBytes(*packet);
-  if (available >= kFrameWindow) {
-    rewriteHeaders(frame, action, bits);
-    return;
-  }
   uint8_t window[kFrameWindow] = {};
   std::memcpy(window, frame, available);
   rewriteHeaders(window, action, bits);
   std::memcpy(frame, window, available);
 }
 
-}  // namespace
-
-// Nothing but the usual case is in here: it needs no stack.
-void rewritePacket(bess::Packet* packet, const OfFlowAction& action) {
-  const uint32_t bits = actionBits(action);
-  if (bits & kRewriteTagBits) [[unlikely]] {
-    rewriteTag(packet, action);
-  }
-  if (packet->tailroom() >= kFrameWindow) [[likely]] {
+void rewriteBehindTag(bess::Packet* packet, const OfFlowAction& action,
+                      uint32_t bits) {
+  if (hasWindow(*packet)) [[likely]] {
     rewriteHeaders(packet->head_data<uint8_t*>(), action, bits);
   } else {
     rewriteNearEnd(packet, action, bits);
+  }
+}
+
+// A tag is popped, then another one set or pushed, before anything else.
+[[gnu::noinline]] void rewriteWithTag(bess::Packet* packet,
+                                      const OfFlowAction& action,
+                                      uint32_t bits) {
+  if (action.fields.popVlan) {
+    popVlan(packet);
+  }
+  if (action.fields.setVlanVid) {
+    setVlanVid(packet, action.values.vlanVid);
+  }
+  rewriteBehindTag(packet, action, bits);
+}
+
+}  // namespace
+
+// Calls that come last need no stack of this function's own.
+void rewritePacket(bess::Packet* packet, const OfFlowAction& action) {
+  const uint32_t bits = actionBits(action);
+  if (bits & kRewriteTagBits) [[unlikely]] {
+    rewriteWithTag(packet, action, bits);
+  } else {
+    rewriteBehindTag(packet, action, bits);
   }
 }
