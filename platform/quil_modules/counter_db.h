@@ -20,14 +20,14 @@ class alignas(64) WorkerCounters {
   // A counter that does not exist counts nothing.
   void add(uint32_t id, uint64_t n) { AddTo(counters_.get(), size_, id, n); }
 
-  // Adds to two counters, as one for packets and one for their bytes.
-  void add(uint32_t id1, uint64_t n1, uint32_t id2, uint64_t n2) {
+  // Adds 1 to counter `packets`, and a packet's length to counter `bytes`.
+  void countPacket(uint32_t packets, uint32_t bytes, uint64_t length) {
     // Read once: what an addition stores might be these, for all the compiler
     // knows.
     const uint32_t size = size_;
     std::atomic<uint64_t>* counters = counters_.get();
-    AddTo(counters, size, id1, n1);
-    AddTo(counters, size, id2, n2);
+    AddTo(counters, size, packets, 1);
+    AddTo(counters, size, bytes, length);
   }
 
   // Starts the load of a counter that is to be added to soon. Additions wait in

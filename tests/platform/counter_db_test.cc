@@ -39,6 +39,26 @@ TEST(WorkerCounters, CountsWhatExistsAndNothingElse) {
 }
 
 // There is memory behind the last one, up to the end of its line.
+TEST(WorkerCounters, CountAPacketAndItsBytes) {
+  WorkerCounters counters(8);
+  counters.countPacket(0, 7, 1500);
+  counters.countPacket(0, 7, 64);
+  EXPECT_EQ(counters.read(0), 2u);
+  EXPECT_EQ(counters.read(7), 1564u);
+  // Each of the two may be missing.
+  counters.countPacket(8, 1, 60);
+  EXPECT_EQ(counters.read(1), 60u);
+  counters.countPacket(2, 8, 60);
+  EXPECT_EQ(counters.read(2), 1u);
+  counters.countPacket(8, std::numeric_limits<uint32_t>::max(), 60);
+  // One counter for both counts both.
+  counters.countPacket(3, 3, 60);
+  EXPECT_EQ(counters.read(3), 61u);
+  for (const uint32_t id : {4, 5, 6}) {
+    EXPECT_EQ(counters.read(id), 0u);
+  }
+}
+
 TEST(WorkerCounters, EndBehindTheLastOne) {
   WorkerCounters counters(7);
   auto* behind = const_cast<std::atomic<uint64_t>*>(counters.data()) + 7;

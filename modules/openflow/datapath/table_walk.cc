@@ -193,15 +193,15 @@ void OpenFlow::processTableBatch(Context* ctx, uint8_t tableId,
       continue;
     }
     if (flowCounters != nullptr) [[likely]] {
-      flowCounters->add(action->packetCounterId, 1, action->byteCounterId,
-                        packet->total_len());
+      flowCounters->countPacket(action->packetCounterId, action->byteCounterId,
+                                packet->total_len());
     }
     const uint32_t bits = actionBits(*action);
     if (bits & kRewriteBits) [[unlikely]] {
       rewritePacket(packet, *action);
     }
-    // Most flows send to a list of gates, or on to a later table, and do
-    // nothing else.
+    // Most flows send to one gate, to a list of gates, or on to a later table,
+    // and do nothing else. The first have a way without jumps.
     const uint32_t outputs = bits & kOutputBits;
     if (outputs == kOutputPortBit) [[likely]] {
       outputPorts(ctx, packet, action->values, kNoGate);
