@@ -224,7 +224,7 @@ class alignas(64) Packet {
   // whether it has.
   static bool FreePlain(Packet* const* pkts, size_t cnt) {
     rte_mempool* pool = pkts[0]->mbuf_.pool;
-    // What is not as it has to be, of all of them.
+    // Gathered from all of them, and looked at once below.
     uint64_t shape = 0;
     uint64_t flags = 0;
     uintptr_t pools = 0;

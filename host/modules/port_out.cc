@@ -164,7 +164,8 @@ void PortOut::ProcessBatch(Context* ctx, PacketBatch* batch) {
 #pragma GCC unroll 4
   for (int i = 0; i < cnt; i++) {
     const auto len = static_cast<uint32_t>(pkts[i]->total_len());
-    // Shorter ones wrap around. Nothing is skipped: a jump would cost more.
+    // Below the header's length it wraps around and is too long. No &&, which
+    // would be a jump for each packet.
     plain &= len - Port::kHeaderLen <= longest_payload;
     plain &= pkts[i]->nb_segs() <= max_segments;
     bytes += len;
