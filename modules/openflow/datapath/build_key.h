@@ -152,6 +152,8 @@ inline void buildIpv6Key(const uint8_t* frame, const FrameL3& found,
 
 // Untagged, IPv4, without options.
 inline bool isPlainIpv4(const uint8_t* frame) {
+  // The type as it lies in the frame; the header's length, in words, is the
+  // lower half of the byte behind it.
   constexpr uint32_t kTypeAndLength = 0x0008 | 5u << 16;
   return (loadWord<uint32_t>(frame + kEthTypeOffset) & 0x000f'ffff) ==
          kTypeAndLength;
