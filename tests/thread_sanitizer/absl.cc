@@ -11,9 +11,9 @@
 
 #include <cstdint>
 
-#include "tests/thread_sanitizer/next.h"
+#include "tests/support/next_definition.h"
 
-using tsan_models::next;
+using openflow_test::next;
 
 namespace {
 

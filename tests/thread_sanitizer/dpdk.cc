@@ -11,11 +11,11 @@
 
 #include <array>
 
+#include "tests/support/next_definition.h"
 #include "tests/thread_sanitizer/ignore.h"
-#include "tests/thread_sanitizer/next.h"
 
+using openflow_test::next;
 using tsan_models::Ignore;
-using tsan_models::next;
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <string>
 #include <utility>
 
-#include "tests/thread_sanitizer/next.h"
+#include "tests/support/next_definition.h"
 
-using tsan_models::next;
+using openflow_test::next;
 
 namespace {
 

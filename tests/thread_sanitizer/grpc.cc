@@ -11,9 +11,9 @@
 #include <grpcpp/support/server_callback.h>
 #include <sanitizer/tsan_interface.h>
 
-#include "tests/thread_sanitizer/next.h"
+#include "tests/support/next_definition.h"
 
-using tsan_models::next;
+using openflow_test::next;
 
 namespace {
 

@@ -14,12 +14,12 @@
 #include <sanitizer/tsan_interface.h>
 #include <urcu-qsbr.h>
 
+#include "tests/support/next_definition.h"
 #include "tests/thread_sanitizer/ignore.h"
-#include "tests/thread_sanitizer/next.h"
 #include "tests/thread_sanitizer/pending.h"
 
+using openflow_test::next;
 using tsan_models::Ignore;
-using tsan_models::next;
 
 namespace {
 
