@@ -2,15 +2,18 @@
 """The switches: each is started on a capture and a flow file, forwards for a while on one core, and is stopped.
 
 What is counted is the processor time of the thread that forwards, in cycles of the time stamp counter, so that other
-programs on the machine disturb as little as they can.
+programs on the machine disturb as little as they can. Time and packets are those of one window in the middle, for every
+switch in the same way: what starting and stopping take is in neither.
 """
 import glob
+import json
 import os
 import re
 import subprocess
 import time
 
 START_TIMEOUT = 120
+WARM_UP = 0.3  # seconds
 
 
 def buffers(traffic):
@@ -36,6 +39,28 @@ def run_times(pid):
     return times
 
 
+class Reading:
+    """How far a switch is: the run time of its threads when `read_packets` told how many packets it has received.
+
+    Asking takes a moment in which the switch goes on, so that the run times are those in the middle of the question.
+    """
+
+    def __init__(self, pid, read_packets):
+        before = run_times(pid)
+        self.packets = read_packets()
+        after = run_times(pid)
+        self.run_times = {thread: (before.get(thread, time) + time) / 2 for thread, time in after.items()}
+
+
+def forward(pid, read_packets, seconds):
+    """Cycles that the forwarding thread, which is the busiest, takes in a while, and packets received meanwhile."""
+    first = Reading(pid, read_packets)
+    time.sleep(seconds)
+    last = Reading(pid, read_packets)
+    used = max(last.run_times[thread] - first.run_times.get(thread, 0) for thread in last.run_times)
+    return used * 1e-9 * tsc_hz(), last.packets - first.packets
+
+
 class Process:
     """A program whose output is read line by line."""
 
@@ -57,8 +82,9 @@ class Process:
         self.process.kill()
         raise Failure(f"{' '.join(self.process.args)}: no '{pattern}' in\n" + "".join(self.lines))
 
-    def busiest_run_time(self):
-        return max(run_times(self.process.pid).values())
+    def write(self, line):
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
 
     def stop(self):
         self.process.terminate()
@@ -93,17 +119,22 @@ class Ofswitch:
             out.write("\n".join(text) + "\n")
         return path
 
+    def received(self, folder):
+        ports = subprocess.run([f"{self.build}/switch/ofswitch", "ports", "--json", "--socket", f"{folder}/control.sock"],
+                               stdout=subprocess.PIPE, text=True, check=True)
+        return sum(port["rxPackets"] for port in json.loads(ports.stdout))
+
     def measure(self, folder, capture, traffic, seconds):
-        """Cycles used, packets received and packets sent in one run."""
+        """Cycles used and packets received in a while, and packets sent for each one received in the whole run."""
         config = self.config(folder, capture, traffic)
         running = Process([f"{self.build}/switch/ofswitch", "run", "-c", config])
         running.wait_for(r"^running:")
-        time.sleep(seconds)
-        used = running.busiest_run_time()
+        time.sleep(WARM_UP)
+        cycles, packets = forward(running.process.pid, lambda: self.received(folder), seconds)
         running.stop()
         found = running.wait_for(r"^stopped: (\d+) packets? received, (\d+) sent")
         running.process.wait()
-        return used * 1e-9 * tsc_hz(), int(found[1]), int(found[2])
+        return cycles, packets, int(found[2]) / int(found[1])
 
 
 class Testpmd:
@@ -123,14 +154,17 @@ class Testpmd:
             ["stdbuf", "-oL", "dpdk-testpmd", "-l", f"{other},{self.core}", "--no-pci", "--no-telemetry",
              "-m", str(self.memory_mb), *memory,
              "--vdev", f"net_pcap0,rx_pcap={capture},infinite_rx=1", "--vdev", "net_null0,no-rx=1",
-             "--", "--total-num-mbufs", str(buffers(traffic)), "--no-flush-rx", "--forward-mode=io",
-             "--auto-start"])
-        running.wait_for(r"[Pp]ress enter to exit")
-        time.sleep(seconds)
-        used = running.busiest_run_time()
-        running.process.stdin.write("\n")
-        running.process.stdin.close()
-        found = running.wait_for(r"RX-packets:\s*(\d+)")
+             "--", "--total-num-mbufs", str(buffers(traffic)), "--no-flush-rx", "--forward-mode=io", "--interactive"])
+
+        def received():
+            running.write("show port stats 0")
+            return int(running.wait_for(r"RX-packets:\s*(\d+)")[1])
+
+        running.write("start")
+        running.wait_for(r"io packet forwarding")
+        time.sleep(WARM_UP)
+        cycles, packets = forward(running.process.pid, received, seconds)
+        running.write("quit")
         running.process.stdout.read()
         running.process.wait()
-        return used * 1e-9 * tsc_hz(), int(found[1]), None  # one port alone, whatever the scenario
+        return cycles, packets, None  # one port alone, whatever the scenario
