@@ -12,6 +12,7 @@ namespace {
 using quil::pb::OpenFlowAddFlow;
 
 constexpr uint32_t kIpv4 = 0x0800;
+constexpr uint32_t kIpv6 = 0x86dd;
 constexpr uint32_t kTcp = 6;
 constexpr uint32_t kUdp = 17;
 
@@ -68,6 +69,12 @@ class Match {
     values_.set_ipv4dst(address & mask(length));
     values_.set_ipv4dstmask(mask(length));
   }
+  void ipv6Destination(uint64_t network, unsigned length) {
+    fields_.set_ipv6dst(true);
+    const uint64_t bits = length == 0 ? 0 : ~uint64_t{0} << (64 - length);
+    values_.set_ipv6dst(ipv6(network & bits));
+    values_.set_ipv6dstmask(ipv6(bits));
+  }
   void sourcePort(uint32_t port) {
     fields_.set_l4srcport(true);
     values_.set_l4srcport(port);
@@ -87,6 +94,14 @@ class Match {
                                 : std::string("\x02\x50\x56", 3);
     for (const unsigned shift : {16, 8, 0}) {
       bytes.push_back(static_cast<char>(low >> shift));
+    }
+    return bytes;
+  }
+  // The address with these upper bits and no lower ones.
+  static std::string ipv6(uint64_t upper) {
+    std::string bytes(16, '\0');
+    for (size_t i = 0; i < 8; i++) {
+      bytes[i] = static_cast<char>(upper >> (56 - 8 * i));
     }
     return bytes;
   }
@@ -127,6 +142,17 @@ void makePrefix(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
   Match match(flow);
   match.ethType(kIpv4);
   match.destination(dice.bits(), length);
+  flow->set_priority(length);
+}
+
+// Mostly sites of 48 bits, then providers' networks.
+void makeIpv6Prefix(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
+  Dice dice(seed, i);
+  const unsigned length = dice.below(2) == 0 ? 48 : 32 + dice.below(16);
+  const uint64_t upper = 0x20000000 | dice.bits() >> 3;
+  Match match(flow);
+  match.ethType(kIpv6);
+  match.ipv6Destination(upper << 32 | dice.bits(), length);
   flow->set_priority(length);
 }
 
@@ -207,6 +233,12 @@ const FlowKind& flowKind(const std::string& name) {
     if (kind.name == name) return kind;
   }
   throw std::invalid_argument("no kind of flows is called " + name);
+}
+
+const FlowKind& ipv6Prefixes() {
+  static const FlowKind kind = {"prefixes6", "IPv6 destination prefixes",
+                                makeIpv6Prefix};
+  return kind;
 }
 
 std::vector<OpenFlowAddFlow> makeFlows(const FlowKind& kind, uint32_t count,

@@ -29,6 +29,9 @@ struct FlowKind {
 const std::vector<FlowKind>& flowKinds();
 const FlowKind& flowKind(const std::string& name);
 
+// Destinations of an IPv6 routing table, for what is of one family only.
+const FlowKind& ipv6Prefixes();
+
 // `count` flows with identifiers from 1, outputs to gate 2, and counters.
 std::vector<quil::pb::OpenFlowAddFlow> makeFlows(const FlowKind& kind,
                                                  uint32_t count,
