@@ -115,6 +115,11 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
 
   const QuilModules::AclCtx* slot4 = rcu_dereference(table.ipv4.aclCtx);
   const QuilModules::AclCtx* slot6 = rcu_dereference(table.ipv6.aclCtx);
+  // What leads to the classifiers is asked for as soon as it is known, so that
+  // both families' arrive at the same time, the classifiers themselves while
+  // the keys are built.
+  rte_prefetch0(slot4);
+  rte_prefetch0(slot6);
   if (slot4 == nullptr || slot6 == nullptr) [[unlikely]] {
     countEvent(table.counters[kNoAclCtx]);
     return -1;
@@ -123,11 +128,12 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
   // together. Pairs with the rcu_xchg_pointer of updateAclCtx.
   const QuilModules::AclCtxData* data4 = rcu_dereference(slot4->data);
   const QuilModules::AclCtxData* data6 = rcu_dereference(slot6->data);
+  rte_prefetch0(data4);
+  rte_prefetch0(data6);
   if (data4 == nullptr && data6 == nullptr) [[unlikely]] {
     countEvent(table.counters[kNoClassifier]);
     return -1;
   }
-  // The classifiers arrive while the keys are built.
   if (data4 != nullptr) {
     rte_prefetch0(data4->ctx);
   }
