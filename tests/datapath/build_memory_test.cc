@@ -7,6 +7,7 @@
 #include <rte_lcore.h>
 #include <rte_malloc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <random>
@@ -64,10 +65,14 @@ class BuildMemory : public DataPath {
   }
 };
 
+// How the five-tuples of a flow set name where packets come from.
+enum class Sources { kAddresses, kEveryOtherOpen };
+
 // In one table: the five-tuples leave the MAC open, so that packets of every
-// known MAC may match them, and the trie has them all below each MAC.
-quil::pb::OpenFlowUpdateFlowsArg macsAndFiveTuples(int numMacs,
-                                                   int numFiveTuples) {
+// known MAC may match them, and the trie has them all below each MAC, with
+// twelve nodes for each. Those of any source lie below each source, too.
+quil::pb::OpenFlowUpdateFlowsArg macsAndFiveTuples(
+    int numMacs, int numFiveTuples, Sources sources = Sources::kAddresses) {
   std::mt19937 random(1);
   quil::pb::OpenFlowUpdateFlowsArg arg;
   uint32_t id = 100;
@@ -79,15 +84,17 @@ quil::pb::OpenFlowUpdateFlowsArg macsAndFiveTuples(int numMacs,
     *arg.add_adds() = Flow(++id, 1000).ethDst(mac).output({3}).message();
   }
   for (int i = 0; i < numFiveTuples; i++) {
-    *arg.add_adds() = Flow(++id, 2000 + static_cast<uint32_t>(random() % 1000))
-                          .ethType(0x0800)
-                          .ipProto(6)
-                          .ipv4Src(static_cast<uint32_t>(random()))
-                          .ipv4Dst(static_cast<uint32_t>(random()))
-                          .l4SrcPort(random() & 0xffff)
-                          .l4DstPort(random() & 0xffff)
-                          .output({4})
-                          .message();
+    Flow flow(++id, 2000 + static_cast<uint32_t>(random() % 1000));
+    if (sources == Sources::kAddresses || i % 2 == 1) {
+      flow.ipv4Src(static_cast<uint32_t>(random()));
+    }
+    flow.ethType(0x0800)
+        .ipProto(6)
+        .ipv4Dst(static_cast<uint32_t>(random()))
+        .l4SrcPort(random() & 0xffff)
+        .l4DstPort(random() & 0xffff)
+        .output({4});
+    *arg.add_adds() = flow.message();
   }
   return arg;
 }
@@ -144,12 +151,20 @@ TEST_F(BuildMemory, ALimitIsInForce) {
   EXPECT_EQ(memory.limit, Dpdk::aclBuildLimit());
 }
 
-TEST_F(BuildMemory, TooBigABuildFailsUnderTraffic) {
+constexpr int kMacs = 2000;
+
+class ExplosiveSet : public BuildMemory,
+                     public testing::WithParamInterface<int> {};
+
+TEST_P(ExplosiveSet, TooBigABuildFailsUnderTraffic) {
+  const int numFiveTuples = GetParam();
+  const auto numFlows = static_cast<uint32_t>(kMacs + numFiveTuples + 1);
   add(0, {Flow(1, 10).output({1})});
-  const auto explosive = macsAndFiveTuples(2000, 40);
+  const auto explosive = macsAndFiveTuples(kMacs, numFiveTuples);
   Traffic traffic(&harness());
   traffic.awaitBatch();
   const size_t before = residentBytes();
+  const uint64_t failuresBefore = harness().stats(0).aclbuildfailures();
 
   unsigned builds = 0;
   uint64_t batchesMeanwhile = 0;
@@ -183,19 +198,65 @@ TEST_F(BuildMemory, TooBigABuildFailsUnderTraffic) {
   if (kFreedMemoryIsGone) {
     EXPECT_LT(residentBytes(), before + 32 * kMb);
   }
-  EXPECT_EQ(harness().stats(0).aclbuildfailures(), builds);
-  EXPECT_EQ(harness().stats(0).numflows(), 2041u) << "the store has changed";
+  EXPECT_EQ(harness().stats(0).aclbuildfailures(), failuresBefore + builds);
+  EXPECT_EQ(harness().stats(0).numflows(), numFlows) << "the store has changed";
   traffic.awaitBatch();
 
   // Without the five-tuples it is a harmless set.
   quil::pb::OpenFlowUpdateFlowsArg cure = removalOf(explosive);
-  cure.mutable_deletes()->DeleteSubrange(0, 2000);
+  cure.mutable_deletes()->DeleteSubrange(0, kMacs);
   EXPECT_EQ(harness().updateFlows(cure).error().code(), 0);
   EXPECT_FALSE(Dpdk::lastAclBuild().refused);
-  EXPECT_EQ(harness().stats(0).numflows(), 2001u);
+  EXPECT_EQ(harness().stats(0).numflows(), kMacs + 1u);
   traffic.awaitBatch();
   EXPECT_EQ(harness().updateFlows(removalOf(explosive)).error().code(), 0);
   EXPECT_EQ(harness().stats(0).numflows(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(FiveTuples, ExplosiveSet, testing::Values(30, 40, 50),
+                         testing::PrintToStringParamName());
+
+// A packet of a five-tuple, from an address of its own where that is open.
+Frame packetOf(const quil::pb::OpenFlowAddFlow& flow, const Mac& dst) {
+  const quil::pb::OfMatchValues& match = flow.match().values();
+  return Frame::eth(dst)
+      .ipv4(flow.match().fields().ipv4src() ? match.ipv4src() : kIpA,
+            match.ipv4dst())
+      .tcp(static_cast<uint16_t>(match.l4srcport()),
+           static_cast<uint16_t>(match.l4dstport()));
+}
+
+// The five-tuples take more nodes below a MAC than a trie may grow by for one
+// flow: the MACs get another trie.
+TEST_F(BuildMemory, ASetThatIsSplitBuildsUnderTraffic) {
+  add(0, {Flow(1, 10).output({1})});
+  const auto split = macsAndFiveTuples(kMacs, 50, Sources::kEveryOtherOpen);
+  {
+    Traffic traffic(&harness());
+    traffic.awaitBatch();
+    const Limit limit(256 * kMb);
+    update(split);
+    traffic.awaitBatch();
+  }
+  EXPECT_FALSE(Dpdk::lastAclBuild().refused);
+  EXPECT_LT(Dpdk::lastAclBuild().peak, 64 * kMb);
+  EXPECT_EQ(harness().stats(0).numflows(), kMacs + 51u);
+
+  std::vector<InputPacket> packets;
+  Mac known = {};
+  for (const int i : {0, 999, 1999}) {
+    std::ranges::copy(split.adds(i).match().values().ethdst(), known.begin());
+    packets.emplace_back(Frame::eth(known).ipv4(kIpA, kIpB).tcp(7, 80));
+  }
+  for (const int i : {2000, 2001, 2048, 2049}) {
+    packets.emplace_back(packetOf(split.adds(i), kDstMac));
+    packets.emplace_back(packetOf(split.adds(i), known));
+  }
+  packets.emplace_back(tcpFrame());
+  const RunResult result = run(packets);
+  EXPECT_EQ(result.gate(3).size(), 3u);
+  EXPECT_EQ(result.gate(4).size(), 8u);
+  EXPECT_EQ(result.gate(1).size(), 1u);
 }
 
 // What the module has allocated in DPDK's heap.
