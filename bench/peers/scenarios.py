@@ -38,11 +38,14 @@ def one_flow(actions, outputs):
     return make
 
 
-def flows_of(kind, count, microflows, actions=("output:2",)):
+def flows_of(kind, count, microflows, actions=("output:2",), narrow_first=False):
     """Rules of a kind, the same ones in each of as many tables as there are actions: a packet finds one everywhere. They
-    may overlap, so each has a priority of its own: the first drawn wins."""
+    may overlap, so each has a priority of its own: the first drawn wins, or the narrower one, as filters are written.
+    (Else a rule for everything would hide all those that are drawn after it.)"""
     def make(rng):
         drawn = rules.draw(rng, kind, count)
+        if narrow_first:
+            drawn.sort(key=rules.Rule.fixed_bits, reverse=True)
         flows = [rule.flow(table_actions, table, count - i)
                  for table, table_actions in enumerate(actions) for i, rule in enumerate(drawn)]
         return Traffic(flows, [rng.choice(drawn).frame(rng) for _ in range(microflows)])
@@ -60,10 +63,10 @@ SCENARIOS = [
              flows_of(rules.prefix_or_port, 1000, 100000, ["goto_table:1", "goto_table:2", "output:2"])),
     Scenario("S7", "flood to three ports", one_flow("flood", (2, 3, 4))),
     Scenario("R1", "S3 with rules to one service each", flows_of(rules.service, 1000, 100000)),
-    Scenario("R2", "S3 with ACL-like rules", flows_of(rules.acl, 1000, 100000)),
-    Scenario("R3", "S3 with firewall-like rules", flows_of(rules.firewall, 1000, 100000)),
-    Scenario("R4", "S3 with IPC-like rules", flows_of(rules.ipc, 1000, 100000)),
-    Scenario("R5", "S3 with rules by MAC, source and port", flows_of(rules.host, 1000, 100000)),
+    Scenario("R2", "S3 with ACL-like rules", flows_of(rules.acl, 1000, 100000, narrow_first=True)),
+    Scenario("R3", "S3 with firewall-like rules", flows_of(rules.firewall, 1000, 100000, narrow_first=True)),
+    Scenario("R4", "S3 with IPC-like rules", flows_of(rules.ipc, 1000, 100000, narrow_first=True)),
+    Scenario("R5", "S3 with rules by MAC, source and port", flows_of(rules.host, 1000, 100000, narrow_first=True)),
 ]
 
 
