@@ -13,6 +13,7 @@ using quil::pb::OpenFlowAddFlow;
 
 constexpr uint32_t kIpv4 = 0x0800;
 constexpr uint32_t kIpv6 = 0x86dd;
+constexpr uint32_t kIcmp = 1;
 constexpr uint32_t kTcp = 6;
 constexpr uint32_t kUdp = 17;
 
@@ -183,6 +184,26 @@ void makeFirewall(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
   flow->set_priority(1 + i);
 }
 
+void makeIpc(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
+  Dice dice(seed, i);
+  constexpr std::array<unsigned, 8> kLengths = {8, 16, 24, 24, 28, 32, 32, 32};
+  const auto length = [&] { return kLengths[dice.below(kLengths.size())]; };
+  Match match(flow);
+  match.ethType(kIpv4);
+  const bool fromAnywhere = dice.oneIn(6);
+  if (!fromAnywhere) match.source(dice.bits(), length());
+  if (fromAnywhere || !dice.oneIn(6)) match.destination(dice.bits(), length());
+  const uint32_t roll = dice.below(100);
+  if (roll < 75) {
+    match.ipProto(roll < 50 ? kTcp : kUdp);
+    if (!dice.oneIn(3)) match.destinationPort(service(dice));
+    if (dice.oneIn(4)) match.sourcePort(service(dice));
+  } else if (roll < 85) {
+    match.ipProto(kIcmp);
+  }
+  flow->set_priority(1 + i);
+}
+
 void makeMac(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
   Dice dice(seed, i);
   Match(flow).ethDst(dice.bits());
@@ -221,6 +242,7 @@ const std::vector<FlowKind>& flowKinds() {
       {"prefixes", "destination prefixes", makePrefix},
       {"acl", "ACL-like: prefix to prefix, service", makeAcl},
       {"firewall", "firewall-like: anywhere to host, service", makeFirewall},
+      {"ipc", "IPC-like: host or net to host or net, services", makeIpc},
       {"macs", "destination MACs", makeMac},
       {"mixed", "any fields of L2 to L4, EtherType set", makeMixed},
       {"open", "MACs with EtherType open, five-tuples", makeOpen},

@@ -23,6 +23,8 @@ struct FlowKind {
 //   prefixes   destinations of a routing table, priority by prefix length
 //   acl        prefix to prefix and a service, as routers filter
 //   firewall   from anywhere or a few large nets to hosts and services
+//   ipc        host or net to host or net, one of them anywhere at times, and
+//              services at both ends, as in chains of a host's packet filter
 //   macs       destination MACs, EtherType open
 //   mixed      any few fields of layers 2 to 4, EtherType always set
 //   open       nine in ten MACs with EtherType open, one in ten five-tuples
