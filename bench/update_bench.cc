@@ -98,7 +98,7 @@ void registerAll() {
     add("change", change, 10000, 7);
     add("load", load, 1000, 15);
     add("load", load, 10000, 7);
-    add("load", load, 100000, 2);
+    add("load", load, 100000, 5);  // two minutes or less
   }
 }
 
