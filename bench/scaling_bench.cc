@@ -11,7 +11,8 @@
 //                   and sends to one of its own; the device makes packets out
 //                   of nothing
 //   queueToQueue    the same without the module: what device and machine make
-//                   of two
+//                   of two; the device counts every burst with a locked
+//                   addition, on cache lines that neighbouring queues share
 #include <benchmark/benchmark.h>
 
 #include <array>
