@@ -38,52 +38,67 @@ class Match {
         values_(*flow->mutable_match()->mutable_values()) {}
 
   void ethType(uint32_t type) {
+    fixedBits_ += 16;
     fields_.set_ethtype(true);
     values_.set_ethtype(type);
   }
   void ipProto(uint32_t proto) {
+    fixedBits_ += 8;
     fields_.set_ipproto(true);
     values_.set_ipproto(proto);
   }
   void ethDst(uint32_t low) {
+    fixedBits_ += 48;
     fields_.set_ethdst(true);
     values_.set_ethdst(mac(low));
     values_.set_ethdstmask(std::string(6, '\xff'));
   }
   void ethSrc(uint32_t low) {
+    fixedBits_ += 48;
     fields_.set_ethsrc(true);
     values_.set_ethsrc(mac(low));
     values_.set_ethsrcmask(std::string(6, '\xff'));
   }
   void vlan(uint32_t vid) {
+    fixedBits_ += 12;
     fields_.set_vlanvid(true);
     values_.set_vlanvid(vid);
     values_.set_vlanvidmask(0x0fff);
   }
   void source(uint32_t address, unsigned length) {
+    fixedBits_ += length;
     fields_.set_ipv4src(true);
     values_.set_ipv4src(address & mask(length));
     values_.set_ipv4srcmask(mask(length));
   }
   void destination(uint32_t address, unsigned length) {
+    fixedBits_ += length;
     fields_.set_ipv4dst(true);
     values_.set_ipv4dst(address & mask(length));
     values_.set_ipv4dstmask(mask(length));
   }
   void ipv6Destination(uint64_t network, unsigned length) {
+    fixedBits_ += length;
     fields_.set_ipv6dst(true);
     const uint64_t bits = length == 0 ? 0 : ~uint64_t{0} << (64 - length);
     values_.set_ipv6dst(ipv6(network & bits));
     values_.set_ipv6dstmask(ipv6(bits));
   }
   void sourcePort(uint32_t port) {
+    fixedBits_ += 16;
     fields_.set_l4srcport(true);
     values_.set_l4srcport(port);
   }
   void destinationPort(uint32_t port) {
+    fixedBits_ += 16;
     fields_.set_l4dstport(true);
     values_.set_l4dstport(port);
   }
+
+  // Of flow number `i` in a set whose wider flows are behind the narrower
+  // ones, as people write filters: else one that matches everything would hide
+  // all flows before it, and the classifier leave them out.
+  uint32_t narrowFirst(uint32_t i) const { return fixedBits_ << 17 | i; }
 
  private:
   static uint32_t mask(unsigned length) {
@@ -109,6 +124,7 @@ class Match {
 
   quil::pb::OfMatchFields& fields_;
   quil::pb::OfMatchValues& values_;
+  uint32_t fixedBits_ = 0;
 };
 
 // A prefix length as frequent as in routing tables: mostly /24, then /16 to
@@ -167,7 +183,7 @@ void makeAcl(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
     match.ipProto(dice.oneIn(4) ? kUdp : kTcp);
     if (!dice.oneIn(5)) match.destinationPort(service(dice));
   }
-  flow->set_priority(1 + i);
+  flow->set_priority(match.narrowFirst(i));
 }
 
 void makeFirewall(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
@@ -181,7 +197,7 @@ void makeFirewall(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
     match.destinationPort(dice.oneIn(2) ? service(dice) : dice.below(65536));
     if (dice.oneIn(8)) match.sourcePort(service(dice));
   }
-  flow->set_priority(1 + i);
+  flow->set_priority(match.narrowFirst(i));
 }
 
 void makeIpc(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
@@ -201,7 +217,7 @@ void makeIpc(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
   } else if (roll < 85) {
     match.ipProto(kIcmp);
   }
-  flow->set_priority(1 + i);
+  flow->set_priority(match.narrowFirst(i));
 }
 
 void makeMac(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
@@ -223,7 +239,7 @@ void makeMixed(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
     match.ipProto(kTcp);
     if (dice.oneIn(2)) match.destinationPort(service(dice));
   }
-  flow->set_priority(1 + dice.below(30000));
+  flow->set_priority(match.narrowFirst(i));
 }
 
 void makeOpen(uint32_t seed, uint32_t i, OpenFlowAddFlow* flow) {
