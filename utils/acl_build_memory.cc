@@ -87,7 +87,9 @@ void* AclBuildScope::countedCalloc(size_t count, size_t size) {
     memory.refused = true;
     return nullptr;
   }
-  return scope->map(bytes);
+  void* block = scope->map(bytes);
+  if (block == nullptr) memory.starved = true;
+  return block;
 }
 
 // The library gives back during the build whatever it took there.

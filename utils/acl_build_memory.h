@@ -48,11 +48,13 @@ size_t aclBuildLimitFor(size_t available);
 bool aclBuildsAreLimited();
 
 // What a build took, in bytes at its peak; `refused` is whether it
-// asked for more than the limit, and so failed.
+// asked for more than the limit, and so failed; `starved`, whether it asked for
+// more than the system had, within the limit.
 struct AclBuildMemory {
   size_t peak = 0;
   size_t limit = 0;
   bool refused = false;
+  bool starved = false;
 };
 
 // The build that ended last, on whatever thread.

@@ -11,6 +11,7 @@
 #include "plugin.h"
 #include "switch/flow/update_batch.h"
 #include "switch/replay/require.h"
+#include "utils/acl_build_memory.h"
 
 namespace ofswitch {
 namespace {
@@ -66,7 +67,7 @@ quil::pb::OpenFlowGetStatsRespArg tableStats(uint32_t table) {
 UpdateAnswer updateTable(const TableUpdate& update, Sender sender,
                          const MemorySettings& settings) {
   const quil::pb::OpenFlowGetStatsRespArg before = tableStats(update.tableid());
-  // What DPDK says of a failure is in the answer.
+  // What DPDK says of a failure is part of the answer.
   const bess::DpdkLogCapture log;
   if (std::string missing = missingRoom(update, before, sender, settings);
       !missing.empty()) {
@@ -75,9 +76,9 @@ UpdateAnswer updateTable(const TableUpdate& update, Sender sender,
   const CommandResponse response =
       bess::RunModuleCommand(kModuleName, "updateFlows", packed(update));
   if (response.error().code() == 0) return {};
-  return {
-      updateFailure(response, before, tableStats(update.tableid()), settings),
-      response.error().code() != -ENOMEM};
+  const FailedUpdate failed = {response, before, tableStats(update.tableid()),
+                               Dpdk::lastAclBuild(), log.Summary()};
+  return {updateFailure(failed, settings), response.error().code() != -ENOMEM};
 }
 
 CommandResponse applyCommand(const PolicyCommand& one) {

@@ -3,26 +3,42 @@
 
 #include <fmt/format.h>
 
-#include "utils/acl_build_memory.h"
-
 namespace ofswitch {
+namespace {
 
-std::string updateFailure(const CommandResponse& response,
-                          const quil::pb::OpenFlowGetStatsRespArg& before,
-                          const quil::pb::OpenFlowGetStatsRespArg& after,
-                          const MemorySettings& settings) {
-  if (after.aclbuildfailures() > before.aclbuildfailures()) {
-    const Dpdk::AclBuildMemory build = Dpdk::lastAclBuild();
-    if (build.refused) {
-      return fmt::format(
-          "its classifier needs more than {} MB to build ({}): fields that "
-          "some flows leave open and others fix multiply, see "
-          "docs/flow-sets.md",
-          build.limit >> 20, settings.builds);
-    }
+// The library answers that it has no memory whatever the reason.
+std::string buildFailure(const FailedUpdate& update,
+                         const MemorySettings& settings) {
+  const Dpdk::AclBuildMemory& build = update.build;
+  if (build.refused) {
     return fmt::format(
-        "its classifier could not be built, usually for lack of memory ({})",
-        settings.memory);
+        "its classifier needs more than {} MB to build ({}): fields that "
+        "some flows leave open and others fix multiply, see "
+        "docs/flow-sets.md",
+        build.limit >> 20, settings.builds);
+  }
+  if (build.starved) {
+    return fmt::format(
+        "its classifier needs more than {} MB to build, and the system has no "
+        "more memory",
+        build.peak >> 20);
+  }
+  return fmt::format(
+      "its classifier could not be built{}: either DPDK's memory has no room "
+      "for it ({}), or its flows need more tries than a classifier can have "
+      "and belong into more tables, see docs/flow-sets.md",
+      update.log.empty() ? "" : fmt::format(" ({})", update.log),
+      settings.memory);
+}
+
+}  // namespace
+
+std::string updateFailure(const FailedUpdate& update,
+                          const MemorySettings& settings) {
+  const quil::pb::OpenFlowGetStatsRespArg& before = update.before;
+  const quil::pb::OpenFlowGetStatsRespArg& after = update.after;
+  if (after.aclbuildfailures() > before.aclbuildfailures()) {
+    return buildFailure(update, settings);
   }
   if (after.acladdrulesfailures() > before.acladdrulesfailures()) {
     return "the classifier library refused its flows";
@@ -35,8 +51,8 @@ std::string updateFailure(const CommandResponse& response,
     return fmt::format("there is no memory for its flows ({})",
                        settings.memory);
   }
-  return fmt::format("{} (code {})", response.error().errmsg(),
-                     response.error().code());
+  return fmt::format("{} (code {})", update.response.error().errmsg(),
+                     update.response.error().code());
 }
 
 }  // namespace ofswitch

@@ -5,6 +5,7 @@
 
 #include "message.h"
 #include "openflow.pb.h"
+#include "utils/acl_build_memory.h"
 
 namespace ofswitch {
 
@@ -14,12 +15,19 @@ struct MemorySettings {
   const char* builds;  // of building classifiers
 };
 
-// Why an update of a table has failed. The module answers only that it did: its
-// counters, of before and after, tell where, and the library's bookkeeping what
-// a build took. To be asked before another build.
-std::string updateFailure(const CommandResponse& response,
-                          const quil::pb::OpenFlowGetStatsRespArg& before,
-                          const quil::pb::OpenFlowGetStatsRespArg& after,
+// An update of a table that has failed. The module answers only that it did:
+// its counters tell where, the bookkeeping what the last build took, and DPDK
+// what it thinks of it.
+struct FailedUpdate {
+  CommandResponse response;
+  quil::pb::OpenFlowGetStatsRespArg before;
+  quil::pb::OpenFlowGetStatsRespArg after;
+  Dpdk::AclBuildMemory build;
+  std::string log;  // in one line; may be empty
+};
+
+// Why it has failed, and what would help.
+std::string updateFailure(const FailedUpdate& update,
                           const MemorySettings& settings);
 
 }  // namespace ofswitch

@@ -17,6 +17,7 @@
 #include "tests/switch/live_bench.h"
 #include "tests/switch/live_policy.h"
 #include "tests/switch/refuse_build.h"
+#include "tests/switch/too_many_tries.h"
 #include "utils/acl_build_memory.h"
 
 namespace ofswitch {
@@ -149,8 +150,10 @@ TEST(LiveChanges, FailedBuildChangesNothingForPackets) {
       "table=4,tcp,tp_dst=80,priority=60,actions=drop\n");
   EXPECT_FALSE(reply.applied());
   EXPECT_EQ(reply.failure(),
-            "table 0 IPv4: its classifier could not be built, usually for lack "
-            "of memory (memory.mb); all flows are as they were");
+            "table 0 IPv4: its classifier could not be built: either DPDK's "
+            "memory has no room for it (memory.mb), or its flows need more "
+            "tries than a classifier can have and belong into more tables, see "
+            "docs/flow-sets.md; all flows are as they were");
   ASSERT_EQ(reply.builds_size(), 4);
   EXPECT_TRUE(reply.builds(2).is_inverse());
   const std::vector<pb::FlowEntry> after = bench.entries();
@@ -220,6 +223,27 @@ TEST(LiveChanges, ABuildBeyondItsMemoryIsRefused) {
             "table 0 IPv4: its classifier needs more than 64 MB to build "
             "(memory.build_mb): fields that some flows leave open and others "
             "fix multiply, see docs/flow-sets.md; all flows are as they were");
+  EXPECT_THAT(bench.entries(), SizeIs(before.size()));
+  bench.receive(1, tcpTo(80), 4);
+  EXPECT_EQ(bench.settled().packets_sent(), 4);
+  EXPECT_TRUE(bench.add("table=0,udp,actions=drop").applied());
+}
+
+TEST(LiveChanges, FlowsOfMoreTriesThanThereAreAreRefused) {
+  LiveBench bench({.flows = kPolicy, .counters = 16384});
+  const std::vector<pb::FlowEntry> before = bench.entries();
+  const RefuseBuild nobody(1000);  // but the leak checker must not look
+  const pb::FlowChangeReply reply =
+      bench.add(openflow_test::flowsOfTooManyTries());
+  EXPECT_EQ(reply.refusals_size(), 0);
+  EXPECT_FALSE(reply.applied());
+  EXPECT_THAT(
+      reply.failure(),
+      HasSubstr("table 0 IPv6: its classifier could not be built (ACL: "
+                "Exceeded max number of tries: 8): either DPDK's memory has no "
+                "room for it (memory.mb), or its flows need more tries than a "
+                "classifier can have and belong into more tables, see "
+                "docs/flow-sets.md; all flows are as they were"));
   EXPECT_THAT(bench.entries(), SizeIs(before.size()));
   bench.receive(1, tcpTo(80), 4);
   EXPECT_EQ(bench.settled().packets_sent(), 4);

@@ -122,7 +122,9 @@ TEST_F(LiveStart, TellsThatItsFlowsCannotBeBuilt) {
   EXPECT_EQ(startError(),
             (dir_ / "a.txt").string() +
                 ": the flows cannot be loaded: table 0 IPv4: its classifier "
-                "could not be built, usually for lack of memory (memory.mb); "
+                "could not be built: either DPDK's memory has no room for it "
+                "(memory.mb), or its flows need more tries than a classifier "
+                "can have and belong into more tables, see docs/flow-sets.md; "
                 "all flows are as they were");
   config_.flowFiles.clear();
   EXPECT_EQ(startError(), "");

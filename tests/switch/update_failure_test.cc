@@ -12,13 +12,16 @@ using Stats = quil::pb::OpenFlowGetStatsRespArg;
 
 constexpr MemorySettings kSettings = {"mem", "builds"};
 
-std::string textOf(const Stats& after) {
-  CommandResponse response;
-  response.mutable_error()->set_code(-12);
-  response.mutable_error()->set_errmsg("Failed to update flows");
-  Stats before;
-  before.set_updatefailures(4);
-  return updateFailure(response, before, after, kSettings);
+std::string textOf(const Stats& after, const Dpdk::AclBuildMemory& build = {},
+                   const std::string& log = "") {
+  FailedUpdate update;
+  update.response.mutable_error()->set_code(-12);
+  update.response.mutable_error()->set_errmsg("Failed to update flows");
+  update.before.set_updatefailures(4);
+  update.after = after;
+  update.build = build;
+  update.log = log;
+  return updateFailure(update, kSettings);
 }
 
 // Every failure counts as one of the update, too.
@@ -29,10 +32,6 @@ Stats failed() {
 }
 
 TEST(UpdateFailure, SaysWhichStepFailed) {
-  {
-    // The last build was not refused.
-    const Dpdk::AclBuildScope build;
-  }
   Stats stats = failed();
   EXPECT_EQ(textOf(stats), "there is no memory for its flows (mem)");
   stats.set_aclcreatefailures(1);
@@ -40,11 +39,34 @@ TEST(UpdateFailure, SaysWhichStepFailed) {
   stats = failed();
   stats.set_acladdrulesfailures(1);
   EXPECT_EQ(textOf(stats), "the classifier library refused its flows");
-  stats = failed();
+}
+
+TEST(UpdateFailure, SaysWhatIsKnownOfTheBuild) {
+  constexpr size_t kMb = size_t{1} << 20;
+  Stats stats = failed();
   stats.set_aclbuildfailures(1);
-  EXPECT_EQ(textOf(stats),
-            "its classifier could not be built, usually for lack of memory "
-            "(mem)");
+  EXPECT_EQ(textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb}),
+            "its classifier could not be built: either DPDK's memory has no "
+            "room for it (mem), or its flows need more tries than a classifier "
+            "can have and belong into more tables, see docs/flow-sets.md");
+  EXPECT_EQ(
+      textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb},
+             "ACL: Exceeded max number of tries: 8"),
+      "its classifier could not be built (ACL: Exceeded max number of tries: "
+      "8): either DPDK's memory has no room for it (mem), or its flows need "
+      "more tries than a classifier can have and belong into more tables, see "
+      "docs/flow-sets.md");
+  EXPECT_EQ(
+      textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb, .refused = true},
+             "MALLOC: tb_pool(8388608)"),
+      "its classifier needs more than 64 MB to build (builds): fields "
+      "that some flows leave open and others fix multiply, see "
+      "docs/flow-sets.md");
+  EXPECT_EQ(
+      textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb, .starved = true},
+             "MALLOC: tb_pool(8388608)"),
+      "its classifier needs more than 48 MB to build, and the system has "
+      "no more memory");
 }
 
 TEST(UpdateFailure, WithoutACounterIsTheModulesAnswer) {

@@ -142,6 +142,7 @@ TEST_F(AclBuildMemoryTest, RefusesWhatIsBeyondTheLimit) {
     const AclBuildScope scope;
     EXPECT_EQ(classifier.build(), -ENOMEM);
     EXPECT_TRUE(scope.memory().refused);
+    EXPECT_FALSE(scope.memory().starved);
     EXPECT_GE(scope.memory().peak, kBlock);
     EXPECT_LE(scope.memory().peak, kBlock + kMb);
   }
@@ -223,6 +224,7 @@ TEST_F(AclBuildMemoryTest, FailsWhereTheSystemHasNoMore) {
   EXPECT_EQ(classifier.build(), -ENOMEM);
   EXPECT_EQ(scope.memory().peak, 0u);
   EXPECT_FALSE(scope.memory().refused) << "it was within the limit";
+  EXPECT_TRUE(scope.memory().starved);
   ASSERT_TRUE(
       internal::redirectImport(kOurs, "mmap", reinterpret_cast<void*>(&mmap)));
   EXPECT_EQ(classifier.build(), 0) << "nothing is left of the attempt";
