@@ -4,7 +4,9 @@ import subprocess
 
 
 def draw(path, names, results):
-    rows = [" ".join([result["scenario"]] + [f"{result[name]:.1f}" for name in names]) for result in results]
+    names = [name for name in names if any(result[name] is not None for result in results)]
+    rows = [" ".join([result["scenario"]] + ["NaN" if result[name] is None else f"{result[name]:.1f}" for name in names])
+            for result in results]
     bars = [f"'-' using {number}:xtic(1) title '{name}'" for number, name in enumerate(names, 2)]
     script = [
         "set terminal svg size 1000,420 background '#ffffff' font 'sans,12'",

@@ -25,6 +25,10 @@ class Failure(Exception):
     pass
 
 
+class NotHere(Failure):
+    """A switch that this machine cannot run as asked."""
+
+
 def tsc_hz():
     with open("/proc/cpuinfo") as info:
         return float(re.search(r"cpu MHz\s*:\s*([\d.]+)", info.read())[1]) * 1e6
@@ -34,8 +38,11 @@ def run_times(pid):
     """Nanoseconds on a processor, by thread."""
     times = {}
     for path in glob.glob(f"/proc/{pid}/task/*/schedstat"):
-        with open(path) as stat:
-            times[path.split("/")[4]] = int(stat.read().split()[0])
+        try:
+            with open(path) as stat:
+                times[path.split("/")[4]] = int(stat.read().split()[0])
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # the thread has ended since
     return times
 
 
@@ -53,21 +60,34 @@ class Reading:
 
 
 def forward(pid, read_packets, seconds):
-    """Cycles that the forwarding thread, which is the busiest, takes in a while, and packets received meanwhile."""
+    """Cycles that the forwarding thread, which is the busiest, takes for each packet received in a while."""
     first = Reading(pid, read_packets)
     time.sleep(seconds)
     last = Reading(pid, read_packets)
+    packets = last.packets - first.packets
+    if packets <= 0 or not last.run_times:
+        raise Failure(f"process {pid} has received no packets in {seconds} s")
     used = max(last.run_times[thread] - first.run_times.get(thread, 0) for thread in last.run_times)
-    return used * 1e-9 * tsc_hz(), last.packets - first.packets
+    return used * 1e-9 * tsc_hz() / packets
 
 
 class Process:
-    """A program whose output is read line by line."""
+    """A program whose output is read line by line; ended, if it still runs, at the end of a "with"."""
 
     def __init__(self, command):
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, text=True)
         self.lines = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.communicate()
+
+    def failure(self, what):
+        return Failure(f"{' '.join(self.process.args)}: {what}\n" + "".join(self.lines))
 
     def wait_for(self, pattern):
         deadline = time.monotonic() + START_TIMEOUT
@@ -79,14 +99,16 @@ class Process:
             found = re.search(pattern, line)
             if found:
                 return found
-        self.process.kill()
-        raise Failure(f"{' '.join(self.process.args)}: no '{pattern}' in\n" + "".join(self.lines))
+        raise self.failure(f"no '{pattern}' in")
 
     def write(self, line):
-        self.process.stdin.write(line + "\n")
-        self.process.stdin.flush()
+        try:
+            self.process.stdin.write(line + "\n")
+            self.process.stdin.flush()
+        except BrokenPipeError:
+            raise self.failure(f"ended before '{line}'") from None
 
-    def stop(self):
+    def terminate(self):
         self.process.terminate()
 
 
@@ -119,22 +141,24 @@ class Ofswitch:
             out.write("\n".join(text) + "\n")
         return path
 
-    def received(self, folder):
+    def received(self, running, folder):
         ports = subprocess.run([f"{self.build}/switch/ofswitch", "ports", "--json", "--socket", f"{folder}/control.sock"],
-                               stdout=subprocess.PIPE, text=True, check=True)
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        if ports.returncode != 0:
+            raise running.failure(ports.stdout)
         return sum(port["rxPackets"] for port in json.loads(ports.stdout))
 
     def measure(self, folder, capture, traffic, seconds):
-        """Cycles used and packets received in a while, and packets sent for each one received in the whole run."""
+        """Cycles for each packet received in a while, and packets sent for each one received in the whole run."""
         config = self.config(folder, capture, traffic)
-        running = Process([f"{self.build}/switch/ofswitch", "run", "-c", config])
-        running.wait_for(r"^running:")
-        time.sleep(WARM_UP)
-        cycles, packets = forward(running.process.pid, lambda: self.received(folder), seconds)
-        running.stop()
-        found = running.wait_for(r"^stopped: (\d+) packets? received, (\d+) sent")
-        running.process.wait()
-        return cycles, packets, int(found[2]) / int(found[1])
+        with Process([f"{self.build}/switch/ofswitch", "run", "-c", config]) as running:
+            running.wait_for(r"^running:")
+            time.sleep(WARM_UP)
+            cycles = forward(running.process.pid, lambda: self.received(running, folder), seconds)
+            running.terminate()
+            found = running.wait_for(r"^stopped: (\d+) packets? received, (\d+) sent")
+            running.process.wait()
+        return cycles, int(found[2]) / int(found[1])
 
 
 class Testpmd:
@@ -150,21 +174,20 @@ class Testpmd:
     def measure(self, _folder, capture, traffic, seconds):
         memory = ["--in-memory"] if self.hugepages else ["--no-huge", "--no-shconf"]
         other = next(cpu for cpu in sorted(os.sched_getaffinity(0)) if cpu != self.core)
-        running = Process(
-            ["stdbuf", "-oL", "dpdk-testpmd", "-l", f"{other},{self.core}", "--no-pci", "--no-telemetry",
-             "-m", str(self.memory_mb), *memory,
-             "--vdev", f"net_pcap0,rx_pcap={capture},infinite_rx=1", "--vdev", "net_null0,no-rx=1",
-             "--", "--total-num-mbufs", str(buffers(traffic)), "--no-flush-rx", "--forward-mode=io", "--interactive"])
+        command = [
+            "stdbuf", "-oL", "dpdk-testpmd", "-l", f"{other},{self.core}", "--no-pci", "--no-telemetry",
+            "-m", str(self.memory_mb), *memory,
+            "--vdev", f"net_pcap0,rx_pcap={capture},infinite_rx=1", "--vdev", "net_null0,no-rx=1",
+            "--", "--total-num-mbufs", str(buffers(traffic)), "--no-flush-rx", "--forward-mode=io", "--interactive"]
+        with Process(command) as running:
+            def received():
+                running.write("show port stats 0")
+                return int(running.wait_for(r"RX-packets:\s*(\d+)")[1])
 
-        def received():
-            running.write("show port stats 0")
-            return int(running.wait_for(r"RX-packets:\s*(\d+)")[1])
-
-        running.write("start")
-        running.wait_for(r"io packet forwarding")
-        time.sleep(WARM_UP)
-        cycles, packets = forward(running.process.pid, received, seconds)
-        running.write("quit")
-        running.process.stdout.read()
-        running.process.wait()
-        return cycles, packets, None  # one port alone, whatever the scenario
+            running.write("start")
+            running.wait_for(r"io packet forwarding")
+            time.sleep(WARM_UP)
+            cycles = forward(running.process.pid, received, seconds)
+            running.write("quit")
+            running.process.communicate()
+        return cycles, None  # one port alone, whatever the scenario
