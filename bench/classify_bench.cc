@@ -3,9 +3,8 @@
 // The lookup of a batch (keys, classification, the matched flows' actions)
 // beside a bare classification of ready keys by the same classifier.
 //
-//   lookup   flows of a prefix and a port, by the number of flows and of
-//   packets kinds    flow sets of other kinds, which flow_sets.h describes;
-//   IPv4
+// "lookup" is among flows of a prefix and a port, by the number of flows and of
+// packets in the batch; "kinds" among the flow sets of flow_sets.h, over IPv4.
 #include <benchmark/benchmark.h>
 
 #include <string>
@@ -107,7 +106,7 @@ void kinds(benchmark::State& state, const bench::FlowKind& kind) {
 }
 
 // A fixed number of rounds, so that each set is built only once. 10,000
-// firewall-like flows would take more than 4 GB to build.
+// firewall-like flows take more than 2 GB to build.
 void registerKinds() {
   const auto add = [](const char* name, int flows) {
     benchmark::RegisterBenchmark((std::string("kinds/") + name).c_str(),

@@ -97,7 +97,7 @@ class Match {
 
   // Of flow number `i` in a set whose wider flows are behind the narrower
   // ones, as people write filters: else one that matches everything would hide
-  // all flows before it, and the classifier leave them out.
+  // all flows before it, and the classifier leave them out. `i` is below 2^17.
   uint32_t narrowFirst(uint32_t i) const { return fixedBits_ << 17 | i; }
 
  private:

@@ -15,7 +15,6 @@
 //                   addition, on cache lines that neighbouring queues share
 #include <benchmark/benchmark.h>
 
-#include <array>
 #include <chrono>
 #include <cstring>
 #include <ctime>

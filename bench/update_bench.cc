@@ -26,10 +26,23 @@ namespace {
 using bench::UpdateCost;
 using bench::Updates;
 
-// Gathers the updates of one benchmark, each followed by a bare build.
+// Takes the updates of one benchmark, and as many bare builds of their rules.
+//
+// A build gets memory much faster that one of its kind has just given back: a
+// virtual machine hands to its host what is free for two seconds. So the order
+// changes from turn to turn, and each comes twice in a row.
 class Samples {
  public:
-  void add(const UpdateCost& cost, double bare) {
+  void take(benchmark::State& state, const google::protobuf::Any& message) {
+    Updates& updates = Updates::instance();
+    const bool bareFirst = turn_++ % 2 == 1;
+    double bare = bareFirst ? updates.bare(rules_) : 0;
+    const UpdateCost cost = updates.send(message);
+    if (!bareFirst) {
+      rules_ = updates.rules();
+      bare = updates.bare(rules_);
+    }
+    state.SetIterationTime(cost.update / 1000);
     update_ = std::min(update_, cost.update);
     bare_ = std::min(bare_, bare);
     within_.push_back(cost.update / cost.library);
@@ -45,6 +58,8 @@ class Samples {
   }
 
  private:
+  unsigned turn_ = 0;
+  Updates::Rules rules_;  // of the last update that came first
   double update_ = std::numeric_limits<double>::max();
   double bare_ = std::numeric_limits<double>::max();
   std::vector<double> within_;
@@ -58,10 +73,7 @@ void change(benchmark::State& state, const bench::FlowKind& kind) {
   Samples samples;
   uint32_t next = 0;
   for (auto _ : state) {
-    const UpdateCost cost =
-        updates.send(bench::addsOf({others[next++ % count]}));
-    samples.add(cost, updates.bare(updates.rules()));
-    state.SetIterationTime(cost.update / 1000);
+    samples.take(state, bench::addsOf({others[next++ % count]}));
   }
   updates.clear(count);
   samples.report(state, count);
@@ -69,24 +81,11 @@ void change(benchmark::State& state, const bench::FlowKind& kind) {
 
 void load(benchmark::State& state, const bench::FlowKind& kind) {
   const auto count = static_cast<uint32_t>(state.range(0));
-  Updates& updates = Updates::instance();
   const auto message = bench::addsOf(bench::makeFlows(kind, count));
   Samples samples;
-  Updates::Rules rules;  // of every load, in the same order
-  for (int64_t turn = 0; auto _ : state) {
-    // A build gets memory much faster that one of its kind has just given back:
-    // a virtual machine hands to its host what is free for two seconds. So the
-    // order changes from turn to turn, and each comes twice in a row.
-    const bool bareFirst = turn++ % 2 == 1;
-    double bare = bareFirst ? updates.bare(rules) : 0;
-    const UpdateCost cost = updates.send(message);
-    if (!bareFirst) {
-      rules = updates.rules();
-      bare = updates.bare(rules);
-    }
-    samples.add(cost, bare);
-    state.SetIterationTime(cost.update / 1000);
-    updates.clear(count);
+  for (auto _ : state) {
+    samples.take(state, message);
+    Updates::instance().clear(count);
   }
   samples.report(state, count);
 }

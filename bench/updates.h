@@ -4,6 +4,8 @@
 // whoever links this has the library's two functions in between.
 #pragma once
 
+#include <google/protobuf/any.pb.h>
+
 #include <functional>
 #include <vector>
 
