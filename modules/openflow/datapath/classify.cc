@@ -115,8 +115,8 @@ int OpenFlow::lookupFlowAcl(uint8_t tableId, bess::PacketBatch** tableBatches,
 
   const QuilModules::AclCtx* slot4 = rcu_dereference(table.ipv4.aclCtx);
   const QuilModules::AclCtx* slot6 = rcu_dereference(table.ipv6.aclCtx);
-  // What leads to the classifiers is asked for as soon as it is known, so that
-  // both families' arrive at the same time, the classifiers themselves while
+  // Slots, records and classifiers are asked for as soon as their addresses are
+  // known, of both families before either is read. The classifiers arrive while
   // the keys are built.
   rte_prefetch0(slot4);
   rte_prefetch0(slot6);
