@@ -7,8 +7,8 @@
 namespace bess {
 
 // Collects what DPDK's libraries and drivers log while it lives, instead of
-// letting it through to standard error: a driver that refuses a device says why
-// only there. One at a time.
+// letting it through to standard error: why a device or a build is refused is
+// said only there. One at a time.
 class DpdkLogCapture {
  public:
   DpdkLogCapture();
@@ -17,7 +17,8 @@ class DpdkLogCapture {
   DpdkLogCapture(const DpdkLogCapture&) = delete;
   DpdkLogCapture& operator=(const DpdkLogCapture&) = delete;
 
-  // What drivers have said, in one line; empty when they said nothing.
+  // What libraries and drivers have said, in one line; empty when they said
+  // nothing.
   std::string Summary() const;
 
  private:

@@ -6,7 +6,8 @@
 namespace ofswitch {
 namespace {
 
-// The library answers that it has no memory whatever the reason.
+// The library answers that it has no memory whatever the reason. Its log tells
+// of too many tries, in these words so far.
 std::string buildFailure(const FailedUpdate& update,
                          const MemorySettings& settings) {
   const Dpdk::AclBuildMemory& build = update.build;
@@ -23,10 +24,16 @@ std::string buildFailure(const FailedUpdate& update,
         "more memory",
         build.peak >> 20);
   }
+  if (update.log.find("number of tries") != std::string::npos) {
+    return fmt::format(
+        "its flows need more tries than a classifier can have ({}) and belong "
+        "in more tables, see docs/flow-sets.md",
+        update.log);
+  }
   return fmt::format(
       "its classifier could not be built{}: either DPDK's memory has no room "
       "for it ({}), or its flows need more tries than a classifier can have "
-      "and belong into more tables, see docs/flow-sets.md",
+      "and belong in more tables, see docs/flow-sets.md",
       update.log.empty() ? "" : fmt::format(" ({})", update.log),
       settings.memory);
 }

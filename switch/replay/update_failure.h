@@ -16,8 +16,8 @@ struct MemorySettings {
 };
 
 // An update of a table that has failed. The module answers only that it did:
-// its counters tell where, the bookkeeping what the last build took, and DPDK
-// what it thinks of it.
+// its counters tell where, the bookkeeping what the last build took, and DPDK's
+// log why.
 struct FailedUpdate {
   CommandResponse response;
   quil::pb::OpenFlowGetStatsRespArg before;

@@ -152,7 +152,7 @@ TEST(LiveChanges, FailedBuildChangesNothingForPackets) {
   EXPECT_EQ(reply.failure(),
             "table 0 IPv4: its classifier could not be built: either DPDK's "
             "memory has no room for it (memory.mb), or its flows need more "
-            "tries than a classifier can have and belong into more tables, see "
+            "tries than a classifier can have and belong in more tables, see "
             "docs/flow-sets.md; all flows are as they were");
   ASSERT_EQ(reply.builds_size(), 4);
   EXPECT_TRUE(reply.builds(2).is_inverse());
@@ -239,11 +239,10 @@ TEST(LiveChanges, FlowsOfMoreTriesThanThereAreAreRefused) {
   EXPECT_FALSE(reply.applied());
   EXPECT_THAT(
       reply.failure(),
-      HasSubstr("table 0 IPv6: its classifier could not be built (ACL: "
-                "Exceeded max number of tries: 8): either DPDK's memory has no "
-                "room for it (memory.mb), or its flows need more tries than a "
-                "classifier can have and belong into more tables, see "
-                "docs/flow-sets.md; all flows are as they were"));
+      HasSubstr("table 0 IPv6: its flows need more tries than a classifier can "
+                "have (ACL: Exceeded max number of tries: 8) and belong in "
+                "more tables, see docs/flow-sets.md; all flows are as they "
+                "were"));
   EXPECT_THAT(bench.entries(), SizeIs(before.size()));
   bench.receive(1, tcpTo(80), 4);
   EXPECT_EQ(bench.settled().packets_sent(), 4);

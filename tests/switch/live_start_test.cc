@@ -124,7 +124,7 @@ TEST_F(LiveStart, TellsThatItsFlowsCannotBeBuilt) {
                 ": the flows cannot be loaded: table 0 IPv4: its classifier "
                 "could not be built: either DPDK's memory has no room for it "
                 "(memory.mb), or its flows need more tries than a classifier "
-                "can have and belong into more tables, see docs/flow-sets.md; "
+                "can have and belong in more tables, see docs/flow-sets.md; "
                 "all flows are as they were");
   config_.flowFiles.clear();
   EXPECT_EQ(startError(), "");

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "utils/acl_build_memory.h"
 
 namespace ofswitch {
@@ -48,14 +50,19 @@ TEST(UpdateFailure, SaysWhatIsKnownOfTheBuild) {
   EXPECT_EQ(textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb}),
             "its classifier could not be built: either DPDK's memory has no "
             "room for it (mem), or its flows need more tries than a classifier "
-            "can have and belong into more tables, see docs/flow-sets.md");
+            "can have and belong in more tables, see docs/flow-sets.md");
   EXPECT_EQ(
       textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb},
              "ACL: Exceeded max number of tries: 8"),
-      "its classifier could not be built (ACL: Exceeded max number of tries: "
-      "8): either DPDK's memory has no room for it (mem), or its flows need "
-      "more tries than a classifier can have and belong into more tables, see "
-      "docs/flow-sets.md");
+      "its flows need more tries than a classifier can have (ACL: Exceeded max "
+      "number of tries: 8) and belong in more tables, see docs/flow-sets.md");
+  EXPECT_EQ(
+      textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb},
+             "ACL: allocation of 25166744 bytes on socket 0 for flows failed"),
+      "its classifier could not be built (ACL: allocation of 25166744 bytes on "
+      "socket 0 for flows failed): either DPDK's memory has no room for it "
+      "(mem), or its flows need more tries than a classifier can have and "
+      "belong in more tables, see docs/flow-sets.md");
   EXPECT_EQ(
       textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb, .refused = true},
              "MALLOC: tb_pool(8388608)"),
