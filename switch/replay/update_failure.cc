@@ -19,10 +19,15 @@ std::string buildFailure(const FailedUpdate& update,
         build.limit >> 20, settings.builds);
   }
   if (build.starved) {
-    return fmt::format(
-        "its classifier needs more than {} MB to build, and the system has no "
-        "more memory",
-        build.peak >> 20);
+    // The system may refuse the very first block.
+    const size_t mb = build.peak >> 20;
+    const std::string lack =
+        mb == 0 ? "the system has no memory to build its classifier"
+                : fmt::format(
+                      "its classifier needs more than {} MB to build, "
+                      "and the system has no more memory",
+                      mb);
+    return lack + "; free some on the machine, or put fewer flows in the table";
   }
   if (update.log.find("number of tries") != std::string::npos) {
     return fmt::format(

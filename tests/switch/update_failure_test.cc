@@ -72,8 +72,12 @@ TEST(UpdateFailure, SaysWhatIsKnownOfTheBuild) {
   EXPECT_EQ(
       textOf(stats, {.peak = 48 * kMb, .limit = 64 * kMb, .starved = true},
              "MALLOC: tb_pool(8388608)"),
-      "its classifier needs more than 48 MB to build, and the system has "
-      "no more memory");
+      "its classifier needs more than 48 MB to build, and the system has no "
+      "more memory; free some on the machine, or put fewer flows in the table");
+  EXPECT_EQ(
+      textOf(stats, {.peak = 0, .limit = 64 * kMb, .starved = true}),
+      "the system has no memory to build its classifier; free some on the "
+      "machine, or put fewer flows in the table");
 }
 
 TEST(UpdateFailure, WithoutACounterIsTheModulesAnswer) {
