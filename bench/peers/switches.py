@@ -56,7 +56,7 @@ class Reading:
         before = run_times(pid)
         self.packets = read_packets()
         after = run_times(pid)
-        self.run_times = {thread: (before.get(thread, time) + time) / 2 for thread, time in after.items()}
+        self.run_times = {thread: (before.get(thread, used) + used) / 2 for thread, used in after.items()}
 
 
 def forward(pid, read_packets, seconds):
